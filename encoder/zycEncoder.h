@@ -1,0 +1,72 @@
+// zycEncoder: the ZYL0 encoder object. Its parameter fields are written directly by the codec's
+// parameter table; Begin, Next and End code a movie (the encode job drives them through the
+// zycJobEncoder seam). State: per encoder, plus the process-wide ADPCM state and timers.
+#pragma once
+
+#include <cstdint>
+
+#include "codec/zycJobEncoder.h"
+
+class zycEncoder : public zycJobEncoder {
+ public:
+  zycEncoder();
+  ~zycEncoder() override;
+  zycEncoder(const zycEncoder&) = delete;
+  zycEncoder& operator=(const zycEncoder&) = delete;
+
+  // zycJobEncoder
+  void SetJobRange(uint32_t firstFrame, uint32_t frameTotal) override;
+  int32_t Begin(zycStreamHeader& header, const zylFrameImage& image, zycFileHolder* output,
+                FILE** extraOutputs, zylAudioSupplierFn audioSupplier, void* audioUser,
+                zylProgress* progress, const zylKeyframeRange* keyframePlan) override;
+  int32_t Next(const zylFrameImage& image, zylProgress* progress) override;
+  void End() override;
+  const uint8_t* Reconstructed() const override;
+  uint32_t Pitch() const override;
+  uint32_t SoundFlags() const override { return soundFlags; }
+
+  // ---- Parameter fields, in order, with their defaults (the codec writes them directly).
+  uint32_t ratio = 100;                    // "RATI"
+  uint32_t motionShift = 0;                // "MOTI"
+  uint32_t yuvCoding = 0;                  // "YUV\0"
+  uint32_t embedded = 0;                   // set by Begin: sound goes through the extra files
+  uint32_t noFade = 0;                     // "FACT", stored negated
+  uint32_t errorMin = 0;                   // "cMIN"
+  uint32_t errorLimit = 100000;            // "cMAX"
+  double iRat = double(0.2f);              // "iRAT" / 100
+  float iDmp = 1.0f;                       // "iDMP" / 1000
+  float iRng = 3.0f;                       // "iRNG" / 1000
+  uint32_t iFrameFormat = 0;               // "iFMT": 0 block tree, 1 still image
+  uint32_t pFrameFormat = 0;               // "jFMT": 0 DXT1 colour item, 1 table blocks
+  float vqRatioMin = 5.0f;                 // "kFMT"
+  float vqRatioMaxKey = 6.0f;              // "lFMT"
+  float vqRatioMaxP = 12.0f;               // "mFMT"
+  uint32_t vqLimit = 0;                    // "uFMT" (no default of its own)
+  uint32_t packing = 0;                    // "nFMT": 0 zlib, 1 LZMA
+  uint32_t lzmaDictionary = 65536;         // "vFMT"
+  uint32_t headerS = 0;                    // "sFMT"
+  uint32_t headerT = 0;                    // "tFMT"
+  uint32_t headerA = 0;                    // "IXTC"
+  uint32_t headerB = 0;                    // "JXTC"
+  uint32_t dxtBackEnd = 0;                 // "DXTC"
+  uint32_t soundFlags = 32;                // "pFMT"
+  uint32_t embedRequest = 0;               // "EXTC"
+  uint32_t soundLeadBase = 16000;          // "oFMT"
+  uint32_t forceLastKey = 0;               // "rFMT"
+  uint32_t keyFrameOnSoundBlock = 0;       // "qFMT", stored for the codec; not used here
+  uint32_t firstFrame = 0;                 // set by the job
+  uint32_t frameTotal = 0;                 // set by the job
+  const zylKeyframeRange* keyframePlan = nullptr;
+
+  // ---- Fixed members.
+  uint32_t blockMax = 16;
+  uint32_t blockMin = 4;
+  bool motionByte = true;
+  bool verbose = true;                     // "wFMT"
+  bool dataFileWanted = false;
+  FILE* dataFile = nullptr;
+
+ private:
+  struct State;      // everything Begin makes; defined with the encoder's code
+  State* state_ = nullptr;
+};
