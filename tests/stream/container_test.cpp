@@ -1,0 +1,405 @@
+#include "stream/container.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <vector>
+
+#include "base/byteIo.h"
+
+namespace {
+
+zycStreamHeader SampleZyl0() {
+  zycStreamHeader h;
+  h.magic = kMagicZyl0;
+  h.version = 0;
+  h.fileSize = 0x01020304;
+  h.flags = 1 | 2;
+  h.frameCount = 77;
+  h.frameDuration = 33333;
+  h.timeScale = kTimeScale;
+  h.width = 321;
+  h.height = 239;
+  h.soundRate = 22050;
+  h.soundChannels = 2;
+  h.soundChunkLimit = 3000;
+  h.reserved52 = kReserved52;
+  zycSetTailPacking(&h, kPackingLzma, 0xABCDEF, 0x11223344);
+  return h;
+}
+
+zycStreamHeader SampleZyl1() {
+  zycStreamHeader h;
+  h.magic = kMagicZyl1;
+  h.version = 5;
+  h.headerSize = kHeaderSizeZyl1;
+  h.fileSize = 0xA0B0C0D0;
+  h.frameCount = 12;
+  h.frameDuration = 40000;
+  h.timeScale = kTimeScale;
+  h.width = 64;
+  h.height = 48;
+  h.soundRate = 16000;
+  h.soundChannels = 1;
+  h.soundChunkLimit = 1700;
+  h.paramS = 0x123456;
+  h.paramT = 99;
+  return h;
+}
+
+std::vector<uint8_t> ReadWhole(FILE* f) {
+  std::fseek(f, 0, SEEK_END);
+  std::vector<uint8_t> bytes(size_t(std::ftell(f)));
+  std::fseek(f, 0, SEEK_SET);
+  if (!bytes.empty()) {
+    EXPECT_EQ(std::fread(bytes.data(), 1, bytes.size(), f), bytes.size());
+  }
+  return bytes;
+}
+
+}  // namespace
+
+TEST(ContainerHeader, Zyl0FieldsStandAtTheirOffsets) {
+  uint8_t b[kHeaderSizeZyl0];
+  zycStoreHeaderZyl0(SampleZyl0(), b);
+  EXPECT_EQ(0, std::memcmp(b, "ZYL0", 4));
+  EXPECT_EQ(zycLoad32(b + 8), 0x01020304u);
+  EXPECT_EQ(zycLoad32(b + 12), 3u);
+  EXPECT_EQ(zycLoad32(b + 16), 77u);
+  EXPECT_EQ(zycLoad32(b + 28), 321u);
+  EXPECT_EQ(zycLoad32(b + 32), 239u);
+  EXPECT_EQ(zycLoad32(b + 40), 22050u);
+  EXPECT_EQ(zycLoad32(b + 44), 2u);
+  EXPECT_EQ(zycLoad32(b + 52), 7u);
+  // Ordinary tail: packing byte, sFMT bits 16-23, sFMT bits 0-15, tFMT.
+  EXPECT_EQ(b[56], 1);
+  EXPECT_EQ(b[57], 0xAB);
+  EXPECT_EQ(zycLoad16(b + 58), 0xCDEF);
+  EXPECT_EQ(zycLoad32(b + 60), 0x11223344u);
+}
+
+TEST(ContainerHeader, Zyl0RoundTripKeepsEveryField) {
+  uint8_t b[kHeaderSizeZyl0];
+  zycStoreHeaderZyl0(SampleZyl0(), b);
+  zycStreamHeader back;
+  zycLoadHeaderZyl0(b, &back);
+  uint8_t again[kHeaderSizeZyl0];
+  zycStoreHeaderZyl0(back, again);
+  EXPECT_EQ(0, std::memcmp(b, again, sizeof b));
+  EXPECT_EQ(zycPacking(back), kPackingLzma);
+  EXPECT_EQ(zycTailParamS(back), 0xABCDEFu);
+  EXPECT_EQ(zycTailB(back), 0x11223344u);
+}
+
+TEST(ContainerHeader, VersionsOneToThreeHoldTwoTailWords) {
+  for (uint32_t version : {1u, 2u, 3u}) {
+    zycStreamHeader h = SampleZyl0();
+    h.version = version;
+    zycSetTailWords(&h, 0x01000201, 0xCAFEBABE);
+    uint8_t b[kHeaderSizeZyl0];
+    zycStoreHeaderZyl0(h, b);
+    EXPECT_EQ(zycLoad32(b + 56), 0x01000201u);
+    EXPECT_EQ(zycLoad32(b + 60), 0xCAFEBABEu);
+    zycStreamHeader back;
+    zycLoadHeaderZyl0(b, &back);
+    EXPECT_EQ(zycTailA(back), 0x01000201u);
+    // The low byte of tailA is 1 but is not a packing byte in these versions.
+    EXPECT_EQ(zycPacking(back), kPackingDeflate) << version;
+  }
+  EXPECT_FALSE(zycTailHoldsWords(0));
+  EXPECT_FALSE(zycTailHoldsWords(4));
+}
+
+TEST(ContainerHeader, Zyl1MovesFileSizeToTwelve) {
+  uint8_t b[kHeaderSizeZyl1];
+  zycStoreHeaderZyl1(SampleZyl1(), b);
+  EXPECT_EQ(0, std::memcmp(b, "ZYL1", 4));
+  EXPECT_EQ(zycLoad32(b + 4), 5u);
+  EXPECT_EQ(zycLoad32(b + 8), 60u);
+  EXPECT_EQ(zycLoad32(b + 12), 0xA0B0C0D0u);
+  EXPECT_EQ(zycLoad32(b + 16), 12u);
+  EXPECT_EQ(zycLoad32(b + 52), 0x123456u);
+  EXPECT_EQ(zycLoad32(b + 56), 99u);
+  zycStreamHeader back;
+  zycLoadHeaderZyl1(b, &back);
+  EXPECT_EQ(back.fileSize, 0xA0B0C0D0u);
+  EXPECT_EQ(back.headerSize, 60u);
+  EXPECT_EQ(back.paramT, 99u);
+  EXPECT_EQ(back.soundChunkLimit, 1700u);
+}
+
+TEST(ContainerSection, Zyl0KeepsSixteenBitsOfFrames) {
+  zycSectionHeader s;
+  s.frames = 0x12345;
+  s.size = 0xDEADBEEF;
+  uint8_t b[6];
+  zycStoreSectionZyl0(s, b);
+  EXPECT_EQ(zycLoad16(b), 0x2345);
+  EXPECT_EQ(zycLoad32(b + 2), 0xDEADBEEFu);
+  zycSectionHeader back = zycLoadSectionZyl0(b);
+  EXPECT_EQ(back.frames, 0x2345u);
+  EXPECT_EQ(back.size, 0xDEADBEEFu);
+}
+
+TEST(ContainerSection, Zyl1SplitsTwentyFourBitFrames) {
+  zycSectionHeader s;
+  s.keyType = 1;
+  s.frames = 0xAB1234;
+  s.size = 4242;
+  uint8_t b[8];
+  zycStoreSectionZyl1(s, b);
+  EXPECT_EQ(b[0], 1);
+  EXPECT_EQ(b[1], 0xAB);
+  EXPECT_EQ(zycLoad16(b + 2), 0x1234);
+  EXPECT_EQ(zycLoad32(b + 4), 4242u);
+  zycSectionHeader back = zycLoadSectionZyl1(b);
+  EXPECT_EQ(back.keyType, 1);
+  EXPECT_EQ(back.frames, 0xAB1234u);
+  EXPECT_EQ(back.size, 4242u);
+}
+
+TEST(ContainerRecord, EntriesSplitOffsetAndSizeInterleaved) {
+  uint8_t b[6];
+  zycStoreRecordEntry(0x123456, 0xABCDEF, b);
+  EXPECT_EQ(zycLoad16(b), 0x3456);
+  EXPECT_EQ(zycLoad16(b + 2), 0xCDEF);
+  EXPECT_EQ(b[4], 0x12);
+  EXPECT_EQ(b[5], 0xAB);
+  uint32_t offset, size;
+  zycLoadRecordEntry(b, &offset, &size);
+  EXPECT_EQ(offset, 0x123456u);
+  EXPECT_EQ(size, 0xABCDEFu);
+}
+
+TEST(ContainerRecord, KeyFrameWithoutSoundHasNoEntriesNorPad) {
+  const uint8_t image[5] = {1, 2, 3, 4, 5};
+  zycRecordContent c;
+  c.first = image;
+  c.firstSize = 5;
+  std::vector<uint8_t> out;
+  EXPECT_EQ(zycAppendRecord(c, &out), 4u + 4 + 5);
+  ASSERT_EQ(out.size(), 13u);
+  EXPECT_EQ(out[0], 0);
+  EXPECT_EQ(out[1], 0);
+  EXPECT_EQ(zycLoad16(&out[2]), 9);  // firstSize field and the image
+  EXPECT_EQ(zycLoad32(&out[4]), 5u);
+  EXPECT_EQ(0, std::memcmp(&out[8], image, 5));
+}
+
+TEST(ContainerRecord, PlanesAndSoundAreAlignedAndOnlyTheLastIsUnpadded) {
+  const uint8_t y[7] = {1, 1, 1, 1, 1, 1, 1};
+  const uint8_t sound[3] = {9, 9, 9};
+  const uint8_t u[2] = {2, 2};
+  const uint8_t v[1] = {3};
+  zycRecordContent c;
+  c.first = y;
+  c.firstSize = 7;
+  c.hasSound = true;
+  c.sound = sound;
+  c.soundSize = 3;
+  c.hasPlanes = true;
+  c.plane2 = u;
+  c.plane2Size = 2;
+  c.plane3 = v;
+  c.plane3Size = 1;
+  EXPECT_EQ(zycRecordFlags(c), 7);
+  EXPECT_EQ(zycRecordTableBytes(c), 24u);  // 4 + 3 x 6 = 22, padded
+  std::vector<uint8_t> out = {0xEE};  // appends behind what stands there
+  const uint32_t added = zycAppendRecord(c, &out);
+  // Behind the first word: table 24, Y at 24 (7, pad to 32), sound at 32 (3, pad to 36),
+  // U at 36 (2, pad to 40), V at 40 (1, no pad): L = 41.
+  EXPECT_EQ(added, 45u);
+  ASSERT_EQ(out.size(), 46u);
+  const uint8_t* r = out.data() + 1;
+  EXPECT_EQ(r[0], 7);
+  EXPECT_EQ(uint32_t(r[1]) << 16 | zycLoad16(r + 2), 41u);
+  EXPECT_EQ(zycLoad32(r + 4), 7u);
+  uint32_t offset, size;
+  zycLoadRecordEntry(r + 8, &offset, &size);
+  EXPECT_EQ(offset, 32u);
+  EXPECT_EQ(size, 3u);
+  zycLoadRecordEntry(r + 14, &offset, &size);
+  EXPECT_EQ(offset, 36u);
+  EXPECT_EQ(size, 2u);
+  zycLoadRecordEntry(r + 20, &offset, &size);
+  EXPECT_EQ(offset, 40u);
+  EXPECT_EQ(size, 1u);
+  EXPECT_EQ(r[26], 0);  // pad of the table part
+  EXPECT_EQ(r[27], 0);
+  EXPECT_EQ(r[4 + 24], 1);
+  EXPECT_EQ(r[4 + 31], 0);  // pad behind Y
+  EXPECT_EQ(r[4 + 32], 9);
+  EXPECT_EQ(r[4 + 36], 2);
+  EXPECT_EQ(r[4 + 40], 3);
+}
+
+TEST(ContainerRecord, RepeatHasFlagEightAndNoStream) {
+  zycRecordContent c;
+  c.repeat = true;
+  std::vector<uint8_t> out;
+  EXPECT_EQ(zycAppendRecord(c, &out), 8u);
+  const uint8_t want[8] = {8, 0, 4, 0, 0, 0, 0, 0};
+  ASSERT_EQ(out.size(), 8u);
+  EXPECT_EQ(0, std::memcmp(out.data(), want, 8));
+}
+
+TEST(ContainerWalker, RefusesAWrongMagicByNumber) {
+  uint8_t b[kHeaderSizeZyl0] = {'Z', 'Y', 'L', '2'};
+  zycSectionWalker walker;
+  EXPECT_FALSE(walker.Open(b, sizeof b));
+  EXPECT_EQ(walker.error(), "bad magic " + std::to_string(int32_t(0x324C595A)));
+  b[3] = 0x80;  // a magic above 2^31 prints as a negative number
+  EXPECT_FALSE(walker.Open(b, sizeof b));
+  EXPECT_EQ(walker.error(), "bad magic " + std::to_string(int32_t(0x804C595Au)));
+}
+
+TEST(ContainerWalker, RefusesAShortHeader) {
+  uint8_t b[kHeaderSizeZyl0];
+  zycStoreHeaderZyl0(SampleZyl0(), b);
+  zycSectionWalker walker;
+  EXPECT_FALSE(walker.Open(b, 63));
+  EXPECT_NE(walker.error().find("too short"), std::string::npos);
+}
+
+// Builds a movie of sections with the given frame counts and data sizes through the writing
+// helpers, in a temporary file, and returns its bytes.
+std::vector<uint8_t> WriteMovie(uint32_t magic,
+                                const std::vector<std::pair<uint32_t, uint32_t>>& sections) {
+  FILE* f = std::tmpfile();
+  EXPECT_NE(f, nullptr);
+  zycStreamHeader h = magic == kMagicZyl0 ? SampleZyl0() : SampleZyl1();
+  h.fileSize = 0;
+  h.frameCount = 0;
+  zycOpenSectionState open;
+  EXPECT_TRUE(zycWriteMovieStart(f, h, &open));
+  bool first = true;
+  for (auto [frames, bytes] : sections) {
+    if (magic == kMagicZyl1 || !first) {
+      EXPECT_TRUE(zycOpenSection(f, magic, 1, &open));
+    }
+    first = false;
+    uint32_t sum = 0;
+    for (uint32_t i = 0; i < frames; ++i) {
+      const uint32_t share = bytes / frames + (i + 1 == frames ? bytes % frames : 0);
+      std::vector<uint8_t> data(share, uint8_t(h.frameCount));
+      if (share) {
+        EXPECT_EQ(std::fwrite(data.data(), 1, share, f), share);
+      }
+      open.header.frames++;
+      sum += share;
+      open.header.size = sum;
+      h.frameCount++;
+      EXPECT_TRUE(zycPatchAfterFrame(f, &h, open));
+    }
+  }
+  std::vector<uint8_t> out = ReadWhole(f);
+  std::fclose(f);
+  if (!sections.empty()) {
+    EXPECT_EQ(h.fileSize, out.size());
+  }
+  return out;
+}
+
+TEST(ContainerWriter, Zyl0StartHoldsAZeroFirstSectionHeader) {
+  std::vector<uint8_t> b = WriteMovie(kMagicZyl0, {});
+  ASSERT_EQ(b.size(), 70u);
+  for (int i = 64; i < 70; ++i) EXPECT_EQ(b[i], 0) << i;
+  zycSectionWalker walker;
+  ASSERT_TRUE(walker.Open(b.data(), b.size()));
+  zycSectionEntry e;
+  ASSERT_TRUE(walker.Next(&e));  // the zero section of a movie of no frames
+  EXPECT_EQ(e.header.frames, 0u);
+  EXPECT_FALSE(walker.Next(&e));
+  EXPECT_TRUE(walker.error().empty());
+  EXPECT_EQ(walker.position(), 70u);
+}
+
+TEST(ContainerWriter, Zyl0PatchesKeepTheFileAWalkableMovie) {
+  std::vector<uint8_t> b = WriteMovie(kMagicZyl0, {{3, 100}, {1, 7}, {2, 50}});
+  ASSERT_EQ(b.size(), 64u + 3 * 6 + 157);
+  EXPECT_EQ(zycLoad32(&b[8]), b.size());
+  EXPECT_EQ(zycLoad32(&b[16]), 6u);
+  zycSectionWalker walker;
+  ASSERT_TRUE(walker.Open(b.data(), b.size()));
+  std::vector<zycSectionEntry> found;
+  zycSectionEntry e;
+  while (walker.Next(&e)) found.push_back(e);
+  EXPECT_TRUE(walker.error().empty()) << walker.error();
+  ASSERT_EQ(found.size(), 3u);
+  EXPECT_EQ(found[0].offset, 64u);
+  EXPECT_EQ(found[0].header.frames, 3u);
+  EXPECT_EQ(found[0].header.size, 100u);
+  EXPECT_EQ(found[1].offset, 170u);
+  EXPECT_EQ(found[1].firstFrame, 3u);
+  EXPECT_EQ(found[2].firstFrame, 4u);
+  EXPECT_EQ(found[2].header.size, 50u);
+  EXPECT_EQ(walker.position(), b.size());
+}
+
+TEST(ContainerWriter, Zyl1SectionsCarryKeyTypeAndFinalSizes) {
+  std::vector<uint8_t> b = WriteMovie(kMagicZyl1, {{2, 40}, {3, 12}});
+  ASSERT_EQ(b.size(), 60u + 2 * 8 + 52);
+  EXPECT_EQ(zycLoad32(&b[12]), b.size());
+  EXPECT_EQ(zycLoad32(&b[16]), 5u);
+  EXPECT_EQ(zycLoad32(&b[8]), 60u);  // headerSize stays
+  EXPECT_EQ(b[60], 1);
+  EXPECT_EQ(zycLoad16(&b[62]), 2);
+  EXPECT_EQ(zycLoad32(&b[64]), 40u);
+  zycSectionWalker walker;
+  ASSERT_TRUE(walker.Open(b.data(), b.size()));
+  zycSectionEntry e;
+  ASSERT_TRUE(walker.Next(&e));
+  ASSERT_TRUE(walker.Next(&e));
+  EXPECT_EQ(e.offset, 108u);
+  EXPECT_EQ(e.header.frames, 3u);
+  EXPECT_FALSE(walker.Next(&e));
+  EXPECT_TRUE(walker.error().empty());
+}
+
+TEST(ContainerWriter, OpenSectionWritesAZyl1HeaderOfSizeEight) {
+  FILE* f = std::tmpfile();
+  ASSERT_NE(f, nullptr);
+  zycOpenSectionState open;
+  ASSERT_TRUE(zycOpenSection(f, kMagicZyl1, 1, &open));
+  std::vector<uint8_t> b = ReadWhole(f);
+  std::fclose(f);
+  const uint8_t want[8] = {1, 0, 0, 0, 8, 0, 0, 0};
+  ASSERT_EQ(b.size(), 8u);
+  EXPECT_EQ(0, std::memcmp(b.data(), want, 8));
+  EXPECT_EQ(open.start, 0);
+}
+
+TEST(ContainerWalker, ReportsASectionThatRunsPastTheEnd) {
+  std::vector<uint8_t> b = WriteMovie(kMagicZyl0, {{2, 30}, {2, 30}});
+  for (size_t cut : {size_t(64 + 3), size_t(64 + 6 + 29), b.size() - 1}) {
+    zycSectionWalker walker;
+    ASSERT_TRUE(walker.Open(b.data(), cut));
+    zycSectionEntry e;
+    while (walker.Next(&e)) {
+    }
+    EXPECT_NE(walker.error().find("past the end of the file"), std::string::npos) << cut;
+  }
+}
+
+TEST(ContainerWalker, FileWalkerFindsTheSameSections) {
+  std::vector<uint8_t> b = WriteMovie(kMagicZyl1, {{1, 9}, {4, 33}, {2, 8}});
+  FILE* f = std::tmpfile();
+  ASSERT_NE(f, nullptr);
+  ASSERT_EQ(std::fwrite(b.data(), 1, b.size(), f), b.size());
+  zycFileSectionWalker fileWalker;
+  zycSectionWalker memoryWalker;
+  ASSERT_TRUE(fileWalker.Open(f));
+  ASSERT_TRUE(memoryWalker.Open(b.data(), b.size()));
+  zycSectionEntry a, m;
+  int count = 0;
+  while (memoryWalker.Next(&m)) {
+    ASSERT_TRUE(fileWalker.Next(&a));
+    EXPECT_EQ(a.offset, m.offset);
+    EXPECT_EQ(a.header.frames, m.header.frames);
+    EXPECT_EQ(a.header.size, m.header.size);
+    ++count;
+  }
+  EXPECT_FALSE(fileWalker.Next(&a));
+  EXPECT_EQ(count, 3);
+  std::fclose(f);
+}
