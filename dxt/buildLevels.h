@@ -1,0 +1,50 @@
+// The three DXT1 levels of a picture and their previews: the blocks that the 4, 8 and 16 pixel
+// nodes of the block tree can use, and what each level looks like once decoded, in the YUV
+// layout of the encoder's source picture. Search, with bit-exact decoding of the previews.
+// State: the level buffers, owned by the encoder and sized at Begin.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+struct zycDxtLevels {
+  uint32_t width = 0, height = 0;  // padded picture size (multiples of 16)
+  // Level 0 (4-pixel nodes, the picture), 1 (8, half size), 2 (16, quarter size): 8-byte DXT1
+  // blocks in raster order of the level's picture.
+  std::vector<uint8_t> blocks[3];
+  // What each level looks like: width x height pixels of 4 bytes U, Y, V, 255, 16-byte aligned.
+  uint8_t* preview[3] = {};
+
+  // Scratch of BuildLevels: the half and quarter pictures, and the tables of the preview
+  // decoder (RGB from YUV, exactly as the frame decoder has them).
+  uint8_t* half = nullptr;
+  uint8_t* quarter = nullptr;
+  uint8_t thirds[768] = {};
+  int32_t yTable[256] = {};
+  int32_t crToR[256] = {};
+  int32_t cbToB[256] = {};
+  int32_t crToG[256] = {};
+  int32_t cbToG[256] = {};
+  uint8_t clampTable[812] = {};
+
+  zycDxtLevels() = default;
+  zycDxtLevels(const zycDxtLevels&) = delete;
+  zycDxtLevels& operator=(const zycDxtLevels&) = delete;
+  ~zycDxtLevels() { Release(); }
+
+  // Sizes every buffer for a padded picture (both multiples of 16); a new size reallocates.
+  void Allocate(uint32_t paddedWidth, uint32_t paddedHeight);
+  void Release();
+};
+
+// Fills the three levels and previews from `picture`: width x height pixels of 4 bytes, B, G, R,
+// 255, or U, Y, V, 255 when `yuvCoding` is non-zero, rows packed. The picture is changed while
+// the back ends run (bytes 0 and 2 exchanged) and is as it was on return. `backEnd` is the
+// encoder's "DXTC" field: 0, for which no graphics device exists, becomes 3 here and stays so.
+void BuildLevels(zycDxtLevels& levels, uint8_t* picture, uint32_t& backEnd, uint32_t yuvCoding);
+
+// Decodes one DXT1 block to 16 pixel words 0x00RRGGBB, rows top first, as the frame decoder
+// does; with `yuvCoding` the colours are Cr, Y, Cb and go through the levels' YUV tables
+// (filled by Allocate).
+void zycDecodeLevelBlock(const zycDxtLevels& levels, const uint8_t block[8], uint32_t yuvCoding,
+                         uint32_t out[16]);
