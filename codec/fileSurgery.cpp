@@ -1,0 +1,400 @@
+#include "codec/fileSurgery.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "base/byteIo.h"
+#include "base/consoleLog.h"
+#include "base/fileIo.h"
+#include "stream/container.h"
+#include "stream/zylFormat.h"
+
+namespace {
+
+constexpr size_t kCopyBufferBytes = 65536;
+constexpr size_t kNameBufferChars = 260;
+
+// Reads a little-endian u32 into `value`; a short read leaves `value` as it was.
+void ReadU32(FILE* file, uint32_t* value) {
+  uint8_t b[4];
+  if (std::fread(b, 1, 4, file) == 4) *value = zycLoad32(b);
+}
+
+void WriteU32(FILE* file, uint32_t value) {
+  uint8_t b[4];
+  zycStore32(b, value);
+  std::fwrite(b, 1, 4, file);
+}
+
+// The ZYL0 header after its magic, field by field, as the file holds it.
+void ReadHeaderZyl0Rest(FILE* file, zycStreamHeader* h) {
+  ReadU32(file, &h->version);
+  ReadU32(file, &h->fileSize);
+  ReadU32(file, &h->flags);
+  ReadU32(file, &h->frameCount);
+  ReadU32(file, &h->frameDuration);
+  ReadU32(file, &h->timeScale);
+  ReadU32(file, &h->width);
+  ReadU32(file, &h->height);
+  ReadU32(file, &h->reserved36);
+  ReadU32(file, &h->soundRate);
+  ReadU32(file, &h->soundChannels);
+  ReadU32(file, &h->soundChunkLimit);
+  ReadU32(file, &h->reserved52);
+  uint8_t tail[8];
+  if (std::fread(tail, 1, 8, file) == 8) std::memcpy(h->tail, tail, 8);
+}
+
+// The checks shared by Append and the ZYL0 ReplaceSection, in their order; ReplaceSection
+// also compares soundChunkLimit, before reserved52.
+bool CompatibleZyl0(const zycStreamHeader& a, const zycStreamHeader& b, bool chunkLimit) {
+  if (a.tail[0] != b.tail[0]) return false;
+  if (a.version < b.version) return false;
+  if (a.flags != b.flags) return false;
+  if (a.frameDuration != b.frameDuration) return false;
+  if (a.timeScale != b.timeScale) return false;
+  if (a.reserved36 != b.reserved36) return false;
+  if (a.soundChannels != b.soundChannels) return false;
+  if (a.soundRate != b.soundRate) return false;
+  if (chunkLimit && a.soundChunkLimit != b.soundChunkLimit) return false;
+  if (a.reserved52 != b.reserved52) return false;
+  return true;
+}
+
+bool CompatibleZyl1(const zycStreamHeader& a, const zycStreamHeader& b) {
+  if (a.version < b.version) return false;
+  if (a.headerSize < b.headerSize) return false;
+  if (a.frameDuration != b.frameDuration) return false;
+  if (a.timeScale != b.timeScale) return false;
+  if (a.reserved36 != b.reserved36) return false;
+  if (a.soundChannels != b.soundChannels) return false;
+  if (a.soundRate != b.soundRate) return false;
+  if (a.soundChunkLimit != b.soundChunkLimit) return false;
+  return true;
+}
+
+// Copies `count` bytes from `in` to `out` in pieces of the buffer's size. Read errors are not
+// looked for: a short read passes on what the buffer holds.
+void CopyBytes(FILE* in, FILE* out, uint64_t count, uint8_t* buffer) {
+  while (count > 0) {
+    const size_t piece = count < kCopyBufferBytes ? size_t(count) : kCopyBufferBytes;
+    (void)std::fread(buffer, 1, piece, in);
+    std::fwrite(buffer, 1, piece, out);
+    count -= piece;
+  }
+}
+
+// One format's section layout for ReplaceSection's walks.
+struct SectionFormat {
+  bool zyl1;
+  uint32_t headerBytes;  // of the file header
+  uint32_t sectionHeaderBytes;
+};
+
+// The last section header read. A read past the end of the file leaves the values of the
+// previous one, as the counts in the headers steer the walk.
+struct SectionReader {
+  SectionFormat format;
+  uint8_t raw[kSectionHeaderSizeZyl1] = {};
+  uint16_t frames = 0;
+  uint32_t size = 0;
+  bool stalled = false;  // a read at the end of the file that gave a section of no frames
+
+  void Read(FILE* file) {
+    if (format.zyl1) {
+      const size_t got = std::fread(raw, 1, kSectionHeaderSizeZyl1, file);
+      if (got == kSectionHeaderSizeZyl1) {
+        frames = zycLoad16(raw + 2);
+        size = zycLoad32(raw + 4);
+      }
+      stalled = got < kSectionHeaderSizeZyl1 && frames == 0;
+    } else {
+      uint8_t b[kSectionHeaderSizeZyl0];
+      const size_t got = std::fread(b, 1, kSectionHeaderSizeZyl0, file);
+      if (got >= 2) frames = zycLoad16(b);
+      if (got == kSectionHeaderSizeZyl0) size = zycLoad32(b + 2);
+      stalled = got < kSectionHeaderSizeZyl0 && frames == 0;
+    }
+  }
+  void Write(FILE* file) {
+    if (format.zyl1) {
+      std::fwrite(raw, 1, kSectionHeaderSizeZyl1, file);
+    } else {
+      uint8_t b[kSectionHeaderSizeZyl0];
+      zycStore16(b, frames);
+      zycStore32(b + 2, size);
+      std::fwrite(b, 1, kSectionHeaderSizeZyl0, file);
+    }
+  }
+};
+
+// Copies whole sections from `in` to `out` until `done` reaches `target`. Adds each section's
+// bytes to `fileSize`. False if the walk can no longer advance (the end of the file was reached
+// with a section of no frames).
+bool CopySections(FILE* in, FILE* out, SectionReader* reader, uint32_t* done, uint32_t target,
+                  uint32_t* fileSize, uint8_t* buffer) {
+  while (*done < target) {
+    reader->Read(in);
+    if (reader->stalled) return false;
+    reader->Write(out);
+    CopyBytes(in, out, reader->size, buffer);
+    *fileSize += reader->size + reader->format.sectionHeaderBytes;
+    *done += reader->frames;
+  }
+  return true;
+}
+
+bool SkipSections(FILE* in, SectionReader* reader, uint32_t* done, uint32_t target) {
+  while (*done < target) {
+    reader->Read(in);
+    if (reader->stalled) return false;
+    std::fseek(in, long(reader->size), SEEK_CUR);
+    *done += reader->frames;
+  }
+  return true;
+}
+
+// "<name without its last four characters>tmp.zyl", in a buffer of 260 characters. Empty when
+// the name is shorter than four characters or the result does not fit.
+std::u16string TemporaryName(const char16_t* file1) {
+  std::u16string name(file1);
+  static const char16_t kSuffix[] = u"tmp.zyl";
+  if (name.size() < 4) return std::u16string();
+  name.resize(name.size() - 4);
+  name += kSuffix;
+  if (name.size() + 1 > kNameBufferChars) return std::u16string();
+  return name;
+}
+
+void CloseAll(FILE* a, FILE* b, FILE* c) {
+  if (a) std::fclose(a);
+  if (b) std::fclose(b);
+  if (c) std::fclose(c);
+}
+
+int32_t ReplaceSectionIn(const SectionFormat& format, const char16_t* file1,
+                         const char16_t* file2, uint32_t frameStart, uint32_t frameCount) {
+  const uint32_t magicWanted = format.zyl1 ? kMagicZyl1 : kMagicZyl0;
+  zycLog(format.zyl1 ? "ReplaceSection ZYL1. frameStart:%d; frameCount:%d\n"
+                     : "ReplaceSection. frameStart:%d; frameCount:%d\n",
+         int32_t(frameStart), int32_t(frameCount));
+  zycLog("file1:%s\n", zycUtf8(file1).c_str());
+  zycLog("file2:%s\n", zycUtf8(file2).c_str());
+
+  if (frameCount == 0) {
+    zycLog("FrameCount equals zero\n");
+    return 4;
+  }
+
+  FILE* f1 = zycOpenFile(file1, "r+bc");
+  if (!f1) return 2;
+  zycStreamHeader h1;
+  if (format.zyl1) {
+    uint8_t b[kHeaderSizeZyl1] = {};
+    (void)std::fread(b, 1, sizeof b, f1);
+    zycLoadHeaderZyl1(b, &h1);
+    if (h1.magic != magicWanted) {
+      std::fclose(f1);
+      zycLog("bad magic %d", int32_t(h1.magic));
+      return 7;
+    }
+  } else {
+    ReadU32(f1, &h1.magic);
+    if (h1.magic != magicWanted) {
+      std::fclose(f1);
+      zycLog("bad magic %d", int32_t(h1.magic));
+      return 7;
+    }
+    ReadHeaderZyl0Rest(f1, &h1);
+  }
+
+  const uint32_t rangeEnd = frameStart + frameCount;  // 32 bits, as the format counts
+  if (rangeEnd > h1.frameCount) {
+    zycLog("frameStart (%d) + frameCount (%d) > h1.frameCount (%d)\n", int32_t(frameStart),
+           int32_t(frameCount), int32_t(h1.frameCount));
+    std::fclose(f1);
+    return 4;
+  }
+
+  FILE* f2 = zycOpenFile(file2, "rb");
+  if (!f2) {
+    std::fclose(f1);
+    return 2;
+  }
+  zycStreamHeader h2;
+  if (format.zyl1) {
+    uint8_t b[kHeaderSizeZyl1] = {};
+    (void)std::fread(b, 1, sizeof b, f2);
+    zycLoadHeaderZyl1(b, &h2);
+  } else {
+    ReadU32(f2, &h2.magic);
+    if (h2.magic == magicWanted) ReadHeaderZyl0Rest(f2, &h2);
+  }
+  if (h2.magic != magicWanted) {
+    CloseAll(f1, f2, nullptr);
+    return 2;
+  }
+
+  if (frameCount != h2.frameCount) {
+    zycLog("frameCount (%d) != h2.frameCount (%d)\n", int32_t(frameCount),
+           int32_t(h2.frameCount));
+    CloseAll(f1, f2, nullptr);
+    return 4;
+  }
+  if (format.zyl1 ? !CompatibleZyl1(h1, h2) : !CompatibleZyl0(h1, h2, true)) {
+    CloseAll(f1, f2, nullptr);
+    return 5;
+  }
+
+  const std::u16string tmpName = TemporaryName(file1);
+  FILE* tmp = tmpName.empty() ? nullptr : zycOpenFile(tmpName.c_str(), "wbc");
+  if (!tmp) {
+    CloseAll(f1, f2, nullptr);
+    return 2;
+  }
+  uint8_t* buffer = static_cast<uint8_t*>(std::calloc(kCopyBufferBytes, 1));
+  if (!buffer) {
+    CloseAll(f1, f2, tmp);
+    std::remove(zycUtf8(tmpName.c_str()).c_str());
+    return 2;
+  }
+
+  // The working header: file1's, with fileSize counting what the new file holds.
+  zycStreamHeader work = h1;
+  work.fileSize = format.headerBytes;
+  auto writeWorkingHeader = [&]() {
+    uint8_t b[kHeaderSizeZyl0];
+    if (format.zyl1)
+      zycStoreHeaderZyl1(work, b);
+    else
+      zycStoreHeaderZyl0(work, b);
+    std::fseek(tmp, 0, SEEK_SET);
+    std::fwrite(b, 1, format.headerBytes, tmp);
+  };
+  auto fail = [&](int32_t code) {
+    CloseAll(f1, f2, tmp);
+    std::remove(zycUtf8(tmpName.c_str()).c_str());
+    std::free(buffer);
+    return code;
+  };
+
+  writeWorkingHeader();
+  std::fseek(f1, long(format.headerBytes), SEEK_SET);
+
+  SectionReader reader1{format};
+  uint32_t done = 0;
+  const bool headCopied =
+      CopySections(f1, tmp, &reader1, &done, frameStart, &work.fileSize, buffer);
+  if (!headCopied || done > frameStart) {
+    zycLog("frame frameStart (%d) is not a keyFrame of file 1\n", int32_t(frameStart));
+    return fail(4);
+  }
+
+  std::fseek(f2, long(format.headerBytes), SEEK_SET);
+  SectionReader reader2{format};
+  uint32_t done2 = 0;
+  if (!CopySections(f2, tmp, &reader2, &done2, frameCount, &work.fileSize, buffer)) {
+    zycLog("frame frameStart (%d) + frameCount (%d) is not a keyFrame of file1\n",
+           int32_t(frameStart), int32_t(frameCount));
+    return fail(4);
+  }
+
+  if (!SkipSections(f1, &reader1, &done, rangeEnd) || done > rangeEnd) {
+    zycLog("frame frameStart (%d) + frameCount (%d) is not a keyFrame of file1\n",
+           int32_t(frameStart), int32_t(frameCount));
+    return fail(4);
+  }
+
+  if (!CopySections(f1, tmp, &reader1, &done, h1.frameCount, &work.fileSize, buffer)) {
+    zycLog("frame frameStart (%d) + frameCount (%d) is not a keyFrame of file1\n",
+           int32_t(frameStart), int32_t(frameCount));
+    return fail(4);
+  }
+
+  writeWorkingHeader();
+  std::fclose(f1);
+  std::fclose(f2);
+  std::fclose(tmp);
+  std::free(buffer);
+
+  const std::string name1 = zycUtf8(file1);
+  if (std::remove(name1.c_str()) != 0) zycLog("Coult not remove file1. errno:%d\n", errno);
+  if (std::rename(zycUtf8(tmpName.c_str()).c_str(), name1.c_str()) != 0) {
+    zycLog("Coult not rename tmpFile to file1. errno:%d\n", errno);
+    return 3;
+  }
+  return 0;
+}
+
+}  // namespace
+
+int32_t Append(const char16_t* file1, const char16_t* file2) {
+  FILE* f1 = zycOpenFile(file1, "r+bc");
+  if (!f1) return 3;
+  zycStreamHeader h1;
+  ReadU32(f1, &h1.magic);
+  if (h1.magic != kMagicZyl0) {
+    std::fclose(f1);
+    return 3;
+  }
+  ReadHeaderZyl0Rest(f1, &h1);
+
+  FILE* f2 = zycOpenFile(file2, "rb");
+  if (!f2) {
+    std::fclose(f1);
+    return 2;
+  }
+  zycStreamHeader h2;
+  ReadU32(f2, &h2.magic);
+  if (h2.magic != kMagicZyl0) {
+    CloseAll(f1, f2, nullptr);
+    return 2;
+  }
+  ReadHeaderZyl0Rest(f2, &h2);
+
+  if (!CompatibleZyl0(h1, h2, false)) {
+    CloseAll(f1, f2, nullptr);
+    return 5;
+  }
+
+  // Both fields wrap in 32 bits, as the format stores them.
+  const uint32_t appended = h2.fileSize - kHeaderSizeZyl0;
+  h1.frameCount += h2.frameCount;
+  h1.fileSize += appended;
+  std::fseek(f1, 8, SEEK_SET);
+  WriteU32(f1, h1.fileSize);
+  std::fseek(f1, 16, SEEK_SET);
+  WriteU32(f1, h1.frameCount);
+  std::fseek(f1, 0, SEEK_END);
+
+  uint8_t* buffer = static_cast<uint8_t*>(std::calloc(kCopyBufferBytes, 1));
+  if (buffer) {
+    // file2 stands at offset 64, where its header ended.
+    CopyBytes(f2, f1, uint64_t(appended), buffer);
+    std::free(buffer);
+  }
+  CloseAll(f1, f2, nullptr);
+  return 0;
+}
+
+int32_t ReplaceSectionZyl0(const char16_t* file1, const char16_t* file2, uint32_t frameStart,
+                           uint32_t frameCount) {
+  return ReplaceSectionIn({false, kHeaderSizeZyl0, kSectionHeaderSizeZyl0}, file1, file2,
+                          frameStart, frameCount);
+}
+
+int32_t ReplaceSectionZyl1(const char16_t* file1, const char16_t* file2, uint32_t frameStart,
+                           uint32_t frameCount) {
+  return ReplaceSectionIn({true, kHeaderSizeZyl1, kSectionHeaderSizeZyl1}, file1, file2,
+                          frameStart, frameCount);
+}
+
+int32_t ReplaceSection(const char16_t* file1, const char16_t* file2, uint32_t frameStart,
+                       uint32_t frameCount, uint32_t mode) {
+  if (mode == 0) return ReplaceSectionZyl0(file1, file2, frameStart, frameCount);
+  if (mode == 1) return ReplaceSectionZyl1(file1, file2, frameStart, frameCount);
+  return 6;
+}
