@@ -1,0 +1,88 @@
+// The still-image coder of key frames: each 8x8 block of a picture is either a smooth patch,
+// an index to a polynomial surface shared by a group of blocks anywhere in the picture, or a
+// detailed patch, four indices into a codebook of 4x4 vectors stored as DXT1 blocks. The
+// object also holds the state of the chain of P-frame tables that starts at each still image.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+struct VQCodebook;
+
+// Magic number and version of a still image block.
+constexpr uint32_t kVqStillMagic = 0x7FED52A5;
+constexpr uint8_t kVqStillVersion = 3;
+constexpr uint32_t kVqStillHeaderBytes = 28;
+constexpr uint32_t kVqSurfaceElementBytes = 36;  // three channels of six i16 coefficients
+
+// Figures of the last compress, for tests, benchmarks and the statistics lines.
+struct VQSLSQStatistics {
+  uint32_t blockCount = 0;
+  uint32_t slsqBlocks = 0;        // Q
+  uint32_t vqBlocks = 0;          // V
+  uint32_t surfaceElements = 0;
+  uint32_t surfaceBits = 0;
+  uint32_t vqBits = 0;            // b
+  uint32_t codebookSize = 0;      // n, vectors trained
+  uint32_t codebookCount = 0;     // vectors used and stored
+  uint32_t trainingRounds = 0;
+  float biggestVqError = 0.0f;    // largest squared distance of the final assignment
+  uint32_t indexTableBytes = 0;   // padded to a word
+  uint32_t totalBytes = 0;
+  double slsqSeconds = 0.0;       // surface phase
+  double vqSeconds = 0.0;         // codebook phase and writing
+};
+
+class VQSLSQCompressor {
+ public:
+  // `useSse` picks the fast kind of codebook; both give the same result.
+  explicit VQSLSQCompressor(bool useSse);
+  ~VQSLSQCompressor();
+  VQSLSQCompressor(const VQSLSQCompressor&) = delete;
+  VQSLSQCompressor& operator=(const VQSLSQCompressor&) = delete;
+
+  // Compresses `image` (packed 3-byte pixels, width x height, rows top first; width and height
+  // multiples of 8 and at most 1024) into one image block of about `targetSize` bytes, written
+  // to `result`. Returns the size. The object keeps its own copy (imageBlock()), and the table
+  // chain restarts at it: tableLimit rises to at least codebookCount * 48 + 480.
+  uint32_t compress(const uint8_t* image, uint32_t width, uint32_t height, int32_t targetSize,
+                    std::vector<uint8_t>& result);
+
+  // Decodes an image block made by compress through the frame decoder's still image path into
+  // width x height pixels of 3 bytes, in the channel order of the compressed picture. False if
+  // the block is not a still image. Moves the process-wide block table write position as the
+  // decoder does.
+  static bool decompress(const uint8_t* imageBlock, uint32_t size, std::vector<uint8_t>& pixels);
+
+  const uint8_t* imageBlock() const { return currentImage; }
+  uint32_t imageBlockSize() const { return currentImageSize; }
+  const VQSLSQStatistics& statistics() const { return stats; }
+
+  // Size in bytes of the decoder's block table, written into each image; the encoders set it
+  // per job before the first compress.
+  uint32_t tableLimit = 230400;
+  // Progress, training and statistics lines on the console.
+  bool verbose = true;
+  // Uses the straightforward group search that refits every group from its pixels. Gives the
+  // same image block as the default search, only slower; kept as its reference.
+  bool referenceGroupSearch = false;
+
+  // The chain of P-frame tables that live in the decoder's block table after a still image.
+  static constexpr uint32_t kMaxTables = 1000;
+  uint8_t pendingReset = 0;
+  const uint8_t* tableImages[kMaxTables] = {};
+  uint32_t tableSizes[kMaxTables] = {};
+  uint32_t tableCount = 0;
+  uint32_t tableBytes = 0;    // ring bytes in use, the still image's codebook included
+  uint32_t droppedBytes = 0;  // ring bytes fallen out at the old end
+
+ private:
+  uint8_t* currentImage = nullptr;  // 16-byte aligned copy of the last image block
+  uint32_t currentImageSize = 0;
+  uint8_t* scratch = nullptr;       // 131072 bytes
+  bool useSse;
+  std::unique_ptr<double[]> powers;  // powers[i * 5 + k] = i^k, i < 1024, k < 5
+  std::unique_ptr<VQCodebook> vqCodebook;
+  VQSLSQStatistics stats;
+};
