@@ -43,6 +43,12 @@ struct zycDxtLevels {
 // encoder's "DXTC" field: 0, for which no graphics device exists, becomes 3 here and stays so.
 void BuildLevels(zycDxtLevels& levels, uint8_t* picture, uint32_t& backEnd, uint32_t yuvCoding);
 
+// Shrinks a picture of 4-byte pixels by `factor` (2 or 4) in each direction: each byte of each
+// output pixel is the sum of a factor x factor square of input bytes shifted right by 2 or 4,
+// with no rounding term. width and height are multiples of `factor`.
+void zycBoxShrink(const uint8_t* picture, uint32_t width, uint32_t height, uint32_t factor,
+                  uint8_t* out);
+
 // Decodes one DXT1 block to 16 pixel words 0x00RRGGBB, rows top first, as the frame decoder
 // does; with `yuvCoding` the colours are Cr, Y, Cb and go through the levels' YUV tables
 // (filled by Allocate).

@@ -1,0 +1,227 @@
+#include "dxt/baseColourDxt.h"
+
+#include <cstring>
+
+#include "base/byteIo.h"
+
+namespace {
+
+struct Rgb {
+  int c[3];
+};
+
+// The three 8-bit channels of a 5-6-5 word, channel 0 from the top five bits.
+Rgb expand565(uint16_t w) {
+  const int a = w >> 11, b = (w >> 5) & 63, c = w & 31;
+  return {{a << 3 | a >> 2, b << 2 | b >> 4, c << 3 | c >> 2}};
+}
+
+int clampByte(int64_t v) { return v < 0 ? 0 : v > 255 ? 255 : int(v); }
+
+uint16_t quantise565(int c0, int c1, int c2) {
+  const int a = (c0 * 31 + 127) / 255, b = (c1 * 63 + 127) / 255, c = (c2 * 31 + 127) / 255;
+  return uint16_t(a << 11 | b << 5 | c);
+}
+
+// x / 3 as the search takes it.
+inline int third(uint32_t x) { return int((uint64_t(x) * 0x55555556u) >> 32); }
+
+inline uint32_t weightedError(const uint8_t* p, const Rgb& e) {
+  const int d0 = p[0] - e.c[0], d1 = p[1] - e.c[1], d2 = p[2] - e.c[2];
+  return uint32_t(4 * d0 * d0 + 16 * d1 * d1 + d2 * d2);
+}
+
+// The search's palette of an ordered pair; `count` is 1 for equal colours.
+int makePalette(uint16_t c0, uint16_t c1, Rgb palette[4]) {
+  palette[0] = expand565(c0);
+  if (c0 == c1) return 1;
+  palette[1] = expand565(c1);
+  for (int k = 0; k < 3; ++k) {
+    const uint32_t a = uint32_t(palette[0].c[k]), b = uint32_t(palette[1].c[k]);
+    palette[2].c[k] = third(2 * a + b);
+    palette[3].c[k] = third(a + 2 * b);
+  }
+  return 4;
+}
+
+void orderPair(uint16_t& c0, uint16_t& c1) {
+  if (c0 < c1) {
+    const uint16_t t = c0;
+    c0 = c1;
+    c1 = t;
+  }
+}
+
+// Assigns every counting pixel its best entry; returns the summed error.
+uint32_t assign(const uint8_t pixels[64], uint32_t mask, const Rgb palette[4], int count,
+                uint8_t indices[16]) {
+  uint32_t total = 0;
+  for (int k = 0; k < 16; ++k) {
+    indices[k] = 0;
+    if (!(mask >> k & 1)) continue;
+    const uint8_t* p = pixels + 4 * k;
+    uint32_t best = weightedError(p, palette[0]);
+    for (int e = 1; e < count; ++e) {
+      const uint32_t err = weightedError(p, palette[e]);
+      if (err < best) {
+        best = err;
+        indices[k] = uint8_t(e);
+      }
+    }
+    total += best;
+  }
+  return total;
+}
+
+// Least-squares base colours for a given assignment: each pixel is modelled as
+// w c0 + (1 - w) c1 with w = 1, 0, 2/3, 1/3 for entries 0 to 3. Returns false when the
+// assignment does not fix two colours (every pixel on the same weight).
+bool fitPair(const uint8_t pixels[64], uint32_t mask, const uint8_t indices[16], uint16_t* c0,
+             uint16_t* c1) {
+  static constexpr int kWeight3[4] = {3, 0, 2, 1};  // w times 3
+  int64_t aa = 0, ab = 0, bb = 0, xa[3] = {}, xb[3] = {};
+  for (int k = 0; k < 16; ++k) {
+    if (!(mask >> k & 1)) continue;
+    const int w = kWeight3[indices[k]], v = 3 - w;
+    aa += w * w;
+    ab += w * v;
+    bb += v * v;
+    for (int c = 0; c < 3; ++c) {
+      xa[c] += w * pixels[4 * k + c];
+      xb[c] += v * pixels[4 * k + c];
+    }
+  }
+  const int64_t det = aa * bb - ab * ab;
+  if (det == 0) return false;
+  int a[3], b[3];
+  for (int c = 0; c < 3; ++c) {
+    // Scaled by 3: a = 3 (bb xa - ab xb) / det, b = 3 (aa xb - ab xa) / det, rounded.
+    const int64_t na = 3 * (bb * xa[c] - ab * xb[c]);
+    const int64_t nb = 3 * (aa * xb[c] - ab * xa[c]);
+    const int64_t half = (det > 0 ? det : -det) / 2;
+    a[c] = clampByte((na >= 0 ? na + half : na - half) / det);
+    b[c] = clampByte((nb >= 0 ? nb + half : nb - half) / det);
+  }
+  *c0 = quantise565(a[0], a[1], a[2]);
+  *c1 = quantise565(b[0], b[1], b[2]);
+  return true;
+}
+
+}  // namespace
+
+void zycBaseColourStartPair(const uint8_t pixels[64], uint32_t mask, uint16_t* first,
+                            uint16_t* second) {
+  int64_t most = -1, least = -1;
+  int mostAt = 0, leastAt = 0;
+  for (int k = 0; k < 16; ++k) {
+    if (!(mask >> k & 1)) continue;
+    const int b0 = pixels[4 * k], b1 = pixels[4 * k + 1], b2 = pixels[4 * k + 2];
+    const int64_t m = 4 * (b0 * b0 + 4 * b1 * b1) + b2 * b2;
+    if (most < 0 || m > most) {
+      most = m;
+      mostAt = k;
+    }
+    if (least < 0 || m < least) {
+      least = m;
+      leastAt = k;
+    }
+  }
+  const uint8_t* p = pixels + 4 * mostAt;
+  const uint8_t* q = pixels + 4 * leastAt;
+  *first = quantise565(p[0], p[1], p[2]);
+  *second = quantise565(q[0], q[1], q[2]);
+}
+
+uint32_t zycBaseColourPairError(const uint8_t pixels[64], uint32_t mask, uint16_t c0,
+                                uint16_t c1) {
+  orderPair(c0, c1);
+  Rgb palette[4];
+  const int count = makePalette(c0, c1, palette);
+  uint8_t indices[16];
+  return assign(pixels, mask & 0xFFFF, palette, count, indices);
+}
+
+void zycBaseColourBlock(const uint8_t pixels[64], uint32_t mask, uint8_t block[8]) {
+  mask &= 0xFFFF;
+  if (mask == 0) {
+    std::memset(block, 0, 8);
+    return;
+  }
+  uint16_t c0, c1;
+  zycBaseColourStartPair(pixels, mask, &c0, &c1);
+  orderPair(c0, c1);
+  Rgb palette[4];
+  uint8_t indices[16];
+  uint32_t bestError = assign(pixels, mask, palette, makePalette(c0, c1, palette), indices);
+  uint16_t best0 = c0, best1 = c1;
+
+  // Refinement: least squares on the current assignment, as long as it measures better.
+  uint16_t r0 = c0, r1 = c1;
+  uint32_t refinedError = bestError;
+  for (int round = 0; round < 4 && refinedError > 0 && r0 != r1; ++round) {
+    assign(pixels, mask, palette, makePalette(r0, r1, palette), indices);
+    uint16_t n0, n1;
+    if (!fitPair(pixels, mask, indices, &n0, &n1)) break;
+    orderPair(n0, n1);
+    uint8_t scratch[16];
+    const uint32_t err = assign(pixels, mask, palette, makePalette(n0, n1, palette), scratch);
+    if (err >= refinedError) break;
+    refinedError = err;
+    r0 = n0;
+    r1 = n1;
+  }
+  if (refinedError < bestError) {
+    bestError = refinedError;
+    best0 = r0;
+    best1 = r1;
+  }
+
+  // One colour, the mean of the pixels, for nearly flat blocks.
+  if (bestError > 0) {
+    int sum[3] = {}, n = 0;
+    for (int k = 0; k < 16; ++k) {
+      if (!(mask >> k & 1)) continue;
+      for (int c = 0; c < 3; ++c) sum[c] += pixels[4 * k + c];
+      ++n;
+    }
+    const uint16_t mean =
+        quantise565((sum[0] + n / 2) / n, (sum[1] + n / 2) / n, (sum[2] + n / 2) / n);
+    uint8_t scratch[16];
+    const uint32_t err = assign(pixels, mask, palette, makePalette(mean, mean, palette), scratch);
+    if (err < bestError) {
+      bestError = err;
+      best0 = best1 = mean;
+    }
+  }
+
+  const int count = makePalette(best0, best1, palette);
+  assign(pixels, mask, palette, count, indices);
+  uint32_t word = 0;
+  for (int k = 0; k < 16; ++k) word |= uint32_t(indices[k]) << (2 * k);
+  zycStore16(block, best0);
+  zycStore16(block + 2, best1);
+  zycStore32(block + 4, word);
+}
+
+void zycCompressDxtn(int components, int width, int height, const uint8_t* pixels,
+                     uint8_t* blocks) {
+  if (components != 3 && components != 4) return;
+  for (int y = 0; y < height; y += 4) {
+    for (int x = 0; x < width; x += 4) {
+      uint8_t block[64] = {};
+      uint32_t mask = 0;
+      for (int j = 0; j < 4 && y + j < height; ++j) {
+        for (int i = 0; i < 4 && x + i < width; ++i) {
+          const uint8_t* p = pixels + (size_t(y + j) * width + x + i) * components;
+          uint8_t* q = block + 16 * j + 4 * i;
+          q[0] = p[0];
+          q[1] = p[1];
+          q[2] = p[2];
+          mask |= 1u << (4 * j + i);
+        }
+      }
+      zycBaseColourBlock(block, mask, blocks);
+      blocks += 8;
+    }
+  }
+}

@@ -1,0 +1,75 @@
+#include "dxt/squishFront.h"
+
+#include <squish.h>
+
+#include <cstring>
+
+namespace zycSquish {
+
+int FixFlags(int flags) {
+  int method = flags & (kDxt1 | kDxt3 | kDxt5);
+  int fit = flags & (kColourClusterFit | kColourRangeFit | kColourIterativeClusterFit);
+  int metric = flags & (kColourMetricPerceptual | kColourMetricUniform);
+  const int extra = flags & kWeightColourByAlpha;
+  if (method != kDxt3 && method != kDxt5) method = kDxt1;
+  if (fit != kColourRangeFit && fit != kColourIterativeClusterFit) fit = kColourClusterFit;
+  if (metric != kColourMetricUniform) metric = kColourMetricPerceptual;
+  return method | fit | metric | extra;
+}
+
+int TranslateFlags(int flags, float metric[3]) {
+  const int fixed = FixFlags(flags);
+  int out = 0;
+  if (fixed & kDxt1) out |= squish::kDxt1;
+  if (fixed & kDxt3) out |= squish::kDxt3;
+  if (fixed & kDxt5) out |= squish::kDxt5;
+  if (fixed & kColourClusterFit) out |= squish::kColourClusterFit;
+  if (fixed & kColourRangeFit) out |= squish::kColourRangeFit;
+  if (fixed & kColourIterativeClusterFit) out |= squish::kColourIterativeClusterFit;
+  if (fixed & kWeightColourByAlpha) out |= squish::kWeightColourByAlpha;
+  if (fixed & kColourMetricUniform) {
+    metric[0] = metric[1] = metric[2] = 1.0f;
+  } else {
+    metric[0] = 0.2126f;
+    metric[1] = 0.7152f;
+    metric[2] = 0.0722f;
+  }
+  return out;
+}
+
+void CompressMasked(const uint8_t* rgba, int mask, void* block, int flags) {
+  float metric[3];
+  const int translated = TranslateFlags(flags, metric);
+  squish::CompressMasked(rgba, mask, block, translated, metric);
+}
+
+void CompressImage(const uint8_t* rgba, int width, int height, void* blocks, int flags) {
+  float metric[3];
+  const int translated = TranslateFlags(flags, metric);
+  const int blockBytes = (FixFlags(flags) & kDxt1) ? 8 : 16;
+  uint8_t* out = static_cast<uint8_t*>(blocks);
+  for (int y = 0; y < height; y += 4) {
+    for (int x = 0; x < width; x += 4) {
+      uint8_t pixels[64] = {};
+      int mask = 0;
+      for (int j = 0; j < 4; ++j) {
+        for (int i = 0; i < 4; ++i) {
+          const int sx = x + i, sy = y + j;
+          if (sx < width && sy < height) {
+            std::memcpy(pixels + 16 * j + 4 * i, rgba + 4 * (size_t(sy) * width + sx), 4);
+            mask |= 1 << (4 * j + i);
+          }
+        }
+      }
+      squish::CompressMasked(pixels, mask, out, translated, metric);
+      out += blockBytes;
+    }
+  }
+}
+
+void Decompress(uint8_t* rgba, const void* block, int flags) {
+  float metric[3];
+  squish::Decompress(rgba, block, TranslateFlags(flags, metric));
+}
+
+}  // namespace zycSquish

@@ -1,0 +1,183 @@
+#include "dxt/baseColourDxt.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <vector>
+
+#include "tests/support/imageLoad.h"
+#include "tests/support/testMedia.h"
+
+namespace {
+
+uint16_t word16(const uint8_t* p) { return uint16_t(p[0] | p[1] << 8); }
+uint32_t word32(const uint8_t* p) { return uint32_t(p[0] | p[1] << 8 | p[2] << 16 | p[3] << 24); }
+
+// The 16 pixels (4 bytes each) of the block at (x, y) of a packed 4-byte picture.
+void gather(const zylTestImage& image, uint32_t x, uint32_t y, uint8_t out[64]) {
+  for (int k = 0; k < 16; ++k) {
+    std::memcpy(out + 4 * k, image.pixels.data() + ((y + k / 4) * image.width + x + k % 4) * 4, 4);
+  }
+}
+
+// The weighted error of a block as written, each pixel taken at the entry its index names,
+// with the search's palette (thirds by 0x55555556 >> 32).
+uint32_t errorAsWritten(const uint8_t pixels[64], uint32_t mask, const uint8_t block[8]) {
+  const uint16_t c0 = word16(block), c1 = word16(block + 2);
+  auto expand = [](uint16_t w, int e[3]) {
+    const int a = w >> 11, b = w >> 5 & 63, c = w & 31;
+    e[0] = a << 3 | a >> 2;
+    e[1] = b << 2 | b >> 4;
+    e[2] = c << 3 | c >> 2;
+  };
+  int pal[4][3];
+  expand(c0, pal[0]);
+  expand(c1, pal[1]);
+  for (int c = 0; c < 3; ++c) {
+    pal[2][c] = int((uint64_t(2 * pal[0][c] + pal[1][c]) * 0x55555556u) >> 32);
+    pal[3][c] = int((uint64_t(pal[0][c] + 2 * pal[1][c]) * 0x55555556u) >> 32);
+  }
+  const uint32_t indices = word32(block + 4);
+  uint32_t total = 0;
+  for (int k = 0; k < 16; ++k) {
+    if (!(mask >> k & 1)) continue;
+    const int* e = pal[indices >> (2 * k) & 3];
+    const int d0 = pixels[4 * k] - e[0], d1 = pixels[4 * k + 1] - e[1], d2 = pixels[4 * k + 2] - e[2];
+    total += uint32_t(4 * d0 * d0 + 16 * d1 * d1 + d2 * d2);
+  }
+  return total;
+}
+
+}  // namespace
+
+TEST(BaseColourDxt, NeverWorseThanItsStartPairOnPhotographs) {
+  zylTestImage photo;
+  ASSERT_TRUE(zylLoadPng(zylMediaPath("photo_astronaut_512x512.png"), &photo));
+  const zylTestImage crop = zylCropImage(photo, 128, 64, 128, 128);
+  uint64_t startTotal = 0, finalTotal = 0;
+  for (uint32_t y = 0; y < 128; y += 4) {
+    for (uint32_t x = 0; x < 128; x += 4) {
+      uint8_t pixels[64], block[8];
+      gather(crop, x, y, pixels);
+      zycBaseColourBlock(pixels, 0xFFFF, block);
+      uint16_t s0, s1;
+      zycBaseColourStartPair(pixels, 0xFFFF, &s0, &s1);
+      const uint32_t start = zycBaseColourPairError(pixels, 0xFFFF, s0, s1);
+      const uint32_t written = errorAsWritten(pixels, 0xFFFF, block);
+      const uint16_t c0 = word16(block), c1 = word16(block + 2);
+      if (c0 != c1) {
+        ASSERT_EQ(written, zycBaseColourPairError(pixels, 0xFFFF, c0, c1)) << x << "," << y;
+      }
+      ASSERT_LE(zycBaseColourPairError(pixels, 0xFFFF, c0, c1), start) << x << "," << y;
+      startTotal += start;
+      finalTotal += zycBaseColourPairError(pixels, 0xFFFF, c0, c1);
+    }
+  }
+  // The refinement earns its keep on a real picture.
+  EXPECT_LT(finalTotal * 10, startTotal * 9);
+}
+
+TEST(BaseColourDxt, StartPairIsTheHeaviestAndLightestPixel) {
+  uint8_t pixels[64] = {};
+  for (int k = 0; k < 16; ++k) {
+    pixels[4 * k] = 100;
+    pixels[4 * k + 1] = 100;
+    pixels[4 * k + 2] = 100;
+  }
+  // Pixel 5 weighs most by its middle byte (16 x 200^2), pixel 9 least.
+  pixels[4 * 5 + 1] = 200;
+  pixels[4 * 9] = 0;
+  pixels[4 * 9 + 1] = 0;
+  pixels[4 * 9 + 2] = 255;  // 255^2 = 65025 < 4 (100^2 + 4 100^2) = 200000
+  // Pixel 12 is the brightest in its last byte but light in the measure.
+  pixels[4 * 12 + 2] = 255;
+  uint16_t first, second;
+  zycBaseColourStartPair(pixels, 0xFFFF, &first, &second);
+  EXPECT_EQ(first, uint16_t(12 << 11 | 49 << 5 | 12));  // (100, 200, 100) rounds to 12, 49, 12
+  EXPECT_EQ(second, uint16_t(0 << 11 | 0 << 5 | 31));   // (0, 0, 255)
+}
+
+TEST(BaseColourDxt, FlatBlockIsOneExactColourWithZeroIndices) {
+  // (255, 0, 132) is exact in 5-6-5: 31, 0, 16.
+  std::vector<uint8_t> pixels(16 * 3);
+  for (int k = 0; k < 16; ++k) {
+    pixels[3 * k] = 255;
+    pixels[3 * k + 1] = 0;
+    pixels[3 * k + 2] = 132;
+  }
+  uint8_t block[8];
+  zycCompressDxtn(3, 4, 4, pixels.data(), block);
+  EXPECT_EQ(word16(block), 0xF810);
+  EXPECT_EQ(word16(block + 2), 0xF810);
+  EXPECT_EQ(word32(block + 4), 0u);
+}
+
+TEST(BaseColourDxt, TwoExactColoursDecodeExactlyInFourColourOrder) {
+  // Byte 0 is the top five bits: (0, 255, 0) -> 0x07E0, (255, 0, 255) -> 0xF81F.
+  uint8_t pixels[64] = {};
+  for (int k = 0; k < 16; ++k) {
+    const bool odd = (k * 7) % 3 == 0;
+    pixels[4 * k] = odd ? 255 : 0;
+    pixels[4 * k + 1] = odd ? 0 : 255;
+    pixels[4 * k + 2] = odd ? 255 : 0;
+  }
+  uint8_t block[8];
+  zycBaseColourBlock(pixels, 0xFFFF, block);
+  EXPECT_EQ(word16(block), 0xF81F);
+  EXPECT_EQ(word16(block + 2), 0x07E0);
+  EXPECT_EQ(errorAsWritten(pixels, 0xFFFF, block), 0u);
+  const uint32_t indices = word32(block + 4);
+  for (int k = 0; k < 16; ++k) EXPECT_EQ(indices >> (2 * k) & 3, (k * 7) % 3 == 0 ? 0u : 1u) << k;
+}
+
+TEST(BaseColourDxt, ThreeAndFourBytePixelsGiveTheSameBlocks) {
+  zylTestImage photo;
+  ASSERT_TRUE(zylLoadPng(zylMediaPath("photo_coffee_600x400.png"), &photo));
+  const zylTestImage crop = zylCropImage(photo, 200, 100, 40, 24);
+  std::vector<uint8_t> three;
+  for (size_t i = 0; i < crop.pixels.size(); i += 4) three.insert(three.end(), &crop.pixels[i], &crop.pixels[i] + 3);
+  std::vector<uint8_t> fromThree(10 * 6 * 8), fromFour(10 * 6 * 8, 1);
+  zycCompressDxtn(3, 40, 24, three.data(), fromThree.data());
+  zycCompressDxtn(4, 40, 24, crop.pixels.data(), fromFour.data());
+  EXPECT_EQ(fromThree, fromFour);
+}
+
+TEST(BaseColourDxt, EdgeBlocksCountOnlyPixelsInsideThePicture) {
+  zylTestImage photo;
+  ASSERT_TRUE(zylLoadPng(zylMediaPath("photo_coffee_600x400.png"), &photo));
+  const uint32_t width = 10, height = 7;  // 3 x 2 blocks, the last column and row clipped
+  const zylTestImage crop = zylCropImage(photo, 300, 200, width, height);
+  std::vector<uint8_t> blocks(3 * 2 * 8);
+  zycCompressDxtn(4, width, height, crop.pixels.data(), blocks.data());
+  for (uint32_t by = 0; by < 2; ++by) {
+    for (uint32_t bx = 0; bx < 3; ++bx) {
+      uint8_t pixels[64];
+      std::memset(pixels, 0x77, sizeof pixels);  // outside pixels: anything
+      uint32_t mask = 0;
+      for (uint32_t k = 0; k < 16; ++k) {
+        const uint32_t x = bx * 4 + k % 4, y = by * 4 + k / 4;
+        if (x >= width || y >= height) continue;
+        std::memcpy(pixels + 4 * k, crop.pixels.data() + (y * width + x) * 4, 4);
+        mask |= 1u << k;
+      }
+      uint8_t want[8];
+      zycBaseColourBlock(pixels, mask, want);
+      EXPECT_EQ(std::memcmp(want, blocks.data() + (by * 3 + bx) * 8, 8), 0) << bx << "," << by;
+    }
+  }
+}
+
+TEST(BaseColourDxt, BlocksAreFourColourOrFlat) {
+  zylTestImage photo;
+  ASSERT_TRUE(zylLoadPng(zylMediaPath("photo_flower_2268x1512.png"), &photo));
+  const zylTestImage crop = zylCropImage(photo, 900, 600, 64, 64);
+  std::vector<uint8_t> blocks(16 * 16 * 8);
+  zycCompressDxtn(4, 64, 64, crop.pixels.data(), blocks.data());
+  for (size_t b = 0; b < blocks.size(); b += 8) {
+    const uint16_t c0 = word16(&blocks[b]), c1 = word16(&blocks[b + 2]);
+    ASSERT_GE(c0, c1);
+    if (c0 == c1) {
+      ASSERT_EQ(word32(&blocks[b + 4]), 0u);
+    }
+  }
+}

@@ -1,0 +1,291 @@
+#include "dxt/buildLevels.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <vector>
+
+#include "dxt/dxtBackEnds.h"
+#include "dxt/yuvConvert.h"
+#include "tests/support/imageLoad.h"
+#include "tests/support/testMedia.h"
+
+namespace {
+
+zylTestImage photoCrop(uint32_t width, uint32_t height, const char* name = "photo_coffee_600x400.png",
+                       uint32_t x = 180, uint32_t y = 120) {
+  zylTestImage photo;
+  EXPECT_TRUE(zylLoadPng(zylMediaPath(name), &photo));
+  return zylCropImage(photo, x, y, width, height);
+}
+
+std::vector<uint8_t> toYuv(const std::vector<uint8_t>& bgra) {
+  std::vector<uint8_t> out(bgra.size());
+  zycConvertToYuv(bgra.data(), out.data(), uint32_t(bgra.size() / 4));
+  return out;
+}
+
+std::vector<uint8_t> redFirst(std::vector<uint8_t> pixels) {
+  for (size_t i = 0; i < pixels.size(); i += 4) std::swap(pixels[i], pixels[i + 2]);
+  return pixels;
+}
+
+int clampInt(int v) { return v < 0 ? 0 : v > 255 ? 255 : v; }
+
+// A DXT1 block decoded straight from the rule: channels widened by repeating high bits,
+// (2 c0 + c1 + 1) / 3 in four-colour mode, the mean and black in three-colour mode. With
+// `yuv` the channels are Cr (top), Y, Cb and go to RGB by the fixed-point tables. Returns the
+// 16 pixels as B, G, R.
+void decodeIndependently(const uint8_t* block, bool yuv, int out[16][3]) {
+  const int c0 = block[0] | block[1] << 8, c1 = block[2] | block[3] << 8;
+  auto widen = [](int c, int f[3]) {  // f: top, middle, low field
+    const int t = c >> 11, m = c >> 5 & 63, l = c & 31;
+    f[0] = t << 3 | t >> 2;
+    f[1] = m << 2 | m >> 4;
+    f[2] = l << 3 | l >> 2;
+  };
+  int pal[4][3];
+  widen(c0, pal[0]);
+  widen(c1, pal[1]);
+  for (int k = 0; k < 3; ++k) {
+    if (c0 > c1) {
+      pal[2][k] = (2 * pal[0][k] + pal[1][k] + 1) / 3;
+      pal[3][k] = (pal[0][k] + 2 * pal[1][k] + 1) / 3;
+    } else {
+      pal[2][k] = (pal[0][k] + pal[1][k]) / 2;
+      pal[3][k] = 0;
+    }
+  }
+  const uint32_t indices = uint32_t(block[4] | block[5] << 8 | block[6] << 16 | block[7] << 24);
+  for (int p = 0; p < 16; ++p) {
+    const int* f = pal[indices >> (2 * p) & 3];
+    if (yuv) {
+      const int y = ((f[1] - 16) * 76309 + 32768) >> 16;
+      out[p][2] = clampInt(y + (((f[0] - 128) * 104597 + 32768) >> 16));
+      out[p][1] = clampInt(y + (((f[0] - 128) * -53279 + 32768) >> 16) + (((f[2] - 128) * -25674 + 32768) >> 16));
+      out[p][0] = clampInt(y + (((f[2] - 128) * 132201 + 32768) >> 16));
+    } else {
+      out[p][0] = f[2];
+      out[p][1] = f[1];
+      out[p][2] = f[0];
+    }
+  }
+}
+
+double psnr(const uint8_t* a, const uint8_t* b, size_t pixelCount) {
+  double sum = 0;
+  for (size_t i = 0; i < pixelCount; ++i) {
+    for (int c = 0; c < 3; ++c) {
+      const double d = double(a[4 * i + c]) - double(b[4 * i + c]);
+      sum += d * d;
+    }
+  }
+  const double mse = sum / double(pixelCount * 3);
+  return mse == 0 ? 99.0 : 10.0 * std::log10(255.0 * 255.0 / mse);
+}
+
+}  // namespace
+
+TEST(DxtLevels, BuffersAreSizedForThePaddedPicture) {
+  zycDxtLevels levels;
+  levels.Allocate(48, 32);
+  EXPECT_EQ(levels.width, 48u);
+  EXPECT_EQ(levels.height, 32u);
+  EXPECT_EQ(levels.blocks[0].size(), 12u * 8 * 8);  // 12 x 8 blocks
+  EXPECT_EQ(levels.blocks[1].size(), 6u * 4 * 8);
+  EXPECT_EQ(levels.blocks[2].size(), 3u * 2 * 8);
+  for (int l = 0; l < 3; ++l) {
+    ASSERT_NE(levels.preview[l], nullptr);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(levels.preview[l]) % 16, 0u);
+  }
+  levels.Allocate(64, 16);
+  EXPECT_EQ(levels.blocks[0].size(), 16u * 4 * 8);
+  EXPECT_EQ(levels.blocks[2].size(), 4u * 1 * 8);
+  levels.Release();
+  EXPECT_EQ(levels.preview[0], nullptr);
+  EXPECT_TRUE(levels.blocks[0].empty());
+}
+
+TEST(DxtLevels, BoxShrinkHasNoRoundingTerm) {
+  // One 4x4 square whose bytes sum to 4 k + 3 in every 2x2 quarter and to 16 k + 15 overall.
+  std::vector<uint8_t> picture(16 * 4);
+  for (int p = 0; p < 16; ++p) {
+    const int corner = (p % 4 % 2 == 1 && p / 4 % 2 == 1);  // one pixel of each 2x2 is lower
+    for (int c = 0; c < 4; ++c) picture[4 * p + c] = uint8_t(10 * (c + 1) + (corner ? 0 : 1));
+  }
+  std::vector<uint8_t> half(4 * 4), quarter(4);
+  zycBoxShrink(picture.data(), 4, 4, 2, half.data());
+  zycBoxShrink(picture.data(), 4, 4, 4, quarter.data());
+  for (int p = 0; p < 4; ++p) {
+    for (int c = 0; c < 4; ++c) EXPECT_EQ(half[4 * p + c], 10 * (c + 1)) << p << "," << c;  // (4v + 3) >> 2
+  }
+  for (int c = 0; c < 4; ++c) EXPECT_EQ(quarter[c], 10 * (c + 1));  // (16v + 12) >> 4
+  // The quarter picture is the 4x4 sum of the full picture, not the half of the half.
+  std::vector<uint8_t> ramp(4 * 4 * 4);
+  for (int p = 0; p < 16; ++p) ramp[4 * p] = uint8_t(p == 0 ? 3 : p == 1 ? 1 : 0);
+  zycBoxShrink(ramp.data(), 4, 4, 4, quarter.data());
+  EXPECT_EQ(quarter[0], 0);  // 4 >> 4
+  zycBoxShrink(ramp.data(), 4, 4, 2, half.data());
+  EXPECT_EQ(half[0], 1);  // 4 >> 2
+}
+
+TEST(DxtLevels, LevelsAreTheBackEndOnTheBoxShrunkPictures) {
+  const uint32_t width = 64, height = 48;
+  const zylTestImage crop = photoCrop(width, height);
+  for (uint32_t backEnd : {kDxtBackEndSquishRange, kDxtBackEndFast, kDxtBackEndBaseColour}) {
+    zycDxtLevels levels;
+    levels.Allocate(width, height);
+    std::vector<uint8_t> picture = crop.pixels;
+    uint32_t field = backEnd;
+    BuildLevels(levels, picture.data(), field, 0);
+
+    const std::vector<uint8_t> swapped = redFirst(crop.pixels);
+    std::vector<uint8_t> half(width * height), quarter(width * height / 4);
+    zycBoxShrink(swapped.data(), width, height, 2, half.data());
+    zycBoxShrink(swapped.data(), width, height, 4, quarter.data());
+    std::vector<uint8_t> want[3] = {std::vector<uint8_t>(levels.blocks[0].size()),
+                                    std::vector<uint8_t>(levels.blocks[1].size()),
+                                    std::vector<uint8_t>(levels.blocks[2].size())};
+    zycDxtCompress(backEnd, swapped.data(), width, height, want[0].data());
+    zycDxtCompress(backEnd, half.data(), width / 2, height / 2, want[1].data());
+    zycDxtCompress(backEnd, quarter.data(), width / 4, height / 4, want[2].data());
+    for (int l = 0; l < 3; ++l) EXPECT_EQ(levels.blocks[l], want[l]) << "back end " << backEnd << " level " << l;
+  }
+}
+
+TEST(DxtLevels, BackEndZeroFallsBackToThreeAndStaysThree) {
+  const zylTestImage crop = photoCrop(32, 32);
+  zycDxtLevels a, b;
+  a.Allocate(32, 32);
+  b.Allocate(32, 32);
+  std::vector<uint8_t> picture = crop.pixels;
+  uint32_t field = 0;
+  BuildLevels(a, picture.data(), field, 0);
+  EXPECT_EQ(field, 3u);
+  uint32_t three = 3;
+  BuildLevels(b, picture.data(), three, 0);
+  EXPECT_EQ(three, 3u);
+  for (int l = 0; l < 3; ++l) EXPECT_EQ(a.blocks[l], b.blocks[l]);
+}
+
+TEST(DxtLevels, ByteExchangeIsUndoneForEveryBackEnd) {
+  const zylTestImage crop = photoCrop(32, 16);
+  for (uint32_t backEnd = 0; backEnd < kDxtBackEndCount; ++backEnd) {
+    for (uint32_t yuv : {0u, 1u}) {
+      zycDxtLevels levels;
+      levels.Allocate(32, 16);
+      std::vector<uint8_t> picture = yuv ? toYuv(crop.pixels) : crop.pixels;
+      const std::vector<uint8_t> before = picture;
+      uint32_t field = backEnd;
+      BuildLevels(levels, picture.data(), field, yuv);
+      EXPECT_EQ(picture, before) << "back end " << backEnd << " yuv " << yuv;
+    }
+  }
+}
+
+TEST(DxtLevels, RedSourceByteGoesToTheTopFieldOfTheColours) {
+  // A pure red picture (B 0, G 0, R 255): every back end must put 31 in the top five bits of
+  // the colour that its indices use, so that the block decodes red.
+  std::vector<uint8_t> picture(16 * 16 * 4, 0);
+  for (size_t i = 0; i < picture.size(); i += 4) {
+    picture[i + 2] = 255;
+    picture[i + 3] = 255;
+  }
+  for (uint32_t backEnd = 0; backEnd < kDxtBackEndCount; ++backEnd) {
+    zycDxtLevels levels;
+    levels.Allocate(16, 16);
+    uint32_t field = backEnd;
+    BuildLevels(levels, picture.data(), field, 0);
+    for (int l = 0; l < 3; ++l) {
+      uint32_t decoded[16];
+      zycDecodeLevelBlock(levels, levels.blocks[l].data(), 0, decoded);
+      for (uint32_t word : decoded) EXPECT_EQ(word, 0xFF0000u) << "back end " << backEnd << " level " << l;
+    }
+    // The preview shows red: U 90, Y 81, V 240.
+    EXPECT_EQ(levels.preview[0][0], 90);
+    EXPECT_EQ(levels.preview[0][1], 81);
+    EXPECT_EQ(levels.preview[0][2], 240);
+    EXPECT_EQ(levels.preview[2][4 * (16 * 15 + 15) + 2], 240);
+  }
+}
+
+TEST(DxtLevels, PreviewsAreTheLevelBlocksDecodedAndConverted) {
+  const uint32_t width = 48, height = 32;
+  const zylTestImage crop = photoCrop(width, height, "photo_astronaut_512x512.png", 200, 150);
+  int threeColourBlocks = 0;
+  for (uint32_t backEnd : {kDxtBackEndSquishRange, kDxtBackEndBaseColour})
+  for (uint32_t yuv : {0u, 1u}) {
+    zycDxtLevels levels;
+    levels.Allocate(width, height);
+    std::vector<uint8_t> picture = yuv ? toYuv(crop.pixels) : crop.pixels;
+    uint32_t field = backEnd;
+    BuildLevels(levels, picture.data(), field, yuv);
+    for (int l = 0; l < 3; ++l) {
+      const uint32_t step = 4u << l;
+      const uint8_t* block = levels.blocks[l].data();
+      for (uint32_t by = 0; by < height / step; ++by) {
+        for (uint32_t bx = 0; bx < width / step; ++bx, block += 8) {
+          int pixels[16][3];
+          decodeIndependently(block, yuv, pixels);
+          threeColourBlocks += (block[0] | block[1] << 8) <= (block[2] | block[3] << 8);
+          for (uint32_t p = 0; p < 16; ++p) {
+            const uint32_t want = zycYuvPixel(uint8_t(pixels[p][0]), uint8_t(pixels[p][1]), uint8_t(pixels[p][2]));
+            for (uint32_t v = 0; v < (1u << l); ++v) {
+              for (uint32_t u = 0; u < (1u << l); ++u) {
+                const uint32_t x = bx * step + ((p % 4) << l) + u, y = by * step + ((p / 4) << l) + v;
+                const uint8_t* got = levels.preview[l] + (y * width + x) * 4;
+                ASSERT_EQ(uint32_t(got[0] | got[1] << 8 | got[2] << 16 | got[3] << 24), want)
+                    << "yuv " << yuv << " level " << l << " at " << x << "," << y;
+              }
+            }
+          }
+        }
+      }
+    }
+  }
+  // Squish's range fit also makes three-colour blocks: both decoding modes were compared.
+  EXPECT_GT(threeColourBlocks, 0);
+}
+
+TEST(DxtLevels, DecodingFollowsThreeColourModeAndYuvTables) {
+  zycDxtLevels levels;
+  levels.Allocate(16, 16);
+  // color0 < color1: entry 2 is the mean, entry 3 black (all zero fields).
+  const uint8_t block[8] = {0x00, 0x10, 0x1F, 0xF8, 0xE4, 0xE4, 0xE4, 0xE4};
+  for (uint32_t yuv : {0u, 1u}) {
+    uint32_t got[16];
+    zycDecodeLevelBlock(levels, block, yuv, got);
+    int want[16][3];
+    decodeIndependently(block, yuv, want);
+    for (int p = 0; p < 16; ++p) {
+      EXPECT_EQ(got[p], uint32_t(want[p][2] << 16 | want[p][1] << 8 | want[p][0])) << "yuv " << yuv << " pixel " << p;
+    }
+    // Index 3 in YUV is Y, Cb, Cr of 0: the dark green 0x008700.
+    EXPECT_EQ(got[3], yuv ? 0x008700u : 0u);
+  }
+}
+
+TEST(DxtLevels, EveryBackEndMakesUsableLevelsOfOddPaddedSizes) {
+  // 48 x 80: the quarter level is 12 x 20 pixels, 3 x 5 blocks.
+  const uint32_t width = 48, height = 80;
+  const zylTestImage crop = photoCrop(width, height);
+  const std::vector<uint8_t> sourceYuv = toYuv(crop.pixels);
+  for (uint32_t backEnd = 0; backEnd < kDxtBackEndCount; ++backEnd) {
+    for (uint32_t yuv : {0u, 1u}) {
+      zycDxtLevels levels;
+      levels.Allocate(width, height);
+      std::vector<uint8_t> picture = yuv ? sourceYuv : crop.pixels;
+      uint32_t field = backEnd;
+      BuildLevels(levels, picture.data(), field, yuv);
+      EXPECT_EQ(levels.blocks[2].size(), 3u * 5 * 8);
+      const double full = psnr(levels.preview[0], sourceYuv.data(), width * height);
+      const double half = psnr(levels.preview[1], sourceYuv.data(), width * height);
+      const double quarter = psnr(levels.preview[2], sourceYuv.data(), width * height);
+      EXPECT_GT(full, 30.0) << "back end " << backEnd << " yuv " << yuv;
+      EXPECT_GT(full, half) << "back end " << backEnd << " yuv " << yuv;
+      EXPECT_GT(half, quarter) << "back end " << backEnd << " yuv " << yuv;
+      EXPECT_GT(quarter, 15.0) << "back end " << backEnd << " yuv " << yuv;
+    }
+  }
+}

@@ -1,0 +1,88 @@
+#include "dxt/fastDxt.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <vector>
+
+#include "tests/support/imageLoad.h"
+#include "tests/support/testMedia.h"
+
+namespace {
+
+// Swaps to the red-first order that the encoder hands over.
+std::vector<uint8_t> redFirst(const zylTestImage& image) {
+  std::vector<uint8_t> out = image.pixels;
+  for (size_t i = 0; i < out.size(); i += 4) std::swap(out[i], out[i + 2]);
+  return out;
+}
+
+}  // namespace
+
+// Block worked out by hand: minimum (40, 60, 50), maximum (200, 100, 80), inset (10, 2, 1),
+// colours (190, 98, 79) -> 0xBB09 and (50, 62, 51) -> 0x31E6, palette (189, 97, 74),
+// (49, 60, 49), (142, 84, 65), (95, 72, 57).
+TEST(FastDxt, InsetColoursAndIndexRuleOnAHandBlock) {
+  const uint8_t a[4] = {200, 100, 50, 255}, b[4] = {40, 60, 80, 255};
+  const uint8_t c[4] = {140, 85, 65, 255}, d[4] = {95, 72, 57, 255};
+  std::vector<uint8_t> pixels;
+  const uint8_t* order[16] = {a, b, c, d, a, a, a, a, a, a, a, a, a, a, a, a};
+  for (const uint8_t* p : order) pixels.insert(pixels.end(), p, p + 4);
+  uint8_t block[8];
+  zycFastDxtPlain(pixels.data(), 4, 4, block);
+  const uint8_t want[8] = {0x09, 0xBB, 0xE6, 0x31, 0xE4, 0x00, 0x00, 0x00};
+  for (int i = 0; i < 8; ++i) EXPECT_EQ(block[i], want[i]) << "byte " << i;
+#ifdef ZYL_FAST_DXT_SSE2
+  zycFastDxtSse2(pixels.data(), 4, 4, block);
+  for (int i = 0; i < 8; ++i) EXPECT_EQ(block[i], want[i]) << "byte " << i;
+#endif
+}
+
+TEST(FastDxt, BlocksInRasterOrderOfTheLevel) {
+  // 8x4: left block all black, right block all white.
+  std::vector<uint8_t> pixels(8 * 4 * 4, 255);
+  for (int y = 0; y < 4; ++y) {
+    for (int x = 0; x < 4; ++x) {
+      for (int c = 0; c < 3; ++c) pixels[(y * 8 + x) * 4 + c] = 0;
+    }
+  }
+  uint8_t blocks[16];
+  zycFastDxt(pixels.data(), 8, 4, blocks);
+  EXPECT_EQ(blocks[0] | blocks[1] << 8, 0);
+  EXPECT_EQ(blocks[8] | blocks[9] << 8, 0xFFFF);
+}
+
+#ifdef ZYL_FAST_DXT_SSE2
+TEST(FastDxt, SseAndPlainGiveTheSameBlocksOnPhotographs) {
+  for (const char* name : {"photo_coffee_600x400.png", "photo_astronaut_512x512.png",
+                           "photo_flower_2268x1512.png"}) {
+    zylTestImage photo;
+    ASSERT_TRUE(zylLoadPng(zylMediaPath(name), &photo)) << name;
+    const zylTestImage crop = zylCropImage(photo, 0, 0, 256, 192);
+    const std::vector<uint8_t> pixels = redFirst(crop);
+    std::vector<uint8_t> plain(64 * 48 * 8), sse(64 * 48 * 8, 0xCD);
+    zycFastDxtPlain(pixels.data(), 256, 192, plain.data());
+    zycFastDxtSse2(pixels.data(), 256, 192, sse.data());
+    EXPECT_EQ(plain, sse) << name;
+  }
+}
+
+TEST(FastDxt, SseAndPlainGiveTheSameBlocksOnNoiseAndExtremes) {
+  std::mt19937 random(7);
+  std::vector<uint8_t> pixels(64 * 64 * 4);
+  for (size_t i = 0; i < pixels.size(); ++i) {
+    const uint32_t r = random();
+    // A third of the blocks are full-range noise, the rest low-contrast or saturated.
+    const size_t block = (i / 4 % 64) / 4 + (i / 4 / 64) / 4 * 16;
+    switch (block % 3) {
+      case 0: pixels[i] = uint8_t(r); break;
+      case 1: pixels[i] = uint8_t(120 + r % 9); break;
+      default: pixels[i] = (r & 1) ? 255 : 0; break;
+    }
+  }
+  std::vector<uint8_t> plain(16 * 16 * 8), sse(16 * 16 * 8);
+  zycFastDxtPlain(pixels.data(), 64, 64, plain.data());
+  zycFastDxtSse2(pixels.data(), 64, 64, sse.data());
+  EXPECT_EQ(plain, sse);
+}
+#endif

@@ -1,0 +1,130 @@
+#include "dxt/squishFront.h"
+
+#include <gtest/gtest.h>
+#include <squish.h>
+
+#include <array>
+#include <cstring>
+#include <vector>
+
+#include "tests/support/imageLoad.h"
+#include "tests/support/testMedia.h"
+
+using namespace zycSquish;
+
+namespace {
+
+// 4x4 blocks of a real photograph, as R, G, B, 255.
+std::vector<std::array<uint8_t, 64>> photoBlocks(int count) {
+  zylTestImage photo;
+  EXPECT_TRUE(zylLoadPng(zylMediaPath("photo_coffee_600x400.png"), &photo));
+  std::vector<std::array<uint8_t, 64>> blocks;
+  for (int b = 0; b < count && photo.width; ++b) {
+    const uint32_t x = 40 + (b * 52) % 520, y = 30 + (b * 36) % 340;
+    std::array<uint8_t, 64> block{};
+    for (int k = 0; k < 16; ++k) {
+      const uint8_t* p = photo.pixels.data() + ((y + k / 4) * photo.width + x + k % 4) * 4;
+      block[4 * k] = p[2];
+      block[4 * k + 1] = p[1];
+      block[4 * k + 2] = p[0];
+      block[4 * k + 3] = 255;
+    }
+    blocks.push_back(block);
+  }
+  return blocks;
+}
+
+}  // namespace
+
+TEST(SquishFront, FixFlagsCompletesFormatFitAndMetric) {
+  EXPECT_EQ(FixFlags(0), kDxt1 | kColourClusterFit | kColourMetricPerceptual);
+  EXPECT_EQ(FixFlags(kDxt1), 1 | 8 | 32);
+  EXPECT_EQ(FixFlags(kDxt3), 2 | 8 | 32);
+  EXPECT_EQ(FixFlags(kDxt1 | kDxt3), 1 | 8 | 32);
+  EXPECT_EQ(FixFlags(kColourRangeFit), 1 | 16 | 32);
+  EXPECT_EQ(FixFlags(kColourRangeFit | kColourClusterFit), 1 | 8 | 32);
+  EXPECT_EQ(FixFlags(kColourIterativeClusterFit), 1 | 256 | 32);
+  EXPECT_EQ(FixFlags(kColourMetricUniform), 1 | 8 | 64);
+  EXPECT_EQ(FixFlags(kColourMetricUniform | kColourMetricPerceptual), 1 | 8 | 32);
+  EXPECT_EQ(FixFlags(kWeightColourByAlpha), 1 | 8 | 32 | 128);
+  EXPECT_EQ(FixFlags(1 << 12), 1 | 8 | 32);
+}
+
+TEST(SquishFront, TranslatesFlagsToTheInstalledNumbering) {
+  float metric[3];
+  EXPECT_EQ(TranslateFlags(kDxt1 | kColourRangeFit | kColourMetricUniform, metric),
+            squish::kDxt1 | squish::kColourRangeFit);
+  EXPECT_EQ(metric[0], 1.0f);
+  EXPECT_EQ(metric[1], 1.0f);
+  EXPECT_EQ(metric[2], 1.0f);
+  EXPECT_EQ(TranslateFlags(kDxt1, metric), squish::kDxt1 | squish::kColourClusterFit);
+  EXPECT_EQ(metric[0], 0.2126f);
+  EXPECT_EQ(metric[1], 0.7152f);
+  EXPECT_EQ(metric[2], 0.0722f);
+  EXPECT_EQ(TranslateFlags(kColourIterativeClusterFit | kWeightColourByAlpha, metric),
+            squish::kDxt1 | squish::kColourIterativeClusterFit | squish::kWeightColourByAlpha);
+  EXPECT_EQ(TranslateFlags(kDxt5 | kColourClusterFit, metric),
+            squish::kDxt5 | squish::kColourClusterFit);
+}
+
+TEST(SquishFront, BlocksEqualSquishCalledWithTranslatedFlagsAndMetric) {
+  float perceptual[3] = {0.2126f, 0.7152f, 0.0722f};
+  float uniform[3] = {1.0f, 1.0f, 1.0f};
+  const struct {
+    int oldFlags, newFlags;
+    float* metric;
+  } cases[] = {
+      {kDxt1, squish::kDxt1 | squish::kColourClusterFit, perceptual},
+      {kDxt1 | kColourRangeFit | kColourMetricUniform, squish::kDxt1 | squish::kColourRangeFit, uniform},
+      {kDxt1 | kColourRangeFit, squish::kDxt1 | squish::kColourRangeFit, perceptual},
+      {kDxt1 | kColourClusterFit | kColourMetricUniform, squish::kDxt1 | squish::kColourClusterFit, uniform},
+  };
+  const auto blocks = photoBlocks(24);
+  ASSERT_EQ(blocks.size(), 24u);
+  int metricMatters = 0;
+  for (const auto& block : blocks) {
+    for (const auto& c : cases) {
+      uint8_t viaFront[8], direct[8];
+      CompressMasked(block.data(), 0xFFFF, viaFront, c.oldFlags);
+      squish::CompressMasked(block.data(), 0xFFFF, direct, c.newFlags, c.metric);
+      EXPECT_EQ(std::memcmp(viaFront, direct, 8), 0) << "flags " << c.oldFlags;
+    }
+    uint8_t a[8], b[8];
+    CompressMasked(block.data(), 0xFFFF, a, kDxt1 | kColourRangeFit);
+    CompressMasked(block.data(), 0xFFFF, b, kDxt1 | kColourRangeFit | kColourMetricUniform);
+    metricMatters += std::memcmp(a, b, 8) != 0;
+  }
+  // The metric reaches squish: perceptual and uniform weights choose differently somewhere.
+  EXPECT_GT(metricMatters, 0);
+}
+
+TEST(SquishFront, CompressImageMasksPixelsOutsideOddSizedPictures) {
+  const int width = 13, height = 7;
+  std::vector<uint8_t> rgba(width * height * 4);
+  for (int i = 0; i < width * height; ++i) {
+    rgba[4 * i] = uint8_t(i * 7);
+    rgba[4 * i + 1] = uint8_t(200 - i);
+    rgba[4 * i + 2] = uint8_t(i * i);
+    rgba[4 * i + 3] = 255;
+  }
+  const int blockCount = ((width + 3) / 4) * ((height + 3) / 4);
+  std::vector<uint8_t> viaFront(blockCount * 8, 0xAA), direct(blockCount * 8, 0x55);
+  CompressImage(rgba.data(), width, height, viaFront.data(), kDxt1 | kColourRangeFit | kColourMetricUniform);
+  squish::CompressImage(rgba.data(), width, height, direct.data(), squish::kDxt1 | squish::kColourRangeFit);
+  EXPECT_EQ(viaFront, direct);
+}
+
+TEST(SquishFront, DecompressGivesTheBlockColours) {
+  // Colour 0 pure red, colour 1 pure blue; pixel 0 index 1, the rest index 0.
+  const uint8_t block[8] = {0x00, 0xF8, 0x1F, 0x00, 0x01, 0x00, 0x00, 0x00};
+  uint8_t rgba[64];
+  Decompress(rgba, block, kDxt1);
+  EXPECT_EQ(rgba[0], 0);
+  EXPECT_EQ(rgba[2], 255);
+  EXPECT_EQ(rgba[3], 255);
+  for (int k = 1; k < 16; ++k) {
+    EXPECT_EQ(rgba[4 * k], 255);
+    EXPECT_EQ(rgba[4 * k + 1], 0);
+    EXPECT_EQ(rgba[4 * k + 2], 0);
+  }
+}

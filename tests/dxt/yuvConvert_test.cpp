@@ -1,0 +1,62 @@
+#include "dxt/yuvConvert.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace {
+
+struct Yuv {
+  int u, y, v;
+};
+
+Yuv unpack(uint32_t w) { return {int(w & 255), int(w >> 8 & 255), int(w >> 16 & 255)}; }
+
+}  // namespace
+
+// Values worked out by hand from the fixed-point formulas.
+TEST(YuvConversion, BlackWhiteAndPrimariesMatchHandValues) {
+  const struct {
+    uint8_t b, g, r;
+    Yuv want;
+  } cases[] = {
+      {0, 0, 0, {128, 16, 128}},        // T = 0: Y = 0x10800 >> 12 = 16
+      {255, 255, 255, {128, 235, 128}},  // T = 897090
+      {255, 0, 0, {240, 41, 110}},       // T = 102255
+      {0, 0, 255, {90, 81, 240}},        // T = 268260
+      {0, 255, 0, {54, 145, 34}},        // T = 526575
+  };
+  for (const auto& c : cases) {
+    const Yuv got = unpack(zycYuvPixel(c.b, c.g, c.r));
+    EXPECT_EQ(got.u, c.want.u) << int(c.b) << "," << int(c.g) << "," << int(c.r);
+    EXPECT_EQ(got.y, c.want.y) << int(c.b) << "," << int(c.g) << "," << int(c.r);
+    EXPECT_EQ(got.v, c.want.v) << int(c.b) << "," << int(c.g) << "," << int(c.r);
+  }
+}
+
+TEST(YuvConversion, AlphaByteIs255) {
+  EXPECT_EQ(zycYuvPixel(0, 0, 0) >> 24, 255u);
+  EXPECT_EQ(zycYuvPixel(10, 200, 30), 0xFF437E46u);  // U 70, Y 126, V 67
+}
+
+TEST(YuvConversion, PictureConverterWorksInPlaceAndSetsAlpha) {
+  std::vector<uint8_t> picture;
+  for (int i = 0; i < 64; ++i) {
+    picture.push_back(uint8_t(i * 4));
+    picture.push_back(uint8_t(255 - i * 3));
+    picture.push_back(uint8_t(i * 37));
+    picture.push_back(0);  // alpha from the source does not matter
+  }
+  const std::vector<uint8_t> source = picture;
+  std::vector<uint8_t> copy(picture.size());
+  zycConvertToYuv(source.data(), copy.data(), 64);
+  zycConvertToYuv(picture.data(), picture.data(), 64);
+  EXPECT_EQ(picture, copy);
+  for (int i = 0; i < 64; ++i) {
+    const uint32_t w = zycYuvPixel(source[4 * i], source[4 * i + 1], source[4 * i + 2]);
+    EXPECT_EQ(picture[4 * i], uint8_t(w));
+    EXPECT_EQ(picture[4 * i + 1], uint8_t(w >> 8));
+    EXPECT_EQ(picture[4 * i + 2], uint8_t(w >> 16));
+    EXPECT_EQ(picture[4 * i + 3], 255);
+  }
+}
