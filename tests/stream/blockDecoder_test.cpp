@@ -1,0 +1,460 @@
+// The block decoder on hand-made frames: colour blocks, motion copies, splits, fades, YUV
+// colours, the 16 and 24-bit routines, stop and resume, and the tree view. Expected pixels
+// come from the format's rules written out here, not from the decoder's tables.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <tuple>
+#include <vector>
+
+#include "stream/decoderTables.h"
+#include "tests/stream/decodeSupport.h"
+
+using movieBuilder::Bytes;
+using movieBuilder::TreeFrame;
+
+namespace {
+
+struct Picture {
+  uint32_t width, height;
+  std::vector<uint32_t> pixels;
+  Picture(uint32_t w, uint32_t h, uint32_t fill = 0) : width(w), height(h), pixels(w * h, fill) {}
+  uint32_t& at(uint32_t x, uint32_t y) { return pixels[y * width + x]; }
+  void* data() { return pixels.data(); }
+};
+
+// A previous picture whose every pixel is different, with a set top byte.
+Picture numbered(uint32_t w, uint32_t h) {
+  Picture p(w, h);
+  for (uint32_t y = 0; y < h; ++y)
+    for (uint32_t x = 0; x < w; ++x) p.at(x, y) = 0x77000000u | ((y * 7 + 1) & 255) << 16 | x * 5 << 8 | (x + y);
+  return p;
+}
+
+// Four-colour mixes, rounded to nearest.
+uint32_t mixTwoThirds(uint32_t a, uint32_t b) { return uint32_t(std::lround((2.0 * a + b) / 3.0)); }
+
+uint32_t mix32(uint16_t c0, uint16_t c1, bool twoThirdsOfFirst) {
+  const uint32_t a[3] = {widen5(c0 >> 11), widen6((c0 >> 5) & 63), widen5(c0 & 31)};
+  const uint32_t b[3] = {widen5(c1 >> 11), widen6((c1 >> 5) & 63), widen5(c1 & 31)};
+  uint32_t f[3];
+  for (int i = 0; i < 3; ++i) f[i] = twoThirdsOfFirst ? mixTwoThirds(a[i], b[i]) : mixTwoThirds(b[i], a[i]);
+  return word(f[0], f[1], f[2]);
+}
+
+uint32_t plain32(uint16_t c) { return word(widen5(c >> 11), widen6((c >> 5) & 63), widen5(c & 31)); }
+
+int tone(int level, int v) {
+  const double change = (level >= 8 ? (level - 7) : -(8 - level)) * 0.05;
+  const double exact = level >= 8 ? v + (255 - v) * change : v + v * change;
+  return level >= 8 ? int(std::floor(exact + 1e-9)) : int(std::ceil(exact - 1e-9));
+}
+
+uint32_t fade32(uint32_t p, int level) {
+  return uint32_t(tone(level, (p >> 16) & 255)) << 16 | uint32_t(tone(level, (p >> 8) & 255)) << 8 |
+         uint32_t(tone(level, p & 255));
+}
+
+int fixedPoint(int i, int base, double scale) {
+  return int(std::floor(((i - base) * scale + 32768.0) / 65536.0));
+}
+
+int clampByte(int v) { return std::clamp(v, 0, 255); }
+
+// Y, Cb, Cr as 8-bit values to a pixel word.
+uint32_t yuvWord(int y, int cb, int cr) {
+  const int t = fixedPoint(y, 16, 76309);
+  const int r = clampByte(t + fixedPoint(cr, 128, 104597));
+  const int g = clampByte(t + fixedPoint(cr, 128, -53279) + fixedPoint(cb, 128, -25674));
+  const int b = clampByte(t + fixedPoint(cb, 128, 132201));
+  return word(r, g, b);
+}
+
+void expectSquare(Picture& p, uint32_t x0, uint32_t y0, uint32_t size, uint32_t value,
+                  const char* what) {
+  for (uint32_t y = y0; y < y0 + size; ++y)
+    for (uint32_t x = x0; x < x0 + size; ++x)
+      ASSERT_EQ(p.at(x, y), value) << what << " at " << x << "," << y;
+}
+
+// A frame of random but valid nodes over a w x h picture.
+class MixedFrame {
+ public:
+  MixedFrame(uint32_t w, uint32_t h, uint32_t seed) : w_(w), h_(h), seed_(seed) {}
+
+  TreeFrame Build() {
+    state_ = seed_;
+    TreeFrame tree;
+    for (uint32_t y = 0; y < h_; y += 16)
+      for (uint32_t x = 0; x < w_; x += 16) Node(tree, x, y, 16);
+    return tree;
+  }
+
+ private:
+  uint32_t Next() {
+    state_ = state_ * 1664525u + 1013904223u;
+    return state_ >> 8;
+  }
+
+  uint32_t Vector(uint32_t x, uint32_t y, uint32_t size) {
+    for (int tries = 0; tries < 8; ++tries) {
+      const uint32_t index = Next() % 160;
+      const int sx = int(x) + kSmallMotionTable[index][0];
+      const int sy = int(y) + kSmallMotionTable[index][1];
+      if (sx >= 0 && sy >= 0 && sx + int(size) <= int(w_) && sy + int(size) <= int(h_)) return index;
+    }
+    return 0;
+  }
+
+  void Node(TreeFrame& tree, uint32_t x, uint32_t y, uint32_t size) {
+    switch (Next() % 4) {
+      case 0:
+        tree.Copy(Vector(x, y, size));
+        break;
+      case 1:
+        tree.Split();
+        if (size > 4) {
+          const uint32_t h = size / 2;
+          Node(tree, x, y, h);
+          Node(tree, x + h, y, h);
+          Node(tree, x, y + h, h);
+          Node(tree, x + h, y + h, h);
+        }
+        break;
+      case 2:
+        tree.Colour(uint16_t(Next()), uint16_t(Next()), Next() ^ Next() << 16);
+        break;
+      default: {
+        const uint32_t index = Vector(x, y, size);
+        tree.Fade(index, Next() % 16);
+        break;
+      }
+    }
+  }
+
+  uint32_t w_, h_, seed_, state_ = 0;
+};
+
+}  // namespace
+
+TEST(BlockDecoder, KeyFrameOfColourBlocks) {
+  TestDecoder decoder(32, 16);
+  const uint16_t red = 0xF800, blue = 0x001F, grey = rgb565(10, 20, 30);
+  const uint16_t magenta = 0xF81F, green = 0x07E0, mid = 0x8410;
+  TreeFrame tree;
+  tree.Colour(red, blue, 0xE4E4E4E4);  // each row: indices 0, 1, 2, 3
+  tree.Split();
+  tree.Colour(grey, grey, 0xE4E4E4E4);
+  tree.Split()
+      .Colour(0xFFFF, 0x0000, allIndices(2))
+      .Colour(0x0000, 0xFFFF, allIndices(2))
+      .Colour(0x0000, 0xFFFF, allIndices(3))
+      .Colour(magenta, green, 0xE4E4E4E4);
+  tree.Colour(green, blue, allIndices(1));
+  tree.Colour(mid, mid, 0);
+  Bytes frame = tree.Build();
+  EXPECT_EQ(frame[4], 1 | 4);  // needs no previous picture
+
+  Picture previous(32, 16, 0x12345678), current(32, 16, 0xCDCDCDCD);
+  decoder.Frame(frame, previous.data(), current.data());
+
+  const uint32_t palette[4] = {0xFF0000, 0x0000FF, mix32(red, blue, true), mix32(red, blue, false)};
+  EXPECT_EQ(palette[2], 0xAA0055u);
+  for (uint32_t col = 0; col < 4; ++col) expectSquare(current, 4 * col, 0, 4, palette[col], "16");
+  // Three-colour mode with equal colours: entry 2 is the colour, entry 3 the zero word.
+  const uint32_t g = plain32(grey);
+  const uint32_t three[4] = {g, g, g, 0};
+  for (uint32_t col = 0; col < 4; ++col) expectSquare(current, 16 + 2 * col, 0, 2, three[col], "8");
+  expectSquare(current, 24, 0, 4, 0xAAAAAA, "4 colours of white and black");
+  expectSquare(current, 28, 0, 4, 0x7F7F7F, "three colours of black and white");
+  expectSquare(current, 24, 4, 4, 0, "three-colour entry 3");
+  EXPECT_EQ(current.at(28, 4), plain32(magenta));
+  EXPECT_EQ(current.at(29, 4), plain32(green));
+  EXPECT_EQ(current.at(30, 4), mix32(magenta, green, true));
+  EXPECT_EQ(current.at(31, 7), mix32(magenta, green, false));
+  expectSquare(current, 16, 8, 8, 0x0000FF, "blue");
+  expectSquare(current, 24, 8, 8, word(132, 130, 132), "mid grey");
+}
+
+TEST(BlockDecoder, CopiesOfVectorZeroRepeatThePreviousPicture) {
+  TestDecoder decoder(48, 32);
+  Picture previous = numbered(48, 32), current(48, 32);
+  TreeFrame tree;
+  for (int i = 0; i < 6; ++i) tree.Copy(0);
+  Bytes frame = tree.Build();
+  EXPECT_EQ(frame[4], 3);
+  decoder.Frame(frame, previous.data(), current.data());
+  EXPECT_EQ(current.pixels, previous.pixels);
+}
+
+TEST(BlockDecoder, MotionCopiesTakeBlocksAtTheirVectors) {
+  TestDecoder decoder(32, 32);
+  Picture previous = numbered(32, 32), current(32, 32, 0xDEADBEEF);
+  TreeFrame tree;
+  tree.Copy(4);                                      // (0, 1)
+  tree.Split().Copy(2).Copy(0).Copy(1).Copy(5);      // (-1, 0), (0, 0), (0, -1), (-1, -1)
+  tree.Copy(1);                                      // (0, -1)
+  tree.Split();
+  tree.Split().Copy(68).Split().Copy(0).Copy(8);     // (-5, 0), nothing, (0, 0), (1, 1)
+  tree.Copy(0).Copy(0).Copy(0);
+  Bytes frame = tree.Build();
+  decoder.Frame(frame, previous.data(), current.data());
+
+  auto expectMoved = [&](uint32_t x0, uint32_t y0, uint32_t size, int dx, int dy) {
+    for (uint32_t y = y0; y < y0 + size; ++y)
+      for (uint32_t x = x0; x < x0 + size; ++x)
+        ASSERT_EQ(current.at(x, y), previous.at(x + dx, y + dy)) << x << "," << y;
+  };
+  expectMoved(0, 0, 16, 0, 1);
+  expectMoved(16, 0, 8, -1, 0);
+  expectMoved(24, 0, 8, 0, 0);
+  expectMoved(16, 8, 8, 0, -1);
+  expectMoved(24, 8, 8, -1, -1);
+  expectMoved(0, 16, 16, 0, -1);
+  expectMoved(16, 16, 4, -5, 0);
+  expectSquare(current, 20, 16, 4, 0xDEADBEEF, "split at size 4 leaves stale pixels");
+  expectMoved(16, 20, 4, 0, 0);
+  expectMoved(20, 20, 4, 1, 1);
+  expectMoved(24, 16, 8, 0, 0);
+  expectMoved(16, 24, 8, 0, 0);
+  expectMoved(24, 24, 8, 0, 0);
+}
+
+TEST(BlockDecoder, FadesMapEveryFieldAndClearTheTopByte) {
+  TestDecoder decoder(16, 48);
+  Picture previous = numbered(16, 48), current(16, 48);
+  TreeFrame tree;
+  tree.Fade(0, 2).Fade(1, 9).Fade(4, 15);
+  Bytes frame = tree.Build();
+  zycFrameItems items;
+  ASSERT_TRUE(zycSplitFrame(frame.data(), frame.size(), &items));
+  ASSERT_EQ(items.fade.size, 2u);
+  EXPECT_EQ(frame[items.fade.offset + 1], 0x0F);  // odd count: high half of the last byte is 0
+  decoder.Frame(frame, previous.data(), current.data());
+  for (uint32_t y = 0; y < 16; ++y) {
+    for (uint32_t x = 0; x < 16; ++x) {
+      ASSERT_EQ(current.at(x, y), fade32(previous.at(x, y), 2));
+      ASSERT_EQ(current.at(x, y + 16), fade32(previous.at(x, y + 15), 9));
+      ASSERT_EQ(current.at(x, y + 32), fade32(previous.at(x, y + 33), 15));
+    }
+  }
+  EXPECT_EQ(decoder.state->fadeHalf, 1u);
+  EXPECT_EQ(decoder.state->treeBits, 3u);
+}
+
+TEST(BlockDecoder, OddFadeCountTogglesHalfByteAndNextFrameRestarts) {
+  TestDecoder decoder(16, 48);
+  Picture first = numbered(16, 48), second(16, 48), third(16, 48);
+  TreeFrame a;
+  a.Fade(0, 3).Copy(0).Split().Fade(0, 5).Fade(0, 12).Fade(0, 7).Copy(0);
+  Bytes frameA = a.Build();
+  decoder.Frame(frameA, first.data(), second.data());
+  EXPECT_EQ(second.at(3, 3), fade32(first.at(3, 3), 3));
+  EXPECT_EQ(second.at(3, 35), fade32(first.at(3, 35), 5));
+  EXPECT_EQ(second.at(12, 35), fade32(first.at(12, 35), 12));
+  EXPECT_EQ(second.at(3, 44), fade32(first.at(3, 44), 7));
+  EXPECT_EQ(second.at(12, 44), first.at(12, 44));
+  ASSERT_EQ(decoder.state->fadeHalf, 0u);
+  // Three levels in the next frame: its first level is a low half again.
+  TreeFrame b;
+  b.Fade(0, 4).Fade(0, 11).Fade(0, 1);
+  Bytes frameB = b.Build();
+  decoder.Frame(frameB, second.data(), third.data());
+  EXPECT_EQ(decoder.state->fadeHalf, 1u);
+  TreeFrame c;
+  c.Fade(0, 14).Copy(0).Fade(0, 6);
+  Bytes frameC = c.Build();
+  Picture fourth(16, 48);
+  decoder.Frame(frameC, third.data(), fourth.data());
+  EXPECT_EQ(third.at(0, 0), fade32(second.at(0, 0), 4));
+  EXPECT_EQ(fourth.at(5, 5), fade32(third.at(5, 5), 14));
+  EXPECT_EQ(fourth.at(5, 21), third.at(5, 21));
+  EXPECT_EQ(fourth.at(5, 37), fade32(third.at(5, 37), 6));
+}
+
+TEST(BlockDecoder, WideMotionIndicesSelectTheLargeTable) {
+  TestDecoder decoder(48, 48, 32, 0, 0);
+  Picture previous = numbered(48, 48), current(48, 48);
+  std::vector<std::tuple<int, int, int>> order;
+  for (int dy = -32; dy < 32; ++dy)
+    for (int dx = -32; dx < 32; ++dx) order.emplace_back(dx * dx + dy * dy, dy, dx);
+  std::sort(order.begin(), order.end());
+  TreeFrame tree(true);
+  const uint32_t indices[9] = {0, 0, 0, 0, 6, 633, 0, 3688, 4095};
+  for (uint32_t index : indices) tree.Copy(index);
+  Bytes frame = tree.Build();
+  decoder.Frame(frame, previous.data(), current.data());
+  for (int block = 0; block < 9; ++block) {
+    const int dx = std::get<2>(order[indices[block]]), dy = std::get<1>(order[indices[block]]);
+    const uint32_t x0 = 16 * (block % 3), y0 = 16 * (block / 3);
+    if (int(x0) + dx < 0 || int(y0) + dy < 0 || x0 + dx + 16 > 48 || y0 + dy + 16 > 48) {
+      ADD_FAILURE() << "test vector leaves the picture: " << block;
+      continue;
+    }
+    for (uint32_t y = y0; y < y0 + 16; ++y)
+      for (uint32_t x = x0; x < x0 + 16; ++x)
+        ASSERT_EQ(current.at(x, y), previous.at(x + dx, y + dy)) << "block " << block;
+  }
+  EXPECT_EQ(current.at(32, 32), previous.at(0, 0));
+}
+
+TEST(BlockDecoder, YuvColourWordsConvertAndBlackIsDarkGreen) {
+  TestDecoder decoder(48, 16, 32, 1);
+  Picture previous(48, 16), current(48, 16);
+  const uint16_t c0 = rgb565(200 >> 3, 100 >> 2, 60 >> 3), c1 = rgb565(40 >> 3, 220 >> 2, 180 >> 3);
+  TreeFrame tree;
+  tree.Colour(0, 0, allIndices(3)).Colour(0x07E0, 0x07E0, 0).Colour(c0, c1, 0xE4E4E4E4);
+  Bytes frame = tree.Build();
+  decoder.Frame(frame, previous.data(), current.data());
+  expectSquare(current, 0, 0, 16, 0x008700, "three-colour entry 3 in YUV");
+  EXPECT_EQ(yuvWord(0, 0, 0), 0x008700u);
+  expectSquare(current, 16, 0, 16, yuvWord(255, 0, 0), "Y only");
+  const uint32_t a = plain32(c0), b = plain32(c1), m2 = mix32(c0, c1, true), m3 = mix32(c0, c1, false);
+  const uint32_t expected[4] = {yuvWord((a >> 8) & 255, a & 255, a >> 16),
+                                yuvWord((b >> 8) & 255, b & 255, b >> 16),
+                                yuvWord((m2 >> 8) & 255, m2 & 255, m2 >> 16),
+                                yuvWord((m3 >> 8) & 255, m3 & 255, m3 >> 16)};
+  for (uint32_t col = 0; col < 4; ++col)
+    expectSquare(current, 32 + 4 * col, 0, 4, expected[col], "YUV palette");
+}
+
+TEST(BlockDecoder, TwentyFourBitRoutineMatchesThirtyTwoBit) {
+  for (uint32_t yuv = 0; yuv < 2; ++yuv) {
+    TestDecoder wide(64, 48, 32, yuv), narrow(64, 48, 24, yuv);
+    Picture previous = numbered(64, 48), current(64, 48);
+    std::vector<uint8_t> previous24(64 * 48 * 3), current24(64 * 48 * 3);
+    for (size_t i = 0; i < previous.pixels.size(); ++i)
+      std::memcpy(&previous24[3 * i], &previous.pixels[i], 3);
+    MixedFrame mixed(64, 48, 11 + yuv);
+    Bytes frame32 = mixed.Build().Build(), frame24 = mixed.Build().Build();
+    wide.Frame(frame32, previous.data(), current.data());
+    narrow.Frame(frame24, previous24.data(), current24.data());
+    for (size_t i = 0; i < current.pixels.size(); ++i) {
+      uint32_t p = 0;
+      std::memcpy(&p, &current24[3 * i], 3);
+      ASSERT_EQ(p, current.pixels[i] & 0xFFFFFF) << "pixel " << i << " yuv " << yuv;
+    }
+  }
+}
+
+TEST(BlockDecoder, SixteenBitRoutineKeepsFieldWidths) {
+  TestDecoder decoder(16, 16, 16);
+  std::vector<uint16_t> previous(256, rgb565(20, 40, 10)), current(256, 0xBEEF);
+  const uint16_t c0 = rgb565(31, 0, 10), c1 = rgb565(0, 63, 1);
+  TreeFrame tree;
+  tree.Split();
+  tree.Colour(c0, c1, 0xE4E4E4E4);
+  tree.Split()
+      .Colour(rgb565(3, 5, 7), rgb565(9, 11, 13), allIndices(2))
+      .Colour(rgb565(3, 5, 7), rgb565(9, 11, 13), allIndices(3))
+      .Copy(0)
+      .Copy(0);
+  tree.Fade(0, 3);
+  tree.Copy(0);
+  Bytes frame = tree.Build();
+  decoder.Frame(frame, previous.data(), current.data());
+  auto at = [&](int x, int y) { return current[y * 16 + x]; };
+  auto third = [](int a, int b) { return int(std::lround((2.0 * a + b) / 3.0)); };
+  EXPECT_EQ(at(0, 0), c0);
+  EXPECT_EQ(at(3, 1), c1);
+  EXPECT_EQ(at(4, 0), rgb565(third(31, 0), third(0, 63), third(10, 1)));
+  EXPECT_EQ(at(7, 7), rgb565(third(0, 31), third(63, 0), third(1, 10)));
+  EXPECT_EQ(at(4, 0), rgb565(21, 21, 7));
+  EXPECT_EQ(at(9, 1), rgb565(6, 8, 10));
+  EXPECT_EQ(at(13, 1), 0);
+  EXPECT_EQ(at(9, 6), rgb565(20, 40, 10));
+  // Level 3 on fields 20, 40 and 10, widened: 165, 162 and 82 lose a quarter.
+  EXPECT_EQ(at(2, 10), rgb565(124 >> 3, 120 >> 2, 62 >> 3));
+  EXPECT_EQ(at(12, 12), rgb565(20, 40, 10));
+}
+
+TEST(BlockDecoder, SixteenBitYuvUsesTheGreyClamp) {
+  TestDecoder decoder(32, 16, 16, 1);
+  std::vector<uint16_t> previous(512), current(512);
+  TreeFrame tree;
+  tree.Colour(0, 0, allIndices(3)).Colour(0x07E0, 0x07E0, 0);
+  Bytes frame = tree.Build();
+  decoder.Frame(frame, previous.data(), current.data());
+  EXPECT_EQ(current[0], 135 >> 2 << 5);
+  const uint32_t w = yuvWord(255, 0, 0);
+  EXPECT_EQ(current[16], rgb565((w >> 16) >> 3, ((w >> 8) & 255) >> 2, (w & 255) >> 3));
+}
+
+TEST(BlockDecoder, StopBetweenRowsThenResumeEqualsUndisturbedRun) {
+  const uint32_t w = 32, h = 64;
+  Picture previous = numbered(w, h), whole(w, h), stopped(w, h);
+  // The first block of the second row is white, so a stop word inside it turns non-zero
+  // once that row is decoded.
+  auto make = [&]() {
+    TreeFrame tree;
+    tree.Fade(0, 6).Colour(0x1234, 0x4321, 0x55AA55AA);
+    tree.Colour(0xFFFF, 0xFFFF, 0).Split().Fade(0, 9).Copy(1).Fade(2, 13).Colour(1, 2, 3);
+    tree.Split().Fade(0, 2).Fade(0, 3).Copy(0).Fade(0, 4).Fade(1, 5);
+    tree.Copy(3).Split().Copy(0).Fade(1, 8).Copy(0).Copy(0);
+    return tree.Build();
+  };
+  Bytes frameWhole = make(), frameStopped = make();
+
+  TestDecoder reference(w, h);
+  reference.Frame(frameWhole, previous.data(), whole.data());
+
+  TestDecoder decoder(w, h);
+  zycFrameDecoder& state = *decoder.state;
+  zycFrameItems items;
+  ASSERT_TRUE(zycSplitFrame(frameStopped.data(), frameStopped.size(), &items));
+  zycSetFrameStreams(state, items, frameStopped.data());
+  state.stopWord = &stopped.at(0, 16);
+  state.stopMask = 0xFFFFFFFF;
+  state.DecodeFrame(reinterpret_cast<uint8_t*>(previous.data()),
+                    reinterpret_cast<uint8_t*>(stopped.data()));
+  EXPECT_EQ(*state.stateWord, 2u);
+  EXPECT_EQ(state.resumeRow, 32u);
+  for (uint32_t y = 32; y < h; ++y)
+    for (uint32_t x = 0; x < w; ++x) ASSERT_EQ(stopped.at(x, y), 0u) << x << "," << y;
+
+  uint32_t quiet = 0;
+  state.stopWord = &quiet;
+  state.DecodeFrame(reinterpret_cast<uint8_t*>(previous.data()),
+                    reinterpret_cast<uint8_t*>(stopped.data()));
+  EXPECT_EQ(*state.stateWord, 0u);
+  EXPECT_EQ(stopped.pixels, whole.pixels);
+  EXPECT_EQ(state.fadeHalf, reference.state->fadeHalf);
+  EXPECT_EQ(state.treeStream, frameStopped.data() + (reference.state->treeStream - frameWhole.data()));
+}
+
+TEST(BlockDecoder, StopMaskZeroLetsTheFrameRunThrough) {
+  const uint32_t w = 48, h = 48;
+  Picture previous = numbered(w, h), whole(w, h), masked(w, h);
+  Bytes frameWhole = MixedFrame(w, h, 9).Build().Build();
+  Bytes frameMasked = MixedFrame(w, h, 9).Build().Build();
+  TestDecoder reference(w, h), decoder(w, h);
+  reference.Frame(frameWhole, previous.data(), whole.data());
+  uint32_t stop = 0xFFFFFFFF;
+  decoder.state->stopWord = &stop;
+  decoder.state->stopMask = 0;
+  decoder.Frame(frameMasked, previous.data(), masked.data());
+  EXPECT_EQ(*decoder.state->stateWord, 0u);
+  EXPECT_EQ(masked.pixels, whole.pixels);
+}
+
+TEST(BlockDecoder, TreeViewPaintsSymbolsBySize) {
+  TestDecoder decoder(32, 16);
+  decoder.state->treeView = 1;
+  Picture previous(32, 16), current(32, 16, 0xCCCCCCCC);
+  TreeFrame tree;
+  tree.Copy(0);
+  tree.Split().Colour(1, 2, 3).Fade(0, 5).Copy(0);
+  tree.Split().Copy(0).Colour(1, 2, 3).Fade(0, 5).Split();
+  Bytes frame = tree.Build();
+  decoder.Frame(frame, previous.data(), current.data());
+  expectSquare(current, 0, 0, 16, 255, "copy at 16");
+  expectSquare(current, 16, 0, 8, 0xBF0000, "colour at 8");
+  expectSquare(current, 24, 0, 8, 0, "fade at 8");
+  expectSquare(current, 16, 8, 8, 191, "copy at 8");
+  expectSquare(current, 24, 8, 4, 127, "copy at 4");
+  expectSquare(current, 28, 8, 4, 0x7F0000, "colour at 4");
+  expectSquare(current, 24, 12, 4, 0, "fade at 4");
+  expectSquare(current, 28, 12, 4, 0, "split at 4");
+}

@@ -1,0 +1,61 @@
+// A decoder state with its allocator, and the few steps that every decoder test repeats.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "stream/framePayload.h"
+#include "stream/zycDecoder.h"
+#include "tests/support/movieBuilder.h"
+
+struct TestDecoder {
+  myDecoder io;
+  std::unique_ptr<zycFrameDecoder> state = std::make_unique<zycFrameDecoder>();
+
+  TestDecoder(uint32_t width, uint32_t height, uint32_t depth = 32, uint32_t yuv = 0,
+              uint8_t smallMotion = 1) {
+    state->io = &io;
+    state->Setup(width, height, depth, yuv, smallMotion);
+  }
+  ~TestDecoder() { state->Release(); }
+
+  // Splits `frame`, points the streams at it and decodes it from `previous` into `current`.
+  void Frame(movieBuilder::Bytes& frame, void* previous, void* current) {
+    zycFrameItems items;
+    ASSERT_TRUE(zycSplitFrame(frame.data(), frame.size(), &items))
+        << zycPayloadErrorText(items.error);
+    zycSetFrameStreams(*state, items, frame.data());
+    state->DecodeFrame(static_cast<uint8_t*>(previous), static_cast<uint8_t*>(current));
+  }
+
+  void Image(movieBuilder::Bytes& frame, void* output) {
+    zycFrameItems items;
+    ASSERT_TRUE(zycSplitFrame(frame.data(), frame.size(), &items))
+        << zycPayloadErrorText(items.error);
+    zycSetFrameStreams(*state, items, frame.data());
+    state->DecodeImage(static_cast<uint8_t*>(output));
+  }
+};
+
+// R5G6B5 fields widened by repeating their top bits.
+inline uint32_t widen5(uint32_t v) { return (v << 3) | (v >> 2); }
+inline uint32_t widen6(uint32_t v) { return (v << 2) | (v >> 4); }
+
+inline uint16_t rgb565(uint32_t high, uint32_t middle, uint32_t low) {
+  return uint16_t(high << 11 | middle << 5 | low);
+}
+
+// A 32-bit pixel word from its three fields.
+inline uint32_t word(uint32_t high, uint32_t middle, uint32_t low) {
+  return high << 16 | middle << 8 | low;
+}
+
+// Index word whose 16 entries are all `index`.
+inline uint32_t allIndices(uint32_t index) {
+  uint32_t w = 0;
+  for (int i = 0; i < 16; ++i) w |= index << (2 * i);
+  return w;
+}

@@ -1,0 +1,143 @@
+// The decoder's fixed tables against values worked out by hand and by their defining rules.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <set>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "stream/decoderTables.h"
+
+TEST(MotionTables, SmallTableHasDistinctVectorsInGrowingDistance) {
+  std::set<std::pair<int, int>> seen;
+  int previous = 0;
+  for (int i = 0; i < 256; ++i) {
+    const int dx = kSmallMotionTable[i][0], dy = kSmallMotionTable[i][1];
+    EXPECT_TRUE(seen.insert({dx, dy}).second) << "entry " << i;
+    const int d = dx * dx + dy * dy;
+    EXPECT_GE(d, previous) << "entry " << i;
+    previous = d;
+    EXPECT_GE(dx, -32);
+    EXPECT_LT(dx, 32);
+    EXPECT_GE(dy, -32);
+    EXPECT_LT(dy, 32);
+  }
+}
+
+TEST(MotionTables, SmallTableSpotEntries) {
+  const int expected[][3] = {{0, 0, 0},     {1, 0, -1},    {4, 0, 1},      {8, 1, 1},
+                             {53, 4, 1},    {68, -5, 0},   {100, -1, -7},  {128, -7, 6},
+                             {200, 2, -20},  {254, 25, -32}, {255, -32, -32}};
+  for (const auto& e : expected) {
+    EXPECT_EQ(kSmallMotionTable[e[0]][0], e[1]) << "entry " << e[0];
+    EXPECT_EQ(kSmallMotionTable[e[0]][1], e[2]) << "entry " << e[0];
+  }
+}
+
+TEST(MotionTables, LargeTableOrdersTheWholeSquareByDistanceThenRowThenColumn) {
+  static int8_t table[kLargeMotionCount][2];
+  zycFillLargeMotionTable(table);
+  std::vector<std::tuple<int, int, int>> order;
+  for (int dy = -32; dy < 32; ++dy)
+    for (int dx = -32; dx < 32; ++dx) order.emplace_back(dx * dx + dy * dy, dy, dx);
+  std::sort(order.begin(), order.end());
+  ASSERT_EQ(order.size(), 4096u);
+  for (int i = 0; i < 4096; ++i) {
+    ASSERT_EQ(table[i][0], std::get<2>(order[i])) << "entry " << i;
+    ASSERT_EQ(table[i][1], std::get<1>(order[i])) << "entry " << i;
+  }
+  EXPECT_EQ(table[1][0], 0);
+  EXPECT_EQ(table[1][1], -1);
+  EXPECT_EQ(table[4095][0], -32);
+  EXPECT_EQ(table[4095][1], -32);
+}
+
+TEST(DecoderTables, ThirdsRoundAndReachFullWhite) {
+  uint8_t thirds[768];
+  zycFillThirds(thirds);
+  EXPECT_EQ(thirds[0], 0);
+  EXPECT_EQ(thirds[1], 0);
+  EXPECT_EQ(thirds[2], 1);
+  EXPECT_EQ(thirds[518], 173);  // (518 + 1) / 3
+  EXPECT_EQ(thirds[765], 255);
+  EXPECT_EQ(thirds[767], 256 & 255);  // 768 / 3 = 256 does not fit; never reached by a mix
+}
+
+TEST(DecoderTables, ToneCurvesStepByFivePercent) {
+  uint8_t tone8[16][256];
+  zycFillTone8(tone8);
+  EXPECT_EQ(tone8[0][255], 153);  // 40% darker
+  EXPECT_EQ(tone8[15][0], 102);   // 40% towards white
+  EXPECT_EQ(tone8[7][100], 95);   // 5% darker
+  EXPECT_EQ(tone8[8][0], 12);     // 5% brighter, truncated
+  EXPECT_EQ(tone8[8][255], 255);
+  EXPECT_EQ(tone8[7][0], 0);
+  // Mid grey moves in the level's direction, and each level a step further.
+  for (int level = 0; level < 16; ++level) {
+    if (level < 8) {
+      EXPECT_LT(tone8[level][128], 128) << level;
+    } else {
+      EXPECT_GT(tone8[level][128], 128) << level;
+    }
+    if (level > 0) {
+      EXPECT_GT(tone8[level][128], tone8[level - 1][128]) << level;
+    }
+  }
+}
+
+TEST(DecoderTables, ShortToneCurvesWorkOnWidenedFields) {
+  uint8_t tone5[16][32];
+  uint32_t tone6[16][64];
+  zycFillTone5(tone5);
+  zycFillTone6(tone6);
+  // 5-bit 31 is 255; level 0 gives 153, whose top five bits are 19.
+  EXPECT_EQ(tone5[0][31], 19);
+  // 5-bit 0 at level 15: 102 >> 3 = 12.
+  EXPECT_EQ(tone5[15][0], 12);
+  // 6-bit 63 is 255; level 0: 153 & 0xFC = 152, at bits 5-10: 152 * 8.
+  EXPECT_EQ(tone6[0][63], 152u * 8);
+  EXPECT_EQ(tone6[0][63] >> 5, 38u);
+  // 6-bit 10 is 41; level 9: 41 + 214 * 2 / 20 = 62, & 0xFC = 60.
+  EXPECT_EQ(tone6[9][10], 60u * 8);
+}
+
+TEST(DecoderTables, YuvTablesFollowTheFixedPointRule) {
+  int32_t y[256], crR[256], cbB[256], crG[256], cbG[256];
+  zycFillYuvTables(y, crR, cbB, crG, cbG);
+  auto rule = [](int i, int base, double scale) {
+    return int(std::floor(((i - base) * scale + 32768.0) / 65536.0));
+  };
+  for (int i = 0; i < 256; ++i) {
+    ASSERT_EQ(y[i], rule(i, 16, 76309));
+    ASSERT_EQ(crR[i], rule(i, 128, 104597));
+    ASSERT_EQ(cbB[i], rule(i, 128, 132201));
+    ASSERT_EQ(crG[i], rule(i, 128, -53279));
+    ASSERT_EQ(cbG[i], rule(i, 128, -25674));
+  }
+  EXPECT_EQ(y[0], -19);
+  EXPECT_EQ(crR[0], -204);
+  EXPECT_EQ(crG[0], 104);
+  EXPECT_EQ(cbG[0], 50);
+  EXPECT_EQ(cbB[0], -258);
+}
+
+TEST(DecoderTables, ClampTablesCoverTheWholeYuvRange) {
+  uint8_t clamp[812];
+  uint32_t clamp565[812];
+  zycFillClamp(clamp);
+  zycFillClamp565(clamp565);
+  EXPECT_EQ(clamp[0], 0);          // -277
+  EXPECT_EQ(clamp[276], 0);        // -1
+  EXPECT_EQ(clamp[277], 0);        // 0
+  EXPECT_EQ(clamp[277 + 135], 135);
+  EXPECT_EQ(clamp[277 + 255], 255);
+  EXPECT_EQ(clamp[811], 255);      // 534
+  EXPECT_EQ(clamp565[277], 0u);
+  EXPECT_EQ(clamp565[277 + 255], 65535u);
+  EXPECT_EQ(clamp565[277 + 256], 65535u);
+  EXPECT_EQ(clamp565[0], 0u);
+  // Grey 100: 5-bit 12, 6-bit 25.
+  EXPECT_EQ(clamp565[277 + 100], (12u << 11) | (25u << 5) | 12u);
+}
