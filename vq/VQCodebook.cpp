@@ -1,0 +1,204 @@
+// k-means codebook, its sort and its colour key.
+#include "vq/VQCodebook.h"
+
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "base/consoleLog.h"
+
+namespace {
+
+template <typename T>
+T* alignedZeros(size_t count) {
+  const size_t bytes = (count * sizeof(T) + 15) & ~size_t(15);
+  T* p = static_cast<T*>(std::aligned_alloc(16, bytes ? bytes : 16));
+  std::memset(p, 0, bytes ? bytes : 16);
+  return p;
+}
+
+}  // namespace
+
+VQCodebook::VQCodebook(uint32_t n, bool useSse) : size(n) {
+  ZYC_ASSERT(n % 4 == 0 && n > 0, "VQCodebook::VQCodebook", "Internal error.\n");
+  vectors = alignedZeros<float>(size_t(n) * kVqComponents);
+  sums = alignedZeros<float>(size_t(n) * kVqComponents);
+  worstVectors = alignedZeros<float>(size_t(n) * kVqComponents);
+  worstDistances = alignedZeros<float>(n);
+  counts = alignedZeros<uint32_t>(n);
+  distances = alignedZeros<float>(n);
+  interleaved = alignedZeros<float>(size_t(n) * kVqComponents);
+  // The fast kind only where the build has it.
+  sse = useSse && vqDistancesSse(interleaved, 4, vectors, distances);
+}
+
+VQCodebook::~VQCodebook() {
+  std::free(vectors);
+  std::free(sums);
+  std::free(worstVectors);
+  std::free(worstDistances);
+  std::free(counts);
+  std::free(distances);
+  std::free(interleaved);
+}
+
+void VQCodebook::setVector(uint32_t i, const float* source) {
+  float* row = vectors + size_t(i) * kVqComponents;
+  if (row != source) std::memmove(row, source, kVqComponents * sizeof(float));
+  float* group = interleaved + size_t(i / 4) * kVqComponents * 4 + i % 4;
+  for (uint32_t c = 0; c < kVqComponents; ++c) group[c * 4] = row[c];
+}
+
+void VQCodebook::init() {
+  float row[kVqComponents];
+  for (uint32_t i = 0; i < size; ++i) {
+    const float grey = float(double(i) * 255.0 / double(size - 1));
+    for (uint32_t c = 0; c < kVqComponents; ++c) row[c] = grey;
+    setVector(i, row);
+  }
+}
+
+void VQCodebook::computeDistances(const float* vector) {
+  if (sse)
+    vqDistancesSse(interleaved, size, vector, distances);
+  else
+    vqDistancesPlain(vectors, size, vector, distances);
+}
+
+uint32_t VQCodebook::nearest(const float* vector, float* outDistance) {
+  computeDistances(vector);
+  uint32_t best = 0;
+  float bestDistance = distances[0];
+  for (uint32_t i = 1; i < size; ++i) {
+    if (distances[i] < bestDistance) {
+      bestDistance = distances[i];
+      best = i;
+    }
+  }
+  *outDistance = bestDistance;
+  return best;
+}
+
+void VQCodebook::add(const float* vector) {
+  float d;
+  const uint32_t i = nearest(vector, &d);
+  if (d > worstDistances[i]) {
+    worstDistances[i] = d;
+    std::memcpy(worstVectors + size_t(i) * kVqComponents, vector, kVqComponents * sizeof(float));
+  }
+  float* sum = sums + size_t(i) * kVqComponents;
+  for (uint32_t c = 0; c < kVqComponents; ++c) sum[c] += vector[c];
+  counts[i] += 1;
+}
+
+void VQCodebook::update() {
+  usedVectors = 0;
+  updatedVectors = 0;
+  for (uint32_t i = 0; i < size; ++i) {
+    if (counts[i] == 0) continue;
+    ++usedVectors;
+    float* mean = sums + size_t(i) * kVqComponents;
+    const float scale = 1.0f / float(counts[i]);
+    for (uint32_t c = 0; c < kVqComponents; ++c) mean[c] *= scale;
+    if (vqDistance(mean, vectors + size_t(i) * kVqComponents) > kVqUpdateThreshold) {
+      setVector(i, mean);
+      ++updatedVectors;
+    }
+  }
+  for (uint32_t i = 0; i < size; ++i) {
+    if (counts[i] != 0) continue;
+    uint32_t worst = 0;
+    for (uint32_t j = 1; j < size; ++j)
+      if (worstDistances[j] > worstDistances[worst]) worst = j;
+    setVector(i, worstVectors + size_t(worst) * kVqComponents);
+    worstDistances[worst] = 0.0f;
+  }
+  const size_t rows = size_t(size) * kVqComponents;
+  std::memset(sums, 0, rows * sizeof(float));
+  std::memset(worstVectors, 0, rows * sizeof(float));
+  std::memset(counts, 0, size * sizeof(uint32_t));
+  std::memset(distances, 0, size * sizeof(float));
+  std::memset(worstDistances, 0, size * sizeof(float));
+}
+
+uint32_t VQCodebook::train(const float* trainingVectors, uint32_t count, bool verbose) {
+  init();
+  uint32_t rounds = 0;
+  do {
+    for (uint32_t k = 0; k < count; ++k) add(trainingVectors + size_t(k) * kVqComponents);
+    update();
+    ++rounds;
+    if (verbose)
+      zycLog("Updated Vectors: %lu, used Vectors: %lu\n", (unsigned long)updatedVectors,
+             (unsigned long)usedVectors);
+  } while (updatedVectors != 0);
+  return rounds;
+}
+
+void vqDistancesPlain(const float* vectors, uint32_t size, const float* vector, float* out) {
+  for (uint32_t i = 0; i < size; ++i) out[i] = vqDistance(vectors + size_t(i) * kVqComponents, vector);
+}
+
+void vqSortAscending(const float* keys, uint32_t count, uint32_t* order) {
+  // Least significant digit radix sort over the float bits made monotonic; each pass is
+  // stable, so equal keys keep their order.
+  std::vector<uint32_t> bits(count), other(count), keysOther(count);
+  std::vector<uint32_t> sortedKeys(count);
+  for (uint32_t i = 0; i < count; ++i) {
+    uint32_t b;
+    std::memcpy(&b, keys + i, 4);
+    sortedKeys[i] = (b & 0x80000000u) ? ~b : (b | 0x80000000u);
+    order[i] = i;
+  }
+  for (int shift = 0; shift < 32; shift += 8) {
+    uint32_t histogram[257] = {};
+    for (uint32_t i = 0; i < count; ++i) ++histogram[((sortedKeys[i] >> shift) & 255) + 1];
+    for (int d = 0; d < 256; ++d) histogram[d + 1] += histogram[d];
+    for (uint32_t i = 0; i < count; ++i) {
+      const uint32_t slot = histogram[(sortedKeys[i] >> shift) & 255]++;
+      keysOther[slot] = sortedKeys[i];
+      other[slot] = order[i];
+    }
+    for (uint32_t i = 0; i < count; ++i) {
+      sortedKeys[i] = keysOther[i];
+      order[i] = other[i];
+    }
+  }
+}
+
+void vqColourHvs(uint8_t b0, uint8_t b1, uint8_t b2, float* hue, float* value,
+                 float* saturation) {
+  const float a = b0 * (1.0f / 255.0f), b = b1 * (1.0f / 255.0f), c = b2 * (1.0f / 255.0f);
+  const float max = std::fmax(a, std::fmax(b, c));
+  const float min = std::fmin(a, std::fmin(b, c));
+  *value = max;
+  *saturation = max == 0.0f ? 0.0f : 1.0f - min / max;
+  float h = 0.0f;
+  if (max != min) {
+    if (max == a) {
+      h = (b - c) * 60.0f / (max - min);
+      h -= 360.0f * std::floor(h / 360.0f);
+    } else if (max == b) {
+      h = (c - a) * 60.0f / (max - min) + 120.0f;
+    } else {
+      h = (a - b) * 60.0f / (max - min) + 240.0f;
+    }
+  }
+  *hue = h / 360.0f;
+}
+
+float vqColourKey(const uint8_t pixels[48]) {
+  float hueSum = 0.0f, valueSum = 0.0f, saturationSum = 0.0f;
+  for (int p = 0; p < 16; ++p) {
+    float h, v, s;
+    vqColourHvs(pixels[3 * p], pixels[3 * p + 1], pixels[3 * p + 2], &h, &v, &s);
+    hueSum += h;
+    valueSum += v;
+    saturationSum += s;
+  }
+  const float averageHue = hueSum * 0.0625f;
+  const float averageValue = valueSum * 0.0625f;
+  const float averageSaturation = saturationSum * 0.0625f;
+  return (averageSaturation * 2.0f + averageHue) * 2.0f + averageValue;
+}
