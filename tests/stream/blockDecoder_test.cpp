@@ -226,7 +226,7 @@ TEST(BlockDecoder, FadesMapEveryFieldAndClearTheTopByte) {
   TestDecoder decoder(16, 48);
   Picture previous = numbered(16, 48), current(16, 48);
   TreeFrame tree;
-  tree.Fade(0, 2).Fade(1, 9).Fade(4, 15);
+  tree.Fade(0, 2).Fade(4, 9).Fade(1, 15);
   Bytes frame = tree.Build();
   zycFrameItems items;
   ASSERT_TRUE(zycSplitFrame(frame.data(), frame.size(), &items));
@@ -236,8 +236,8 @@ TEST(BlockDecoder, FadesMapEveryFieldAndClearTheTopByte) {
   for (uint32_t y = 0; y < 16; ++y) {
     for (uint32_t x = 0; x < 16; ++x) {
       ASSERT_EQ(current.at(x, y), fade32(previous.at(x, y), 2));
-      ASSERT_EQ(current.at(x, y + 16), fade32(previous.at(x, y + 15), 9));
-      ASSERT_EQ(current.at(x, y + 32), fade32(previous.at(x, y + 33), 15));
+      ASSERT_EQ(current.at(x, y + 16), fade32(previous.at(x, y + 17), 9));
+      ASSERT_EQ(current.at(x, y + 32), fade32(previous.at(x, y + 31), 15));
     }
   }
   EXPECT_EQ(decoder.state->fadeHalf, 1u);
