@@ -1,23 +1,629 @@
+// zycEncoder: Begin writes the header and the first key frame, Next codes one more picture,
+// End tears the job down. A frame is searched once (BuildMotionVector), then the rate loop walks
+// the tree at one threshold after another and packs each try for real, until the packed size
+// hits the frame's budget. The frame decoder rebuilds what a player will show; the next frame
+// searches against that picture and its 16 fades.
 #include "encoder/zycEncoder.h"
 
-// Interim: the object and its parameter fields exist; coding arrives with the encoder's frame
-// loop. Until then Begin refuses every job.
-struct zycEncoder::State {};
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <vector>
 
-zycEncoder::zycEncoder() = default;
-zycEncoder::~zycEncoder() { delete state_; }
+#include "base/byteIo.h"
+#include "base/clock.h"
+#include "base/consoleLog.h"
+#include "dxt/buildLevels.h"
+#include "dxt/yuvConvert.h"
+#include "encoder/blockTreeWriter.h"
+#include "encoder/keyFrames.h"
+#include "encoder/motionSearch.h"
+#include "encoder/rateControl.h"
+#include "encoder/sectionPacker.h"
+#include "encoder/sound.h"
+#include "stream/container.h"
+#include "stream/decoderTables.h"
+#include "stream/zycDecoder.h"
+
+namespace {
+
+// A picture of 4-byte pixels in 16-byte aligned storage.
+struct Picture {
+  uint8_t* data = nullptr;
+  void Allocate(size_t bytes, uint8_t fill) {
+    std::free(data);
+    data = static_cast<uint8_t*>(std::aligned_alloc(16, (bytes + 15) & ~size_t(15)));
+    ZYC_ASSERT(data != nullptr, "zycEncoder::Begin", "no memory for a picture of %zu bytes\n",
+               bytes);
+    std::memset(data, fill, bytes);
+  }
+  ~Picture() { std::free(data); }
+};
+
+void WriteZeros(FILE* file, size_t count) {
+  static const uint8_t kZeros[8] = {};
+  if (file) std::fwrite(kZeros, 1, count, file);
+}
+
+}  // namespace
+
+struct zycEncoder::State {
+  zycStreamHeader header;
+  uint32_t paddedWidth = 0;
+  uint32_t paddedHeight = 0;
+  uint32_t frameIndex = 0;
+  uint32_t lastKeyFrame = 0;
+  int32_t compressionSize = 0;
+  int32_t credit = 0;
+  long sectionStart = 0;
+  uint32_t sectionSize = 0;
+
+  Picture sourceFrame;
+  Picture sourceYuv;
+  Picture previousFrame;
+  Picture decoded;  // the decoder's output, exchanged with previousFrame after each frame
+  Picture references[17];
+  zycDxtLevels levels;
+
+  std::vector<zycBlock> topBlocks;
+  zycBlockPool pool;
+  zycFrameLists lists;
+  uint32_t opcodeLength = 0;  // packed, flags byte included
+  uint32_t fadeLength = 0;    // packed
+  std::vector<uint8_t> colourItem;
+  std::vector<uint8_t> treeCopy;
+
+  zycSadKernels kernels;
+  int8_t largeTable[kLargeMotionCount][2] = {};
+  zycMotionSearch search;
+  double searchSeconds = 0.0;
+  uint32_t searchCalls = 0;
+
+  zycSoundStep sound;
+  bool soundHandled = false;  // rate, "EXTC" and "pFMT" all non-zero
+  zycSectionPacker packer;
+  zycFileHolder* output = nullptr;
+  FILE* extra[kExtraOutputCount] = {};
+
+  myDecoder decoderIo;
+  std::unique_ptr<zycFrameDecoder> frameDecoder{new zycFrameDecoder};
+  bool decoderReady = false;
+
+  FrameInfo last;
+
+  FILE* file() const { return output ? output->file : nullptr; }
+  size_t PictureBytes() const { return size_t(paddedWidth) * paddedHeight * 4; }
+};
+
+zycEncoder::zycEncoder() : state_(new State) {}
+
+zycEncoder::~zycEncoder() {
+  End();
+  delete state_;
+}
 
 void zycEncoder::SetJobRange(uint32_t first, uint32_t total) {
   firstFrame = first;
   frameTotal = total;
 }
 
-int32_t zycEncoder::Begin(zycStreamHeader&, const zylFrameImage&, zycFileHolder*, FILE**,
-                          zylAudioSupplierFn, void*, zylProgress*, const zylKeyframeRange*) {
-  return 1;
+const uint8_t* zycEncoder::Reconstructed() const { return state_->previousFrame.data; }
+uint32_t zycEncoder::Pitch() const { return state_->paddedWidth * 4; }
+const zycEncoder::FrameInfo& zycEncoder::LastFrame() const { return state_->last; }
+int32_t zycEncoder::CompressionSize() const { return state_->compressionSize; }
+int32_t zycEncoder::Credit() const { return state_->credit; }
+uint32_t zycEncoder::PaddedWidth() const { return state_->paddedWidth; }
+uint32_t zycEncoder::PaddedHeight() const { return state_->paddedHeight; }
+const uint8_t* zycEncoder::SourceFrame() const { return state_->sourceFrame.data; }
+
+// ---------------------------------------------------------------------------------------------
+// Pictures.
+
+namespace {
+
+// Copies `image` into the padded picture (black outside it) and its YUV form.
+void TakePicture(const zylFrameImage& image, uint32_t paddedWidth, uint32_t paddedHeight,
+                 uint8_t* sourceFrame, uint8_t* sourceYuv) {
+  const uint32_t w = uint32_t(image.width > 0 ? image.width : 0);
+  const uint32_t h = uint32_t(image.height > 0 ? image.height : 0);
+  for (uint32_t y = 0; y < paddedHeight; ++y) {
+    uint8_t* row = sourceFrame + size_t(y) * paddedWidth * 4;
+    if (y < h && image.pixels) {
+      const uint32_t inside = w < paddedWidth ? w : paddedWidth;
+      std::memcpy(row, image.pixels + size_t(y) * w * 4, size_t(inside) * 4);
+      std::memset(row + size_t(inside) * 4, 0, size_t(paddedWidth - inside) * 4);
+    } else {
+      std::memset(row, 0, size_t(paddedWidth) * 4);
+    }
+  }
+  zycConvertToYuv(sourceFrame, sourceYuv, paddedWidth * paddedHeight);
 }
 
-int32_t zycEncoder::Next(const zylFrameImage&, zylProgress*) { return 0; }
-void zycEncoder::End() {}
-const uint8_t* zycEncoder::Reconstructed() const { return nullptr; }
-uint32_t zycEncoder::Pitch() const { return 0; }
+inline uint8_t Darker(uint8_t c, int f) { return uint8_t(c - c * (8 - f) / 20); }
+inline uint8_t Lighter(uint8_t c, int f) { return uint8_t(c + (255 - c) * (f - 7) / 20); }
+
+}  // namespace
+
+// references[0] is the rebuilt picture in YUV; 1 to 16 are its fades, darker by 40% down to
+// 5%, then lighter by 5% up to 40%.
+void zycEncoder::BuildReferences() {
+  State& s = *state_;
+  const uint32_t count = s.paddedWidth * s.paddedHeight;
+  zycConvertToYuv(s.previousFrame.data, s.references[0].data, count);
+  if (noFade) return;
+  const uint8_t* p = s.previousFrame.data;
+  for (int f = 0; f < 16; ++f) {
+    uint8_t* out = s.references[f + 1].data;
+    for (uint32_t i = 0; i < count; ++i) {
+      const uint8_t* px = p + size_t(i) * 4;
+      uint8_t b, g, r;
+      if (f < 8) {
+        b = Darker(px[0], f);
+        g = Darker(px[1], f);
+        r = Darker(px[2], f);
+      } else {
+        b = Lighter(px[0], f);
+        g = Lighter(px[1], f);
+        r = Lighter(px[2], f);
+      }
+      zycStore32(out + size_t(i) * 4, zycYuvPixel(b, g, r));
+    }
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Search.
+
+uint32_t zycEncoder::BuildMotionVector(bool searchOff, bool buildLevels) {
+  State& s = *state_;
+  const uint64_t start = zycClockMicroseconds();
+  if (buildLevels && (pFrameFormat == 0 || pFrameFormat == 1)) {
+    BuildLevels(s.levels, yuvCoding ? s.sourceYuv.data : s.sourceFrame.data, dxtBackEnd,
+                yuvCoding);
+  }
+  s.pool.Reset();
+  zycMotionSearch& m = s.search;
+  m.sourceYuv = s.sourceYuv.data;
+  for (int i = 0; i < 17; ++i) m.references[i] = s.references[i].data;
+  for (int i = 0; i < 3; ++i) m.dxtPreview[i] = s.levels.preview[i];
+  m.paddedWidth = s.paddedWidth;
+  m.paddedHeight = s.paddedHeight;
+  if (motionByte) {
+    m.table = kSmallMotionTable;
+    m.count = motionShift >= 32 ? 0 : (256u >> motionShift);
+  } else {
+    m.table = s.largeTable;
+    m.count = kLargeMotionCount;
+  }
+  m.blockMin = int32_t(blockMin);
+  m.noFade = noFade != 0;
+  m.searchOff = searchOff;
+  m.skipDxtError = false;
+  m.kernels = s.kernels;
+  m.pool = &s.pool;
+
+  uint32_t result = 0;
+  const uint32_t across = s.paddedWidth / blockMax;
+  for (size_t i = 0; i < s.topBlocks.size(); ++i) {
+    zycBlock& b = s.topBlocks[i];
+    b.size = int32_t(blockMax);
+    b.x = int32_t((i % across) * blockMax);
+    b.y = int32_t((i / across) * blockMax);
+    result += m.SearchBlock(b);
+  }
+  const double seconds = double(zycClockMicroseconds() - start) / 1e6;
+  s.searchSeconds += seconds;
+  ++s.searchCalls;
+  if (verbose) {
+    zycLog("BuildMotionVector: %f\n", seconds);
+    zycLog("BuildMotionVector average: %f\n", s.searchSeconds / s.searchCalls);
+  }
+  return result;
+}
+
+// ---------------------------------------------------------------------------------------------
+// One try of a block tree frame: walk at `threshold`, pack the items through the packer.
+
+int32_t zycEncoder::TryTree(bool key, uint32_t threshold, uint32_t& errorNext, bool hasSound,
+                            bool fadeAllowed) {
+  State& s = *state_;
+  zycFrameLists& l = s.lists;
+  l.Clear();
+  errorNext = kErrorNextStart;
+  zycWalk walk{&l, int32_t(blockMin), motionByte};
+  for (const zycBlock& b : s.topBlocks) {
+    if (key) {
+      walk.KeyBlock(b, threshold, errorNext);
+    } else {
+      walk.PBlock(b, threshold, errorNext);
+    }
+  }
+  s.opcodeLength = zycPackOpcodes(l.opcodes.data(), l.opcodes.size());
+  const uint32_t fadeCount = fadeAllowed ? l.fadeBytes.size() : 0;
+  l.opcodes[0] = zycBlockTreeFlags(l.motionBytes.size(), l.dxtList.size(), fadeCount,
+                                   pFrameFormat, hasSound);
+
+  s.packer.Save();
+  int32_t size = s.packer.PackItem(l.opcodes.data(), s.opcodeLength);
+  if (l.motionBytes.size()) size += s.packer.PackItem(l.motionBytes.data(), l.motionBytes.size());
+  const uint32_t n = l.dxtList.size();
+  if (n) {
+    s.colourItem.resize(size_t(n) * 8);
+    const uint8_t* levels[3] = {s.levels.blocks[0].data(), s.levels.blocks[1].data(),
+                                s.levels.blocks[2].data()};
+    zycGatherColourItem(l.dxtList.data(), n, levels, s.paddedWidth, s.colourItem.data());
+    size += s.packer.PackItem(s.colourItem.data(), n * 8);
+  }
+  s.fadeLength = 0;
+  if (l.fadeBytes.size()) {
+    s.fadeLength = zycPackFades(l.fadeBytes.data(), l.fadeBytes.size());
+    size += s.packer.PackItem(l.fadeBytes.data(), s.fadeLength);
+  }
+  return s.packer.FinishSize(size);
+}
+
+// The final write of a block tree frame after the last try was restored: the same items, the
+// sound between the colour and fade items, committed to the file.
+int32_t zycEncoder::WriteTree(bool hasSound) {
+  State& s = *state_;
+  zycFrameLists& l = s.lists;
+  zycSectionPacker& p = s.packer;
+  int32_t size = p.PackItem(l.opcodes.data(), s.opcodeLength);
+  if (l.motionBytes.size()) size += p.PackItem(l.motionBytes.data(), l.motionBytes.size());
+  if (l.dxtList.size()) size += p.PackItem(s.colourItem.data(), l.dxtList.size() * 8);
+  if (hasSound) size += p.PackItem(s.sound.chunk.data(), s.sound.soundSize);
+  if (s.fadeLength) size += p.PackItem(l.fadeBytes.data(), s.fadeLength);
+  size = p.FinishSize(size);
+  p.Commit();
+  s.sectionSize += uint32_t(size);
+  p.sectionPackedSize += uint32_t(size);
+  return size;
+}
+
+// Runs the decoder on the items just written, then makes the references of the next frame.
+void zycEncoder::Rebuild() {
+  State& s = *state_;
+  zycFrameLists& l = s.lists;
+  zycFrameDecoder& d = *s.frameDecoder;
+  s.treeCopy.assign(l.opcodes.data(), l.opcodes.data() + s.opcodeLength);
+  s.treeCopy.resize(s.treeCopy.size() + 8, 0);  // the decoder may look one word ahead
+  uint32_t stopWord = 0;
+  uint32_t stateWord = 0;
+  d.io = &s.decoderIo;
+  d.treeStream = s.treeCopy.data() + 1;
+  d.motionStream = l.motionBytes.data();
+  d.colourStream = s.colourItem.data();
+  d.indexStream = s.colourItem.data() + size_t(l.dxtList.size()) * 4;
+  d.fadeStream = l.fadeBytes.data();
+  d.tableStream = nullptr;
+  d.stopWord = &stopWord;
+  d.stateWord = &stateWord;
+  d.stopMask = 0;
+  d.DecodeFrame(s.previousFrame.data, s.decoded.data);
+  std::swap(s.previousFrame.data, s.decoded.data);
+  d.stopWord = &d.ownStopWord;
+  d.stateWord = &d.ownStateWord;
+  BuildReferences();
+}
+
+void zycEncoder::PatchFile() {
+  State& s = *state_;
+  FILE* f = s.file();
+  if (!f || embedded) return;
+  std::fseek(f, 0, SEEK_END);
+  s.header.fileSize = uint32_t(std::ftell(f));
+  uint8_t section[6];
+  zycStore16(section, uint16_t(s.frameIndex - s.lastKeyFrame));
+  zycStore32(section + 2, s.sectionSize);
+  std::fseek(f, s.sectionStart, SEEK_SET);
+  std::fwrite(section, 1, 6, f);
+  s.header.frameCount = s.frameIndex;
+  uint8_t word[4];
+  zycStore32(word, s.header.fileSize);
+  std::fseek(f, 8, SEEK_SET);
+  std::fwrite(word, 1, 4, f);
+  zycStore32(word, s.header.frameCount);
+  std::fseek(f, 16, SEEK_SET);
+  std::fwrite(word, 1, 4, f);
+  std::fseek(f, 0, SEEK_END);
+  std::fflush(f);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Begin.
+
+int32_t zycEncoder::Begin(zycStreamHeader& header, const zylFrameImage& image,
+                          zycFileHolder* output, FILE** extraOutputs,
+                          zylAudioSupplierFn audioSupplier, void* audioUser,
+                          zylProgress* progress, const zylKeyframeRange* plan) {
+  End();
+  State& s = *state_;
+  if (iFrameFormat != 0) {
+    if (verbose) zycLog("Still image key frames (iFMT 1) are not available in this build\n");
+    return 1;
+  }
+  if (pFrameFormat != 0) {
+    if (verbose) zycLog("Table block P-frames (jFMT 1) are not available in this build\n");
+    return 1;
+  }
+  s.output = output;
+  if (dataFileWanted) {
+    dataFile = std::fopen("c:/test.txt", "w");
+    if (dataFile) {
+      std::fputs("// zylCodec Verbose Data File v1.0\n", dataFile);
+      std::fputs("//--------------------------------\n//\n", dataFile);
+      std::fputs("// Frame [id] : [n] blocks\n", dataFile);
+      std::fputs("//   position (x,y), dimension (size), motion vector (x,y)\n", dataFile);
+      std::fputs("//--------------------------------\n\n", dataFile);
+    }
+  }
+  keyframePlan = plan;
+
+  // Set-up.
+  if (!motionByte) zycFillLargeMotionTable(s.largeTable);
+  s.header = header;
+  s.paddedWidth = (header.width + blockMax - 1) / blockMax * blockMax;
+  s.paddedHeight = (header.height + blockMax - 1) / blockMax * blockMax;
+  s.frameIndex = 0;
+  s.lastKeyFrame = 0;
+  const uint32_t topCount = (s.paddedWidth / blockMax) * (s.paddedHeight / blockMax);
+  s.topBlocks.assign(topCount, zycBlock());
+  s.pool.Allocate(topCount, int32_t(blockMax), int32_t(blockMin));
+  const size_t bytes = s.PictureBytes();
+  s.previousFrame.Allocate(bytes, 255);
+  s.decoded.Allocate(bytes, 255);
+  for (Picture& r : s.references) r.Allocate(bytes, 255);
+  s.sourceFrame.Allocate(bytes, 255);
+  s.sourceYuv.Allocate(bytes, 255);
+  s.levels.Allocate(s.paddedWidth, s.paddedHeight);
+  s.lists.Reserve(s.paddedWidth * s.paddedHeight / 16 + 16);
+  s.colourItem.reserve(size_t(s.paddedWidth) * s.paddedHeight / 2);
+  zycSadChoose(&s.kernels, allowSimd);
+
+  s.header.fileSize = 0;
+  s.header.frameCount = 0;
+  s.header.reserved36 = 0;
+  s.header.reserved52 = kReserved52;
+  std::memset(s.header.tail, 0, sizeof s.header.tail);
+  s.soundHandled = header.soundRate && soundFlags && embedRequest;
+  s.header.flags = kHeaderFlagAlways;
+  if (s.soundHandled) s.header.flags |= kHeaderFlagSound;
+  if (yuvCoding) s.header.flags |= kHeaderFlagYuv;
+  if (!motionByte) s.header.flags |= kHeaderFlagWideMotion;
+
+  s.sound.Start(header.soundRate, header.soundChannels, soundLeadBase, header.frameDuration,
+                header.timeScale, audioSupplier, audioUser);
+  s.header.soundChunkLimit =
+      zycSoundChunkLimit(s.sound.soundLead, s.sound.samplesPerFrame, header.soundChannels);
+
+  s.frameDecoder->Setup(s.paddedWidth, s.paddedHeight, 32, yuvCoding, motionByte ? 1 : 0);
+  s.frameDecoder->io = &s.decoderIo;
+  s.decoderReady = true;
+
+  embedded = (header.soundRate && embedRequest && (soundFlags & 15)) ? 1 : 0;
+  if (embedded) {
+    if (packing == 1) {
+      if (verbose) zycLog("Lzma is not compatible with Docomo embedded file");
+      return 1;
+    }
+    if (pFrameFormat != 0) {
+      if (verbose) zycLog("PFrameFormat!=zyPFrameDXTC is not compatible with Docomo embedded file");
+      return 1;
+    }
+    if (s.file() && verbose) {
+      zycLog("WARNING: when encoding with docomo embedding sound we don't directly write in main "
+             "output file (but in extraSoundFiles)");
+    }
+  }
+  if (progress) progress->keyFrame = 1;
+
+  for (int i = 0; i < kExtraOutputCount; ++i) s.extra[i] = extraOutputs ? extraOutputs[i] : nullptr;
+  if (extraOutputs && !embedRequest) {
+    for (int i = 0; i < 4; ++i) {
+      if ((soundFlags & (1u << i)) && s.extra[i]) {
+        std::fseek(s.extra[i], 0, SEEK_SET);
+        WriteZeros(s.extra[i], 4);
+      }
+    }
+  }
+
+  if (zycTailHoldsWords(s.header.version)) {
+    zycSetTailWords(&s.header, headerA, headerB);
+  } else {
+    zycSetTailPacking(&s.header, uint8_t(packing), headerS, headerT);
+  }
+
+  uint8_t head[kHeaderSizeZyl0];
+  zycStoreHeaderZyl0(s.header, head);
+  if (!embedded) {
+    if (FILE* f = s.file()) {
+      std::fseek(f, 0, SEEK_SET);
+      std::fwrite(head, 1, sizeof head, f);
+      WriteZeros(f, 6);
+    }
+  } else {
+    for (FILE* f : s.extra) {
+      if (!f) continue;
+      std::fseek(f, 0, SEEK_SET);
+      std::fwrite(head, 1, sizeof head, f);
+      WriteZeros(f, 6);
+    }
+  }
+  s.sectionStart = 64;
+  s.sectionSize = 0;
+  s.packer.Open(packing, s.paddedWidth * s.paddedHeight * 3, lzmaDictionary,
+                embedded ? nullptr : s.file());
+
+  s.credit = -70;
+  const uint32_t ratioDivisor = ratio ? ratio : 1;
+  const uint32_t raw = s.paddedWidth * s.paddedHeight * 3 + s.header.soundChunkLimit -
+                       s.sound.soundLead;
+  if (header.soundRate == 0 || soundFlags == 0) {
+    s.compressionSize = int32_t(raw / ratioDivisor);
+    if (verbose) zycLog("No Sound. CompressionSize:%d\n", s.compressionSize);
+  } else {
+    s.credit = -74;
+    const uint32_t perFrame = s.header.soundChunkLimit - s.sound.soundLead;
+    s.compressionSize =
+        int32_t(raw / ratioDivisor) - int32_t(perFrame >> ((soundFlags & 32) ? 3 : 2));
+    if (verbose) zycLog("Has Sound. CompressionSize:%d\n", s.compressionSize);
+  }
+  if (forceLastKey && frameTotal && s.header.frameDuration) {
+    const double fps = double(s.header.timeScale) / double(s.header.frameDuration);
+    const int32_t k = int32_t(fps * double(iDmp) * double(s.compressionSize) * iRat);
+    const int32_t t = int32_t(double(s.compressionSize) * iRat);
+    const int32_t candidate =
+        s.compressionSize - int32_t(uint32_t(k + t - s.compressionSize) / frameTotal);
+    if (candidate > 0.7 * s.compressionSize) s.compressionSize = candidate;
+  }
+
+  TakePicture(image, s.paddedWidth, s.paddedHeight, s.sourceFrame.data, s.sourceYuv.data);
+  s.sound.Take(soundFlags, s.extra);
+  const bool hasSound = s.soundHandled && s.sound.soundSize != 0;
+
+  // The first key frame: the tree with the search off, and the rate loop of Begin.
+  BuildMotionVector(true, true);
+  zycBudget budget{s.compressionSize, iRat, iDmp, s.header.timeScale, s.header.frameDuration};
+  const int32_t wantedSize = budget.KeyFrameSize();
+  zycBeginRateLoop loop;
+  loop.wantedSize = wantedSize;
+  loop.targetSize = wantedSize;
+  loop.errorMin = errorMin;
+  loop.errorLimit = errorLimit;
+  loop.verbose = verbose;
+  uint32_t errorNext = 0;
+  int32_t size = 0;
+  for (;;) {
+    size = TryTree(true, loop.errorMax, errorNext, hasSound, false);
+    s.packer.Restore();
+    if (!loop.AfterPass(size, errorNext)) break;
+  }
+  size = WriteTree(hasSound);
+  s.credit += s.compressionSize - size + (hasSound ? int32_t(s.sound.soundSize) : 0);
+  if (verbose) {
+    zycLog("errorNext: %u, errorMax: %u, size: %u, wantedSize: %u\n", errorNext, loop.errorMax,
+           uint32_t(size), uint32_t(wantedSize));
+    zycLog("-------------------------------------------------------------\n");
+  }
+  s.last = FrameInfo{true, wantedSize, size, loop.errorMax, errorNext, loop.passes, 100.0};
+  FillProgress(progress, true, size, hasSound);
+  Rebuild();
+  s.pool.Reset();
+  ++s.frameIndex;
+  PatchFile();
+  return 0;
+}
+
+void zycEncoder::FillProgress(zylProgress* progress, bool key, int32_t size, bool hasSound) {
+  if (!progress) return;
+  State& s = *state_;
+  progress->frameIndex = s.frameIndex;
+  progress->keyFrame = key ? 1 : 0;
+  progress->size = size;
+  progress->soundSize = hasSound ? s.sound.soundSize : 0;
+  progress->credit = s.credit;
+  progress->quantizer = s.last.errorMax;
+  progress->opcodeBytes = s.opcodeLength;
+  progress->motionBytesCount = s.lists.motionBytes.size();
+  progress->dxtBlockCount = s.lists.dxtList.size();
+  progress->fadeBytesCount = s.fadeLength;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Next.
+
+int32_t zycEncoder::Next(const zylFrameImage& image, zylProgress* progress) {
+  State& s = *state_;
+  if (!s.decoderReady) return 0;
+  if (progress) progress->keyFrame = 0;
+  TakePicture(image, s.paddedWidth, s.paddedHeight, s.sourceFrame.data, s.sourceYuv.data);
+  BuildMotionVector(false, true);
+
+  s.sound.Take(soundFlags, s.extra);
+  if (verbose) zycLog("soundSize:%d\n", s.sound.soundSize);
+  const bool hasSound = s.soundHandled && s.sound.soundSize != 0;
+
+  // Key frame or P-frame.
+  const double changed = zycChangedPercent(s.topBlocks.data(), uint32_t(s.topBlocks.size()));
+  zycBudget budget{s.compressionSize, iRat, iDmp, s.header.timeScale, s.header.frameDuration};
+  const double fps = budget.FramesPerSecond();
+  const double seconds = fps > 0 ? double(s.frameIndex - s.lastKeyFrame) / fps : 0.0;
+  zycKeyPlanVerdict verdict = zycWalkKeyPlan(keyframePlan, firstFrame + s.frameIndex);
+  if (forceLastKey && frameTotal && s.frameIndex == frameTotal - 1) verdict.forced = true;
+  const bool key = zycIsKeyFrame(changed, seconds, iRng, verdict.forced, verdict.inhibited);
+  int32_t wantedSize = budget.PFrameSize(changed, s.credit);
+
+  if (key) {
+    s.packer.Restart();
+    if (progress) progress->keyFrame = 1;
+    if (verbose) zycLog("--- Start a new keyframe ---\n");
+    if (FILE* f = s.file(); f && !embedded) {
+      s.sectionStart = std::ftell(f);
+      WriteZeros(f, 6);
+    }
+    s.sectionSize = 0;
+    // The levels of this picture are already made; only the tree is searched again.
+    BuildMotionVector(true, false);
+    wantedSize = budget.KeyFrameSize();
+    s.credit -= 6;
+    s.lastKeyFrame = s.frameIndex;
+  }
+
+  zycRateLoop loop;
+  loop.verbose = verbose;
+  loop.Start(wantedSize, wantedSize, ratio, errorMin, errorLimit);
+  uint32_t errorNext = 0;
+  int32_t size = 0;
+  for (;;) {
+    size = TryTree(key, loop.errorMax, errorNext, hasSound, true);
+    s.packer.Restore();
+    if (!loop.AfterPass(size, errorNext)) break;
+  }
+  size = WriteTree(hasSound);
+  s.credit += s.compressionSize - size + (hasSound ? int32_t(s.sound.soundSize) : 0);
+
+  if (dataFile) {
+    const zycFrameLists& l = s.lists;
+    std::fprintf(dataFile, "Frame %d : %d blocks\n", int(s.frameIndex), int(l.motionBlocks.size()));
+    const int8_t (*table)[2] = motionByte ? kSmallMotionTable : s.largeTable;
+    for (uint32_t i = 0; i < l.motionBlocks.size(); ++i) {
+      const zycBlock& b = *l.motionBlocks[i];
+      const uint32_t index = b.motionIndex & (motionByte ? 0xFFu : 0xFFFu);
+      std::fprintf(dataFile, "  %d, %d, %d, %d, %d\n", b.x, b.y, b.size, table[index][0],
+                   table[index][1]);
+    }
+  }
+  if (verbose) {
+    zycLog("Pass number before convergence: %u\n", loop.passes);
+    zycLog("errorNext: %u, errorMax: %u, size: %u, wantedSize: %u\n", errorNext, loop.errorMax,
+           uint32_t(size), uint32_t(wantedSize));
+    zycLog("-------------------------------------------------------------\n");
+  }
+  s.last = FrameInfo{key, wantedSize, size, loop.errorMax, errorNext, loop.passes, changed};
+  FillProgress(progress, key, size, hasSound);
+
+  Rebuild();
+  s.pool.Reset();
+  ++s.frameIndex;
+  PatchFile();
+  return 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+// End.
+
+void zycEncoder::End() {
+  State& s = *state_;
+  if (dataFile) {
+    std::fclose(dataFile);
+    dataFile = nullptr;
+  }
+  s.packer.Close();
+  if (s.decoderReady) {
+    s.frameDecoder->io = &s.decoderIo;
+    s.frameDecoder->Release();
+    s.decoderReady = false;
+  }
+  s.frameIndex = 0;
+}

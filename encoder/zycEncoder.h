@@ -65,8 +65,36 @@ class zycEncoder : public zycJobEncoder {
   bool verbose = true;                     // "wFMT"
   bool dataFileWanted = false;
   FILE* dataFile = nullptr;
+  bool allowSimd = true;                   // false: the plain search kernels only
+
+  // What the last frame did, for tests and statistics.
+  struct FrameInfo {
+    bool keyFrame = false;
+    int32_t wantedSize = 0;
+    int32_t size = 0;
+    uint32_t errorMax = 0;
+    uint32_t errorNext = 0;
+    uint32_t passes = 0;
+    double changed = 0.0;
+  };
+  const FrameInfo& LastFrame() const;
+  int32_t CompressionSize() const;
+  int32_t Credit() const;
+  uint32_t PaddedWidth() const;
+  uint32_t PaddedHeight() const;
+  // The padded source picture (B, G, R, alpha) as the last Begin or Next took it.
+  const uint8_t* SourceFrame() const;
 
  private:
+  uint32_t BuildMotionVector(bool searchOff, bool buildLevels);
+  int32_t TryTree(bool key, uint32_t threshold, uint32_t& errorNext, bool hasSound,
+                  bool fadeAllowed);
+  int32_t WriteTree(bool hasSound);
+  void Rebuild();
+  void BuildReferences();
+  void PatchFile();
+  void FillProgress(zylProgress* progress, bool key, int32_t size, bool hasSound);
+
   struct State;      // everything Begin makes; defined with the encoder's code
   State* state_ = nullptr;
 };

@@ -1,0 +1,169 @@
+#include "encoder/motionSearch.h"
+
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+
+#include "base/consoleLog.h"
+
+void zycBlockPool::Allocate(uint32_t topBlocks, int32_t blockMax, int32_t blockMin) {
+  uint32_t perTop = 0;
+  uint32_t level = 1;
+  for (int32_t s = blockMax; s > blockMin; s /= 2) {
+    level *= 4;
+    perTop += level;
+  }
+  nodes_.assign(size_t(topBlocks) * perTop, zycBlock());
+  used_ = 0;
+}
+
+zycBlock* zycBlockPool::TakeFour() {
+  ZYC_ASSERT(used_ + 4 <= nodes_.size(), "zycBlockPool::TakeFour", "block pool exhausted");
+  zycBlock* four = nodes_.data() + used_;
+  used_ += 4;
+  return four;
+}
+
+uint32_t zycMotionSearch::SearchBlock(zycBlock& block) const {
+  const int32_t s = block.size;
+  const int level = zycSizeLevel(s);
+  const uint32_t stride = paddedWidth * 4;
+  block.children = nullptr;
+  block.motionError = zycErrorStart(s);
+  block.fadeError = zycErrorStart(s);
+  block.motionIndex = 0;
+  block.fadeMotionIndex = 0;
+  block.fadeIndex = 0;
+
+  const size_t at = size_t(block.y) * stride + size_t(block.x) * 4;
+  const uint8_t* cur = sourceYuv + at;
+  const zycSadFn all = kernels.all[level];
+  const zycSadFn colour = kernels.colour[level];
+  const int32_t w = int32_t(paddedWidth);
+  const int32_t h = int32_t(paddedHeight);
+
+  for (uint32_t k = 0; k < count; ++k) {
+    if (block.motionError == 0 || block.fadeError == 0 || searchOff) break;
+    const int32_t sx = block.x + table[k][0];
+    const int32_t sy = block.y + table[k][1];
+    if (sx < 0 || sy < 0 || sx + s > w || sy + s > h) continue;
+    const ptrdiff_t offset = ptrdiff_t(table[k][1]) * ptrdiff_t(stride) + ptrdiff_t(table[k][0]) * 4;
+    uint32_t err = all(cur, references[0] + at + offset, stride, block.motionError);
+    if (err < block.motionError) {
+      block.motionError = err;
+      block.motionIndex = k;
+    }
+    if (noFade) continue;
+    for (uint32_t f = 0; f < 16; ++f) {
+      if (block.fadeError == 0) break;
+      err = colour(cur, references[f + 1] + at + offset, stride, block.fadeError);
+      if (err < block.fadeError) {
+        block.fadeError = err;
+        block.fadeMotionIndex = k;
+        block.fadeIndex = f;
+      }
+    }
+  }
+  if (block.motionError == 0 || block.fadeError == 0) return 0;
+
+  if (!skipDxtError) {
+    block.dxtError = kernels.colour[level](cur, dxtPreview[level] + at, stride, 0xFFFFFFFFu);
+  }
+  if (s == blockMin) return block.motionError;
+
+  zycBlock* four = pool->TakeFour();
+  block.children = four;
+  const int32_t half = s / 2;
+  uint32_t best = block.motionError;
+  for (int i = 0; i < 4; ++i) {
+    four[i].size = half;
+    four[i].x = block.x + (i & 1) * half;
+    four[i].y = block.y + (i >> 1) * half;
+    uint32_t r = SearchBlock(four[i]);
+    if (r < best) best = r;
+  }
+  return best;
+}
+
+bool zycFrameLists::Reserve(uint32_t entries) {
+  bool ok = opcodes.Reserve(entries);
+  ok = motionBytes.Reserve(entries * 2) && ok;
+  ok = fadeBytes.Reserve(entries) && ok;
+  ok = motionBlocks.Reserve(entries) && ok;
+  ok = dxtList.Reserve(entries) && ok;
+  return ok;
+}
+
+void zycFrameLists::Clear() {
+  opcodes.Clear();
+  opcodes.Push(0);
+  motionBytes.Clear();
+  fadeBytes.Clear();
+  motionBlocks.Clear();
+  dxtList.Clear();
+}
+
+void zycWalk::PushMotion(uint32_t index) const {
+  lists->motionBytes.Push(uint8_t(index));
+  if (!motionByte) lists->motionBytes.Push(uint8_t(index >> 8));
+}
+
+void zycWalk::KeyBlock(const zycBlock& block, uint32_t threshold, uint32_t& errorNext) const {
+  if (block.dxtError <= threshold) {
+    lists->opcodes.Push(2);
+    lists->dxtList.Push(&block);
+    return;
+  }
+  if (block.dxtError < errorNext && block.size > blockMin) errorNext = block.dxtError;
+  if (block.size == blockMin || !block.children) {
+    lists->opcodes.Push(2);
+    lists->dxtList.Push(&block);
+    return;
+  }
+  lists->opcodes.Push(1);
+  for (int i = 0; i < 4; ++i) KeyBlock(block.children[i], threshold, errorNext);
+}
+
+uint32_t zycWalk::PBlock(const zycBlock& block, uint32_t threshold, uint32_t& errorNext) const {
+  zycFrameLists& l = *lists;
+  if (block.motionError <= threshold) {
+    l.opcodes.Push(0);
+    PushMotion(block.motionIndex);
+    l.motionBlocks.Push(&block);
+    return 1;
+  }
+  uint32_t n = block.motionError;
+  if (block.dxtError < n && threshold < block.dxtError) n = block.dxtError;
+  if (block.fadeError < n && threshold < block.fadeError) n = block.fadeError;
+  if (n < errorNext) errorNext = n;
+
+  if (block.fadeError <= threshold) {
+    l.opcodes.Push(3);
+    PushMotion(block.fadeMotionIndex);
+    l.fadeBytes.Push(uint8_t(block.fadeIndex));
+    l.motionBlocks.Push(&block);
+    return 0;
+  }
+  if (block.size == blockMin || block.dxtError <= threshold || !block.children) {
+    l.opcodes.Push(2);
+    l.dxtList.Push(&block);
+    return 0;
+  }
+  l.opcodes.Push(1);
+  uint32_t sum = 0;
+  for (int i = 0; i < 4; ++i) sum += PBlock(block.children[i], threshold, errorNext);
+  if (sum != 4) return 0;
+
+  const uint32_t width = motionByte ? 1 : 2;
+  const uint32_t m = l.motionBytes.size();
+  const uint8_t* last = l.motionBytes.data() + m - 4 * width;
+  for (int i = 1; i < 4; ++i) {
+    if (std::memcmp(last, last + i * width, width) != 0) return 0;
+  }
+  l.opcodes.Truncate(l.opcodes.size() - 4);
+  l.opcodes[l.opcodes.size() - 1] = 0;
+  l.motionBytes.Truncate(m - 3 * width);
+  l.motionBlocks.Truncate(l.motionBlocks.size() - 3);
+  l.motionBlocks[l.motionBlocks.size() - 1] = &block;
+  return 1;
+}

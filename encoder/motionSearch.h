@@ -1,0 +1,92 @@
+// The block tree of a picture: for every 16, 8 and 4 pixel square the best motion copy, the best
+// faded copy and the error of one DXT1 block of its scale; and the two walks that turn the tree
+// into opcodes for one error threshold. Search heuristics only: the bytes that reach the file
+// are written by blockTreeWriter and the packer.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "base/growableArray.h"
+#include "encoder/sad.h"
+
+struct zycBlock {
+  int32_t size = 0;
+  int32_t x = 0;
+  int32_t y = 0;
+  uint32_t motionIndex = 0;
+  uint32_t motionError = 0;
+  uint32_t fadeMotionIndex = 0;
+  uint32_t fadeError = 0;
+  uint32_t fadeIndex = 0;
+  uint32_t dxtError = 0;
+  zycBlock* children = nullptr;  // four, or null
+};
+
+// The start value of a block's errors: above anything a square of `size` can reach.
+inline uint32_t zycErrorStart(int32_t size) { return uint32_t(size * size) * 0x30000u; }
+// The start value of errorNext: that of a 16-pixel square.
+constexpr uint32_t kErrorNextStart = 16u * 16u * 0x30000u;
+
+// Children are taken four at a time from a pool sized for a full tree under every top block;
+// the pool is emptied when the tree of a frame is dropped.
+class zycBlockPool {
+ public:
+  void Allocate(uint32_t topBlocks, int32_t blockMax, int32_t blockMin);
+  zycBlock* TakeFour();
+  void Reset() { used_ = 0; }
+
+ private:
+  std::vector<zycBlock> nodes_;
+  uint32_t used_ = 0;
+};
+
+// What one search works on. Pictures are 4 bytes a pixel (U, Y, V, 255), `paddedWidth` x
+// `paddedHeight`, rows 4 x `paddedWidth` bytes apart.
+struct zycMotionSearch {
+  const uint8_t* sourceYuv = nullptr;
+  const uint8_t* references[17] = {};
+  const uint8_t* dxtPreview[3] = {};
+  uint32_t paddedWidth = 0;
+  uint32_t paddedHeight = 0;
+  const int8_t (*table)[2] = nullptr;  // candidate vectors (dx, dy) in table order
+  uint32_t count = 0;                  // candidates tried
+  int32_t blockMin = 4;
+  bool noFade = false;
+  bool searchOff = false;
+  bool skipDxtError = false;
+  zycSadKernels kernels;
+  zycBlockPool* pool = nullptr;
+
+  // Searches a square whose size, x and y are set, and its subtree. Returns 0 when the square
+  // has a perfect copy, else the smallest motion error of the square and its subtree.
+  uint32_t SearchBlock(zycBlock& block) const;
+};
+
+// The arrays that a walk fills: opcodes (first byte reserved for the frame flags), motion
+// indices, fade levels, and the blocks behind motion and colour opcodes.
+struct zycFrameLists {
+  zycGrowableArray<uint8_t> opcodes;
+  zycGrowableArray<uint8_t> motionBytes;
+  zycGrowableArray<uint8_t> fadeBytes;
+  zycGrowableArray<const zycBlock*> motionBlocks;
+  zycGrowableArray<const zycBlock*> dxtList;
+
+  bool Reserve(uint32_t entries);
+  // Empties all five; opcodes keeps one byte, the flags.
+  void Clear();
+};
+
+struct zycWalk {
+  zycFrameLists* lists = nullptr;
+  int32_t blockMin = 4;
+  bool motionByte = true;  // false: motion indices are two bytes, low byte first
+
+  // Key frame walk: every leaf is a colour block.
+  void KeyBlock(const zycBlock& block, uint32_t threshold, uint32_t& errorNext) const;
+  // P-frame walk. Returns 1 when the block came out as one plain copy.
+  uint32_t PBlock(const zycBlock& block, uint32_t threshold, uint32_t& errorNext) const;
+
+ private:
+  void PushMotion(uint32_t index) const;
+};

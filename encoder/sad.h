@@ -1,0 +1,29 @@
+// Sums of absolute differences between a square of the current picture and a square of a
+// reference, both 4 bytes a pixel. The plain kernels are the reference; the SSE2 kernels give
+// the same results whenever the result is below the caller's limit. The encoder picks one set
+// at Begin and keeps it in a zycSadKernels.
+#pragma once
+
+#include <cstdint>
+
+// A kernel compares a size x size square at `cur` with one at `ref`, rows `stride` bytes apart.
+// It returns the exact sum when that sum is below `limit`; otherwise any value >= `limit` (a
+// kernel may stop early once the limit is reached). The "all" kernels add up all four bytes of
+// every pixel; the "colour" kernels the first three only (U, Y, V), leaving alpha out.
+typedef uint32_t (*zycSadFn)(const uint8_t* cur, const uint8_t* ref, uint32_t stride,
+                             uint32_t limit);
+
+struct zycSadKernels {
+  zycSadFn all[3] = {};     // sizes 4, 8, 16
+  zycSadFn colour[3] = {};  // sizes 4, 8, 16
+  bool simd = false;
+};
+
+// The level of a block size: 4 -> 0, 8 -> 1, 16 -> 2.
+inline int zycSizeLevel(int32_t size) { return size == 4 ? 0 : size == 8 ? 1 : 2; }
+
+void zycSadPlain(zycSadKernels* kernels);
+// Fills the SSE2 kernels; false (and nothing changed) in a build without SIMD.
+bool zycSadSse2(zycSadKernels* kernels);
+// The fastest set that the processor runs: SSE2 when `allowSimd` and the processor has it.
+void zycSadChoose(zycSadKernels* kernels, bool allowSimd);

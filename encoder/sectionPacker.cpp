@@ -1,0 +1,243 @@
+#include "encoder/sectionPacker.h"
+
+#include <zlib.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "base/byteIo.h"
+#include "base/consoleLog.h"
+#include "lzmaLib.h"
+
+// zlib's allocations go through a pool of freed blocks by size, so that the copy of a deflate
+// state on every trial reuses memory instead of asking the system for fresh pages.
+struct zycZlibPool {
+  struct Free {
+    size_t bytes;
+    void* block;
+  };
+  std::vector<Free> free;
+
+  ~zycZlibPool() {
+    for (Free& f : free) std::free(f.block);
+  }
+  static voidpf Alloc(voidpf opaque, uInt items, uInt size) {
+    zycZlibPool* pool = static_cast<zycZlibPool*>(opaque);
+    size_t bytes = size_t(items) * size + sizeof(size_t);
+    for (size_t i = 0; i < pool->free.size(); ++i) {
+      if (pool->free[i].bytes == bytes) {
+        void* block = pool->free[i].block;
+        pool->free[i] = pool->free.back();
+        pool->free.pop_back();
+        return static_cast<size_t*>(block) + 1;
+      }
+    }
+    size_t* block = static_cast<size_t*>(std::malloc(bytes));
+    if (!block) return Z_NULL;
+    *block = bytes;
+    return block + 1;
+  }
+  static void Release(voidpf opaque, voidpf address) {
+    zycZlibPool* pool = static_cast<zycZlibPool*>(opaque);
+    size_t* block = static_cast<size_t*>(address) - 1;
+    pool->free.push_back({*block, block});
+  }
+};
+
+zycSectionPacker::zycSectionPacker() = default;
+zycSectionPacker::~zycSectionPacker() { Close(); }
+
+void zycSectionPacker::InitStream() {
+  std::memset(zip_, 0, sizeof(z_stream));
+  zip_->zalloc = zycZlibPool::Alloc;
+  zip_->zfree = zycZlibPool::Release;
+  zip_->opaque = pool_;
+  zip_->next_out = zipBuffer_.data();
+  zip_->avail_out = uInt(zipBuffer_.size());
+  deflateInit2(zip_, 9, Z_DEFLATED, -15, 9, Z_DEFAULT_STRATEGY);
+  zipPending_ = 0;
+}
+
+void zycSectionPacker::EndStream(z_stream* stream) {
+  // A stream that was sync-flushed but never finished ends with Z_DATA_ERROR; its memory is
+  // freed all the same.
+  deflateEnd(stream);
+}
+
+void zycSectionPacker::Open(uint32_t packing, uint32_t bufferBytes, uint32_t lzmaDictionary,
+                            FILE* file) {
+  Close();
+  packing_ = packing;
+  file_ = file;
+  open_ = true;
+  sectionPackedSize = 0;
+  if (packing_ == 0) {
+    pool_ = new zycZlibPool;
+    zipBuffer_.assign(bufferBytes, 0);
+    zip_ = new z_stream;
+    InitStream();
+  } else {
+    lzmaDictionary_ = lzmaDictionary;
+    lzmaInput_.assign(size_t(bufferBytes) * 30, 0);
+    lzmaOutput_.assign(size_t(bufferBytes) * 30, 0);
+    lzmaInputSize_ = 0;
+    lzmaMark_ = 0;
+    lzmaDirty_ = true;
+  }
+}
+
+void zycSectionPacker::Restart() {
+  if (!open_) return;
+  if (packing_ == 0) {
+    EndStream(zip_);
+    InitStream();
+  } else {
+    lzmaInputSize_ = 0;
+    lzmaMark_ = 0;
+    lzmaDirty_ = true;
+  }
+  sectionPackedSize = 0;
+}
+
+void zycSectionPacker::Save() {
+  if (packing_ == 0) {
+    if (backup_) {
+      EndStream(backup_);
+      delete backup_;
+    }
+    backup_ = new z_stream;
+    std::memset(backup_, 0, sizeof(z_stream));
+    deflateCopy(backup_, zip_);
+  } else {
+    lzmaMark_ = lzmaInputSize_;
+  }
+}
+
+void zycSectionPacker::Restore() {
+  if (packing_ == 0) {
+    if (!backup_) return;
+    EndStream(zip_);
+    delete zip_;
+    zip_ = backup_;
+    backup_ = nullptr;
+    zipPending_ = 0;
+    zip_->next_out = zipBuffer_.data();
+    zip_->avail_out = uInt(zipBuffer_.size());
+  } else {
+    if (lzmaInputSize_ != lzmaMark_) lzmaDirty_ = true;
+    lzmaInputSize_ = lzmaMark_;
+  }
+}
+
+uint32_t zycSectionPacker::Pack(const void* data, uint32_t count, bool commit) {
+  const uLong before = zip_->total_out;
+  zip_->next_in = static_cast<Bytef*>(const_cast<void*>(data));
+  zip_->avail_in = count;
+  if (count) deflate(zip_, Z_SYNC_FLUSH);
+  const uint32_t grown = uint32_t(zip_->total_out - before);
+  zipPending_ += grown;
+  if (commit && zipPending_) {
+    std::fwrite(zipBuffer_.data(), 1, zipPending_, file_);
+    zip_->next_out = zipBuffer_.data();
+    zip_->avail_out = uInt(zipBuffer_.size());
+    zipPending_ = 0;
+  }
+  return grown;
+}
+
+size_t zycSectionPacker::Compress() {
+  if (lzmaOutput_.size() < size_t(lzmaInputSize_) + lzmaInputSize_ / 2 + 65536) {
+    lzmaOutput_.resize(size_t(lzmaInputSize_) + lzmaInputSize_ / 2 + 65536);
+  }
+  size_t outSize = lzmaOutput_.size();
+  size_t propsSize = 5;
+  int r = LzmaCompress(lzmaOutput_.data(), &outSize, lzmaInput_.data(), lzmaInputSize_,
+                       lzmaProperties_, &propsSize, 1, lzmaDictionary_, 2, 0, 2, 8, 1);
+  if (r != 0) {
+    switch (r) {
+      case 2: zycLog("Memory allocation error\n"); break;
+      case 5: zycLog("Incorrect paramater\n"); break;
+      case 7: zycLog("Output buffer overflow\n"); break;
+      case 12: zycLog("Errors in multithreading functions (only for Mt version)\n"); break;
+      default: zycLog("Unknown LZMA error.\n"); break;
+    }
+  }
+  lzmaCachedSize_ = uint32_t(outSize);
+  lzmaDirty_ = false;
+  return outSize;
+}
+
+int32_t zycSectionPacker::PackLzma(const void* data, uint32_t count, bool commit,
+                                   bool estimate) {
+  if (count) {
+    if (lzmaInput_.size() < size_t(lzmaInputSize_) + count) {
+      lzmaInput_.resize((size_t(lzmaInputSize_) + count) * 2);
+    }
+    std::memcpy(lzmaInput_.data() + lzmaInputSize_, data, count);
+    lzmaInputSize_ += count;
+    lzmaDirty_ = true;
+  }
+  if (commit && lzmaInputSize_) {
+    size_t packed = lzmaDirty_ ? Compress() : lzmaCachedSize_;
+    uint8_t size8[8];
+    zycStore64(size8, lzmaInputSize_);
+    if (sectionPackedSize == 0) {
+      std::fwrite(lzmaProperties_, 1, 5, file_);
+      lzmaSizePosition_ = std::ftell(file_);
+      std::fwrite(size8, 1, 8, file_);
+    } else {
+      std::fseek(file_, lzmaSizePosition_, SEEK_SET);
+      std::fwrite(size8, 1, 8, file_);
+    }
+    std::fwrite(lzmaOutput_.data(), 1, packed, file_);
+    return int32_t(packed + 13);
+  }
+  if (estimate && lzmaInputSize_) return int32_t(Compress() + 13);
+  return int32_t(count * 0.8999999761581421);
+}
+
+int32_t zycSectionPacker::PackItem(const void* data, uint32_t count) {
+  uint8_t length[4];
+  zycStore32(length, count);
+  if (packing_ == 0) {
+    uint32_t sum = Pack(length, 4, false);
+    return int32_t(sum + Pack(data, count, false));
+  }
+  int32_t sum = PackLzma(length, 4, false, false);
+  return sum + PackLzma(data, count, false, false);
+}
+
+int32_t zycSectionPacker::FinishSize(int32_t roughSum) {
+  if (packing_ == 0) return roughSum;
+  return PackLzma(nullptr, 0, false, true) - int32_t(sectionPackedSize);
+}
+
+void zycSectionPacker::Commit() {
+  if (packing_ == 0) {
+    Pack(nullptr, 0, true);
+  } else {
+    PackLzma(nullptr, 0, true, false);
+  }
+}
+
+void zycSectionPacker::Close() {
+  if (backup_) {
+    EndStream(backup_);
+    delete backup_;
+    backup_ = nullptr;
+  }
+  if (zip_) {
+    EndStream(zip_);
+    delete zip_;
+    zip_ = nullptr;
+  }
+  delete pool_;
+  pool_ = nullptr;
+  zipBuffer_.clear();
+  zipBuffer_.shrink_to_fit();
+  lzmaInput_.clear();
+  lzmaInput_.shrink_to_fit();
+  lzmaOutput_.clear();
+  lzmaOutput_.shrink_to_fit();
+  open_ = false;
+}

@@ -1,0 +1,310 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <vector>
+
+#include "dxt/yuvConvert.h"
+#include "encoder/motionSearch.h"
+#include "stream/decoderTables.h"
+#include "tests/support/imageLoad.h"
+#include "tests/support/testMedia.h"
+#include "tests/support/videoFrames.h"
+
+namespace {
+
+// Pictures of the search in the encoder's YUV layout, and a context over them.
+struct SearchScene {
+  uint32_t width, height;
+  std::vector<uint8_t> source;
+  std::vector<std::vector<uint8_t>> references;  // 17
+  std::vector<uint8_t> preview;                  // the same for the three levels
+  zycBlockPool pool;
+  std::vector<zycBlock> top;
+  zycMotionSearch search;
+
+  SearchScene(uint32_t w, uint32_t h) : width(w), height(h) {
+    source.assign(size_t(w) * h * 4, 255);
+    references.assign(17, std::vector<uint8_t>(size_t(w) * h * 4, 255));
+    preview.assign(size_t(w) * h * 4, 255);
+    pool.Allocate((w / 16) * (h / 16), 16, 4);
+    top.resize((w / 16) * (h / 16));
+  }
+  // A crop of a photograph at (x, y), converted to YUV.
+  static std::vector<uint8_t> Photo(uint32_t x, uint32_t y, uint32_t w, uint32_t h) {
+    static zylTestImage photo;
+    if (photo.pixels.empty()) zylLoadPng(zylMediaPath("photo_coffee_600x400.png"), &photo);
+    zylTestImage crop = zylCropImage(photo, x, y, w, h);
+    std::vector<uint8_t> yuv(crop.pixels.size());
+    zycConvertToYuv(crop.pixels.data(), yuv.data(), w * h);
+    return yuv;
+  }
+  void Run(uint32_t count, bool simd, bool noFade = false, bool searchOff = false) {
+    search.sourceYuv = source.data();
+    for (int i = 0; i < 17; ++i) search.references[i] = references[i].data();
+    for (int i = 0; i < 3; ++i) search.dxtPreview[i] = preview.data();
+    search.paddedWidth = width;
+    search.paddedHeight = height;
+    search.table = kSmallMotionTable;
+    search.count = count;
+    search.noFade = noFade;
+    search.searchOff = searchOff;
+    zycSadChoose(&search.kernels, simd);
+    search.pool = &pool;
+    pool.Reset();
+    for (size_t i = 0; i < top.size(); ++i) {
+      top[i].size = 16;
+      top[i].x = int32_t((i % (width / 16)) * 16);
+      top[i].y = int32_t((i / (width / 16)) * 16);
+      search.SearchBlock(top[i]);
+    }
+  }
+};
+
+void ExpectSameTree(const zycBlock& a, const zycBlock& b) {
+  ASSERT_EQ(a.motionError, b.motionError) << a.x << "," << a.y << " size " << a.size;
+  ASSERT_EQ(a.motionIndex, b.motionIndex);
+  ASSERT_EQ(a.fadeError, b.fadeError);
+  ASSERT_EQ(a.fadeMotionIndex, b.fadeMotionIndex);
+  ASSERT_EQ(a.fadeIndex, b.fadeIndex);
+  ASSERT_EQ(a.children == nullptr, b.children == nullptr);
+  if (a.children) {
+    ASSERT_EQ(a.dxtError, b.dxtError);
+    for (int i = 0; i < 4; ++i) ExpectSameTree(a.children[i], b.children[i]);
+  }
+}
+
+void CheckInside(const zycBlock& b, uint32_t w, uint32_t h) {
+  const int8_t* v = kSmallMotionTable[b.motionIndex];
+  EXPECT_GE(b.x + v[0], 0);
+  EXPECT_GE(b.y + v[1], 0);
+  EXPECT_LE(b.x + v[0] + b.size, int32_t(w));
+  EXPECT_LE(b.y + v[1] + b.size, int32_t(h));
+  if (b.children) {
+    for (int i = 0; i < 4; ++i) CheckInside(b.children[i], w, h);
+  }
+}
+
+TEST(MotionSearch, Sse2AndPlainKernelsGiveIdenticalTreesOnRealVideo) {
+  auto frames = zylDecodeVideoFrames(zylMediaPath("walkers_768x576_10fps_120f.mkv"), 3, 96, 64);
+  ASSERT_EQ(frames.size(), 3u);
+  SearchScene plain(96, 64), fast(96, 64);
+  for (SearchScene* s : {&plain, &fast}) {
+    zycConvertToYuv(frames[2].pixels.data(), s->source.data(), 96 * 64);
+    zycConvertToYuv(frames[0].pixels.data(), s->references[0].data(), 96 * 64);
+    for (int f = 1; f < 17; ++f) {
+      // Fades made by scaling, enough to give the fade search real work.
+      std::vector<uint8_t> px = frames[0].pixels;
+      for (size_t i = 0; i < px.size(); ++i) {
+        if (i % 4 != 3) px[i] = uint8_t(px[i] * (12 + f) / 28 > 255 ? 255 : px[i] * (12 + f) / 28);
+      }
+      zycConvertToYuv(px.data(), s->references[f].data(), 96 * 64);
+    }
+    zycConvertToYuv(frames[1].pixels.data(), s->preview.data(), 96 * 64);
+  }
+  plain.Run(256, false);
+  fast.Run(256, true);
+  for (size_t i = 0; i < plain.top.size(); ++i) ExpectSameTree(plain.top[i], fast.top[i]);
+}
+
+TEST(MotionSearch, IdenticalPicturesStopAtEveryTopBlock) {
+  SearchScene s(64, 48);
+  s.source = SearchScene::Photo(10, 10, 64, 48);
+  s.references[0] = s.source;
+  s.Run(256, true);
+  zycFrameLists lists;
+  lists.Reserve(1000);
+  lists.Clear();
+  zycWalk walk{&lists, 4, true};
+  uint32_t errorNext = kErrorNextStart;
+  for (const zycBlock& b : s.top) {
+    EXPECT_EQ(b.motionError, 0u);
+    EXPECT_EQ(b.motionIndex, 0u);
+    EXPECT_EQ(b.children, nullptr);
+    EXPECT_EQ(walk.PBlock(b, 0, errorNext), 1u);
+  }
+  EXPECT_EQ(lists.opcodes.size(), 1u + s.top.size());
+  EXPECT_EQ(lists.motionBytes.size(), s.top.size());
+  EXPECT_EQ(errorNext, kErrorNextStart);
+}
+
+TEST(MotionSearch, FindsAShiftedPictureAndStaysInsideThePaddedPicture) {
+  SearchScene s(64, 48);
+  std::vector<uint8_t> wide = SearchScene::Photo(100, 50, 66, 48);
+  // source(x, y) = reference(x + 1, y): the vector (1, 0), table entry 3.
+  for (uint32_t y = 0; y < 48; ++y) {
+    std::memcpy(&s.source[y * 64 * 4], &wide[(y * 66 + 1) * 4], 64 * 4);
+    std::memcpy(&s.references[0][y * 64 * 4], &wide[y * 66 * 4], 64 * 4);
+  }
+  s.Run(256, true, true);
+  for (const zycBlock& b : s.top) {
+    CheckInside(b, 64, 48);
+    if (b.x + 16 < 64) {
+      EXPECT_EQ(b.motionIndex, 3u);
+      EXPECT_EQ(b.motionError, 0u);
+    } else {
+      EXPECT_GT(b.motionError, 0u);  // the right column can't reach x + 1
+    }
+  }
+}
+
+TEST(MotionSearch, MotiEightTriesOnlyTheZeroVectorAndNineTriesNothing) {
+  SearchScene s(64, 48);
+  std::vector<uint8_t> wide = SearchScene::Photo(100, 50, 66, 48);
+  for (uint32_t y = 0; y < 48; ++y) {
+    std::memcpy(&s.source[y * 64 * 4], &wide[(y * 66 + 1) * 4], 64 * 4);
+    std::memcpy(&s.references[0][y * 64 * 4], &wide[y * 66 * 4], 64 * 4);
+  }
+  s.Run(256 >> 8, true, true);
+  for (const zycBlock& b : s.top) {
+    EXPECT_EQ(b.motionIndex, 0u);
+    EXPECT_GT(b.motionError, 0u);
+    EXPECT_LT(b.motionError, zycErrorStart(16));
+  }
+  s.Run(256 >> 9, true, false);
+  for (const zycBlock& b : s.top) {
+    EXPECT_EQ(b.motionError, zycErrorStart(16));
+    EXPECT_EQ(b.fadeError, zycErrorStart(16));
+    ASSERT_NE(b.children, nullptr);
+    EXPECT_EQ(b.children[0].motionError, zycErrorStart(8));
+  }
+}
+
+TEST(MotionSearch, PerfectFadeEndsTheSearchAndTheWalkTakesIt) {
+  SearchScene s(32, 32);
+  s.source = SearchScene::Photo(300, 200, 32, 32);
+  s.references[0] = SearchScene::Photo(0, 0, 32, 32);
+  s.references[7] = s.source;  // fade index 6
+  s.Run(256, true);
+  zycFrameLists lists;
+  lists.Reserve(1000);
+  lists.Clear();
+  zycWalk walk{&lists, 4, true};
+  uint32_t errorNext = kErrorNextStart;
+  for (const zycBlock& b : s.top) {
+    EXPECT_EQ(b.fadeError, 0u);
+    EXPECT_EQ(b.fadeIndex, 6u);
+    EXPECT_EQ(b.children, nullptr);
+    EXPECT_EQ(walk.PBlock(b, 0, errorNext), 0u);
+  }
+  ASSERT_EQ(lists.fadeBytes.size(), 4u);
+  for (uint32_t i = 0; i < 4; ++i) EXPECT_EQ(lists.fadeBytes[i], 6u);
+  for (uint32_t i = 1; i < 5; ++i) EXPECT_EQ(lists.opcodes[i], 3u);
+}
+
+TEST(MotionSearch, KeyFrameWalkAtZeroGivesFourPixelLeavesEverywhere) {
+  SearchScene s(32, 16);
+  s.source = SearchScene::Photo(50, 60, 32, 16);
+  s.preview = SearchScene::Photo(51, 60, 32, 16);  // a preview that differs everywhere
+  s.Run(256, true, false, true);
+  zycFrameLists lists;
+  lists.Reserve(1000);
+  lists.Clear();
+  zycWalk walk{&lists, 4, true};
+  uint32_t errorNext = kErrorNextStart;
+  for (const zycBlock& b : s.top) walk.KeyBlock(b, 0, errorNext);
+  // Per top block: split, four times (split, four leaves).
+  EXPECT_EQ(lists.opcodes.size(), 1u + 2 * 21);
+  EXPECT_EQ(lists.dxtList.size(), 2u * 16);
+  for (uint32_t i = 0; i < lists.dxtList.size(); ++i) EXPECT_EQ(lists.dxtList[i]->size, 4);
+  // The smallest error above 0 among the 16- and 8-pixel squares.
+  uint32_t smallest = kErrorNextStart;
+  for (const zycBlock& b : s.top) {
+    smallest = std::min(smallest, b.dxtError);
+    for (int i = 0; i < 4; ++i) smallest = std::min(smallest, b.children[i].dxtError);
+  }
+  EXPECT_EQ(errorNext, smallest);
+  // At that threshold one square fewer is split.
+  lists.Clear();
+  uint32_t again = kErrorNextStart;
+  for (const zycBlock& b : s.top) walk.KeyBlock(b, smallest, again);
+  EXPECT_LT(lists.dxtList.size(), 32u);
+  EXPECT_GT(again, smallest);
+}
+
+// A hand-made tree: a 16-pixel square whose children are copies with one vector.
+struct HandTree {
+  zycBlock top;
+  zycBlock eights[4];
+  zycBlock fours[4];
+  HandTree() {
+    top = Node(16, 0, 0, 5000, 7, 6000, 4000);
+    top.children = eights;
+    for (int i = 0; i < 4; ++i) {
+      eights[i] = Node(8, (i & 1) * 8, (i >> 1) * 8, 10, 7, 900, 800);
+    }
+    eights[3].motionError = 3000;
+    eights[3].children = fours;
+    for (int i = 0; i < 4; ++i) fours[i] = Node(4, 8 + (i & 1) * 4, 8 + (i >> 1) * 4, 5, 7, 700, 600);
+  }
+  static zycBlock Node(int s, int x, int y, uint32_t motion, uint32_t index, uint32_t fade,
+                       uint32_t dxt) {
+    zycBlock b;
+    b.size = s;
+    b.x = x;
+    b.y = y;
+    b.motionError = motion;
+    b.motionIndex = index;
+    b.fadeError = fade;
+    b.fadeMotionIndex = 9;
+    b.fadeIndex = 2;
+    b.dxtError = dxt;
+    return b;
+  }
+};
+
+TEST(MotionSearch, FourEqualCopiesMergeUpTheTree) {
+  HandTree t;
+  zycFrameLists lists;
+  lists.Reserve(100);
+  lists.Clear();
+  zycWalk walk{&lists, 4, true};
+  uint32_t errorNext = kErrorNextStart;
+  EXPECT_EQ(walk.PBlock(t.top, 10, errorNext), 1u);
+  ASSERT_EQ(lists.opcodes.size(), 2u);
+  EXPECT_EQ(lists.opcodes[1], 0u);
+  ASSERT_EQ(lists.motionBytes.size(), 1u);
+  EXPECT_EQ(lists.motionBytes[0], 7u);
+  ASSERT_EQ(lists.motionBlocks.size(), 1u);
+  EXPECT_EQ(lists.motionBlocks[0], &t.top);
+  // The smallest error above the threshold that would change a decision.
+  EXPECT_EQ(errorNext, 800u);
+}
+
+TEST(MotionSearch, AFadeAmongTheChildrenStopsTheMerge) {
+  HandTree t;
+  t.fours[2].motionError = 650;  // above the threshold, its fade within it
+  t.fours[2].fadeError = 20;
+  zycFrameLists lists;
+  lists.Reserve(100);
+  lists.Clear();
+  zycWalk walk{&lists, 4, true};
+  uint32_t errorNext = kErrorNextStart;
+  EXPECT_EQ(walk.PBlock(t.top, 30, errorNext), 0u);
+  // top split; three 8-copies; the fourth split into copy, copy, fade, copy.
+  const uint8_t expected[] = {0, 1, 0, 0, 0, 1, 0, 0, 3, 0};
+  ASSERT_EQ(lists.opcodes.size(), sizeof expected);
+  for (uint32_t i = 1; i < lists.opcodes.size(); ++i) EXPECT_EQ(lists.opcodes[i], expected[i]) << i;
+  EXPECT_EQ(lists.motionBytes.size(), 7u);
+  EXPECT_EQ(lists.motionBytes[5], 9u);  // the fade's own vector
+  ASSERT_EQ(lists.fadeBytes.size(), 1u);
+  EXPECT_EQ(lists.fadeBytes[0], 2u);
+}
+
+TEST(MotionSearch, WideIndicesMergeOnTwoBytes) {
+  HandTree t;
+  for (zycBlock* b : {&t.eights[0], &t.eights[1], &t.eights[2], &t.fours[0], &t.fours[1],
+                      &t.fours[2], &t.fours[3]}) {
+    b->motionIndex = 0x123;
+  }
+  zycFrameLists lists;
+  lists.Reserve(100);
+  lists.Clear();
+  zycWalk walk{&lists, 4, false};
+  uint32_t errorNext = kErrorNextStart;
+  EXPECT_EQ(walk.PBlock(t.top, 10, errorNext), 1u);
+  ASSERT_EQ(lists.motionBytes.size(), 2u);
+  EXPECT_EQ(lists.motionBytes[0], 0x23);
+  EXPECT_EQ(lists.motionBytes[1], 0x01);
+}
+
+}  // namespace

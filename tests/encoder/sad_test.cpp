@@ -1,0 +1,109 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "dxt/yuvConvert.h"
+#include "encoder/sad.h"
+#include "tests/support/imageLoad.h"
+#include "tests/support/testMedia.h"
+
+namespace {
+
+// Two real pictures in the encoder's YUV layout, 16-byte aligned rows: the photograph and the
+// same photograph moved by a few pixels and darkened, as a motion search meets them.
+struct PicturePair {
+  uint32_t width = 128, height = 96;
+  std::vector<uint8_t> a, b;
+};
+
+PicturePair MakePair(bool randomAlpha) {
+  PicturePair p;
+  zylTestImage photo;
+  EXPECT_TRUE(zylLoadPng(zylMediaPath("photo_coffee_600x400.png"), &photo));
+  zylTestImage first = zylCropImage(photo, 200, 100, p.width, p.height);
+  zylTestImage second = zylCropImage(photo, 203, 98, p.width, p.height);
+  p.a.resize(first.pixels.size());
+  p.b.resize(second.pixels.size());
+  for (size_t i = 0; i < second.pixels.size(); ++i) {
+    if (i % 4 != 3) second.pixels[i] = uint8_t(second.pixels[i] * 7 / 8);
+  }
+  zycConvertToYuv(first.pixels.data(), p.a.data(), p.width * p.height);
+  zycConvertToYuv(second.pixels.data(), p.b.data(), p.width * p.height);
+  if (randomAlpha) {
+    srand(5);
+    for (size_t i = 3; i < p.b.size(); i += 4) p.b[i] = uint8_t(rand());
+  }
+  return p;
+}
+
+TEST(SadKernels, Sse2EqualsPlainOnRealPicturesAtEverySizeAndOffset) {
+  zycSadKernels plain, fast;
+  zycSadPlain(&plain);
+  if (!zycSadSse2(&fast)) GTEST_SKIP() << "built without SIMD";
+  PicturePair p = MakePair(false);
+  const uint32_t stride = p.width * 4;
+  int compared = 0;
+  for (int level = 0; level < 3; ++level) {
+    const uint32_t s = 4u << level;
+    for (uint32_t y = 0; y + s <= p.height; y += 4) {
+      for (uint32_t x = 0; x + s <= p.width; x += 4) {
+        const uint8_t* cur = p.a.data() + y * stride + x * 4;
+        // The reference at a vector of up to 3 pixels, read unaligned.
+        const uint32_t rx = (x + (y % 7)) + s <= p.width ? x + (y % 7) : x;
+        const uint8_t* ref = p.b.data() + y * stride + rx * 4;
+        ASSERT_EQ(plain.all[level](cur, ref, stride, ~0u), fast.all[level](cur, ref, stride, ~0u));
+        ASSERT_EQ(plain.colour[level](cur, ref, stride, ~0u),
+                  fast.colour[level](cur, ref, stride, ~0u));
+        ++compared;
+      }
+    }
+  }
+  EXPECT_GT(compared, 500);
+}
+
+TEST(SadKernels, ColourKernelsLeaveAlphaOutAndAllKernelsCountIt) {
+  zycSadKernels plain, fast;
+  zycSadPlain(&plain);
+  const bool haveFast = zycSadSse2(&fast);
+  PicturePair p = MakePair(true);
+  const uint32_t stride = p.width * 4;
+  uint32_t alphaSum = 0;
+  for (int y = 0; y < 16; ++y) {
+    for (int x = 0; x < 16; ++x) alphaSum += 255 - p.b[y * stride + x * 4 + 3];
+  }
+  const uint32_t all = plain.all[2](p.a.data(), p.b.data(), stride, ~0u);
+  const uint32_t colour = plain.colour[2](p.a.data(), p.b.data(), stride, ~0u);
+  EXPECT_EQ(all, colour + alphaSum);
+  if (haveFast) {
+    EXPECT_EQ(fast.colour[2](p.a.data(), p.b.data(), stride, ~0u), colour);
+    EXPECT_EQ(fast.all[2](p.a.data(), p.b.data(), stride, ~0u), all);
+  }
+}
+
+TEST(SadKernels, FastKernelMayStopAtTheLimitButNeverBelowIt) {
+  zycSadKernels plain, fast;
+  zycSadPlain(&plain);
+  if (!zycSadSse2(&fast)) GTEST_SKIP() << "built without SIMD";
+  PicturePair p = MakePair(false);
+  const uint32_t stride = p.width * 4;
+  const uint32_t exact = plain.all[2](p.a.data(), p.b.data(), stride, ~0u);
+  ASSERT_GT(exact, 100u);
+  // Below the limit: exact. At or above: some value not below the limit.
+  EXPECT_EQ(fast.all[2](p.a.data(), p.b.data(), stride, exact + 1), exact);
+  const uint32_t early = fast.all[2](p.a.data(), p.b.data(), stride, exact / 4);
+  EXPECT_GE(early, exact / 4);
+  EXPECT_LE(early, exact);
+}
+
+TEST(SadKernels, IdenticalSquaresGiveZero) {
+  zycSadKernels k;
+  zycSadChoose(&k, true);
+  PicturePair p = MakePair(false);
+  for (int level = 0; level < 3; ++level) {
+    EXPECT_EQ(k.all[level](p.a.data() + 64, p.a.data() + 64, p.width * 4, ~0u), 0u);
+  }
+}
+
+}  // namespace

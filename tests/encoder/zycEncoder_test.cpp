@@ -1,0 +1,463 @@
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "base/byteIo.h"
+#include "encoder/zycEncoder.h"
+#include "stream/container.h"
+#include "stream/framePayload.h"
+#include "tests/encoder/movieCheck.h"
+#include "tests/support/imageLoad.h"
+#include "tests/support/testMedia.h"
+#include "tests/support/videoFrames.h"
+
+namespace {
+
+// One job driven through the seam, with the written file read back after every frame.
+class EncodeRun {
+ public:
+  explicit EncodeRun(const std::string& name) {
+    path_ = ::testing::TempDir() + "encoder_" + name + ".zyl";
+    holder_.file = std::fopen(path_.c_str(), "w+b");
+    encoder.verbose = false;
+  }
+  ~EncodeRun() {
+    encoder.End();
+    holder_.Close();
+    std::remove(path_.c_str());
+  }
+
+  int32_t Begin(const zylTestPicture& picture, double fps = 25.0,
+                const zylKeyframeRange* plan = nullptr) {
+    header.magic = kMagicZyl0;
+    header.version = version;
+    header.frameDuration = uint32_t(1000000 / fps);
+    header.timeScale = 1000000;
+    header.width = uint32_t(picture.width);
+    header.height = uint32_t(picture.height);
+    zylFrameImage image;
+    Wrap(picture, &image);
+    zylProgress progress{};
+    const int32_t r = encoder.Begin(header, image, &holder_, nullptr, nullptr, nullptr,
+                                    &progress, plan);
+    image.pixels = nullptr;
+    if (r == 0) {
+      progresses.push_back(progress);
+      Check();
+    }
+    return r;
+  }
+  void Next(const zylTestPicture& picture) {
+    zylFrameImage image;
+    Wrap(picture, &image);
+    zylProgress progress{};
+    encoder.Next(image, &progress);
+    image.pixels = nullptr;
+    progresses.push_back(progress);
+    Check();
+  }
+  // The file must walk and decode after every frame, and the decode must equal the encoder's
+  // own reconstruction pixel for pixel.
+  void Check() {
+    std::fflush(holder_.file);
+    movie = zycMovieCheck();
+    ASSERT_TRUE(zycCheckMovie(zycReadWholeFile(path_), &movie)) << movie.error;
+    ASSERT_EQ(movie.frames.size(), progresses.size());
+    const size_t bytes = size_t(encoder.PaddedWidth()) * encoder.PaddedHeight() * 4;
+    ASSERT_EQ(movie.lastPicture.size(), bytes);
+    ASSERT_EQ(0, std::memcmp(movie.lastPicture.data(), encoder.Reconstructed(), bytes))
+        << "frame " << progresses.size() - 1 << " decodes differently";
+  }
+  std::vector<uint8_t> FileBytes() const { return zycReadWholeFile(path_); }
+
+  zycEncoder encoder;
+  uint32_t version = 0;
+  zycStreamHeader header;
+  std::vector<zylProgress> progresses;
+  zycMovieCheck movie;
+
+ private:
+  static void Wrap(const zylTestPicture& p, zylFrameImage* image) {
+    image->pixels = const_cast<uint8_t*>(p.pixels.data());
+    image->width = p.width;
+    image->height = p.height;
+  }
+  std::string path_;
+  zycFileHolder holder_;
+};
+
+const zylTestImage& Coffee() {
+  static zylTestImage photo;
+  if (photo.pixels.empty()) zylLoadPng(zylMediaPath("photo_coffee_600x400.png"), &photo);
+  return photo;
+}
+const zylTestImage& Astronaut() {
+  static zylTestImage photo;
+  if (photo.pixels.empty()) zylLoadPng(zylMediaPath("photo_astronaut_512x512.png"), &photo);
+  return photo;
+}
+
+zylTestPicture Crop(const zylTestImage& photo, uint32_t x, uint32_t y, uint32_t w, uint32_t h,
+                    uint32_t shrink = 1) {
+  zylTestImage crop = zylCropImage(photo, x, y, w, h, shrink);
+  zylTestPicture p;
+  p.width = int32_t(w);
+  p.height = int32_t(h);
+  p.pixels = std::move(crop.pixels);
+  return p;
+}
+
+zylTestPicture Scaled(const zylTestPicture& p, int numerator, int denominator) {
+  zylTestPicture out = p;
+  for (size_t i = 0; i < out.pixels.size(); ++i) {
+    if (i % 4 != 3) out.pixels[i] = uint8_t(std::min(255, p.pixels[i] * numerator / denominator));
+  }
+  return out;
+}
+
+// Frames of a real clip: a few, scaled down to keep the search quick.
+std::vector<zylTestPicture> Clip(const char* name, int count, int w, int h) {
+  return zylDecodeVideoFrames(zylMediaPath(name), count, w, h);
+}
+
+TEST(Encoder, RealClipDecodesToTheReconstructionAfterEveryFrame) {
+  auto frames = Clip("tree_320x240_15fps_cinepak.avi", 6, 160, 120);
+  ASSERT_EQ(frames.size(), 6u);
+  EncodeRun run("tree");
+  ASSERT_EQ(run.Begin(frames[0], 15.0), 0);
+  for (size_t i = 1; i < frames.size(); ++i) run.Next(frames[i]);
+  EXPECT_EQ(run.movie.header.frameCount, 6u);
+  EXPECT_EQ(run.movie.header.width, 160u);
+  EXPECT_EQ(run.movie.header.height, 120u);
+  EXPECT_EQ(run.movie.header.flags, kHeaderFlagAlways);
+  EXPECT_EQ(run.encoder.PaddedHeight(), 128u);
+  // A moving hand-held picture: P-frames copy, fade and store blocks.
+  uint32_t motion = 0;
+  for (size_t i = 1; i < run.progresses.size(); ++i) motion += run.progresses[i].motionBytesCount;
+  EXPECT_GT(motion, 0u);
+  // The rate loop keeps the P-frames near their budget.
+  for (size_t i = 1; i < run.progresses.size(); ++i) {
+    EXPECT_FALSE(run.progresses[i].keyFrame);
+  }
+}
+
+TEST(Encoder, WalkersClipWithLzmaSectionsDecodes) {
+  auto frames = Clip("walkers_768x576_10fps_120f.mkv", 5, 96, 80);
+  ASSERT_EQ(frames.size(), 5u);
+  EncodeRun run("lzma");
+  run.encoder.packing = 1;
+  ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
+  for (size_t i = 1; i < frames.size(); ++i) run.Next(frames[i]);
+  EXPECT_EQ(zycPacking(run.movie.header), kPackingLzma);
+  ASSERT_EQ(run.movie.sectionFrames.size(), 1u);
+  // 5 property bytes, the 8-byte unpacked size, the data; the size is the section's bytes.
+  const std::vector<uint8_t> bytes = run.FileBytes();
+  EXPECT_EQ(zycLoad64(&bytes[64 + 6 + 5]), run.movie.unpacked[0].size());
+  uint32_t sum = 0;
+  for (const zylProgress& p : run.progresses) sum += uint32_t(p.size);
+  EXPECT_EQ(sum, zycLoad32(&bytes[66]));
+}
+
+// Squares of colours that DXT1 holds exactly, so that the key frame rebuilds the picture
+// without loss and a repeat of it matches the reconstruction everywhere.
+zylTestPicture ExactSquares(int32_t w, int32_t h) {
+  static const uint8_t kColours[5][3] = {{0, 0, 0}, {255, 255, 255}, {255, 0, 0}, {0, 255, 0},
+                                         {0, 0, 255}};
+  zylTestPicture p;
+  p.width = w;
+  p.height = h;
+  p.pixels.resize(size_t(w) * h * 4);
+  for (int32_t y = 0; y < h; ++y) {
+    for (int32_t x = 0; x < w; ++x) {
+      const uint8_t* c = kColours[(x / 16 + 2 * (y / 16)) % 5];
+      uint8_t* px = &p.pixels[(size_t(y) * w + x) * 4];
+      px[0] = c[0];
+      px[1] = c[1];
+      px[2] = c[2];
+      px[3] = 255;
+    }
+  }
+  return p;
+}
+
+TEST(Encoder, IdenticalPicturesGiveOneCopyPerTopBlockAndNoKeyFrame) {
+  zylTestPicture p = ExactSquares(64, 48);
+  EncodeRun run("same");
+  ASSERT_EQ(run.Begin(p), 0);
+  run.Next(p);
+  run.Next(p);
+  const uint32_t topBlocks = 4 * 3;
+  for (int f = 1; f <= 2; ++f) {
+    EXPECT_EQ(run.movie.frameFlags[f], kFrameFlagAlways | kFrameFlagMotion);
+    EXPECT_FALSE(run.progresses[f].keyFrame);
+    EXPECT_EQ(run.progresses[f].motionBytesCount, topBlocks);
+    EXPECT_EQ(run.progresses[f].opcodeBytes, 1 + topBlocks / 4);
+    EXPECT_EQ(run.progresses[f].dxtBlockCount, 0u);
+    // tree item: flags and zeros; motion item: zero indices.
+    const std::vector<uint8_t>& frame = run.movie.frames[f];
+    ASSERT_EQ(frame.size(), 4 + 1 + topBlocks / 4 + 4 + topBlocks);
+    for (size_t i = 5; i < frame.size(); ++i) {
+      if (i == 4 + 1 + topBlocks / 4) {
+        EXPECT_EQ(zycLoad32(&frame[i]), topBlocks);
+        i += 3;
+        continue;
+      }
+      EXPECT_EQ(frame[i], 0) << i;
+    }
+  }
+  EXPECT_EQ(run.movie.sectionFrames.size(), 1u);
+}
+
+TEST(Encoder, HardCutTooSoonIsAPFrameWithTheKeyBudget) {
+  zylTestPicture a = Crop(Coffee(), 100, 100, 64, 48);
+  zylTestPicture b = Crop(Astronaut(), 200, 40, 64, 48);
+  EncodeRun run("cut");
+  ASSERT_EQ(run.Begin(a), 0);
+  run.Next(a);
+  run.Next(b);
+  EXPECT_FALSE(run.encoder.LastFrame().keyFrame);
+  EXPECT_GT(run.encoder.LastFrame().changed, 50.0);
+  const int32_t key = int32_t(25.0 * run.encoder.CompressionSize() * double(0.2f));
+  EXPECT_EQ(run.encoder.LastFrame().wantedSize, key);
+  EXPECT_EQ(run.movie.sectionFrames.size(), 1u);
+}
+
+TEST(Encoder, ACutAfterTheRangeHasRunOutStartsASection) {
+  zylTestPicture a = Crop(Coffee(), 100, 100, 64, 48);
+  zylTestPicture b = Crop(Astronaut(), 200, 40, 64, 48);
+  EncodeRun run("cut2");
+  run.encoder.iRng = 0.05f;  // two frames at 25 fps
+  ASSERT_EQ(run.Begin(a), 0);
+  run.Next(a);
+  run.Next(b);
+  EXPECT_TRUE(run.encoder.LastFrame().keyFrame);
+  EXPECT_TRUE(run.progresses[2].keyFrame);
+  ASSERT_EQ(run.movie.sectionFrames.size(), 2u);
+  EXPECT_EQ(run.movie.sectionFrames[0], 2u);
+  EXPECT_EQ(run.movie.sectionFrames[1], 1u);
+  // A key frame of the tree has no motion item.
+  EXPECT_EQ(run.movie.frameFlags[2] & kFrameFlagMotion, 0);
+  // Its credit paid the six bytes of the section header.
+  const int32_t before = run.progresses[1].credit;
+  EXPECT_EQ(run.progresses[2].credit,
+            before - 6 + run.encoder.CompressionSize() - run.progresses[2].size);
+}
+
+TEST(Encoder, PlanForcesAndInhibitsKeyFrames) {
+  zylTestPicture a = Crop(Coffee(), 100, 100, 64, 48);
+  zylTestPicture b = Crop(Astronaut(), 200, 40, 64, 48);
+  const uint32_t forced[] = {2};
+  zylKeyframeRange inhibit{3, 9, nullptr, 0, nullptr};
+  zylKeyframeRange plan{0, 0, forced, 1, &inhibit};
+  EncodeRun run("plan");
+  run.encoder.iRng = 0.0f;
+  run.encoder.SetJobRange(0, 5);
+  ASSERT_EQ(run.Begin(a, 25.0, &plan), 0);
+  run.Next(a);  // 1: nothing changed
+  run.Next(a);  // 2: forced, although nothing changed
+  run.Next(a);  // 3
+  run.Next(b);  // 4: a cut, but inside the inhibiting range
+  EXPECT_FALSE(run.progresses[1].keyFrame);
+  EXPECT_TRUE(run.progresses[2].keyFrame);
+  EXPECT_FALSE(run.progresses[4].keyFrame);
+  EXPECT_EQ(run.movie.sectionFrames, (std::vector<uint32_t>{2, 3}));
+}
+
+TEST(Encoder, ForceLastKeyMakesTheLastFrameKeyInsideAnInhibitingRange) {
+  zylTestPicture a = Crop(Coffee(), 100, 100, 64, 48);
+  zylKeyframeRange inhibit{0, 100, nullptr, 0, nullptr};
+  EncodeRun run("last");
+  run.encoder.forceLastKey = 1;
+  run.encoder.SetJobRange(0, 3);
+  ASSERT_EQ(run.Begin(a, 25.0, &inhibit), 0);
+  run.Next(a);
+  run.Next(a);
+  EXPECT_FALSE(run.progresses[1].keyFrame);
+  EXPECT_TRUE(run.progresses[2].keyFrame);
+  // A short job: the lowered budget falls under 70% and is dropped.
+  EXPECT_EQ(run.encoder.CompressionSize(), 64 * 48 * 3 / 100);
+}
+
+TEST(Encoder, ForceLastKeyLowersTheBudgetOnALongJob) {
+  zylTestPicture a = Crop(Coffee(), 100, 100, 64, 48);
+  EncodeRun run("lastlong");
+  run.encoder.forceLastKey = 1;
+  run.encoder.SetJobRange(0, 100);
+  ASSERT_EQ(run.Begin(a), 0);
+  // A = 92, K = 460, T = 18: 92 - (460 + 18 - 92) / 100 = 89, above 70% of 92.
+  const int32_t a0 = 64 * 48 * 3 / 100;
+  const int32_t k = int32_t(25.0 * a0 * double(0.2f)), t = int32_t(a0 * double(0.2f));
+  EXPECT_EQ(run.encoder.CompressionSize(), a0 - int32_t(uint32_t(k + t - a0) / 100u));
+  EXPECT_EQ(run.encoder.CompressionSize(), 89);
+}
+
+// A picture that darkens a little every frame: fades are the cheap way to code it.
+TEST(Encoder, FadesAreUsedUnlessFactIsZero) {
+  zylTestPicture a = Crop(Coffee(), 150, 120, 64, 48);
+  for (int noFade = 0; noFade <= 1; ++noFade) {
+    EncodeRun run(noFade ? "nofade" : "fade");
+    run.encoder.noFade = uint32_t(noFade);
+    run.encoder.ratio = 40;
+    ASSERT_EQ(run.Begin(a), 0);
+    for (int f = 1; f <= 3; ++f) run.Next(Scaled(a, 20 - 2 * f, 20));
+    bool anyFade = false;
+    for (uint8_t flags : run.movie.frameFlags) anyFade |= (flags & kFrameFlagFade) != 0;
+    EXPECT_EQ(anyFade, noFade == 0);
+  }
+}
+
+TEST(Encoder, MotiEightCopiesOnlyInPlaceAndNineNeverCopies) {
+  auto frames = Clip("walkers_768x576_10fps_120f.mkv", 3, 64, 48);
+  ASSERT_EQ(frames.size(), 3u);
+  {
+    EncodeRun run("moti8");
+    run.encoder.motionShift = 8;
+    ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
+    run.Next(frames[1]);
+    run.Next(frames[2]);
+    for (size_t f = 1; f < 3; ++f) {
+      zycFrameItems items;
+      ASSERT_TRUE(zycSplitFrame(run.movie.frames[f].data(), run.movie.frames[f].size(), &items));
+      ASSERT_TRUE(items.motion.present);
+      for (uint32_t i = 0; i < items.motion.size; ++i) {
+        EXPECT_EQ(run.movie.frames[f][items.motion.offset + i], 0);
+      }
+    }
+  }
+  {
+    EncodeRun run("moti9");
+    run.encoder.motionShift = 9;
+    ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
+    run.Next(frames[1]);
+    EXPECT_EQ(run.movie.frameFlags[1] & (kFrameFlagMotion | kFrameFlagFade), 0);
+    EXPECT_EQ(run.progresses[1].motionBytesCount, 0u);
+  }
+}
+
+TEST(Encoder, ErrorLimitZeroEndsEveryFrameAfterOnePass) {
+  auto frames = Clip("walkers_768x576_10fps_120f.mkv", 3, 64, 48);
+  EncodeRun run("cmax0");
+  run.encoder.errorLimit = 0;
+  run.encoder.ratio = 400;
+  ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
+  run.Next(frames[1]);
+  run.Next(frames[2]);
+  for (const zylProgress& p : run.progresses) EXPECT_EQ(p.quantizer, 0u);
+  EXPECT_EQ(run.encoder.LastFrame().passes, 0u);
+}
+
+TEST(Encoder, ErrorMinRaisesTheThresholdOfFramesThatFit) {
+  auto frames = Clip("walkers_768x576_10fps_120f.mkv", 3, 64, 48);
+  EncodeRun run("cmin");
+  run.encoder.errorMin = 3000;
+  run.encoder.ratio = 2;  // everything fits at threshold 0
+  ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
+  run.Next(frames[1]);
+  run.Next(frames[2]);
+  for (size_t f = 1; f < 3; ++f) {
+    EXPECT_GE(run.progresses[f].quantizer, 3000u) << f;
+  }
+}
+
+TEST(Encoder, OddSizedPictureIsPaddedWithBlack) {
+  zylTestPicture p = Crop(Coffee(), 10, 10, 100, 50);
+  EncodeRun run("odd");
+  ASSERT_EQ(run.Begin(p), 0);
+  EXPECT_EQ(run.encoder.PaddedWidth(), 112u);
+  EXPECT_EQ(run.encoder.PaddedHeight(), 64u);
+  EXPECT_EQ(run.movie.header.width, 100u);
+  EXPECT_EQ(run.movie.header.height, 50u);
+  const uint8_t* s = run.encoder.SourceFrame();
+  for (uint32_t y = 0; y < 64; ++y) {
+    for (uint32_t x = 0; x < 112; ++x) {
+      const uint8_t* px = s + (y * 112 + x) * 4;
+      if (x < 100 && y < 50) {
+        ASSERT_EQ(0, std::memcmp(px, &p.pixels[(y * 100 + x) * 4], 4));
+      } else {
+        ASSERT_EQ(zycLoad32(px), 0u) << x << "," << y;
+      }
+    }
+  }
+  run.Next(Crop(Coffee(), 12, 11, 100, 50));
+}
+
+TEST(Encoder, BudgetOf320By240WithoutSoundIs2304) {
+  zylTestPicture p = Crop(Coffee(), 0, 0, 320, 240, 1);
+  EncodeRun run("budget");
+  ASSERT_EQ(run.Begin(p), 0);
+  EXPECT_EQ(run.encoder.CompressionSize(), 2304);
+  // Header 64 and first section header 6 are paid from the start.
+  EXPECT_EQ(run.progresses[0].credit, -70 + 2304 - run.progresses[0].size);
+  EXPECT_EQ(run.encoder.LastFrame().wantedSize, int32_t(25.0 * 2304 * double(0.2f)));
+}
+
+TEST(Encoder, KeyFrameBudgetIs10000ForA2000ByteFrameAt25Fps) {
+  zylTestPicture p = Crop(Coffee(), 0, 0, 160, 400, 1);
+  EncodeRun run("k10000");
+  run.encoder.ratio = 96;  // 160 x 400 x 3 / 96 = 2000
+  ASSERT_EQ(run.Begin(p), 0);
+  EXPECT_EQ(run.encoder.CompressionSize(), 2000);
+  EXPECT_EQ(run.encoder.LastFrame().wantedSize, 10000);
+  EXPECT_LE(run.progresses[0].size, 10000);
+}
+
+TEST(Encoder, HeaderTailHoldsPackingAndParametersOrTheTwoWords) {
+  zylTestPicture p = Crop(Coffee(), 0, 0, 32, 32);
+  {
+    EncodeRun run("tail0");
+    run.encoder.headerS = 0xABCDEF;
+    run.encoder.headerT = 0x12345678;
+    ASSERT_EQ(run.Begin(p), 0);
+    const std::vector<uint8_t> bytes = run.FileBytes();
+    EXPECT_EQ(bytes[56], 0);
+    EXPECT_EQ(bytes[57], 0xAB);
+    EXPECT_EQ(zycLoad16(&bytes[58]), 0xCDEF);
+    EXPECT_EQ(zycLoad32(&bytes[60]), 0x12345678u);
+    EXPECT_EQ(zycLoad32(&bytes[52]), 7u);
+    EXPECT_EQ(zycLoad32(&bytes[0]), kMagicZyl0);
+  }
+  {
+    EncodeRun run("tail2");
+    run.encoder.headerA = 11;
+    run.encoder.headerB = 22;
+    run.version = 2;
+    ASSERT_EQ(run.Begin(p), 0);
+    const std::vector<uint8_t> bytes = run.FileBytes();
+    EXPECT_EQ(zycLoad32(&bytes[4]), 2u);
+    EXPECT_EQ(zycLoad32(&bytes[56]), 11u);
+    EXPECT_EQ(zycLoad32(&bytes[60]), 22u);
+  }
+}
+
+TEST(Encoder, RefusesStillKeyFramesAndTableBlocksWithoutWriting) {
+  zylTestPicture p = Crop(Coffee(), 0, 0, 32, 32);
+  for (int which = 0; which < 2; ++which) {
+    EncodeRun run(which ? "refuseTable" : "refuseStill");
+    if (which) {
+      run.encoder.pFrameFormat = 1;
+    } else {
+      run.encoder.iFrameFormat = 1;
+    }
+    EXPECT_NE(run.Begin(p), 0);
+    EXPECT_TRUE(run.FileBytes().empty());
+  }
+}
+
+TEST(Encoder, PlainAndSimdSearchWriteTheSameMovie) {
+  auto frames = Clip("walkers_768x576_10fps_120f.mkv", 3, 64, 48);
+  std::vector<uint8_t> files[2];
+  for (int simd = 0; simd < 2; ++simd) {
+    EncodeRun run(simd ? "simd" : "plain");
+    run.encoder.allowSimd = simd != 0;
+    ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
+    run.Next(frames[1]);
+    run.Next(frames[2]);
+    files[simd] = run.FileBytes();
+  }
+  EXPECT_EQ(files[0], files[1]);
+}
+
+}  // namespace
