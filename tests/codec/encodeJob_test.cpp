@@ -1,0 +1,449 @@
+#include "codec/encodeJob.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "base/fileIo.h"
+#include "codec/zycCodec.h"
+#include "stream/zylFormat.h"
+#include "tests/support/memorySource.h"
+#include "tests/support/recordingEncoder.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+uint32_t Tag(const char* name) { return zylTag(name[0], name[1], name[2], name[3]); }
+
+std::vector<zycTestPicture> Pictures(int32_t width, int32_t height, int count) {
+  std::vector<zycTestPicture> pictures;
+  for (int i = 0; i < count; ++i) pictures.push_back(zycTestPicture::Pattern(width, height, i));
+  return pictures;
+}
+
+std::vector<uint8_t> Expected(const zycTestPicture& picture) {
+  std::vector<uint8_t> out;
+  for (size_t i = 0; i < picture.bgr.size(); i += 3) {
+    out.insert(out.end(), {picture.bgr[i], picture.bgr[i + 1], picture.bgr[i + 2], 255});
+  }
+  return out;
+}
+
+std::string ReadFile(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// What the progress callback saw.
+struct Watcher {
+  int calls = 0;
+  int stopAfter = -1;  // returns 0 on this call (counted from 0)
+  uint32_t user = 0;
+  std::vector<zylProgress> records;
+  std::vector<std::vector<uint8_t>> shown;  // the reconstructed picture at each call
+};
+Watcher* gWatcher = nullptr;
+
+int32_t Watch(zylProgress* progress, uint32_t user) {
+  Watcher& w = *gWatcher;
+  w.user = user;
+  w.records.push_back(*progress);
+  std::vector<uint8_t> shown;
+  for (uint32_t y = 0; progress->reconstructed && y < progress->height; ++y) {
+    const uint8_t* row = progress->reconstructed + size_t(y) * progress->pitch;
+    shown.insert(shown.end(), row, row + size_t(progress->width) * 4);
+  }
+  w.shown.push_back(std::move(shown));
+  return w.calls++ == w.stopAfter ? 0 : 1;
+}
+
+class EncodeJob : public testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = fs::path(testing::TempDir()) /
+           ("zyl_job_" + std::string(testing::UnitTest::GetInstance()->current_test_info()->name()));
+    fs::remove_all(dir_);
+    fs::create_directories(dir_);
+    gWatcher = &watcher_;
+    codec_ = new zycCodec(Watch, 0x1234);
+  }
+  void TearDown() override {
+    codec_->Destroy();
+    gWatcher = nullptr;
+    fs::remove_all(dir_);
+  }
+
+  std::u16string Name(const std::string& file) const { return zycUtf16((dir_ / file).string()); }
+
+  // Runs a job behind the recording encoder and captures what it printed.
+  int32_t Run(zycMemorySource& media, const std::string& file, uint32_t firstFrame = 0,
+              uint32_t frameCount = 0, const zylKeyframeRange* plan = nullptr,
+              char16_t* nameBuffer = nullptr) {
+    std::u16string name = Name(file);
+    testing::internal::CaptureStdout();
+    int32_t status = RunEncodeJob(*codec_, &encoder_, media.source(), name.c_str(), firstFrame,
+                                  frameCount, plan, nameBuffer);
+    printed_ = testing::internal::GetCapturedStdout();
+    return status;
+  }
+
+  size_t Count(const std::string& text) const {
+    size_t n = 0;
+    for (size_t at = printed_.find(text); at != std::string::npos; at = printed_.find(text, at + 1))
+      ++n;
+    return n;
+  }
+
+  fs::path dir_;
+  Watcher watcher_;
+  zycCodec* codec_ = nullptr;
+  zycRecordingEncoder encoder_;
+  std::string printed_;
+};
+
+TEST_F(EncodeJob, DropsTheFirstGrabAndFeedsEveryFurtherPicture) {
+  std::vector<zycTestPicture> pictures = Pictures(8, 4, 5);
+  zycMemorySource media(pictures, 25.0);
+  EXPECT_EQ(Run(media, "a.zyl"), 0);
+  EXPECT_EQ(encoder_.calls, (std::vector<std::string>{"SetJobRange", "Begin", "Next", "Next",
+                                                       "Next", "End"}));
+  EXPECT_EQ(encoder_.firstFrame, 0u);
+  EXPECT_EQ(encoder_.frameTotal, 5u);  // 0 means the source's frame count
+  ASSERT_EQ(encoder_.pictures.size(), 4u);
+  for (size_t i = 0; i < 4; ++i) EXPECT_EQ(encoder_.pictures[i].pixels, Expected(pictures[i + 1]));
+  EXPECT_EQ(ReadFile(dir_ / "a.zyl"), "main");
+}
+
+TEST_F(EncodeJob, StopsAfterTheAskedNumberOfFramesTakingOneGrabTooMany) {
+  std::vector<zycTestPicture> pictures = Pictures(8, 4, 10);
+  zycMemorySource media(pictures, 25.0);
+  EXPECT_EQ(Run(media, "a.zyl", 2, 3), 0);
+  EXPECT_EQ(encoder_.firstFrame, 2u);
+  EXPECT_EQ(encoder_.frameTotal, 3u);
+  ASSERT_EQ(encoder_.pictures.size(), 3u);
+  EXPECT_EQ(encoder_.pictures[0].pixels, Expected(pictures[3]));
+  EXPECT_EQ(encoder_.pictures[2].pixels, Expected(pictures[5]));
+  EXPECT_EQ(media.videoSeeks(), std::vector<int64_t>{800000});  // 2 / 25 s
+  EXPECT_EQ(encoder_.CallCount("Next"), 2);
+}
+
+TEST_F(EncodeJob, OneFrameJobNeverCallsNext) {
+  zycMemorySource media(Pictures(8, 4, 4), 25.0);
+  EXPECT_EQ(Run(media, "a.zyl", 0, 1), 0);
+  EXPECT_EQ(encoder_.calls, (std::vector<std::string>{"SetJobRange", "Begin", "End"}));
+  EXPECT_EQ(watcher_.calls, 1);
+  EXPECT_EQ(Count("Frame enccoding time (sec):"), 0u);
+}
+
+TEST_F(EncodeJob, OddWidthsAndAResizeReachTheEncoderIntact) {
+  std::vector<zycTestPicture> pictures = {
+      zycTestPicture::Pattern(7, 3, 0), zycTestPicture::Pattern(7, 3, 1),
+      zycTestPicture::Pattern(13, 5, 2), zycTestPicture::Pattern(13, 5, 3)};
+  zycMemorySource media(pictures, 25.0);
+  EXPECT_EQ(Run(media, "a.zyl"), 0);
+  ASSERT_EQ(encoder_.pictures.size(), 3u);
+  EXPECT_EQ(encoder_.pictures[0].width, 7);
+  EXPECT_EQ(encoder_.pictures[0].pixels, Expected(pictures[1]));
+  EXPECT_EQ(encoder_.pictures[1].width, 13);
+  EXPECT_EQ(encoder_.pictures[1].height, 5);
+  EXPECT_EQ(encoder_.pictures[1].pixels, Expected(pictures[2]));
+  EXPECT_EQ(encoder_.pictures[2].pixels, Expected(pictures[3]));
+  EXPECT_EQ(encoder_.header.width, 7u);
+  EXPECT_EQ(encoder_.header.height, 3u);
+}
+
+TEST_F(EncodeJob, FillsTheHeaderRecordBeforeBegin) {
+  zycMemorySource media(Pictures(8, 4, 3), 29.97, std::vector<int16_t>(6000), 2, 22050);
+  codec_->SetParam(Tag("HXTC"), 2);
+  encoder_.soundFlags = 32 | 16;
+  EXPECT_EQ(Run(media, "a.zyl"), 0);
+  const zycStreamHeader& h = encoder_.header;
+  EXPECT_EQ(h.magic, kMagicZyl0);
+  EXPECT_EQ(h.version, 2u);
+  EXPECT_EQ(h.timeScale, 1000000u);
+  EXPECT_EQ(h.frameDuration, 33366u);  // 1000000 / 29.97, truncated
+  EXPECT_EQ(h.flags, 48u);
+  EXPECT_EQ(h.width, 8u);
+  EXPECT_EQ(h.height, 4u);
+  EXPECT_EQ(h.soundChannels, 2u);
+  EXPECT_EQ(h.soundRate, 22050u);
+}
+
+TEST_F(EncodeJob, SoundOffKeepsTheSourcesSoundOutOfTheHeader) {
+  zycMemorySource media(Pictures(8, 4, 3), 25.0, std::vector<int16_t>(6000), 2, 22050);
+  codec_->SetParam(Tag("SND\0"), 0);
+  codec_->SetCodecMode(1);
+  EXPECT_EQ(Run(media, "a.zyl"), 0);
+  EXPECT_EQ(encoder_.header.magic, kMagicZyl1);
+  EXPECT_EQ(encoder_.header.soundChannels, 0u);
+  EXPECT_EQ(encoder_.header.soundRate, 0u);
+  EXPECT_EQ(encoder_.header.frameDuration, 40000u);
+}
+
+TEST_F(EncodeJob, ProgressRecordAfterEveryFrame) {
+  std::vector<zycTestPicture> pictures = Pictures(6, 3, 4);
+  zycMemorySource media(pictures, 25.0);
+  zylKeyframeRange plan = {0, 3, nullptr, 0, nullptr};
+  EXPECT_EQ(Run(media, "a.zyl", 0, 0, &plan), 0);
+  EXPECT_EQ(encoder_.keyframePlan, &plan);
+  ASSERT_EQ(watcher_.calls, 3);
+  EXPECT_EQ(watcher_.user, 0x1234u);
+  for (int i = 0; i < 3; ++i) {
+    const zylProgress& p = watcher_.records[size_t(i)];
+    EXPECT_EQ(p.frameIndex, uint32_t(i));
+    EXPECT_EQ(p.size, 100 + i);
+    EXPECT_EQ(p.sourceFrameCount, 4u);
+    EXPECT_EQ(p.width, 6u);
+    EXPECT_EQ(p.height, 3u);
+    EXPECT_EQ(p.pitch, 32u);  // the recording encoder's padded row
+    EXPECT_EQ(watcher_.shown[size_t(i)], Expected(pictures[size_t(i) + 1]));
+  }
+  EXPECT_EQ(watcher_.records[0].keyFrame, 1);
+  EXPECT_EQ(watcher_.records[1].keyFrame, 0);
+}
+
+TEST_F(EncodeJob, CallbackThatStopsAtOnceEndsTheJobCleanly) {
+  watcher_.stopAfter = 0;
+  zycMemorySource media(Pictures(8, 4, 6), 25.0);
+  EXPECT_EQ(Run(media, "a.zyl"), 1);
+  EXPECT_EQ(encoder_.calls, (std::vector<std::string>{"SetJobRange", "Begin", "End"}));
+  EXPECT_EQ(ReadFile(dir_ / "a.zyl"), "main");  // closed, so everything written is there
+  EXPECT_EQ(Count("Encoding done...\n"), 1u);
+  EXPECT_EQ(Count("Detailed statistics"), 1u);
+}
+
+TEST_F(EncodeJob, CallbackThatStopsLaterKeepsTheFramesDone) {
+  watcher_.stopAfter = 2;
+  zycMemorySource media(Pictures(8, 4, 8), 25.0);
+  EXPECT_EQ(Run(media, "a.zyl"), 1);
+  EXPECT_EQ(encoder_.CallCount("Next"), 2);
+  EXPECT_EQ(encoder_.CallCount("End"), 1);
+  EXPECT_EQ(watcher_.calls, 3);
+}
+
+TEST_F(EncodeJob, FirstFrameBeyondTheEndBeginsOnAnEmptyPicture) {
+  zycMemorySource media(Pictures(8, 4, 3), 25.0);
+  EXPECT_EQ(Run(media, "a.zyl", 10), 0);
+  ASSERT_EQ(encoder_.pictures.size(), 1u);
+  EXPECT_EQ(encoder_.pictures[0].width, 0);
+  EXPECT_EQ(encoder_.pictures[0].height, 0);
+  EXPECT_EQ(encoder_.header.width, 0u);
+  EXPECT_EQ(encoder_.calls.back(), "End");
+}
+
+TEST_F(EncodeJob, AStalledSourceEndsTheJobAtTheGrabTimeout) {
+  zycMemorySource media(Pictures(8, 4, 6), 25.0);
+  media.StallVideoAt(3);
+  EXPECT_EQ(Run(media, "a.zyl"), 0);
+  EXPECT_EQ(encoder_.CallCount("Next"), 1);  // pictures 1 and 2; picture 3 never comes
+  EXPECT_EQ(encoder_.CallCount("End"), 1);
+}
+
+TEST_F(EncodeJob, PrintsTheFrameTimesAndTheEndLinesInOrder) {
+  zycMemorySource media(Pictures(8, 4, 4), 25.0);
+  EXPECT_EQ(Run(media, "a.zyl"), 0);
+  EXPECT_EQ(Count("Frame encoding time: "), 1u);
+  EXPECT_EQ(Count("s  Total Encoding time: "), 1u);
+  EXPECT_EQ(Count("Frame enccoding time (sec):"), 2u);
+  const std::string tail =
+      "------------------------------------------------------\n"
+      "Encoding done...\n"
+      "Total timings (sec):";
+  size_t at = printed_.find(tail);
+  ASSERT_NE(at, std::string::npos) << printed_;
+  size_t line = printed_.find("~~~~~~~~~~~~~~~\n"
+                              "------------------------------------------------------\n"
+                              "Detailed statistics (Total time since begining in min:sec:ms)\n",
+                              at);
+  EXPECT_NE(line, std::string::npos) << printed_;
+}
+
+TEST_F(EncodeJob, NullSourceIsRefused) {
+  std::u16string name = Name("a.zyl");
+  EXPECT_EQ(RunEncodeJob(*codec_, &encoder_, nullptr, name.c_str(), 0, 0, nullptr, nullptr), 2);
+  EXPECT_TRUE(encoder_.calls.empty());
+  EXPECT_FALSE(fs::exists(dir_ / "a.zyl"));
+}
+
+TEST_F(EncodeJob, MainOutputThatCantBeOpenedTouchesNothingElse) {
+  zycMemorySource media(Pictures(8, 4, 3), 25.0);
+  EXPECT_EQ(Run(media, "missing/a.zyl"), 3);
+  EXPECT_TRUE(encoder_.calls.empty());
+  EXPECT_EQ(media.videoRunCount(), 0u);
+  EXPECT_TRUE(media.videoSeeks().empty());
+  EXPECT_EQ(watcher_.calls, 0);
+  EXPECT_EQ(printed_, "");
+}
+
+TEST_F(EncodeJob, BeginFailureEndsTheEncoderAndClosesTheOutputs) {
+  encoder_.beginResult = 1;
+  zycMemorySource media(Pictures(8, 4, 3), 25.0);
+  EXPECT_EQ(Run(media, "a.zyl"), 3);
+  EXPECT_EQ(encoder_.calls, (std::vector<std::string>{"SetJobRange", "Begin", "End"}));
+  EXPECT_EQ(watcher_.calls, 0);
+  EXPECT_EQ(ReadFile(dir_ / "a.zyl"), "main");
+  EXPECT_EQ(Count("Encoding done"), 0u);
+}
+
+TEST_F(EncodeJob, SoundFilesBesideTheMovieWithoutExtc) {
+  encoder_.soundFlags = 3;
+  codec_->SetParam(Tag("pFMT"), 3);
+  zycMemorySource media(Pictures(8, 4, 3), 25.0);
+  char16_t buffer[kOutputNameBufferLength];
+  EXPECT_EQ(Run(media, "movie.zyl", 0, 0, nullptr, buffer), 0);
+  EXPECT_TRUE(encoder_.hadMainOutput);
+  EXPECT_TRUE(encoder_.extraOpen[0]);
+  EXPECT_TRUE(encoder_.extraOpen[1]);
+  EXPECT_FALSE(encoder_.extraOpen[2]);
+  EXPECT_FALSE(encoder_.extraOpen[4]);
+  EXPECT_EQ(ReadFile(dir_ / "movie.zyl"), "main");
+  EXPECT_EQ(ReadFile(dir_ / "movie_1.mds"), "extra1");
+  EXPECT_EQ(ReadFile(dir_ / "movie_2.mds"), "extra2");
+  EXPECT_EQ(std::u16string(buffer), Name("movie.zyl"));
+}
+
+TEST_F(EncodeJob, ExtcPutsTheMovieIntoNumberedFilesOnly) {
+  encoder_.soundFlags = 3;
+  codec_->SetParam(Tag("EXTC"), 1);
+  zycMemorySource media(Pictures(8, 4, 3), 25.0);
+  char16_t buffer[kOutputNameBufferLength];
+  EXPECT_EQ(Run(media, "movie.zyl", 0, 0, nullptr, buffer), 0);
+  EXPECT_FALSE(encoder_.hadMainOutput);
+  EXPECT_FALSE(fs::exists(dir_ / "movie.zyl"));
+  EXPECT_EQ(ReadFile(dir_ / "movie_1.zyl"), "extra1");
+  EXPECT_EQ(ReadFile(dir_ / "movie_2.zyl"), "extra2");
+  EXPECT_EQ(std::u16string(buffer), Name("movie_2.zyl"));
+}
+
+TEST_F(EncodeJob, NumberedNamesCutAtTheLastZylAfterTheFirstCharacter) {
+  encoder_.soundFlags = 8 | 2;
+  zycMemorySource media(Pictures(8, 4, 3), 25.0);
+  EXPECT_EQ(Run(media, "a.zyl.zyl"), 0);
+  EXPECT_TRUE(fs::exists(dir_ / "a.zyl_2.mds"));
+  EXPECT_TRUE(fs::exists(dir_ / "a.zyl_4.mds"));
+  EXPECT_TRUE(encoder_.extraOpen[3]);
+
+  zycRecordingEncoder second;
+  second.soundFlags = 1;
+  zycMemorySource media2(Pictures(8, 4, 3), 25.0);
+  std::u16string name = Name("clip");
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(RunEncodeJob(*codec_, &second, media2.source(), name.c_str(), 0, 0, nullptr, nullptr),
+            0);
+  testing::internal::GetCapturedStdout();
+  EXPECT_TRUE(fs::exists(dir_ / "clip_1.mds"));
+  EXPECT_TRUE(fs::exists(dir_ / "clip"));
+}
+
+TEST_F(EncodeJob, ANameThatIsOnlyTheExtensionKeepsIt) {
+  const fs::path previous = fs::current_path();
+  fs::current_path(dir_);
+  zycRecordingEncoder encoder;
+  encoder.soundFlags = 1;
+  zycMemorySource media(Pictures(8, 4, 3), 25.0);
+  testing::internal::CaptureStdout();
+  int32_t status = RunEncodeJob(*codec_, &encoder, media.source(), u".zyl", 0, 0, nullptr, nullptr);
+  testing::internal::GetCapturedStdout();
+  fs::current_path(previous);
+  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(fs::exists(dir_ / ".zyl_1.mds"));
+  EXPECT_TRUE(fs::exists(dir_ / ".zyl"));
+}
+
+TEST_F(EncodeJob, NoExtraFilesWhenSkippedOrSoundIsOff) {
+  encoder_.soundFlags = 3;
+  codec_->SetSkipExtraFiles(1);
+  zycMemorySource media(Pictures(8, 4, 3), 25.0);
+  EXPECT_EQ(Run(media, "a.zyl"), 0);
+  EXPECT_FALSE(encoder_.hadExtraOutputs);
+  EXPECT_FALSE(fs::exists(dir_ / "a_1.mds"));
+
+  zycRecordingEncoder second;
+  second.soundFlags = 3;
+  codec_->SetSkipExtraFiles(0);
+  codec_->SetParam(Tag("SND\0"), 0);
+  zycMemorySource media2(Pictures(8, 4, 3), 25.0);
+  std::u16string name = Name("b.zyl");
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(RunEncodeJob(*codec_, &second, media2.source(), name.c_str(), 0, 0, nullptr, nullptr),
+            0);
+  testing::internal::GetCapturedStdout();
+  EXPECT_FALSE(second.hadExtraOutputs);
+  EXPECT_FALSE(fs::exists(dir_ / "b_1.mds"));
+  EXPECT_TRUE(fs::exists(dir_ / "b.zyl"));
+}
+
+TEST_F(EncodeJob, SoundFilesOutsideZyl0AreRefused) {
+  encoder_.soundFlags = 1;
+  codec_->SetCodecMode(1);
+  zycMemorySource media(Pictures(8, 4, 3), 25.0);
+  EXPECT_EQ(Run(media, "a.zyl"), 3);
+  EXPECT_EQ(printed_, "docomo sound is only implemented for ZYL0\n");
+  EXPECT_TRUE(encoder_.calls.empty());
+  EXPECT_TRUE(fs::is_empty(dir_));
+}
+
+TEST_F(EncodeJob, AnExtraOutputThatCantBeOpenedRefusesTheJob) {
+  encoder_.soundFlags = 1;
+  fs::create_directories(dir_ / "a_1.mds");  // a directory where the file should go
+  zycMemorySource media(Pictures(8, 4, 3), 25.0);
+  EXPECT_EQ(Run(media, "a.zyl"), 3);
+  EXPECT_TRUE(encoder_.calls.empty());
+  EXPECT_FALSE(fs::exists(dir_ / "a.zyl"));
+  EXPECT_EQ(media.videoRunCount(), 0u);
+}
+
+TEST_F(EncodeJob, SoundThatEndsIsFilledWithZerosAndStaysEnded) {
+  // 2500 mono samples; the encoder takes 1000 samples a frame.
+  std::vector<int16_t> pcm(2500);
+  for (size_t i = 0; i < pcm.size(); ++i) pcm[i] = int16_t(1000 + i);
+  zycMemorySource media(Pictures(8, 4, 6), 25.0, pcm, 1, 16000);
+  encoder_.audioBytesPerFrame = 2000;
+  EXPECT_EQ(Run(media, "a.zyl"), 0);
+  ASSERT_EQ(encoder_.audio.size(), 5u);
+  auto samples = [&](size_t i) {
+    const std::vector<uint8_t>& bytes = encoder_.audio[i];
+    return std::vector<int16_t>(reinterpret_cast<const int16_t*>(bytes.data()),
+                                reinterpret_cast<const int16_t*>(bytes.data()) + 1000);
+  };
+  EXPECT_EQ(samples(0), std::vector<int16_t>(pcm.begin(), pcm.begin() + 1000));
+  EXPECT_EQ(samples(1), std::vector<int16_t>(pcm.begin() + 1000, pcm.begin() + 2000));
+  std::vector<int16_t> tail(pcm.begin() + 2000, pcm.end());
+  tail.resize(1000, 0);
+  EXPECT_EQ(samples(2), tail);
+  EXPECT_EQ(samples(3), std::vector<int16_t>(1000, 0));
+  EXPECT_EQ(samples(4), std::vector<int16_t>(1000, 0));
+  EXPECT_EQ(media.source()->audioEnded, 1);
+  EXPECT_EQ(codec_->source, media.source());
+}
+
+TEST_F(EncodeJob, UnknownModeDrivesNoEncoder) {
+  codec_->SetCodecMode(2);
+  codec_->SetParam(Tag("SND\0"), 0);  // stays 1: other tags do nothing in mode 2
+  codec_->SetSkipExtraFiles(1);
+  zycMemorySource media(Pictures(8, 4, 3), 25.0);
+  std::u16string name = Name("a.zyl");
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(codec_->Encode(media.source(), 0, name.c_str()), 0);
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(watcher_.calls, 2);
+  EXPECT_EQ(watcher_.records[0].reconstructed, nullptr);
+  EXPECT_EQ(ReadFile(dir_ / "a.zyl"), "");
+}
+
+TEST_F(EncodeJob, ModeOneRefusesTheJobInThisBuild) {
+  codec_->SetCodecMode(1);
+  zycMemorySource media(Pictures(8, 4, 3), 25.0);
+  std::u16string name = Name("a.zyl");
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(codec_->Encode(media.source(), 0, name.c_str()), 3);
+  std::string printed = testing::internal::GetCapturedStdout();
+  EXPECT_EQ(printed, "ZYL1 encoding is not available in this build\n");
+  EXPECT_EQ(watcher_.calls, 0);
+}
+
+}  // namespace
