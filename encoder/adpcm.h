@@ -17,6 +17,8 @@ struct zycAdpcmState {
 uint32_t zycAdpcmChunkSize(uint32_t samplesPerChannel, uint32_t channels);
 
 // Codes one chunk into `out`, which holds zycAdpcmChunkSize(...) bytes: first the header from the
-// state at the chunk's start, then the codes. `pcm` is interleaved 16-bit. Returns the size.
+// state at the chunk's start, then the codes. `pcm` is interleaved 16-bit. Returns the size, 0
+// when `channels` is not 1 or 2. When `reconstruction` is given it receives, interleaved, the
+// samples a decoder will rebuild from the chunk.
 uint32_t zycAdpcmEncode(zycAdpcmState& state, const int16_t* pcm, uint32_t samplesPerChannel,
-                        uint32_t channels, uint8_t* out);
+                        uint32_t channels, uint8_t* out, int16_t* reconstruction = nullptr);

@@ -1,0 +1,243 @@
+#include "encoder/adpcm.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <vector>
+
+#include "stream/adpcmDecoder.h"
+#include "tests/support/audioSamples.h"
+#include "tests/support/testMedia.h"
+
+namespace {
+
+std::vector<uint8_t> Encode(zycAdpcmState& state, const std::vector<int16_t>& pcm,
+                            uint32_t channels, std::vector<int16_t>* reconstruction = nullptr) {
+  const uint32_t n = uint32_t(pcm.size() / channels);
+  std::vector<uint8_t> out(zycAdpcmChunkSize(n, channels), 0xAA);
+  if (reconstruction) reconstruction->assign(pcm.size(), 0);
+  const uint32_t size = zycAdpcmEncode(state, pcm.data(), n, channels, out.data(),
+                                       reconstruction ? reconstruction->data() : nullptr);
+  EXPECT_EQ(size, out.size());
+  return out;
+}
+
+uint32_t Code(const std::vector<uint8_t>& chunk, uint32_t header, uint32_t k) {
+  return (chunk[header + k / 4] >> (6 - 2 * (k % 4))) & 3;
+}
+
+struct SoundCoding {
+  double snrDb = 0.0;
+  bool decodedMatches = true;
+};
+
+// Codes the sound in chunks of `chunkSamples` with one state carried along, as a movie does, and
+// decodes every chunk on its own.
+SoundCoding CodeInChunks(const zylTestSound& sound, uint32_t chunkSamples) {
+  SoundCoding result;
+  zycAdpcmState state = {};
+  const uint32_t channels = sound.channels;
+  const uint32_t total = uint32_t(sound.samples.size() / channels);
+  double signal = 0.0, noise = 0.0;
+  std::vector<uint8_t> chunk;
+  std::vector<int16_t> rebuilt, decoded;
+  for (uint32_t at = 0; at < total; at += chunkSamples) {
+    const uint32_t n = std::min(chunkSamples, total - at);
+    chunk.assign(zycAdpcmChunkSize(n, channels), 0);
+    rebuilt.assign(size_t(n) * channels, 0);
+    zycAdpcmEncode(state, sound.samples.data() + size_t(at) * channels, n, channels,
+                   chunk.data(), rebuilt.data());
+    decoded.assign(size_t(zycAdpcmSamples(uint32_t(chunk.size()), channels)) * channels, 0);
+    zycAdpcmDecode(chunk.data(), uint32_t(chunk.size()), channels, decoded.data());
+    decoded.resize(rebuilt.size());
+    if (decoded != rebuilt) result.decodedMatches = false;
+    for (size_t i = 0; i < rebuilt.size(); ++i) {
+      const double s = sound.samples[size_t(at) * channels + i];
+      signal += s * s;
+      noise += (s - rebuilt[i]) * (s - rebuilt[i]);
+    }
+  }
+  result.snrDb = 10.0 * std::log10(signal / std::max(noise, 1.0));
+  return result;
+}
+
+}  // namespace
+
+TEST(AdpcmChunkSize, MonoCountsPartFilledByteAndThreeHeaderBytes) {
+  EXPECT_EQ(zycAdpcmChunkSize(0, 1), 3u);
+  EXPECT_EQ(zycAdpcmChunkSize(1, 1), 4u);
+  EXPECT_EQ(zycAdpcmChunkSize(4, 1), 4u);
+  EXPECT_EQ(zycAdpcmChunkSize(5, 1), 5u);
+  EXPECT_EQ(zycAdpcmChunkSize(8, 1), 5u);
+  EXPECT_EQ(zycAdpcmChunkSize(32000, 1), 8003u);
+}
+
+TEST(AdpcmChunkSize, StereoCountsOddPairAndSixHeaderBytes) {
+  EXPECT_EQ(zycAdpcmChunkSize(0, 2), 6u);
+  EXPECT_EQ(zycAdpcmChunkSize(1, 2), 7u);
+  EXPECT_EQ(zycAdpcmChunkSize(2, 2), 7u);
+  EXPECT_EQ(zycAdpcmChunkSize(3, 2), 8u);
+  EXPECT_EQ(zycAdpcmChunkSize(16000, 2), 8006u);
+}
+
+TEST(AdpcmChunkSize, OtherChannelCountsHaveNoChunk) {
+  EXPECT_EQ(zycAdpcmChunkSize(16, 0), 0u);
+  EXPECT_EQ(zycAdpcmChunkSize(16, 3), 0u);
+  zycAdpcmState state = {};
+  const int16_t pcm[6] = {1, 2, 3, 4, 5, 6};
+  uint8_t out[8] = {};
+  EXPECT_EQ(zycAdpcmEncode(state, pcm, 2, 3, out), 0u);
+}
+
+// From a cleared state (predictor 0, step 7): 100 four times climbs by 1, 2, 2, 2 while the step
+// grows 8, 9, 10, 11 (codes 1); -50 goes down by 11 >> 2 = 2 (code 3), step 12.
+TEST(AdpcmEncode, MonoChunkBytesFromHand) {
+  zycAdpcmState state = {};
+  std::vector<int16_t> rebuilt;
+  const std::vector<uint8_t> chunk = Encode(state, {100, 100, 100, 100, -50}, 1, &rebuilt);
+  EXPECT_EQ(chunk, (std::vector<uint8_t>{0x00, 0x00, 0x00, 0x55, 0xC0}));
+  EXPECT_EQ(rebuilt, (std::vector<int16_t>{1, 3, 5, 7, 5}));
+  EXPECT_EQ(state.predictor[0], 5);
+  EXPECT_EQ(state.stepIndex[0], 5);
+}
+
+TEST(AdpcmEncode, NextChunkHeaderCarriesTheState) {
+  zycAdpcmState state = {};
+  Encode(state, {100, 100, 100, 100, -50}, 1);
+  const std::vector<uint8_t> chunk = Encode(state, {5, 5, 5, 5}, 1);
+  // Predictor 5 high byte first, step index 5; the predictor is within a quarter step: codes 0.
+  EXPECT_EQ(chunk, (std::vector<uint8_t>{0x00, 0x05, 0x05, 0x00}));
+  EXPECT_EQ(state.stepIndex[0], 1);
+}
+
+TEST(AdpcmEncode, NegativePredictorHeaderIsTwosComplementHighByteFirst) {
+  zycAdpcmState state = {{-300, 0}, {10, 0}};
+  const std::vector<uint8_t> chunk = Encode(state, {-300}, 1);
+  EXPECT_EQ(chunk, (std::vector<uint8_t>{0xFE, 0xD4, 0x0A, 0x00}));
+  EXPECT_EQ(state.stepIndex[0], 9);
+}
+
+// Codes 0, 1, 2, 3 in sample order land in the byte from its top bits down.
+TEST(AdpcmEncode, FirstSampleTakesTheTopBits) {
+  zycAdpcmState state = {};
+  // 0: no move (code 0). 100: up by 1 (code 1), step 8. 0: one below, less than a quarter step
+  // (code 2), step back to 7. -100: down (code 3).
+  const std::vector<uint8_t> chunk = Encode(state, {0, 100, 0, -100}, 1);
+  ASSERT_EQ(chunk.size(), 4u);
+  EXPECT_EQ(chunk[3], 0x1B);
+}
+
+// Left 0 step 7, right 1000 step index 20 (50). Pair 1: left 10 up by 1 (code 1), right 1000 no
+// move (code 0). Pair 2: left -10 down by 2 (code 3), right 2000 up by 45 >> 2 = 11 (code 1).
+TEST(AdpcmEncode, StereoChunkBytesFromHand) {
+  zycAdpcmState state = {{0, 1000}, {0, 20}};
+  std::vector<int16_t> rebuilt;
+  const std::vector<uint8_t> chunk = Encode(state, {10, 1000, -10, 2000}, 2, &rebuilt);
+  EXPECT_EQ(chunk, (std::vector<uint8_t>{0x00, 0x00, 0x03, 0xE8, 0x00, 0x14, 0x4D}));
+  EXPECT_EQ(rebuilt, (std::vector<int16_t>{1, 1000, -1, 1011}));
+  EXPECT_EQ(state.predictor[0], -1);
+  EXPECT_EQ(state.predictor[1], 1011);
+  EXPECT_EQ(state.stepIndex[0], 2);
+  EXPECT_EQ(state.stepIndex[1], 20);
+}
+
+TEST(AdpcmEncode, StereoHeaderPutsBothStepIndicesBehindBothPredictors) {
+  zycAdpcmState state = {{-2, 0x1234}, {33, 88}};
+  const std::vector<uint8_t> chunk = Encode(state, {-2, 0x1234}, 2);
+  ASSERT_EQ(chunk.size(), 7u);
+  EXPECT_EQ(chunk[0], 0xFF);
+  EXPECT_EQ(chunk[1], 0xFE);
+  EXPECT_EQ(chunk[2], 0x12);
+  EXPECT_EQ(chunk[3], 0x34);
+  EXPECT_EQ(chunk[4], 33);
+  EXPECT_EQ(chunk[5], 88);
+}
+
+TEST(AdpcmEncode, StereoOddPairLeavesLowHalfOfLastByteEmpty) {
+  zycAdpcmState state = {};
+  const std::vector<uint8_t> chunk = Encode(state, {100, -100, 100, -100, 100, -100}, 2);
+  ASSERT_EQ(chunk.size(), 8u);
+  EXPECT_EQ(chunk[6], 0x77);  // left 1, right 3, left 1, right 3
+  EXPECT_EQ(chunk[7], 0x70);
+}
+
+TEST(AdpcmEncode, ConstantInputSettlesToStepFloor) {
+  zycAdpcmState state = {};
+  const std::vector<int16_t> pcm(4000, 12345);
+  std::vector<int16_t> rebuilt;
+  const std::vector<uint8_t> chunk = Encode(state, pcm, 1, &rebuilt);
+  // A move is a quarter step at most and happens only when the distance is that large: the
+  // predictor climbs without overshooting.
+  for (size_t i = 1; i < rebuilt.size(); ++i) {
+    ASSERT_GE(rebuilt[i], rebuilt[i - 1]);
+    ASSERT_LE(rebuilt[i], 12345);
+  }
+  EXPECT_LE(12345 - rebuilt.back(), 1);
+  EXPECT_EQ(state.stepIndex[0], 0);
+  EXPECT_EQ(zycAdpcmStepTable[state.stepIndex[0]], 7);
+  // Once within a quarter step the codes stay 0.
+  for (uint32_t k = 3000; k < 4000; ++k) ASSERT_EQ(Code(chunk, 3, k), 0u) << k;
+}
+
+TEST(AdpcmEncode, FullScaleSwingsHoldStepIndexAtTheTop) {
+  zycAdpcmState state = {};
+  std::vector<int16_t> pcm;
+  for (int i = 0; i < 200; ++i) pcm.push_back(i % 2 ? -32768 : 32767);
+  std::vector<int16_t> rebuilt;
+  const std::vector<uint8_t> chunk = Encode(state, pcm, 1, &rebuilt);
+  for (uint32_t k = 0; k < 200; ++k) ASSERT_EQ(Code(chunk, 3, k), k % 2 ? 3u : 1u) << k;
+  EXPECT_EQ(state.stepIndex[0], 88);
+  EXPECT_EQ(Encode(state, {0}, 1)[2], 88);
+}
+
+TEST(AdpcmRoundTrip, DecoderRebuildsTheCodersReconstruction) {
+  for (uint32_t channels : {1u, 2u}) {
+    zycAdpcmState state = {};
+    uint32_t seed = 12345;
+    std::vector<int16_t> pcm(4 * 1001 * channels);
+    double phase = 0.0;
+    for (size_t i = 0; i < pcm.size(); ++i) {
+      seed = seed * 1664525u + 1013904223u;
+      phase += 0.01 * double(i % 7);
+      pcm[i] = int16_t(20000.0 * std::sin(phase) + double(int32_t(seed >> 20) - 2048));
+    }
+    for (uint32_t n : {4004u, 3u, 1u}) {  // part-filled last bytes too
+      std::vector<int16_t> part(pcm.begin(), pcm.begin() + n * channels), rebuilt;
+      const std::vector<uint8_t> chunk = Encode(state, part, channels, &rebuilt);
+      std::vector<int16_t> decoded(zycAdpcmSamples(uint32_t(chunk.size()), channels) * channels);
+      ASSERT_GE(decoded.size(), rebuilt.size());
+      zycAdpcmDecode(chunk.data(), uint32_t(chunk.size()), channels, decoded.data());
+      decoded.resize(rebuilt.size());
+      EXPECT_EQ(decoded, rebuilt) << channels << " channels, " << n << " samples";
+      EXPECT_EQ(state.predictor[channels - 1], rebuilt.back());
+    }
+  }
+}
+
+// 2-bit codes with a quarter step follow slow sound well and high frequencies poorly: speech comes
+// out near 12 dB, room noise with taps near 5 dB. The floors sit a little under those.
+TEST(AdpcmRealSound, SpeechAt16kHzKeepsItsShape) {
+  const zylTestSound sound = zylDecodeSound(zylMediaPath("walkers_speech_384x288_10fps_16k.mkv"));
+  ASSERT_EQ(sound.sampleRate, 16000u);
+  ASSERT_EQ(sound.channels, 1u);
+  ASSERT_GT(sound.samples.size(), 16000u);
+  const SoundCoding coding = CodeInChunks(sound, 32000);
+  std::printf("speech 16 kHz mono, %zu samples: SNR %.2f dB\n", sound.samples.size(),
+              coding.snrDb);
+  EXPECT_TRUE(coding.decodedMatches);
+  EXPECT_GT(coding.snrDb, 11.5);
+}
+
+TEST(AdpcmRealSound, RoomNoiseAndTapsAt44kHz) {
+  const zylTestSound sound =
+      zylDecodeSound(zylMediaPath("coin_pen_568x320_30fps_sound.mov"), 441000);
+  ASSERT_EQ(sound.sampleRate, 44100u);
+  ASSERT_EQ(sound.channels, 1u);
+  ASSERT_GT(sound.samples.size(), 44100u);
+  const SoundCoding coding = CodeInChunks(sound, 32000);
+  std::printf("room noise 44.1 kHz mono, %zu samples: SNR %.2f dB\n", sound.samples.size(),
+              coding.snrDb);
+  EXPECT_TRUE(coding.decodedMatches);
+  EXPECT_GT(coding.snrDb, 4.8);
+}

@@ -1,0 +1,103 @@
+#include "stream/adpcmDecoder.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace {
+
+std::vector<int16_t> Decode(const std::vector<uint8_t>& chunk, uint32_t channels) {
+  std::vector<int16_t> out(size_t(zycAdpcmSamples(uint32_t(chunk.size()), channels)) * channels,
+                           -7777);
+  const uint32_t samples = zycAdpcmDecode(chunk.data(), uint32_t(chunk.size()), channels,
+                                          out.data());
+  EXPECT_EQ(samples * channels, out.size());
+  return out;
+}
+
+}  // namespace
+
+TEST(AdpcmTables, StepTableIsTheImaLadder) {
+  EXPECT_EQ(zycAdpcmStepTable[0], 7);
+  EXPECT_EQ(zycAdpcmStepTable[1], 8);
+  EXPECT_EQ(zycAdpcmStepTable[44], 494);
+  EXPECT_EQ(zycAdpcmStepTable[88], 32767);
+  for (int i = 1; i < 89; ++i) ASSERT_GT(zycAdpcmStepTable[i], zycAdpcmStepTable[i - 1]) << i;
+  EXPECT_EQ(zycAdpcmIndexChange[0], -1);
+  EXPECT_EQ(zycAdpcmIndexChange[1], 1);
+  EXPECT_EQ(zycAdpcmIndexChange[2], -1);
+  EXPECT_EQ(zycAdpcmIndexChange[3], 1);
+}
+
+TEST(AdpcmSamples, CountsEveryCodeBehindTheHeader) {
+  EXPECT_EQ(zycAdpcmSamples(3, 1), 0u);
+  EXPECT_EQ(zycAdpcmSamples(4, 1), 4u);
+  EXPECT_EQ(zycAdpcmSamples(8003, 1), 32000u);
+  EXPECT_EQ(zycAdpcmSamples(6, 2), 0u);
+  EXPECT_EQ(zycAdpcmSamples(7, 2), 2u);
+  EXPECT_EQ(zycAdpcmSamples(8006, 2), 16000u);
+}
+
+TEST(AdpcmSamples, ShortChunksAndOtherChannelCountsHoldNothing) {
+  EXPECT_EQ(zycAdpcmSamples(0, 1), 0u);
+  EXPECT_EQ(zycAdpcmSamples(2, 1), 0u);
+  EXPECT_EQ(zycAdpcmSamples(5, 2), 0u);
+  EXPECT_EQ(zycAdpcmSamples(100, 0), 0u);
+  EXPECT_EQ(zycAdpcmSamples(100, 3), 0u);
+  const uint8_t chunk[5] = {0, 0, 0, 0, 0};
+  int16_t out[1] = {-7};
+  EXPECT_EQ(zycAdpcmDecode(chunk, 5, 2, out), 0u);
+  EXPECT_EQ(zycAdpcmDecode(chunk, 5, 3, out), 0u);
+  EXPECT_EQ(out[0], -7);
+}
+
+// Predictor 0, step 7: codes 1, 1, 1, 1 climb by 1, 2, 2, 2 (steps 8, 9, 10 follow), code 3
+// goes down by 11 >> 2 = 2; the three codes 0 of the part-filled byte don't move.
+TEST(AdpcmDecode, MonoChunkFromHand) {
+  EXPECT_EQ(Decode({0x00, 0x00, 0x00, 0x55, 0xC0}, 1),
+            (std::vector<int16_t>{1, 3, 5, 7, 5, 5, 5, 5}));
+}
+
+TEST(AdpcmDecode, HeaderPredictorIsSignedHighByteFirst) {
+  // -300, step index 10 (19): code 1 goes up by 4.
+  EXPECT_EQ(Decode({0xFE, 0xD4, 0x0A, 0x40}, 1), (std::vector<int16_t>{-296, -296, -296, -296}));
+}
+
+TEST(AdpcmDecode, FirstSampleTakesTheTopBits) {
+  // Predictor 1000, step index 20 (50): codes 0, 1, 2, 3 give no move (step 45), up by 11
+  // (step 50), no move (step 45), down by 11.
+  EXPECT_EQ(Decode({0x03, 0xE8, 0x14, 0x1B}, 1), (std::vector<int16_t>{1000, 1011, 1011, 1000}));
+}
+
+TEST(AdpcmDecode, StereoStepIndicesStandBehindBothPredictors) {
+  // Left 0 step index 0, right 1000 step index 20: pairs (code 1, code 0), (code 3, code 1).
+  EXPECT_EQ(Decode({0x00, 0x00, 0x03, 0xE8, 0x00, 0x14, 0x4D}, 2),
+            (std::vector<int16_t>{1, 1000, -1, 1011}));
+}
+
+TEST(AdpcmDecode, StepIndexStopsAtTheFloor) {
+  // Four codes 0 at step index 0 keep step 7, so the first code 1 after them moves by 1.
+  EXPECT_EQ(Decode({0x00, 0x64, 0x00, 0x00, 0x55}, 1),
+            (std::vector<int16_t>{100, 100, 100, 100, 101, 103, 105, 107}));
+}
+
+TEST(AdpcmDecode, PredictorClampsAtBothEnds) {
+  // Step index 88 (32767): each move is 8191; the top index stays.
+  EXPECT_EQ(Decode({0x70, 0x00, 0x58, 0x55}, 1),
+            (std::vector<int16_t>{32767, 32767, 32767, 32767}));
+  EXPECT_EQ(Decode({0x00, 0x00, 0x58, 0xFF, 0xFF}, 1),
+            (std::vector<int16_t>{-8191, -16382, -24573, -32764, -32768, -32768, -32768,
+                                  -32768}));
+}
+
+TEST(AdpcmDecode, ForeignStepIndexPastTheTableActsAsTheTop) {
+  EXPECT_EQ(Decode({0x00, 0x00, 0xFF, 0x40}, 1), Decode({0x00, 0x00, 0x58, 0x40}, 1));
+  EXPECT_EQ(Decode({0x00, 0x00, 0xFF, 0x40}, 1)[0], 8191);
+}
+
+TEST(AdpcmDecode, ChunksDecodeOnTheirOwn) {
+  // The same codes behind different headers start from those headers alone.
+  const std::vector<int16_t> a = Decode({0x00, 0x10, 0x05, 0x55}, 1);
+  const std::vector<int16_t> b = Decode({0x10, 0x00, 0x05, 0x55}, 1);
+  for (size_t i = 0; i < a.size(); ++i) EXPECT_EQ(b[i] - a[i], 0x1000 - 0x10) << i;
+}
