@@ -1,0 +1,303 @@
+// The FFmpeg source driven through the pump's handshake: sizes and rates, exact pictures, seeks
+// that land on the frame a sequential decode reaches, sound in order, the end of the streams.
+#include "host/source/ffmpegSource.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "tests/host/pumpReplica.h"
+#include "tests/host/syntheticClip.h"
+#include "tests/support/testMedia.h"
+
+namespace {
+
+uint64_t Fnv(const uint8_t* data, size_t bytes) {
+  uint64_t hash = 1469598103934665603ull;
+  for (size_t i = 0; i < bytes; ++i) hash = (hash ^ data[i]) * 1099511628211ull;
+  return hash;
+}
+
+uint64_t ImageHash(const zylFrameImage& image) {
+  return Fnv(image.pixels, size_t(image.width) * image.height * 4);
+}
+
+std::string ScratchPath(const std::string& name) {
+  return ::testing::TempDir() + "zyl_source_" + std::to_string(getpid()) + "_" + name;
+}
+
+// Every picture of the source from frame 0 on, as hashes.
+std::vector<uint64_t> SequentialHashes(zylSource* source) {
+  std::vector<uint64_t> hashes;
+  zylFrameImage image;
+  EXPECT_TRUE(pump::SeekToFrame(source, 0));
+  while (pump::GrabFrame(source, image)) hashes.push_back(ImageHash(image));
+  return hashes;
+}
+
+class SyntheticSource : public ::testing::Test {
+ protected:
+  void Write(const SyntheticClip& clip) {
+    clip_ = clip;
+    path_ = ScratchPath(std::to_string(clip.width) + "x" + std::to_string(clip.height) + ".nut");
+    ASSERT_EQ(WriteSyntheticClip(clip, path_), "");
+  }
+  void TearDown() override {
+    if (!path_.empty()) std::remove(path_.c_str());
+  }
+  SyntheticClip clip_;
+  std::string path_;
+};
+
+TEST_F(SyntheticSource, OddSizedPicturesArriveExactlyAndInOrder) {
+  SyntheticClip clip;  // 37 x 21: rows of 111 bytes padded to 112
+  Write(clip);
+  zycFfmpegSource media;
+  ASSERT_TRUE(media.Open(path_)) << media.error();
+  zylSource* source = media.source();
+  EXPECT_EQ(source->width, 37);
+  EXPECT_EQ(source->height, 21);
+  EXPECT_DOUBLE_EQ(source->frameRate, 10.0);
+  EXPECT_EQ(source->frameCount, 12u);
+  zylFrameImage image;
+  ASSERT_TRUE(pump::SeekToFrame(source, 0));
+  for (int i = 0; i < clip.frames; ++i) {
+    ASSERT_TRUE(pump::GrabFrame(source, image)) << "frame " << i;
+    const std::vector<uint8_t> want = SyntheticPicture(clip, i);
+    for (int p = 0; p < clip.width * clip.height; ++p) {
+      ASSERT_EQ(image.pixels[p * 4 + 0], want[p * 3 + 0]) << "frame " << i << " pixel " << p;
+      ASSERT_EQ(image.pixels[p * 4 + 1], want[p * 3 + 1]) << "frame " << i << " pixel " << p;
+      ASSERT_EQ(image.pixels[p * 4 + 2], want[p * 3 + 2]) << "frame " << i << " pixel " << p;
+    }
+  }
+  EXPECT_FALSE(pump::GrabFrame(source, image));
+}
+
+TEST_F(SyntheticSource, SeekDeliversTheTargetFrameNext) {
+  SyntheticClip clip;
+  clip.width = 18;
+  clip.height = 7;
+  clip.frames = 40;
+  Write(clip);
+  zycFfmpegSource media;
+  ASSERT_TRUE(media.Open(path_)) << media.error();
+  zylSource* source = media.source();
+  zylFrameImage image;
+  for (int target : {5, 31, 2, 0, 39, 17, 18}) {
+    ASSERT_TRUE(pump::SeekToFrame(source, uint32_t(target)));
+    ASSERT_TRUE(pump::GrabFrame(source, image)) << "target " << target;
+    const std::vector<uint8_t> want = SyntheticPicture(clip, target);
+    EXPECT_EQ(image.pixels[0], want[0]) << "target " << target;
+    EXPECT_EQ(image.pixels[4 * 9 + 2], want[3 * 9 + 2]) << "target " << target;
+    if (target + 1 < clip.frames) {
+      ASSERT_TRUE(pump::GrabFrame(source, image));
+      EXPECT_EQ(image.pixels[0], SyntheticPicture(clip, target + 1)[0]) << "after " << target;
+    }
+  }
+}
+
+TEST_F(SyntheticSource, SoundArrivesInOrderAcrossUnevenReads) {
+  SyntheticClip clip;
+  Write(clip);
+  zycFfmpegSource media;
+  ASSERT_TRUE(media.Open(path_)) << media.error();
+  zylSource* source = media.source();
+  EXPECT_EQ(source->audioChannels, 2);
+  EXPECT_EQ(source->audioSampleRate, 8000);
+  ASSERT_TRUE(pump::SeekToFrame(source, 0));
+  const std::vector<int16_t> want = SyntheticSound(clip);
+  const size_t wantBytes = want.size() * 2;
+  std::vector<uint8_t> got;
+  const uint32_t reads[] = {3200, 4, 1000, 6400, 12};
+  bool running = true;
+  for (size_t i = 0; got.size() < wantBytes + 4000; ++i) {
+    std::vector<uint8_t> chunk(reads[i % 5]);
+    running = pump::ReadAudio(source, chunk.data(), uint32_t(chunk.size()));
+    got.insert(got.end(), chunk.begin(), chunk.end());
+  }
+  EXPECT_FALSE(running);
+  ASSERT_GE(got.size(), wantBytes);
+  EXPECT_EQ(0, std::memcmp(got.data(), want.data(), wantBytes));
+  for (size_t i = wantBytes; i < got.size(); ++i) ASSERT_EQ(got[i], 0) << "byte " << i;
+  EXPECT_EQ(source->audioEnded, 1);
+}
+
+TEST_F(SyntheticSource, SoundAfterASeekStartsAtTheFramesSample) {
+  SyntheticClip clip;
+  clip.channels = 1;
+  clip.frames = 30;
+  Write(clip);
+  zycFfmpegSource media;
+  ASSERT_TRUE(media.Open(path_)) << media.error();
+  zylSource* source = media.source();
+  const std::vector<int16_t> want = SyntheticSound(clip);
+  for (uint32_t frame : {17u, 3u}) {
+    ASSERT_TRUE(pump::SeekToFrame(source, frame));
+    std::vector<int16_t> got(500);
+    pump::ReadAudio(source, reinterpret_cast<uint8_t*>(got.data()), 1000);
+    const size_t start = size_t(frame) * 800;  // 8000 Hz at 10 fps, already a multiple of 4
+    EXPECT_EQ(0, std::memcmp(got.data(), want.data() + start, 1000)) << "frame " << frame;
+  }
+}
+
+TEST_F(SyntheticSource, SoundOnlyFileHasNoVideoStream) {
+  SyntheticClip clip;
+  clip.video = false;
+  clip_ = clip;
+  path_ = ScratchPath("sound.wav");
+  ASSERT_EQ(WriteSyntheticClip(clip, path_), "");
+  zycFfmpegSource media;
+  EXPECT_FALSE(media.Open(path_));
+  EXPECT_EQ(media.error(), path_ + ": No video stream found!");
+}
+
+TEST(FfmpegSource, MissingFileSaysNoInputAndNamesIt) {
+  zycFfmpegSource media;
+  EXPECT_FALSE(media.Open("no_such_clip.mp4"));
+  EXPECT_EQ(media.error().rfind("no_such_clip.mp4: No input!", 0), 0u) << media.error();
+}
+
+TEST(FfmpegSource, TextFileIsNoInput) {
+  const std::string path = ScratchPath("notes.txt");
+  FILE* file = std::fopen(path.c_str(), "w");
+  ASSERT_NE(file, nullptr);
+  std::fputs("these are notes, not a movie\n", file);
+  std::fclose(file);
+  zycFfmpegSource media;
+  EXPECT_FALSE(media.Open(path));
+  EXPECT_EQ(media.error().rfind(path + ": No input!", 0), 0u) << media.error();
+  std::remove(path.c_str());
+}
+
+TEST(FfmpegSource, MovieWithSoundReportsItsStreams) {
+  zycFfmpegSource media;
+  ASSERT_TRUE(media.Open(zylMediaPath("coin_pen_568x320_30fps_sound.mov"))) << media.error();
+  const zylSource* source = media.source();
+  EXPECT_EQ(source->width, 568);
+  EXPECT_EQ(source->height, 320);
+  EXPECT_DOUBLE_EQ(source->frameRate, 30.0);
+  EXPECT_EQ(source->frameCount, 243u);
+  EXPECT_EQ(source->audioChannels, 1);
+  EXPECT_EQ(source->audioSampleRate, 44100);
+  EXPECT_NE(source->audioControl, nullptr);
+  EXPECT_EQ(media.note(), "");
+}
+
+TEST(FfmpegSource, SilentMovieOpensWithANote) {
+  const std::string path = zylMediaPath("tree_320x240_15fps_cinepak.avi");
+  zycFfmpegSource media;
+  ASSERT_TRUE(media.Open(path)) << media.error();
+  EXPECT_EQ(media.note(), path + ": No Audio stream found!");
+  EXPECT_EQ(media.source()->audioSampleRate, 0);
+  EXPECT_EQ(media.source()->audioControl, nullptr);
+}
+
+TEST(FfmpegSource, SoundCanBeLeftOut) {
+  zycFfmpegSource media;
+  ASSERT_TRUE(media.Open(zylMediaPath("coin_pen_568x320_30fps_sound.mov"), false));
+  EXPECT_EQ(media.source()->audioSampleRate, 0);
+  EXPECT_EQ(media.source()->audioControl, nullptr);
+  EXPECT_EQ(media.note(), "");
+}
+
+// The capture has gaps in its time stamps (68 pictures over 444 frame times at 15 fps): a
+// picture repeats until the next one is due, so the count and the seeks agree.
+TEST(FfmpegSource, GappedTimeStampsRepeatPicturesAtTheFrameRate) {
+  zycFfmpegSource media;
+  ASSERT_TRUE(media.Open(zylMediaPath("tree_320x240_15fps_cinepak.avi"))) << media.error();
+  zylSource* source = media.source();
+  EXPECT_EQ(source->frameCount, 444u);
+  zylFrameImage image;
+  ASSERT_TRUE(pump::SeekToFrame(source, 0));
+  std::vector<uint64_t> hashes;
+  for (int i = 0; i < 20; ++i) {
+    ASSERT_TRUE(pump::GrabFrame(source, image));
+    hashes.push_back(ImageHash(image));
+  }
+  // Pictures at time stamps 0, 11 and 17.
+  for (int i = 1; i < 11; ++i) EXPECT_EQ(hashes[i], hashes[0]) << "frame " << i;
+  EXPECT_NE(hashes[11], hashes[0]);
+  for (int i = 12; i < 17; ++i) EXPECT_EQ(hashes[i], hashes[11]) << "frame " << i;
+  EXPECT_NE(hashes[17], hashes[11]);
+  ASSERT_TRUE(pump::SeekToFrame(source, 14));
+  ASSERT_TRUE(pump::GrabFrame(source, image));
+  EXPECT_EQ(ImageHash(image), hashes[14]);
+}
+
+TEST(FfmpegSource, SeeksGiveTheFramesOfASequentialDecode) {
+  zycFfmpegSource media;
+  ASSERT_TRUE(media.Open(zylMediaPath("walkers_speech_384x288_10fps_16k.mkv"))) << media.error();
+  zylSource* source = media.source();
+  EXPECT_EQ(source->frameCount, 100u);
+  const std::vector<uint64_t> hashes = SequentialHashes(source);
+  ASSERT_EQ(hashes.size(), 100u);
+  int32_t code = -1;
+  EXPECT_EQ(source->videoEvent->WaitForCompletion(0, &code), 0);  // the end is reported
+  zylFrameImage image;
+  for (uint32_t target : {99u, 0u, 50u, 13u, 14u, 75u, 1u}) {
+    ASSERT_TRUE(pump::SeekToFrame(source, target));
+    ASSERT_TRUE(pump::GrabFrame(source, image)) << "target " << target;
+    EXPECT_EQ(ImageHash(image), hashes[target]) << "target " << target;
+    if (target + 1 < hashes.size()) {
+      ASSERT_TRUE(pump::GrabFrame(source, image));
+      EXPECT_EQ(ImageHash(image), hashes[target + 1]) << "after " << target;
+    } else {
+      EXPECT_FALSE(pump::GrabFrame(source, image));
+    }
+  }
+}
+
+TEST(FfmpegSource, SoundAfterASeekMatchesTheSequentialSound) {
+  zycFfmpegSource media;
+  ASSERT_TRUE(media.Open(zylMediaPath("walkers_speech_384x288_10fps_16k.mkv"))) << media.error();
+  zylSource* source = media.source();
+  ASSERT_EQ(source->audioSampleRate, 16000);
+  ASSERT_TRUE(pump::SeekToFrame(source, 0));
+  std::vector<uint8_t> all(16000 * 2 * 6);
+  pump::ReadAudio(source, all.data(), uint32_t(all.size()));
+  for (uint32_t frame : {40u, 7u}) {
+    ASSERT_TRUE(pump::SeekToFrame(source, frame));
+    std::vector<uint8_t> part(3200);
+    pump::ReadAudio(source, part.data(), uint32_t(part.size()));
+    const size_t start = size_t(frame) * 1600 * 2;
+    EXPECT_EQ(0, std::memcmp(part.data(), all.data() + start, part.size())) << "frame " << frame;
+  }
+}
+
+TEST(FfmpegSource, FileStartingOnANonKeyFrameStillGivesFrameZero) {
+  zycFfmpegSource media;
+  ASSERT_TRUE(media.Open(zylMediaPath("handheld_box_640x480_30fps_sound.mp4"))) << media.error();
+  zylSource* source = media.source();
+  EXPECT_EQ(source->width, 640);
+  EXPECT_EQ(source->height, 480);
+  EXPECT_NEAR(source->frameRate, 29.97, 0.01);
+  EXPECT_GE(source->frameCount, 450u);
+  zylFrameImage image;
+  ASSERT_TRUE(pump::SeekToFrame(source, 0));
+  ASSERT_TRUE(pump::GrabFrame(source, image));
+  EXPECT_EQ(image.width, 640);
+  std::vector<uint8_t> sound(4410 * 2);
+  EXPECT_TRUE(pump::ReadAudio(source, sound.data(), uint32_t(sound.size())));
+}
+
+TEST(FfmpegSource, CloseReleasesStreamsWaitingForGo) {
+  zycFfmpegSource media;
+  ASSERT_TRUE(media.Open(zylMediaPath("coin_pen_568x320_30fps_sound.mov"))) << media.error();
+  zylSource* source = media.source();
+  zylFrameImage image;
+  ASSERT_TRUE(pump::SeekToFrame(source, 10));
+  ASSERT_TRUE(pump::GrabFrame(source, image));
+  std::vector<uint8_t> sound(2000);
+  pump::ReadAudio(source, sound.data(), 2000);
+  // Both streams now wait inside their callbacks; closing must not hang.
+  media.Close();
+  EXPECT_EQ(media.source()->videoControl, nullptr);
+  ASSERT_TRUE(media.Open(zylMediaPath("coin_pen_568x320_30fps_sound.mov")));
+  ASSERT_TRUE(pump::SeekToFrame(media.source(), 0));
+  EXPECT_TRUE(pump::GrabFrame(media.source(), image));
+}
+
+}  // namespace
