@@ -233,9 +233,28 @@ class SurfacePhase {
     return blockError(k, block, 0.0f);
   }
 
-  // Fast group search with the same outcome as the reference: running sums instead of refits,
-  // early rejection once an error passes the tolerance, and only the new block checked when
-  // the coefficients come out unchanged.
+  // Largest change of any surface value over the block when the coefficients change by
+  // `delta` (absolute differences), the largest over the channels.
+  double changeBound(const double delta[3][6], uint32_t block) const {
+    const double x = positions_[2 * block] + 7.0, y = positions_[2 * block + 1] + 7.0;
+    const double basis[6] = {1.0, x, y, x * x, y * y, x * y};
+    double largest = 0.0;
+    for (int c = 0; c < 3; ++c) {
+      double sum = 0.0;
+      for (int i = 0; i < 6; ++i) sum += delta[c][i] * basis[i];
+      if (sum > largest) largest = sum;
+    }
+    return largest;
+  }
+
+  // Fast group search with the same outcome as the reference. A pair or group fit adds one
+  // block to running sums instead of refitting every member from its pixels; a pair is dropped
+  // as soon as one error reaches the tolerance. Each member keeps an upper bound of its error
+  // under the group's current coefficients; when the coefficients move, the bound grows by the
+  // largest change of the surface over the block plus a margin far above any rounding of the
+  // error's evaluation, and only members whose bound passes the tolerance are evaluated again.
+  // A member proven within the tolerance by its bound is within it exactly as well, so the
+  // accepted candidates are those of the reference.
   void growGroupFast(uint32_t seed, uint16_t element, float k[3][6]) {
     GroupFit seedFit;
     startFit(seedFit);
@@ -264,16 +283,29 @@ class SurfacePhase {
     GroupFit accepted = seedFit;
     float acceptedK[3][6];
     solveFit(accepted, acceptedK);
+    bounds_.assign(1, double(aloneError_[seed]));
     for (uint32_t o : order_) {
       const uint32_t j = candidates_[o];
       GroupFit trial = accepted;
       addBlock(trial, j);
       float tk[3][6];
       solveFit(trial, tk);
-      bool fits = blockError(tk, j, 0.0f) <= kSlsqTolerance;
-      if (fits && std::memcmp(tk, acceptedK, sizeof(tk)) != 0) {
-        for (size_t m = 0; fits && m < group_.size(); ++m)
-          fits = blockError(tk, group_[m], 0.0f) <= kSlsqTolerance;
+      const float candidateError = blockError(tk, j, 0.0f);
+      bool fits = candidateError <= kSlsqTolerance;
+      if (fits) {
+        double delta[3][6];
+        for (int c = 0; c < 3; ++c)
+          for (int i = 0; i < 6; ++i)
+            delta[c][i] = std::fabs(double(tk[c][i]) - double(acceptedK[c][i])) * (1.0 + 1e-6);
+        trialBounds_.resize(group_.size());
+        for (size_t m = 0; fits && m < group_.size(); ++m) {
+          double bound = bounds_[m] + changeBound(delta, group_[m]) + kBoundMargin;
+          if (bound > kSlsqTolerance) {
+            bound = blockError(tk, group_[m], 0.0f);
+            fits = bound <= kSlsqTolerance;
+          }
+          trialBounds_[m] = bound;
+        }
       }
       if (fits) {
         group_.push_back(j);
@@ -281,10 +313,16 @@ class SurfacePhase {
         records_[j].slsqIndex = element;
         accepted = trial;
         std::memcpy(acceptedK, tk, sizeof(tk));
+        bounds_.swap(trialBounds_);
+        bounds_.push_back(candidateError);
       }
     }
     std::memcpy(k, acceptedK, sizeof(acceptedK));
   }
+
+  // Added to an error bound at each move of the coefficients; the rounding of one evaluation
+  // of the error is below 1e-4 for surfaces near the picture's values.
+  static constexpr double kBoundMargin = 1e-3;
 
   const double* powers_;
   const float* pixels_;
@@ -296,6 +334,7 @@ class SurfacePhase {
   std::vector<double> columnSums_, rightSides_;
   std::vector<uint32_t> candidates_, order_, group_;
   std::vector<float> candidateErrors_;
+  std::vector<double> bounds_, trialBounds_;
   std::vector<uint8_t> elements_;
   uint32_t elementCount_ = 0;
   uint32_t codebookBlocks_ = 0;

@@ -1,0 +1,193 @@
+// The k-means codebook in both kinds, its sort and its colour key.
+#include "vq/VQCodebook.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "tests/vq/stillTestSupport.h"
+
+namespace {
+
+std::vector<float> filled(float value) { return std::vector<float>(kVqComponents, value); }
+
+class VQCodebookKinds : public ::testing::TestWithParam<bool> {};
+
+TEST_P(VQCodebookKinds, InitSpreadsTheVectorsOnTheGreyLine) {
+  VQCodebook codebook(8, GetParam());
+  codebook.init();
+  for (uint32_t i = 0; i < 8; ++i)
+    for (uint32_t c = 0; c < kVqComponents; ++c)
+      ASSERT_EQ(codebook.vectors[i * kVqComponents + c], float(double(i) * 255.0 / 7.0));
+  float d;
+  EXPECT_EQ(codebook.nearest(filled(255.0f).data(), &d), 7u);
+  EXPECT_EQ(d, 0.0f);
+  EXPECT_EQ(codebook.nearest(filled(40.0f).data(), &d), 1u);  // 36.4 is nearest
+}
+
+TEST_P(VQCodebookKinds, TieGoesToTheLowerNumber) {
+  VQCodebook codebook(4, GetParam());
+  codebook.setVector(0, filled(0.0f).data());
+  codebook.setVector(1, filled(10.0f).data());
+  codebook.setVector(2, filled(20.0f).data());
+  codebook.setVector(3, filled(30.0f).data());
+  float d;
+  EXPECT_EQ(codebook.nearest(filled(15.0f).data(), &d), 1u);
+  EXPECT_EQ(d, 25.0f * 48);
+  EXPECT_EQ(codebook.nearest(filled(25.0f).data(), &d), 2u);
+}
+
+TEST_P(VQCodebookKinds, EqualTrainingVectorsConvergeInTwoRounds) {
+  VQCodebook codebook(4, GetParam());
+  std::vector<float> training;
+  for (int i = 0; i < 10; ++i) {
+    const std::vector<float> v = filled(100.0f);
+    training.insert(training.end(), v.begin(), v.end());
+  }
+  EXPECT_EQ(codebook.train(training.data(), 10, false), 2u);
+  EXPECT_EQ(codebook.updatedVectors, 0u);
+  EXPECT_EQ(codebook.usedVectors, 1u);
+  float d;
+  // Vector 1 moved onto the data, then vector 0 jumped onto the worst member and takes the tie.
+  EXPECT_EQ(codebook.nearest(filled(100.0f).data(), &d), 0u);
+  EXPECT_EQ(d, 0.0f);
+  EXPECT_EQ(codebook.vectors[0], 100.0f);
+}
+
+TEST_P(VQCodebookKinds, MovesUpToTheThresholdAreNotApplied) {
+  VQCodebook codebook(4, GetParam());
+  // Grey line 0, 85, 170, 255; the data sit 0.2 above 85: a squared move of 0.04 * 48 = 1.92.
+  std::vector<float> training = filled(85.2f);
+  EXPECT_EQ(codebook.train(training.data(), 1, false), 1u);
+  EXPECT_EQ(codebook.usedVectors, 1u);
+  EXPECT_EQ(codebook.vectors[kVqComponents], 85.0f);
+}
+
+TEST_P(VQCodebookKinds, UnusedVectorJumpsToTheWorstServedMember) {
+  VQCodebook codebook(4, GetParam());
+  codebook.init();  // 0, 85, 170, 255
+  std::vector<float> near = filled(80.0f), far = filled(120.0f), low = filled(5.0f);
+  codebook.add(near.data());
+  codebook.add(far.data());  // still nearest to 85 (35 < 50), the worst member of vector 1
+  codebook.add(low.data());
+  codebook.update();
+  EXPECT_EQ(codebook.usedVectors, 2u);
+  EXPECT_EQ(codebook.updatedVectors, 2u);
+  EXPECT_EQ(codebook.vectors[2 * kVqComponents], 120.0f);  // first unused takes the worst member
+  // The second unused one takes the next worst: vector 0's only member.
+  EXPECT_EQ(codebook.vectors[3 * kVqComponents], 5.0f);
+  EXPECT_EQ(codebook.vectors[kVqComponents], 100.0f);  // mean of 80 and 120
+}
+
+INSTANTIATE_TEST_SUITE_P(PlainAndSse, VQCodebookKinds, ::testing::Bool());
+
+TEST(VQCodebook, SizeNotAMultipleOfFourTraps) {
+  // The message goes to standard output; the trap ends the process.
+  EXPECT_DEATH({ VQCodebook codebook(6, false); }, "");
+}
+
+TEST(VQCodebook, SseDistancesEqualPlainDistancesBitForBit) {
+  std::mt19937 random(3);
+  std::uniform_real_distribution<float> sample(0.0f, 255.0f);
+  VQCodebook codebook(64, true);
+  if (!codebook.sse) GTEST_SKIP() << "no SSE in this build";
+  std::vector<float> row(kVqComponents);
+  for (uint32_t i = 0; i < 64; ++i) {
+    for (float& v : row) v = sample(random);
+    codebook.setVector(i, row.data());
+  }
+  std::vector<float> plain(64), fast(64);
+  for (int trial = 0; trial < 50; ++trial) {
+    for (float& v : row) v = sample(random);
+    vqDistancesPlain(codebook.vectors, 64, row.data(), plain.data());
+    ASSERT_TRUE(vqDistancesSse(codebook.interleaved, 64, row.data(), fast.data()));
+    ASSERT_EQ(std::memcmp(plain.data(), fast.data(), 64 * sizeof(float)), 0);
+  }
+}
+
+TEST(VQCodebook, BothKindsTrainAndAssignAlikeOnAPhotograph) {
+  const StillPicture picture = photoPicture("photo_astronaut_512x512.png", 96, 64, 96, 64, 2);
+  ASSERT_EQ(picture.width, 96u);
+  std::vector<float> training;
+  for (uint32_t by = 0; by < 64; by += 4)
+    for (uint32_t bx = 0; bx < 96; bx += 4)
+      for (uint32_t row = 0; row < 4; ++row)
+        for (uint32_t i = 0; i < 12; ++i)
+          training.push_back(picture.pixels[((by + row) * 96 + bx) * 3 + i]);
+  const uint32_t count = uint32_t(training.size() / kVqComponents);
+  VQCodebook plain(32, false), fast(32, true);
+  const uint32_t plainRounds = plain.train(training.data(), count, false);
+  EXPECT_EQ(fast.train(training.data(), count, false), plainRounds);
+  EXPECT_GT(plainRounds, 2u);
+  EXPECT_EQ(std::memcmp(plain.vectors, fast.vectors, 32 * kVqComponents * sizeof(float)), 0);
+  for (uint32_t k = 0; k < count; ++k) {
+    float dp, df;
+    ASSERT_EQ(plain.nearest(&training[k * kVqComponents], &dp),
+              fast.nearest(&training[k * kVqComponents], &df));
+    ASSERT_EQ(dp, df);
+  }
+}
+
+TEST(VqSort, AscendingAndStableReturningAPermutation) {
+  const float keys[] = {3.0f, 1.0f, 2.0f, 1.0f, 0.0f, 2.5f, 1.0f};
+  uint32_t order[7];
+  vqSortAscending(keys, 7, order);
+  const uint32_t expected[] = {4, 1, 3, 6, 2, 5, 0};
+  for (int i = 0; i < 7; ++i) EXPECT_EQ(order[i], expected[i]) << i;
+  EXPECT_EQ(keys[0], 3.0f);  // input left in place
+}
+
+TEST(VqSort, OrdersFractionsAcrossExponents) {
+  std::mt19937 random(11);
+  std::uniform_real_distribution<float> key(0.0f, 6.0f);
+  std::vector<float> keys(500);
+  for (float& k : keys) k = key(random);
+  keys[10] = keys[20];
+  std::vector<uint32_t> order(500);
+  vqSortAscending(keys.data(), 500, order.data());
+  for (int i = 1; i < 500; ++i) {
+    ASSERT_LE(keys[order[i - 1]], keys[order[i]]);
+    if (keys[order[i - 1]] == keys[order[i]]) {
+      ASSERT_LT(order[i - 1], order[i]);
+    }
+  }
+}
+
+TEST(VqColourKey, HueValueSaturationOfOnePixel) {
+  float h, v, s;
+  vqColourHvs(100, 100, 100, &h, &v, &s);
+  EXPECT_EQ(h, 0.0f);
+  EXPECT_EQ(s, 0.0f);
+  EXPECT_FLOAT_EQ(v, 100.0f / 255.0f);
+  vqColourHvs(0, 0, 0, &h, &v, &s);
+  EXPECT_EQ(s, 0.0f);
+  EXPECT_EQ(v, 0.0f);
+  vqColourHvs(255, 0, 0, &h, &v, &s);  // first byte largest
+  EXPECT_EQ(h, 0.0f);
+  EXPECT_EQ(s, 1.0f);
+  vqColourHvs(255, 0, 255, &h, &v, &s);  // first byte wins a tie at the top; wraps to 300 degrees
+  EXPECT_FLOAT_EQ(h, 300.0f / 360.0f);
+  vqColourHvs(0, 200, 0, &h, &v, &s);
+  EXPECT_FLOAT_EQ(h, 120.0f / 360.0f);
+  vqColourHvs(0, 100, 200, &h, &v, &s);  // (0 - 100/255) * 60 / (200/255) + 240 = 210
+  EXPECT_FLOAT_EQ(h, 210.0f / 360.0f);
+  EXPECT_FLOAT_EQ(s, 1.0f);
+  EXPECT_FLOAT_EQ(v, 200.0f / 255.0f);
+}
+
+TEST(VqColourKey, AveragesTheSixteenPixels) {
+  uint8_t pixels[48];
+  for (int p = 0; p < 16; ++p) {
+    pixels[3 * p] = p < 8 ? 0 : 255;
+    pixels[3 * p + 1] = p < 8 ? 200 : 255;
+    pixels[3 * p + 2] = 0;
+  }
+  // Half green (h 1/3, v 200/255, s 1), half yellow-ish (b0 = b1 = 255: h 60/360, v 1, s 1).
+  const float hue = (8 * (120.0f / 360.0f) + 8 * (60.0f / 360.0f)) * 0.0625f;
+  const float value = (8 * (200.0f / 255.0f) + 8 * 1.0f) * 0.0625f;
+  EXPECT_FLOAT_EQ(vqColourKey(pixels), (1.0f * 2.0f + hue) * 2.0f + value);
+}
+
+}  // namespace

@@ -1,0 +1,381 @@
+// The still image coder: image blocks of flat, noisy, smooth and real pictures, walked from
+// their layout and decoded by the frame decoder.
+#include "vq/VQSLSQCompressor.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <string>
+
+#include "tests/vq/stillTestSupport.h"
+
+namespace {
+
+uint32_t load32(const uint8_t* p) { return p[0] | p[1] << 8 | p[2] << 16 | uint32_t(p[3]) << 24; }
+uint32_t load16(const uint8_t* p) { return p[0] | p[1] << 8; }
+
+// The image block read from its layout with a reader of its own.
+struct WalkedStill {
+  bool valid = false;
+  uint32_t tableBytes = 0, surfaceBits = 0, vqBits = 0, width = 0, height = 0;
+  uint32_t surfaceOffset = 0, codebookCount = 0, codebookOffset = 0;
+  std::vector<int> types;  // per block: 1 codebook, 0 surface
+  std::vector<uint32_t> surfaceIndex;
+  std::vector<uint32_t> codebookIndex;  // four per codebook block
+  uint64_t bitsUsed = 0;
+};
+
+WalkedStill walkStill(const std::vector<uint8_t>& image) {
+  WalkedStill w;
+  if (image.size() < 28 || load32(image.data()) != 0x7FED52A5 || image[8] != 3) return w;
+  w.tableBytes = load32(&image[4]);
+  w.surfaceBits = image[9];
+  w.vqBits = image[10];
+  w.width = load16(&image[12]);
+  w.height = load16(&image[14]);
+  w.surfaceOffset = load32(&image[16]);
+  w.codebookCount = load32(&image[20]);
+  w.codebookOffset = load32(&image[24]);
+  uint64_t position = 0;
+  auto read = [&](uint32_t bits) {
+    uint32_t value = 0;
+    for (uint32_t i = 0; i < bits; ++i, ++position) {
+      const uint32_t word = load32(&image[28 + (position / 32) * 4]);
+      value = value << 1 | ((word >> (31 - position % 32)) & 1);
+    }
+    return value;
+  };
+  const uint32_t elements = (w.codebookOffset - w.surfaceOffset) / 36;
+  for (uint32_t b = 0; b < w.width / 8 * (w.height / 8); ++b) {
+    if ((position + 1 + 4 * 32) / 32 * 4 + 28 > w.surfaceOffset + 16) return w;
+    const int type = int(read(1));
+    w.types.push_back(type);
+    if (type) {
+      for (int q = 0; q < 4; ++q) {
+        w.codebookIndex.push_back(read(w.vqBits));
+        if (w.codebookIndex.back() >= w.codebookCount) return w;
+      }
+    } else {
+      w.surfaceIndex.push_back(read(w.surfaceBits));
+      if (w.surfaceIndex.back() >= elements) return w;
+    }
+  }
+  w.bitsUsed = position;
+  w.valid = w.surfaceOffset == 28 + (position + 31) / 32 * 4 &&
+            (w.codebookOffset - w.surfaceOffset) % 36 == 0 &&
+            image.size() == w.codebookOffset + 8 * size_t(w.codebookCount);
+  return w;
+}
+
+StillPicture flatPicture(uint32_t width, uint32_t height, uint8_t b0, uint8_t b1, uint8_t b2) {
+  StillPicture p;
+  p.width = width;
+  p.height = height;
+  for (uint32_t i = 0; i < width * height; ++i) p.pixels.insert(p.pixels.end(), {b0, b1, b2});
+  return p;
+}
+
+StillPicture noisePicture(uint32_t width, uint32_t height, uint32_t seed) {
+  StillPicture p;
+  p.width = width;
+  p.height = height;
+  std::mt19937 random(seed);
+  p.pixels.resize(size_t(width) * height * 3);
+  for (uint8_t& v : p.pixels) v = uint8_t(random());
+  return p;
+}
+
+// A smooth gradient with a little noise: one surface fits all of it within the tolerance.
+StillPicture gradientPicture(uint32_t width, uint32_t height, uint32_t seed) {
+  StillPicture p;
+  p.width = width;
+  p.height = height;
+  std::mt19937 random(seed);
+  p.pixels.resize(size_t(width) * height * 3);
+  for (uint32_t y = 0; y < height; ++y)
+    for (uint32_t x = 0; x < width; ++x)
+      for (uint32_t c = 0; c < 3; ++c)
+        p.pixels[(size_t(y) * width + x) * 3 + c] = uint8_t(40 + 30 * c + x / 4 + y / 3 + random() % 3);
+  return p;
+}
+
+void fillBlock(StillPicture& p, uint32_t bx, uint32_t by, uint8_t value) {
+  for (uint32_t y = by * 8; y < by * 8 + 8; ++y)
+    for (uint32_t x = bx * 8; x < bx * 8 + 8; ++x)
+      for (int c = 0; c < 3; ++c) p.pixels[(size_t(y) * p.width + x) * 3 + c] = value;
+}
+
+double psnr(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b) {
+  double sum = 0.0;
+  for (size_t i = 0; i < a.size(); ++i) sum += double(a[i] - b[i]) * double(a[i] - b[i]);
+  return sum == 0.0 ? 99.0 : 10.0 * std::log10(255.0 * 255.0 * double(a.size()) / sum);
+}
+
+struct Compressed {
+  std::vector<uint8_t> image;
+  uint32_t size = 0;
+  VQSLSQStatistics stats;
+  uint32_t tableLimit = 0;
+};
+
+Compressed compress(const StillPicture& p, int32_t target, bool reference = false,
+                    uint32_t tableLimit = 230400, bool sse = true) {
+  VQSLSQCompressor compressor(sse);
+  compressor.verbose = false;
+  compressor.referenceGroupSearch = reference;
+  compressor.tableLimit = tableLimit;
+  Compressed c;
+  c.size = compressor.compress(p.pixels.data(), p.width, p.height, target, c.image);
+  c.stats = compressor.statistics();
+  c.tableLimit = compressor.tableLimit;
+  EXPECT_EQ(compressor.imageBlockSize(), c.size);
+  EXPECT_EQ(std::memcmp(compressor.imageBlock(), c.image.data(), c.size), 0);
+  return c;
+}
+
+std::vector<uint8_t> decode(const std::vector<uint8_t>& image) {
+  std::vector<uint8_t> pixels;
+  EXPECT_TRUE(VQSLSQCompressor::decompress(image.data(), uint32_t(image.size()), pixels));
+  return pixels;
+}
+
+TEST(VQSLSQCompressor, FlatPictureIsOneSurfaceWithoutCodebook) {
+  const StillPicture p = flatPicture(64, 48, 30, 120, 200);
+  const Compressed c = compress(p, 2000);
+  ASSERT_EQ(c.size, c.image.size());
+  const WalkedStill w = walkStill(c.image);
+  ASSERT_TRUE(w.valid);
+  EXPECT_EQ(w.surfaceBits, 1u);
+  EXPECT_EQ(w.codebookCount, 0u);
+  EXPECT_EQ(w.vqBits, 3u);  // four vectors trained, none used
+  EXPECT_EQ(c.stats.codebookSize, 4u);
+  EXPECT_EQ(w.width, 64u);
+  EXPECT_EQ(w.height, 48u);
+  EXPECT_EQ(w.bitsUsed, 48u * 2);
+  EXPECT_EQ(w.surfaceOffset, 28u + 12);
+  EXPECT_EQ(w.codebookOffset, w.surfaceOffset + 36);
+  EXPECT_EQ(c.size, 76u);
+  for (uint32_t i = 28; i < 40; ++i) EXPECT_EQ(c.image[i], 0) << i;
+  // The element: k0 of each channel as 2^3 fixed point, the rest 0 or nearly.
+  const uint8_t* element = &c.image[w.surfaceOffset];
+  const int expected[3] = {30, 120, 200};
+  for (int ch = 0; ch < 3; ++ch) {
+    EXPECT_NEAR(int16_t(load16(element + 12 * ch)), expected[ch] * 8, 1) << ch;
+    EXPECT_NEAR(int16_t(load16(element + 12 * ch + 2)), 0, 1) << ch;
+  }
+  const std::vector<uint8_t> decoded = decode(c.image);
+  ASSERT_EQ(decoded.size(), p.pixels.size());
+  for (size_t i = 0; i < decoded.size(); ++i) ASSERT_NEAR(decoded[i], p.pixels[i], 1) << i;
+}
+
+TEST(VQSLSQCompressor, NoisePictureIsAllCodebookBlocks) {
+  const StillPicture p = noisePicture(64, 64, 5);
+  const Compressed c = compress(p, 6000);
+  const WalkedStill w = walkStill(c.image);
+  ASSERT_TRUE(w.valid);
+  EXPECT_EQ(w.surfaceBits, 0u);
+  EXPECT_EQ(w.surfaceOffset, w.codebookOffset);
+  EXPECT_EQ(w.types, std::vector<int>(64, 1));
+  EXPECT_EQ(c.stats.slsqBlocks, 0u);
+  EXPECT_GT(w.codebookCount, 4u);
+  EXPECT_LE(c.size, 6000u);
+}
+
+TEST(VQSLSQCompressor, SmoothBlocksNeedAGroupOfFour) {
+  StillPicture three = noisePicture(64, 64, 9);
+  fillBlock(three, 1, 1, 90);
+  fillBlock(three, 6, 2, 90);
+  fillBlock(three, 3, 7, 90);
+  const Compressed c3 = compress(three, 5000);
+  EXPECT_EQ(c3.stats.slsqBlocks, 0u);
+  EXPECT_EQ(c3.stats.surfaceElements, 0u);
+
+  StillPicture four = three;
+  fillBlock(four, 7, 7, 90);
+  const Compressed c4 = compress(four, 5000);
+  EXPECT_EQ(c4.stats.slsqBlocks, 4u);
+  EXPECT_EQ(c4.stats.surfaceElements, 1u);
+  const WalkedStill w = walkStill(c4.image);
+  ASSERT_TRUE(w.valid);
+  EXPECT_EQ(w.types[1 * 8 + 1], 0);
+  EXPECT_EQ(w.types[2 * 8 + 6], 0);
+  EXPECT_EQ(w.types[7 * 8 + 3], 0);
+  EXPECT_EQ(w.types[7 * 8 + 7], 0);
+  EXPECT_EQ(w.types[0], 1);
+  const std::vector<uint8_t> decoded = decode(c4.image);
+  for (uint32_t y = 56; y < 64; ++y)
+    for (uint32_t x = 56; x < 64; ++x) EXPECT_NEAR(decoded[(y * 64 + x) * 3 + 1], 90, 1);
+}
+
+// A ramp that falls by 10 a pixel fits a surface anywhere; far from the origin its constant
+// term passes 4096 and can't be stored, so the group is dissolved there.
+StillPicture rampColumnPicture(uint32_t column) {
+  StillPicture p = noisePicture(416, 32, 13);
+  for (uint32_t y = 0; y < 32; ++y)
+    for (uint32_t x = column * 8; x < column * 8 + 8; ++x)
+      for (int c = 0; c < 3; ++c)
+        p.pixels[(size_t(y) * p.width + x) * 3 + c] = uint8_t(240 - 10 * (x - column * 8) - 20 * c);
+  return p;
+}
+
+TEST(VQSLSQCompressor, GroupWhoseCoefficientsOverflowIsDissolved) {
+  const Compressed near = compress(rampColumnPicture(0), 6000);
+  EXPECT_EQ(near.stats.slsqBlocks, 4u);
+  EXPECT_EQ(near.stats.surfaceElements, 1u);
+  const Compressed far = compress(rampColumnPicture(51), 6000);
+  EXPECT_EQ(far.stats.slsqBlocks, 0u);
+  EXPECT_EQ(far.stats.vqBlocks, 52u * 4);
+  // The ramp near the origin decodes as a ramp.
+  const std::vector<uint8_t> decoded = decode(near.image);
+  for (uint32_t y = 0; y < 32; y += 7)
+    for (uint32_t x = 0; x < 8; ++x)
+      EXPECT_NEAR(decoded[(y * 416 + x) * 3 + 1], 220 - 10 * int(x), 2) << x << "," << y;
+}
+
+TEST(VQSLSQCompressor, CodebookSizeFollowsTheTarget) {
+  // 64 codebook blocks and no surfaces: the index table is 8 + 32 b bytes.
+  const StillPicture p = noisePicture(64, 64, 21);
+  const Compressed large = compress(p, 20000);  // limited by the blocks: 4 V = 256
+  EXPECT_EQ(large.stats.codebookSize, 256u);
+  EXPECT_EQ(large.stats.vqBits, 9u);
+  EXPECT_EQ(large.image[10], 9);
+  const Compressed middle = compress(p, 1500);  // b = 8 fits, then R = 148
+  EXPECT_EQ(middle.stats.vqBits, 8u);
+  EXPECT_EQ(middle.stats.codebookSize, 148u);
+  EXPECT_LE(middle.size, 1500u);
+  const Compressed tiny = compress(p, 50);  // nothing fits: b = 2, n = 4
+  EXPECT_EQ(tiny.stats.vqBits, 2u);
+  EXPECT_EQ(tiny.stats.codebookSize, 4u);
+  EXPECT_LE(tiny.stats.codebookCount, 4u);
+  const WalkedStill w = walkStill(tiny.image);
+  ASSERT_TRUE(w.valid);
+  EXPECT_EQ(w.vqBits, 2u);
+}
+
+TEST(VQSLSQCompressor, PhotographDecodesCloseToItselfNearTheTarget) {
+  const StillPicture p = photoPicture("photo_coffee_600x400.png", 200, 100, 128, 96);
+  ASSERT_EQ(p.pixels.size(), 128u * 96 * 3);
+  for (int32_t target : {2500, 6000}) {
+    const Compressed c = compress(p, target);
+    const WalkedStill w = walkStill(c.image);
+    ASSERT_TRUE(w.valid) << target;
+    EXPECT_LE(c.size, uint32_t(target));
+    EXPECT_GE(c.size, uint32_t(target) * 8 / 10);
+    const std::vector<uint8_t> decoded = decode(c.image);
+    EXPECT_GT(psnr(decoded, p.pixels), target > 3000 ? 27.0 : 24.0) << target;
+  }
+}
+
+TEST(VQSLSQCompressor, SurfaceBlocksDecodeWithinTheTolerance) {
+  StillPicture p = gradientPicture(96, 64, 3);
+  // Noise on the left third.
+  std::mt19937 random(4);
+  for (uint32_t y = 0; y < 64; ++y)
+    for (uint32_t x = 0; x < 32; ++x)
+      for (int c = 0; c < 3; ++c) p.pixels[(y * 96 + x) * 3 + c] = uint8_t(random());
+  const Compressed c = compress(p, 4000);
+  const WalkedStill w = walkStill(c.image);
+  ASSERT_TRUE(w.valid);
+  EXPECT_EQ(c.stats.slsqBlocks, 64u);
+  const std::vector<uint8_t> decoded = decode(c.image);
+  for (uint32_t b = 0; b < 96; ++b) {
+    if (w.types[b] != 0) continue;
+    const uint32_t bx = b % 12 * 8, by = b / 12 * 8;
+    for (uint32_t y = by; y < by + 8; ++y)
+      for (uint32_t x = bx; x < bx + 8; ++x)
+        for (int ch = 0; ch < 3; ++ch)
+          ASSERT_NEAR(decoded[(y * 96 + x) * 3 + ch], p.pixels[(y * 96 + x) * 3 + ch], 4)
+              << x << "," << y;
+  }
+}
+
+TEST(VQSLSQCompressor, FastAndReferenceGroupSearchesWriteTheSameImage) {
+  std::vector<StillPicture> pictures;
+  pictures.push_back(gradientPicture(128, 64, 8));
+  pictures.push_back(photoPicture("photo_astronaut_512x512.png", 0, 0, 128, 128, 4));
+  pictures.push_back(photoPicture("photo_coffee_600x400.png", 0, 0, 144, 96, 4));
+  // A photograph over a gradient: groups of many sizes.
+  StillPicture mixed = gradientPicture(128, 96, 2);
+  const StillPicture flower = photoPicture("photo_flower_2268x1512.png", 0, 0, 64, 48, 8);
+  for (uint32_t y = 0; y < 48; ++y)
+    std::memcpy(&mixed.pixels[((y + 24) * 128 + 32) * 3], &flower.pixels[y * 64 * 3], 64 * 3);
+  pictures.push_back(mixed);
+  uint32_t surfaces = 0;
+  for (const StillPicture& p : pictures) {
+    ASSERT_FALSE(p.pixels.empty());
+    const Compressed fast = compress(p, 3000, false);
+    const Compressed reference = compress(p, 3000, true);
+    ASSERT_EQ(fast.image, reference.image);
+    surfaces += fast.stats.slsqBlocks;
+  }
+  EXPECT_GT(surfaces, 200u);
+}
+
+TEST(VQSLSQCompressor, PlainAndSseCodebooksWriteTheSameImage) {
+  const StillPicture p = photoPicture("photo_astronaut_512x512.png", 128, 128, 96, 64, 2);
+  EXPECT_EQ(compress(p, 3000, false, 230400, true).image,
+            compress(p, 3000, false, 230400, false).image);
+}
+
+TEST(VQSLSQCompressor, TableSizeRisesAboveTheDecodedCodebook) {
+  const StillPicture p = noisePicture(32, 32, 1);
+  const Compressed small = compress(p, 3000, false, 48);
+  const uint32_t needed = small.stats.codebookCount * 48 + 480;
+  EXPECT_EQ(small.tableLimit, needed);
+  EXPECT_EQ(load32(&small.image[4]), needed);
+  const Compressed large = compress(p, 3000, false, 230400);
+  EXPECT_EQ(large.tableLimit, 230400u);
+  EXPECT_EQ(load32(&large.image[4]), 230400u);
+
+  VQSLSQCompressor compressor(true);
+  compressor.verbose = false;
+  std::vector<uint8_t> out;
+  compressor.tableCount = 5;
+  compressor.droppedBytes = 96;
+  compressor.compress(p.pixels.data(), 32, 32, 3000, out);
+  EXPECT_EQ(compressor.tableCount, 0u);
+  EXPECT_EQ(compressor.droppedBytes, 0u);
+  EXPECT_EQ(compressor.tableBytes, load32(&out[20]) * 48);
+}
+
+TEST(VQSLSQCompressor, PrintsItsProgressAndStatistics) {
+  const StillPicture p = flatPicture(64, 48, 10, 20, 30);
+  VQSLSQCompressor compressor(true);
+  std::vector<uint8_t> out;
+  testing::internal::CaptureStdout();
+  compressor.compress(p.pixels.data(), 64, 48, 2000, out);
+  fflush(stdout);
+  const std::string text = testing::internal::GetCapturedStdout();
+  for (const char* line :
+       {"SLSQ calculation: 0%.\r", "SLSQ calculation: 100%.\nVQ Calculation...\r",
+        "Updated Vectors: 0, used Vectors: 0\n",
+        "Error with 3 bits codebook: 0.0 (VQ Tolerance equ. 0.0).\n",
+        "Global image statistics:\nblocks: 8x6.\nImage pixel count: 3072.\n"
+        "Image size in RGB: 9216.\n"
+        "Elementary 8x8 compression block count: 48 (8x6).\n"
+        " - SLSQ block count: 48 (100%).\n - VQ block count: 0 (0%).\n"
+        "SLSQ blocks statistics:\nSLSQ index bit size: 1 bits\nSLSQ pixel tolerance: 2.8.\n"
+        "SLSQ Minimum block number inside one multi-block group: 4.\n"
+        "SLSQ multi-block efficiency: 1 elements stored 48.0:1.\n",
+        "VQ pixel tolerance: 9.0. (tolerance for the square full vector distance: 3888.0)\n",
+        "Final compressed image size: 76 (0.8%) ratio 121.3:1.\n"}) {
+    EXPECT_NE(text.find(line), std::string::npos) << line;
+  }
+
+  compressor.verbose = false;
+  testing::internal::CaptureStdout();
+  compressor.compress(p.pixels.data(), 64, 48, 2000, out);
+  fflush(stdout);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+}
+
+TEST(VQSLSQCompressor, DecompressRejectsAnotherMagic) {
+  std::vector<uint8_t> bytes(64, 0);
+  std::vector<uint8_t> pixels;
+  EXPECT_FALSE(VQSLSQCompressor::decompress(bytes.data(), uint32_t(bytes.size()), pixels));
+  EXPECT_FALSE(VQSLSQCompressor::decompress(bytes.data(), 10, pixels));
+}
+
+}  // namespace
