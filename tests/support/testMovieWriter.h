@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,9 @@ struct zylTestMovieOptions {
   uint8_t seed = 0;  // varies the colours, so that different movies differ
   uint32_t frameDuration = 40000;
   bool planeFrames = false;  // ZYL1: P-frames as plane records (not decodable here)
+  bool stillKeyFrames = false;  // ZYL0: key frames as still images instead of trees
+  // ZYL0: may change a frame's item bodies (tree item first) before they are packed.
+  std::function<void(uint32_t frame, std::vector<std::vector<uint8_t>>* items)> edit;
 };
 
 namespace zylTestMovie {
@@ -46,6 +50,8 @@ struct SymbolWriter {
   }
 };
 
+inline std::vector<uint8_t> StillImage(uint32_t w, uint32_t h, uint8_t seed);
+
 // The items of one ZYL0 frame, each a body without its length word.
 inline std::vector<std::vector<uint8_t>> Zyl0FrameItems(const zylTestMovieOptions& o,
                                                         uint32_t frame, bool key) {
@@ -63,6 +69,13 @@ inline std::vector<std::vector<uint8_t>> Zyl0FrameItems(const zylTestMovieOption
     fade.back() |= uint8_t((level & 15) << (4 * (fadeCount % 2)));
     ++fadeCount;
   };
+  if (key && o.stillKeyFrames) {
+    std::vector<std::vector<uint8_t>> items;
+    items.push_back({uint8_t(kFrameFlagAlways | kFrameFlagImage | (o.sound ? kFrameFlagSound : 0))});
+    items.push_back(StillImage((o.width + 15) & ~15u, (o.height + 15) & ~15u, uint8_t(o.seed + frame)));
+    if (o.sound) items.push_back(std::vector<uint8_t>(7 + frame % 3, uint8_t(frame)));
+    return items;
+  }
   for (uint32_t k = 0; k < blocks; ++k) {
     if (key) {
       tree.Put(kSymbolColour);
@@ -111,7 +124,6 @@ inline std::vector<std::vector<uint8_t>> Zyl0FrameItems(const zylTestMovieOption
   if (o.sound) {
     std::vector<uint8_t> s;
     const uint32_t n = 6 + frame % 5;
-    PutU32(&s, n);
     for (uint32_t i = 0; i < n; ++i) s.push_back(uint8_t(frame * 3 + i));
     items.push_back(s);
   }
@@ -177,7 +189,9 @@ inline std::vector<uint8_t> Zyl0(const zylTestMovieOptions& o) {
     std::vector<std::vector<uint8_t>> pieces;
     std::vector<uint8_t> unpacked;
     for (uint32_t i = 0; i < frames; ++i, ++frame) {
-      for (const auto& item : Zyl0FrameItems(o, frame, i == 0)) {
+      std::vector<std::vector<uint8_t>> items = Zyl0FrameItems(o, frame, i == 0);
+      if (o.edit) o.edit(frame, &items);
+      for (const auto& item : items) {
         std::vector<uint8_t> length;
         PutU32(&length, uint32_t(item.size()));
         pieces.push_back(length);
@@ -205,10 +219,10 @@ inline std::vector<uint8_t> Zyl0(const zylTestMovieOptions& o) {
   return out;
 }
 
-// A still image for a picture of the rounded size: 8 by 8 blocks alternating between a surface
-// (1-bit index into two surfaces) and four codebook blocks (1-bit indices into two entries).
-inline std::vector<uint8_t> StillImage(uint32_t width, uint32_t height, uint8_t seed) {
-  const uint32_t w = (width + 15) & ~15u, h = (height + 15) & ~15u;
+// A still image of w x h pixels (the rounded picture size): 8 by 8 blocks alternating between
+// a surface (1-bit index into two surfaces) and four codebook blocks (1-bit indices into two
+// entries).
+inline std::vector<uint8_t> StillImage(uint32_t w, uint32_t h, uint8_t seed) {
   std::vector<uint32_t> words;
   uint64_t acc = 0;
   uint32_t bits = 0;
@@ -284,7 +298,7 @@ inline std::vector<uint8_t> Zyl1(const zylTestMovieOptions& o) {
       zycRecordContent c;
       std::vector<uint8_t> image, sound, y, u, v;
       if (i == 0) {
-        image = StillImage(o.width, o.height, uint8_t(o.seed + frame));
+        image = StillImage((o.width + 7) & ~7u, (o.height + 7) & ~7u, uint8_t(o.seed + frame));
         c.first = image.data();
         c.firstSize = uint32_t(image.size());
       } else if (o.planeFrames) {

@@ -1,0 +1,348 @@
+#include "stream/safeReader.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/byteIo.h"
+#include "stream/zycDecoder.h"
+#include "tests/support/testMovieWriter.h"
+
+namespace {
+
+using Items = std::vector<std::vector<uint8_t>>;
+
+bool Contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+// Opens bytes as "movie.zyl".
+std::unique_ptr<zycSafeReader> Read(const std::vector<uint8_t>& bytes) {
+  auto reader = std::make_unique<zycSafeReader>();
+  reader->OpenMemory(bytes.data(), bytes.size(), "movie.zyl");
+  return reader;
+}
+
+// All pictures of a movie, one per frame; an empty picture for a frame not decoded.
+std::vector<std::vector<uint8_t>> DecodeAll(zycSafeReader& reader) {
+  std::vector<std::vector<uint8_t>> pictures;
+  reader.Rewind();
+  for (zycSafeStatus s; (s = reader.NextFrame()) != zycSafeStatus::end;)
+    pictures.push_back(s == zycSafeStatus::decoded ? reader.picture() : std::vector<uint8_t>());
+  return pictures;
+}
+
+uint32_t Pixel(const std::vector<uint8_t>& picture, uint32_t stride, uint32_t x, uint32_t y) {
+  return zycLoad32(&picture[(size_t(y) * stride + x) * 4]);
+}
+
+// A movie whose frame `target` gets `change` applied to its items before packing.
+std::vector<uint8_t> Edited(uint32_t target, std::function<void(Items*)> change,
+                            zylTestMovieOptions o = {}) {
+  o.edit = [target, change](uint32_t frame, Items* items) {
+    if (frame == target) change(items);
+  };
+  return zylTestMovie::Zyl0(o);
+}
+
+}  // namespace
+
+TEST(SafeReaderWalk, ListsSectionsFramesAndItemSizes) {
+  zylTestMovieOptions o;
+  o.sound = true;
+  o.sections = {3, 2};
+  const auto movie = zylTestMovie::Zyl0(o);
+  auto reader = Read(movie);
+  EXPECT_TRUE(reader->problems().empty()) << reader->error();
+  ASSERT_EQ(reader->sections().size(), 2u);
+  EXPECT_EQ(reader->sections()[0].offset, 64u);
+  EXPECT_EQ(reader->sections()[1].firstFrame, 3u);
+  ASSERT_EQ(reader->frames().size(), 5u);
+  const zycSafeFrame& key = reader->frames()[0];
+  EXPECT_TRUE(key.key);
+  EXPECT_EQ(key.flags, kFrameFlagAlways | kFrameFlagColour | kFrameFlagSound);
+  EXPECT_EQ(key.treeBytes, 2u);     // flags byte and three symbols
+  EXPECT_EQ(key.colourBytes, 24u);  // three blocks
+  EXPECT_EQ(key.soundBytes, 6u);
+  const zycSafeFrame& p = reader->frames()[1];
+  EXPECT_FALSE(p.key);
+  EXPECT_EQ(p.flags, 0x3F & ~kFrameFlagImage);
+  EXPECT_EQ(p.motionBytes, 1u + 4 + 4);  // one copy and two split blocks of four indices
+  EXPECT_EQ(reader->pictureWidth(), 48u);
+  EXPECT_EQ(reader->pictureHeight(), 16u);
+}
+
+TEST(SafeReaderDecode, KeyFrameHoldsItsMagnifiedColourBlocks) {
+  Items keyItems;
+  zylTestMovieOptions o;
+  o.edit = [&](uint32_t frame, Items* items) {
+    if (frame == 0) keyItems = *items;
+  };
+  const auto movie = zylTestMovie::Zyl0(o);
+  auto reader = Read(movie);
+  ASSERT_EQ(reader->NextFrame(), zycSafeStatus::decoded) << reader->frameError();
+  auto tables = std::make_unique<zycFrameDecoder>();
+  tables->Setup(40, 16, 32, 0, 1);
+  const std::vector<uint8_t>& colour = keyItems[1];
+  for (uint32_t k = 0; k < 3; ++k) {
+    uint32_t block[16];
+    zycDecodeDxt1Block(*tables, zycLoad32(&colour[4 * k]), zycLoad32(&colour[12 + 4 * k]), block);
+    for (uint32_t y = 0; y < 16; ++y)
+      for (uint32_t x = 0; x < 16; ++x)
+        ASSERT_EQ(Pixel(reader->picture(), 48, 16 * k + x, y), block[(y / 4) * 4 + x / 4])
+            << k << " " << x << "," << y;
+  }
+}
+
+TEST(SafeReaderDecode, CopyBlocksKeepThePreviousPicture) {
+  const auto movie = zylTestMovie::Zyl0({});
+  auto reader = Read(movie);
+  const auto pictures = DecodeAll(*reader);
+  ASSERT_EQ(pictures.size(), 5u);
+  // In frame 1, blocks 1 (odd k + frame) copy with vector (0,0); block 0 and 2 are split.
+  for (uint32_t y = 0; y < 16; ++y)
+    for (uint32_t x = 16; x < 32; ++x)
+      ASSERT_EQ(Pixel(pictures[1], 48, x, y), Pixel(pictures[0], 48, x, y));
+  // The split block's colour quadrant changed something.
+  EXPECT_NE(pictures[1], pictures[0]);
+}
+
+TEST(SafeReaderDecode, LzmaAndDeflateSectionsGiveTheSamePictures) {
+  zylTestMovieOptions o;
+  o.sections = {2, 3, 1};
+  auto deflated = Read(zylTestMovie::Zyl0(o));
+  o.packing = kPackingLzma;
+  auto lzma = Read(zylTestMovie::Zyl0(o));
+  EXPECT_TRUE(lzma->problems().empty()) << lzma->error();
+  const auto a = DecodeAll(*deflated), b = DecodeAll(*lzma);
+  ASSERT_EQ(a.size(), 6u);
+  EXPECT_EQ(a, b);
+  EXPECT_FALSE(a[0].empty());
+}
+
+TEST(SafeReaderDecode, StillKeyFramesDecodeWithOpaquePixels) {
+  zylTestMovieOptions o;
+  o.stillKeyFrames = true;
+  o.sound = true;
+  auto reader = Read(zylTestMovie::Zyl0(o));
+  ASSERT_TRUE(reader->problems().empty()) << reader->error();
+  ASSERT_EQ(reader->NextFrame(), zycSafeStatus::decoded) << reader->frameError();
+  EXPECT_EQ(reader->frames()[0].flags, 25);
+  ASSERT_EQ(reader->soundBytes(), 7u);
+  EXPECT_EQ(reader->sound()[0], 0);
+  for (uint32_t i = 0; i < 48 * 16; ++i) ASSERT_EQ(reader->picture()[4 * i + 3], 255) << i;
+  EXPECT_TRUE(reader->CheckAll().empty());
+}
+
+TEST(SafeReaderDecode, TreeViewPaintsColourBlocksRed) {
+  auto reader = Read(zylTestMovie::Zyl0({}));
+  reader->SetTreeView(true);
+  ASSERT_EQ(reader->NextFrame(), zycSafeStatus::decoded);
+  for (uint32_t x = 0; x < 48; x += 5) EXPECT_EQ(Pixel(reader->picture(), 48, x, 7), 0xFF0000u);
+}
+
+TEST(SafeReaderDecode, SoundBytesComeWithTheirFrame) {
+  zylTestMovieOptions o;
+  o.sound = true;
+  auto reader = Read(zylTestMovie::Zyl0(o));
+  ASSERT_EQ(reader->NextFrame(), zycSafeStatus::decoded);
+  ASSERT_EQ(reader->NextFrame(), zycSafeStatus::decoded);
+  ASSERT_EQ(reader->soundBytes(), 7u);  // 6 + frame % 5
+  EXPECT_EQ(reader->sound()[0], 3);
+  EXPECT_EQ(reader->sound()[6], 9);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Damage
+
+TEST(SafeReaderDamage, EveryPrefixFailsWithAMessage) {
+  for (bool lzma : {false, true}) {
+    zylTestMovieOptions o;
+    o.sound = true;
+    o.packing = lzma ? kPackingLzma : kPackingDeflate;
+    const auto movie = zylTestMovie::Zyl0(o);
+    for (size_t cut = 0; cut < movie.size(); ++cut) {
+      std::vector<uint8_t> prefix(movie.begin(), movie.begin() + long(cut));
+      zycSafeReader reader;
+      EXPECT_FALSE(reader.OpenMemory(prefix.data(), prefix.size(), "movie.zyl")) << cut;
+      EXPECT_TRUE(Contains(reader.error(), "movie.zyl: ")) << cut;
+      reader.CheckAll();
+    }
+  }
+}
+
+TEST(SafeReaderDamage, EveryPrefixOfAZyl1MovieFails) {
+  zylTestMovieOptions o;
+  o.sound = true;
+  o.planeFrames = true;
+  const auto movie = zylTestMovie::Zyl1(o);
+  for (size_t cut = 0; cut < movie.size(); ++cut) {
+    zycSafeReader reader;
+    EXPECT_FALSE(reader.OpenMemory(movie.data(), cut, "movie.zyl")) << cut;
+    EXPECT_FALSE(reader.error().empty());
+    reader.CheckAll();
+  }
+}
+
+TEST(SafeReaderDamage, TrailingBytesAreRefused) {
+  auto movie = zylTestMovie::Zyl0({});
+  const size_t end = movie.size();
+  movie.push_back(0);
+  zycStore32(&movie[8], uint32_t(movie.size()));
+  auto reader = Read(movie);
+  EXPECT_EQ(reader->error(),
+            "movie.zyl: 1 bytes stand behind the last section, at byte " + std::to_string(end));
+}
+
+TEST(SafeReaderDamage, WrongMagicAndFileSize) {
+  auto movie = zylTestMovie::Zyl0({});
+  movie[3] = 'X';
+  EXPECT_EQ(Read(movie)->error(), "movie.zyl: bad magic " + std::to_string(int32_t(zycLoad32(movie.data()))));
+  movie[3] = '0';
+  zycStore32(&movie[8], 10);
+  EXPECT_EQ(Read(movie)->error(), "movie.zyl: the header gives a file size of 10 bytes, the file holds " +
+                                      std::to_string(movie.size()));
+}
+
+TEST(SafeReaderDamage, FrameCountBeyondTheSections) {
+  auto movie = zylTestMovie::Zyl0({});
+  zycStore32(&movie[16], 6);
+  auto reader = Read(movie);
+  EXPECT_TRUE(Contains(reader->error(), "section header at byte")) << reader->error();
+}
+
+TEST(SafeReaderDamage, MotionOutsideThePictureIsNamedWithItsPlace) {
+  // Frame 1, block 0 is a split block whose first child fades with index 0; give it (0,-1).
+  auto movie = Edited(1, [](Items* items) { (*items)[1][0] = 1; });
+  auto reader = Read(movie);
+  ASSERT_TRUE(reader->problems().empty()) << reader->error();
+  const auto problems = reader->CheckAll();
+  ASSERT_EQ(problems.size(), 1u);
+  EXPECT_EQ(problems[0],
+            "movie.zyl: frame 1 (section 0 at byte 64): motion index 0 (vector 1: 0,-1) reads "
+            "outside the picture (block 8 at 0,0)");
+}
+
+TEST(SafeReaderDamage, ItemLengthsMustMatchTheTree) {
+  struct Case {
+    uint32_t frame;
+    std::function<void(Items*)> change;
+    const char* message;
+  };
+  const Case cases[] = {
+      {0, [](Items* i) { (*i)[1].resize(16); }, "the colour item holds 2 blocks, the tree has 3"},
+      {1, [](Items* i) { (*i)[1].push_back(0); }, "the motion item holds 10 bytes, the tree takes 9"},
+      {1, [](Items* i) { (*i)[1].resize(8); }, "motion index 8 is beyond the motion item (8 bytes)"},
+      {1, [](Items* i) { (*i)[0].push_back(0); }, "the tree item holds"},
+      {1, [](Items* i) { (*i)[0].resize(3); }, "the tree runs past its item"},
+      {1, [](Items* i) { i->back().push_back(0); }, "the fade item holds 3 bytes, the tree has 4 fade"},
+  };
+  for (const Case& c : cases) {
+    auto reader = Read(Edited(c.frame, c.change));
+    ASSERT_TRUE(reader->problems().empty()) << reader->error();
+    const auto problems = reader->CheckAll();
+    ASSERT_EQ(problems.size(), 1u) << c.message;
+    EXPECT_TRUE(Contains(problems[0], c.message)) << problems[0];
+    EXPECT_TRUE(Contains(problems[0], "movie.zyl: frame " + std::to_string(c.frame)));
+  }
+}
+
+TEST(SafeReaderDamage, StillImageIndicesStayInTheirTables) {
+  zylTestMovieOptions o;
+  o.stillKeyFrames = true;
+  struct Case {
+    std::function<void(std::vector<uint8_t>&)> change;
+    const char* message;
+  };
+  const Case cases[] = {
+      {[](std::vector<uint8_t>& im) { zycStore32(&im[20], 1); }, "codebook index 1 beyond its 1 entries"},
+      {[](std::vector<uint8_t>& im) { zycStore32(&im[24], zycLoad32(&im[16]) + 36); },
+       "surface index 1 beyond its 1 surfaces"},
+      {[](std::vector<uint8_t>& im) { zycStore32(&im[4], 48); }, "does not fit its block table"},
+      {[](std::vector<uint8_t>& im) { zycStore16(&im[12], 32); }, "still image of 32 x 16 pixels"},
+      {[](std::vector<uint8_t>& im) { im[0] ^= 1; }, "still image has magic"},
+      {[](std::vector<uint8_t>& im) { zycStore32(&im[24], uint32_t(im.size()) - 8); },
+       "lies outside the image"},
+      {[](std::vector<uint8_t>& im) { im.resize(30); }, "lies outside the image"},
+  };
+  for (const Case& c : cases) {
+    auto movie = Edited(0, [&](Items* items) { c.change((*items)[1]); }, o);
+    auto reader = Read(movie);
+    ASSERT_TRUE(reader->problems().empty()) << reader->error();
+    const auto problems = reader->CheckAll();
+    ASSERT_GE(problems.size(), 1u) << c.message;
+    EXPECT_TRUE(Contains(problems[0], c.message)) << problems[0];
+  }
+}
+
+TEST(SafeReaderDamage, DamagedDeflateDataIsReported) {
+  auto movie = zylTestMovie::Zyl0({});
+  for (size_t i = 70; i < 90; ++i) movie[i] = 0xFF;
+  auto reader = Read(movie);
+  EXPECT_FALSE(reader->problems().empty());
+  EXPECT_TRUE(Contains(reader->error(), "movie.zyl: ")) << reader->error();
+}
+
+TEST(SafeReaderDamage, ByteFlipsNeverEscapeTheBuffers) {
+  // Every byte of a small movie flipped in turn: whatever the reader says, it stays in bounds.
+  zylTestMovieOptions o;
+  o.sections = {2, 1};
+  o.stillKeyFrames = true;
+  const auto movie = zylTestMovie::Zyl0(o);
+  for (size_t i = 0; i < movie.size(); ++i) {
+    auto damaged = movie;
+    damaged[i] ^= 0x5A;
+    zycSafeReader reader;
+    reader.OpenMemory(damaged.data(), damaged.size(), "movie.zyl");
+    reader.CheckAll();
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// ZYL1
+
+TEST(SafeReaderZyl1, StillKeyFramesDecodeAndRepeatsKeepThem) {
+  zylTestMovieOptions o;
+  o.sound = true;
+  o.sections = {3, 2};
+  auto reader = Read(zylTestMovie::Zyl1(o));
+  ASSERT_TRUE(reader->problems().empty()) << reader->error();
+  EXPECT_EQ(reader->pictureWidth(), 40u);
+  ASSERT_EQ(reader->frames().size(), 5u);
+  EXPECT_EQ(reader->frames()[0].kind, kFrameKindStill);
+  EXPECT_EQ(reader->frames()[1].kind, kFrameKindRepeat);
+  const auto pictures = DecodeAll(*reader);
+  ASSERT_EQ(pictures.size(), 5u);
+  EXPECT_FALSE(pictures[0].empty());
+  EXPECT_EQ(pictures[1], pictures[0]);
+  EXPECT_NE(pictures[3], pictures[0]);  // another seed in the second key frame
+  EXPECT_TRUE(reader->CheckAll().empty());
+  EXPECT_EQ(reader->undecodableFrames(), 0u);
+}
+
+TEST(SafeReaderZyl1, PlaneFramesAreALimitationNotDamage) {
+  zylTestMovieOptions o;
+  o.planeFrames = true;
+  o.sections = {3};
+  auto reader = Read(zylTestMovie::Zyl1(o));
+  ASSERT_TRUE(reader->problems().empty()) << reader->error();
+  EXPECT_EQ(reader->NextFrame(), zycSafeStatus::decoded);
+  EXPECT_EQ(reader->NextFrame(), zycSafeStatus::undecodable);
+  EXPECT_EQ(reader->frameError(),
+            "movie.zyl: frame 1 (section 0 at byte 60): plane frames can't be decoded in this build");
+  EXPECT_EQ(reader->frames()[1].planeBytes[0], 14u);
+  EXPECT_TRUE(reader->CheckAll().empty());
+  EXPECT_EQ(reader->undecodableFrames(), 2u);
+}
+
+TEST(SafeReaderZyl1, ASectionMustStartWithAKeyFrame) {
+  zylTestMovieOptions o;
+  o.sections = {2};
+  auto movie = zylTestMovie::Zyl1(o);
+  // The key frame record's flags become a repeat's.
+  movie[60 + 8] = kRecordFlagRepeat;
+  auto reader = Read(movie);
+  EXPECT_TRUE(Contains(reader->error(), "frame 0 (section 0 at byte 60): ")) << reader->error();
+}
