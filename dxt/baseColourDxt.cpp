@@ -147,33 +147,25 @@ void zycBaseColourBlock(const uint8_t pixels[64], uint32_t mask, uint8_t block[8
     std::memset(block, 0, 8);
     return;
   }
-  uint16_t c0, c1;
-  zycBaseColourStartPair(pixels, mask, &c0, &c1);
-  orderPair(c0, c1);
+  uint16_t best0, best1;
+  zycBaseColourStartPair(pixels, mask, &best0, &best1);
+  orderPair(best0, best1);
   Rgb palette[4];
-  uint8_t indices[16];
-  uint32_t bestError = assign(pixels, mask, palette, makePalette(c0, c1, palette), indices);
-  uint16_t best0 = c0, best1 = c1;
+  uint8_t indices[16], trial[16];
+  uint32_t bestError = assign(pixels, mask, palette, makePalette(best0, best1, palette), indices);
 
-  // Refinement: least squares on the current assignment, as long as it measures better.
-  uint16_t r0 = c0, r1 = c1;
-  uint32_t refinedError = bestError;
-  for (int round = 0; round < 4 && refinedError > 0 && r0 != r1; ++round) {
-    assign(pixels, mask, palette, makePalette(r0, r1, palette), indices);
+  // Refinement: least squares on the current assignment, as long as it measures better. The
+  // start pair stays unless a refined pair beats it.
+  for (int round = 0; round < 4 && bestError > 0 && best0 != best1; ++round) {
     uint16_t n0, n1;
     if (!fitPair(pixels, mask, indices, &n0, &n1)) break;
     orderPair(n0, n1);
-    uint8_t scratch[16];
-    const uint32_t err = assign(pixels, mask, palette, makePalette(n0, n1, palette), scratch);
-    if (err >= refinedError) break;
-    refinedError = err;
-    r0 = n0;
-    r1 = n1;
-  }
-  if (refinedError < bestError) {
-    bestError = refinedError;
-    best0 = r0;
-    best1 = r1;
+    const uint32_t err = assign(pixels, mask, palette, makePalette(n0, n1, palette), trial);
+    if (err >= bestError) break;
+    bestError = err;
+    best0 = n0;
+    best1 = n1;
+    std::memcpy(indices, trial, 16);
   }
 
   // One colour, the mean of the pixels, for nearly flat blocks.
@@ -186,16 +178,14 @@ void zycBaseColourBlock(const uint8_t pixels[64], uint32_t mask, uint8_t block[8
     }
     const uint16_t mean =
         quantise565((sum[0] + n / 2) / n, (sum[1] + n / 2) / n, (sum[2] + n / 2) / n);
-    uint8_t scratch[16];
-    const uint32_t err = assign(pixels, mask, palette, makePalette(mean, mean, palette), scratch);
+    const uint32_t err = assign(pixels, mask, palette, makePalette(mean, mean, palette), trial);
     if (err < bestError) {
       bestError = err;
       best0 = best1 = mean;
+      std::memcpy(indices, trial, 16);
     }
   }
 
-  const int count = makePalette(best0, best1, palette);
-  assign(pixels, mask, palette, count, indices);
   uint32_t word = 0;
   for (int k = 0; k < 16; ++k) word |= uint32_t(indices[k]) << (2 * k);
   zycStore16(block, best0);

@@ -2,7 +2,6 @@
 
 #include <squish.h>
 
-#include <cstring>
 
 namespace zycSquish {
 
@@ -44,27 +43,11 @@ void CompressMasked(const uint8_t* rgba, int mask, void* block, int flags) {
 }
 
 void CompressImage(const uint8_t* rgba, int width, int height, void* blocks, int flags) {
+  // squish walks the blocks itself (over several threads when it was built with OpenMP),
+  // calling CompressMasked with the mask of the pixels inside the picture; the blocks do not
+  // depend on the thread count.
   float metric[3];
-  const int translated = TranslateFlags(flags, metric);
-  const int blockBytes = (FixFlags(flags) & kDxt1) ? 8 : 16;
-  uint8_t* out = static_cast<uint8_t*>(blocks);
-  for (int y = 0; y < height; y += 4) {
-    for (int x = 0; x < width; x += 4) {
-      uint8_t pixels[64] = {};
-      int mask = 0;
-      for (int j = 0; j < 4; ++j) {
-        for (int i = 0; i < 4; ++i) {
-          const int sx = x + i, sy = y + j;
-          if (sx < width && sy < height) {
-            std::memcpy(pixels + 16 * j + 4 * i, rgba + 4 * (size_t(sy) * width + sx), 4);
-            mask |= 1 << (4 * j + i);
-          }
-        }
-      }
-      squish::CompressMasked(pixels, mask, out, translated, metric);
-      out += blockBytes;
-    }
-  }
+  squish::CompressImage(rgba, width, height, blocks, TranslateFlags(flags, metric), metric);
 }
 
 void Decompress(uint8_t* rgba, const void* block, int flags) {

@@ -37,7 +37,8 @@ void CompressMasked(const uint8_t* rgba, int mask, void* block, int flags);
 
 // Compresses a picture of width x height pixels (rows packed, 4 bytes a pixel) into blocks in
 // raster order, ceil(width / 4) x ceil(height / 4) of them, by CompressMasked on each block with
-// the mask of the pixels inside the picture. Runs on the caller's thread.
+// the mask of the pixels inside the picture. squish may spread the blocks over the threads of
+// its OpenMP runtime (OMP_NUM_THREADS); the result is the same for any thread count.
 void CompressImage(const uint8_t* rgba, int width, int height, void* blocks, int flags);
 
 // Decodes one block to 16 pixels R, G, B, A.

@@ -8,17 +8,6 @@
 #include "tests/support/imageLoad.h"
 #include "tests/support/testMedia.h"
 
-namespace {
-
-// Swaps to the red-first order that the encoder hands over.
-std::vector<uint8_t> redFirst(const zylTestImage& image) {
-  std::vector<uint8_t> out = image.pixels;
-  for (size_t i = 0; i < out.size(); i += 4) std::swap(out[i], out[i + 2]);
-  return out;
-}
-
-}  // namespace
-
 // Block worked out by hand: minimum (40, 60, 50), maximum (200, 100, 80), inset (10, 2, 1),
 // colours (190, 98, 79) -> 0xBB09 and (50, 62, 51) -> 0x31E6, palette (189, 97, 74),
 // (49, 60, 49), (142, 84, 65), (95, 72, 57).
@@ -53,6 +42,17 @@ TEST(FastDxt, BlocksInRasterOrderOfTheLevel) {
 }
 
 #ifdef ZYL_FAST_DXT_SSE2
+namespace {
+
+// Swaps to the red-first order that the encoder hands over.
+std::vector<uint8_t> redFirst(const zylTestImage& image) {
+  std::vector<uint8_t> out = image.pixels;
+  for (size_t i = 0; i < out.size(); i += 4) std::swap(out[i], out[i + 2]);
+  return out;
+}
+
+}  // namespace
+
 TEST(FastDxt, SseAndPlainGiveTheSameBlocksOnPhotographs) {
   for (const char* name : {"photo_coffee_600x400.png", "photo_astronaut_512x512.png",
                            "photo_flower_2268x1512.png"}) {
