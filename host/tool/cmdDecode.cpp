@@ -1,0 +1,118 @@
+// zyl decode: a movie's pictures as Y4M, raw RGB or PNG files, through the checked reader.
+#include <string>
+
+#include "host/tool/commands.h"
+#include "host/tool/frameWriters.h"
+#include "host/tool/toolCommon.h"
+#include "stream/safeReader.h"
+
+namespace {
+
+const char kUsage[] =
+    "usage: zyl decode FILE OUT [options]\n"
+    "\n"
+    "Decodes every frame of a movie, cropped to the movie's size. OUT \"-\" is stdout.\n"
+    "\n"
+    "options:\n"
+    "  (none)       Y4M, 4:2:0 (chroma as the mean of each 2x2 square), BT.601 limited range\n"
+    "  --444        Y4M, 4:4:4, BT.601 limited range\n"
+    "  --rgb        raw 24-bit frames: bytes R, G, B, top row first, frame after frame\n"
+    "  --png        numbered PNG files; OUT is a pattern such as frame%04d.png\n"
+    "  --tree-view  paint the block tree of each ZYL0 frame instead of its picture\n"
+    "\n"
+    "A frame the checked reader finds damaged is reported and the picture before it repeats;\n"
+    "the exit status is then 2.\n";
+
+}  // namespace
+
+int RunDecode(const CommandArgs& words) {
+  Arguments args(words);
+  if (args.Flag("--help") || args.Flag("-h")) {
+    std::fputs(kUsage, ToolOut());
+    return kExitOk;
+  }
+  const bool rgb = args.Flag("--rgb");
+  const bool png = args.Flag("--png");
+  const bool full = args.Flag("--444");
+  const bool treeView = args.Flag("--tree-view");
+  if (!args.Unknown().empty()) {
+    return Fail(kExitUsage, "unknown option %s (see zyl decode --help)", args.Unknown().c_str());
+  }
+  if (int(rgb) + int(png) + int(full) > 1) {
+    return Fail(kExitUsage, "choose one of --rgb, --png and --444");
+  }
+  const std::vector<std::string> files = args.Plain();
+  if (files.size() != 2) return Fail(kExitUsage, "decode takes FILE and OUT (see --help)");
+  const std::string& path = files[0];
+  const std::string& outName = files[1];
+  if (png && !IsFramePattern(outName)) {
+    return Fail(kExitUsage, "--png wants OUT with one frame number, like frame%%04d.png, not '%s'",
+                outName.c_str());
+  }
+
+  zycSafeReader reader;
+  if (!reader.Open(path)) return Fail(kExitInput, "%s", reader.error().c_str());
+  reader.SetTreeView(treeView);
+  const zycStreamHeader& h = reader.header();
+  if (h.width == 0 || h.height == 0) {
+    return Fail(kExitInput, "%s: the movie has no picture size", path.c_str());
+  }
+
+  std::string error;
+  std::unique_ptr<FrameWriter> writer;
+  const char* kind;
+  if (rgb) {
+    writer = MakeRgbWriter(outName, &error);
+    kind = "raw RGB";
+  } else if (png) {
+    writer = MakePngWriter(outName, &error);
+    kind = "PNG";
+  } else {
+    writer = MakeY4mWriter(outName, full ? Y4mChroma::k444 : Y4mChroma::k420, h.width, h.height,
+                           h.timeScale ? h.timeScale : 1, h.frameDuration ? h.frameDuration : 1,
+                           &error);
+    kind = full ? "Y4M 4:4:4 (BT.601, limited range)" : "Y4M 4:2:0 (BT.601, limited range)";
+  }
+  if (!writer) return Fail(kExitOutput, "%s", error.c_str());
+
+  uint32_t written = 0, damaged = 0, undecodable = 0;
+  bool havePicture = false;
+  std::vector<uint8_t> last;
+  for (;;) {
+    const zycSafeStatus status = reader.NextFrame();
+    if (status == zycSafeStatus::end) break;
+    if (status == zycSafeStatus::decoded) {
+      last = reader.picture();
+      havePicture = true;
+    } else if (status == zycSafeStatus::damaged) {
+      ++damaged;
+      Note("%s", reader.frameError().c_str());
+    } else {
+      ++undecodable;
+    }
+    if (!havePicture) {
+      // Nothing decoded yet: a black picture stands in.
+      last.assign(size_t(reader.pictureWidth()) * reader.pictureHeight() * 4, 0);
+      havePicture = true;
+    }
+    const uint32_t stride = reader.pictureWidth() * 4;
+    if (last.size() < size_t(stride) * h.height || reader.pictureWidth() < h.width) {
+      return Fail(kExitInput, "%s: the decoded picture is smaller than the movie", path.c_str());
+    }
+    if (!writer->Write({last.data(), stride, h.width, h.height})) {
+      return Fail(kExitOutput, "%s", writer->error().c_str());
+    }
+    ++written;
+  }
+  if (!writer->Finish()) return Fail(kExitOutput, "%s", writer->error().c_str());
+  Note("decoded %u frames of %s, %ux%u, as %s%s", written, path.c_str(), h.width, h.height, kind,
+       treeView ? " with the block tree painted" : "");
+  if (undecodable > 0) {
+    Note("%u frames use codings this build can't decode; the picture before each repeats",
+         undecodable);
+  }
+  if (damaged > 0) {
+    return Fail(kExitInput, "%u damaged frames in %s", damaged, path.c_str());
+  }
+  return kExitOk;
+}

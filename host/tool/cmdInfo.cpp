@@ -1,0 +1,185 @@
+// zyl info: what a movie file holds, checked by the safe reader.
+#include <cmath>
+#include <string>
+
+#include "host/tool/commands.h"
+#include "host/tool/toolCommon.h"
+#include "stream/container.h"
+#include "stream/safeReader.h"
+
+namespace {
+
+const char kUsage[] =
+    "usage: zyl info FILE [--json] [--quick]\n"
+    "\n"
+    "Shows the header, the sections, the frame count, the duration and the data rate of a\n"
+    "movie, and every problem the checked reader finds. Exit status 2 when there are any.\n"
+    "\n"
+    "options:\n"
+    "  --json     one JSON object on stdout, for scripts\n"
+    "  --quick    check the container only, without decoding the frames\n";
+
+std::string JsonString(const std::string& text) {
+  std::string out = "\"";
+  for (unsigned char c : text) {
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += char(c);
+    } else if (c < 0x20) {
+      char escaped[8];
+      std::snprintf(escaped, sizeof(escaped), "\\u%04x", c);
+      out += escaped;
+    } else {
+      out += char(c);
+    }
+  }
+  return out + "\"";
+}
+
+std::string FlagNames(uint32_t flags) {
+  std::string names;
+  auto add = [&](uint32_t bit, const char* name) {
+    if (!(flags & bit)) return;
+    if (!names.empty()) names += ", ";
+    names += name;
+  };
+  add(kHeaderFlagAlways, "always");
+  add(kHeaderFlagSound, "sound");
+  add(kHeaderFlagYuv, "yuv");
+  add(kHeaderFlagWideMotion, "wide motion");
+  add(32, "sound in frames");
+  return names;
+}
+
+struct Summary {
+  double duration = 0;
+  double fps = 0;
+  double kbits = 0;
+  uint32_t keyFrames = 0;
+  uint64_t soundBytes = 0;
+};
+
+}  // namespace
+
+int RunInfo(const CommandArgs& words) {
+  Arguments args(words);
+  if (args.Flag("--help") || args.Flag("-h")) {
+    std::fputs(kUsage, ToolOut());
+    return kExitOk;
+  }
+  const bool json = args.Flag("--json");
+  const bool quick = args.Flag("--quick");
+  if (!args.Unknown().empty()) {
+    return Fail(kExitUsage, "unknown option %s (see zyl info --help)", args.Unknown().c_str());
+  }
+  const std::vector<std::string> files = args.Plain();
+  if (files.size() != 1) return Fail(kExitUsage, "info takes one FILE (see zyl info --help)");
+  const std::string& path = files[0];
+
+  zycSafeReader reader;
+  const bool opened = reader.Open(path);
+  std::vector<std::string> problems = reader.problems();
+  if (!opened && reader.header().magic != kMagicZyl0 && reader.header().magic != kMagicZyl1) {
+    // Nothing to show: not a movie at all.
+    const std::string text = reader.error().empty() ? path + ": not a movie" : reader.error();
+    if (json) {
+      std::fprintf(ToolOut(), "{\"file\": %s, \"problems\": [%s]}\n", JsonString(path).c_str(),
+                   JsonString(text).c_str());
+    }
+    return Fail(kExitInput, "%s", text.c_str());
+  }
+  if (!opened && problems.empty() && !reader.error().empty()) problems.push_back(reader.error());
+  if (opened && !quick) problems = reader.CheckAll();
+
+  const zycStreamHeader& h = reader.header();
+  const bool zyl1 = reader.isZyl1();
+  Summary s;
+  if (h.frameDuration > 0 && h.timeScale > 0) {
+    s.fps = double(h.timeScale) / h.frameDuration;
+    s.duration = double(h.frameCount) * h.frameDuration / h.timeScale;
+  }
+  if (s.duration > 0) s.kbits = double(h.fileSize) * 8 / s.duration / 1000;
+  for (const zycSafeFrame& frame : reader.frames()) {
+    if (frame.key) ++s.keyFrames;
+    s.soundBytes += frame.soundBytes;
+  }
+  const char* packing = zyl1 ? "none" : zycPacking(h) == kPackingLzma ? "lzma" : "deflate";
+  FILE* out = ToolOut();
+
+  if (json) {
+    std::fprintf(out, "{\n  \"file\": %s,\n  \"format\": \"%s\",\n", JsonString(path).c_str(),
+                 zyl1 ? "ZYL1" : "ZYL0");
+    std::fprintf(out,
+                 "  \"version\": %u,\n  \"fileSize\": %u,\n  \"flags\": %u,\n"
+                 "  \"frameCount\": %u,\n  \"frameDuration\": %u,\n  \"timeScale\": %u,\n"
+                 "  \"width\": %u,\n  \"height\": %u,\n  \"soundRate\": %u,\n"
+                 "  \"soundChannels\": %u,\n  \"soundChunkLimit\": %u,\n  \"packing\": \"%s\",\n",
+                 h.version, h.fileSize, h.flags, h.frameCount, h.frameDuration, h.timeScale,
+                 h.width, h.height, h.soundRate, h.soundChannels, h.soundChunkLimit, packing);
+    std::fprintf(out,
+                 "  \"frameRate\": %.6f,\n  \"duration\": %.6f,\n  \"kbitPerSecond\": %.3f,\n"
+                 "  \"keyFrames\": %u,\n  \"soundBytes\": %llu,\n",
+                 s.fps, s.duration, s.kbits, s.keyFrames, (unsigned long long)s.soundBytes);
+    std::fprintf(out, "  \"sections\": [");
+    const auto& sections = reader.sections();
+    for (size_t i = 0; i < sections.size(); ++i) {
+      const zycSafeSection& section = sections[i];
+      std::fprintf(out,
+                   "%s\n    {\"offset\": %llu, \"firstFrame\": %u, \"frames\": %u, "
+                   "\"bytes\": %u, \"unpackedBytes\": %llu, \"keyType\": %u}",
+                   i ? "," : "", (unsigned long long)section.offset, section.firstFrame,
+                   section.frames, section.packedBytes,
+                   (unsigned long long)section.unpackedBytes, section.keyType);
+    }
+    std::fprintf(out, "%s],\n  \"undecodableFrames\": %u,\n  \"problems\": [",
+                 sections.empty() ? "" : "\n  ", reader.undecodableFrames());
+    for (size_t i = 0; i < problems.size(); ++i) {
+      std::fprintf(out, "%s\n    %s", i ? "," : "", JsonString(problems[i]).c_str());
+    }
+    std::fprintf(out, "%s]\n}\n", problems.empty() ? "" : "\n  ");
+  } else {
+    std::fprintf(out, "%s\n", path.c_str());
+    std::fprintf(out, "  format         %s, version %u, header %u bytes\n",
+                 zyl1 ? "ZYL1" : "ZYL0", h.version, zyl1 ? h.headerSize : kHeaderSizeZyl0);
+    std::fprintf(out, "  file size      %u bytes\n", h.fileSize);
+    std::fprintf(out, "  picture        %u x %u\n", h.width, h.height);
+    std::fprintf(out, "  frames         %u (%u key frames, %zu sections)\n", h.frameCount,
+                 s.keyFrames, reader.sections().size());
+    std::fprintf(out, "  frame rate     %.3f fps (frame duration %u / %u s)\n", s.fps,
+                 h.frameDuration, h.timeScale);
+    std::fprintf(out, "  duration       %.3f s\n", s.duration);
+    std::fprintf(out, "  data rate      %.1f kbit/s\n", s.kbits);
+    if (h.soundRate > 0 && h.soundChannels > 0) {
+      std::fprintf(out, "  sound          %u channel%s, %u Hz, %llu bytes of ADPCM\n",
+                   h.soundChannels, h.soundChannels == 1 ? "" : "s", h.soundRate,
+                   (unsigned long long)s.soundBytes);
+    } else {
+      std::fprintf(out, "  sound          none\n");
+    }
+    if (!zyl1) {
+      std::fprintf(out, "  flags          0x%x (%s)\n", h.flags, FlagNames(h.flags).c_str());
+      std::fprintf(out, "  packing        %s\n", packing);
+    }
+    std::fprintf(out, "  sections\n    %4s %12s %8s %8s %10s %12s\n", "#", "offset", "first",
+                 "frames", "bytes", "unpacked");
+    const auto& sections = reader.sections();
+    for (size_t i = 0; i < sections.size(); ++i) {
+      const zycSafeSection& section = sections[i];
+      std::fprintf(out, "    %4zu %12llu %8u %8u %10u %12llu\n", i,
+                   (unsigned long long)section.offset, section.firstFrame, section.frames,
+                   section.packedBytes, (unsigned long long)section.unpackedBytes);
+    }
+    if (reader.undecodableFrames() > 0) {
+      std::fprintf(out, "  note           %u frames use codings this build can't decode\n",
+                   reader.undecodableFrames());
+    }
+    if (problems.empty()) {
+      std::fprintf(out, "  problems       none%s\n", quick ? " in the container" : "");
+    } else {
+      std::fprintf(out, "  problems       %zu\n", problems.size());
+      for (const std::string& problem : problems) std::fprintf(out, "    %s\n", problem.c_str());
+    }
+  }
+  std::fflush(out);
+  return problems.empty() ? kExitOk : kExitInput;
+}
