@@ -1,11 +1,14 @@
 #include "dxt/buildLevels.h"
 
+#include <bit>
 #include <cstdlib>
 #include <cstring>
 
 #include "base/byteIo.h"
 #include "dxt/dxtBackEnds.h"
 #include "dxt/yuvConvert.h"
+
+static_assert(std::endian::native == std::endian::little, "pixel words are stored little-endian");
 
 namespace {
 
@@ -19,28 +22,39 @@ uint8_t* allocPicture(uint32_t width, uint32_t height) {
 // Exchanges bytes 0 and 2 of every pixel.
 void swapRedBlue(uint8_t* picture, size_t pixelCount) {
   for (size_t i = 0; i < pixelCount; ++i) {
-    const uint32_t w = zycLoad32(picture + 4 * i);
-    zycStore32(picture + 4 * i, (w & 0xFF00FF00u) | (w >> 16 & 0xFFu) | (w & 0xFFu) << 16);
+    uint32_t w;
+    std::memcpy(&w, picture + 4 * i, 4);
+    w = (w & 0xFF00FF00u) | (w >> 16 & 0xFFu) | (w & 0xFFu) << 16;
+    std::memcpy(picture + 4 * i, &w, 4);
   }
 }
 
-// Each byte of each pixel of `out` is the sum of a factor x factor square of `in`, shifted
-// right by log2(factor * factor), with no rounding term.
-void boxFilter(const uint8_t* in, uint32_t width, uint32_t height, uint32_t factor,
-               uint32_t shift, uint8_t* out) {
-  const uint32_t outWidth = width / factor, outHeight = height / factor;
+// Each byte of each pixel of `out` is the sum of a Factor x Factor square of `in`, shifted
+// right by log2(Factor * Factor), with no rounding term. The four bytes of a pixel are summed
+// side by side in one 64-bit word (16 bits each; 16 x 255 fits).
+template <uint32_t Factor>
+void boxFilter(const uint8_t* in, uint32_t width, uint32_t height, uint8_t* out) {
+  constexpr uint32_t shift = Factor == 2 ? 2 : 4;
+  const uint32_t outWidth = width / Factor, outHeight = height / Factor;
   const size_t stride = size_t(width) * 4;
   for (uint32_t y = 0; y < outHeight; ++y) {
-    for (uint32_t x = 0; x < outWidth; ++x) {
-      uint32_t sum[4] = {};
-      const uint8_t* p = in + y * factor * stride + x * factor * 4;
-      for (uint32_t j = 0; j < factor; ++j, p += stride) {
-        for (uint32_t i = 0; i < factor; ++i) {
-          for (int c = 0; c < 4; ++c) sum[c] += p[4 * i + c];
+    const uint8_t* row = in + size_t(y) * Factor * stride;
+    uint8_t* q = out + size_t(y) * outWidth * 4;
+    for (uint32_t x = 0; x < outWidth; ++x, q += 4) {
+      uint64_t sum = 0;
+      for (uint32_t j = 0; j < Factor; ++j) {
+        const uint8_t* p = row + j * stride + size_t(x) * Factor * 4;
+        for (uint32_t i = 0; i < Factor; ++i) {
+          uint32_t w;
+          std::memcpy(&w, p + 4 * i, 4);
+          sum += (uint64_t(w & 0xFF) | uint64_t(w >> 8 & 0xFF) << 16 | uint64_t(w >> 16 & 0xFF) << 32 |
+                  uint64_t(w >> 24) << 48);
         }
       }
-      uint8_t* q = out + (size_t(y) * outWidth + x) * 4;
-      for (int c = 0; c < 4; ++c) q[c] = uint8_t(sum[c] >> shift);
+      q[0] = uint8_t((sum & 0xFFFF) >> shift);
+      q[1] = uint8_t((sum >> 16 & 0xFFFF) >> shift);
+      q[2] = uint8_t((sum >> 32 & 0xFFFF) >> shift);
+      q[3] = uint8_t((sum >> 48) >> shift);
     }
   }
 }
@@ -84,11 +98,13 @@ void blockPalette(const zycDxtLevels& t, uint32_t color0, uint32_t color1, uint3
   }
 }
 
-void fillPreview(const zycDxtLevels& levels, int level, uint32_t yuvCoding) {
-  const uint32_t step = 4u << level, side = 1u << level;
+template <int level>
+void fillPreview(const zycDxtLevels& levels, uint32_t yuvCoding) {
+  constexpr uint32_t step = 4u << level, side = 1u << level;
   const uint32_t blocksWide = levels.width / step, blocksHigh = levels.height / step;
   const size_t stride = size_t(levels.width) * 4;
   const uint8_t* block = levels.blocks[level].data();
+  uint32_t row[step];  // one block row, each pixel repeated `side` times
   for (uint32_t by = 0; by < blocksHigh; ++by) {
     for (uint32_t bx = 0; bx < blocksWide; ++bx, block += 8) {
       uint32_t palette[4];
@@ -101,12 +117,10 @@ void fillPreview(const zycDxtLevels& levels, int level, uint32_t yuvCoding) {
       uint8_t* corner = levels.preview[level] + by * step * stride + size_t(bx) * step * 4;
       for (uint32_t j = 0; j < 4; ++j) {
         for (uint32_t i = 0; i < 4; ++i, indices >>= 2) {
-          const uint32_t word = yuv[indices & 3];
-          uint8_t* square = corner + (j << level) * stride + (i << level) * 4;
-          for (uint32_t v = 0; v < side; ++v) {
-            for (uint32_t u = 0; u < side; ++u) zycStore32(square + v * stride + 4 * u, word);
-          }
+          for (uint32_t u = 0; u < side; ++u) row[(i << level) + u] = yuv[indices & 3];
         }
+        uint8_t* line = corner + (j << level) * stride;
+        for (uint32_t v = 0; v < side; ++v, line += stride) std::memcpy(line, row, step * 4);
       }
     }
   }
@@ -158,7 +172,11 @@ void zycDxtLevels::Release() {
 
 void zycBoxShrink(const uint8_t* picture, uint32_t width, uint32_t height, uint32_t factor,
                   uint8_t* out) {
-  boxFilter(picture, width, height, factor, factor == 4 ? 4 : 2, out);
+  if (factor == 4) {
+    boxFilter<4>(picture, width, height, out);
+  } else {
+    boxFilter<2>(picture, width, height, out);
+  }
 }
 
 void zycDecodeLevelBlock(const zycDxtLevels& levels, const uint8_t block[8], uint32_t yuvCoding,
@@ -179,12 +197,14 @@ void BuildLevels(zycDxtLevels& levels, uint8_t* picture, uint32_t& backEnd, uint
   // Every back end wants the byte shown as red (Cr) first: exchange bytes 0 and 2 in the
   // picture for the time of the three levels.
   swapRedBlue(picture, pixelCount);
-  boxFilter(picture, width, height, 2, 2, levels.half);
-  boxFilter(picture, width, height, 4, 4, levels.quarter);
+  boxFilter<2>(picture, width, height, levels.half);
+  boxFilter<4>(picture, width, height, levels.quarter);
   zycDxtCompress(backEnd, picture, width, height, levels.blocks[0].data());
   zycDxtCompress(backEnd, levels.half, width / 2, height / 2, levels.blocks[1].data());
   zycDxtCompress(backEnd, levels.quarter, width / 4, height / 4, levels.blocks[2].data());
   swapRedBlue(picture, pixelCount);
 
-  for (int l = 0; l < 3; ++l) fillPreview(levels, l, yuvCoding);
+  fillPreview<0>(levels, yuvCoding);
+  fillPreview<1>(levels, yuvCoding);
+  fillPreview<2>(levels, yuvCoding);
 }

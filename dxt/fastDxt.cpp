@@ -1,7 +1,6 @@
 #include "dxt/fastDxt.h"
 
 #include "base/byteIo.h"
-#include "base/cpuFeatures.h"
 
 namespace {
 
@@ -75,10 +74,9 @@ void zycFastDxtPlain(const uint8_t* pixels, uint32_t width, uint32_t height, uin
 
 void zycFastDxt(const uint8_t* pixels, uint32_t width, uint32_t height, uint8_t* blocks) {
 #ifdef ZYL_FAST_DXT_SSE2
-  if (zycCpuHasSse2()) {
-    zycFastDxtSse2(pixels, width, height, blocks);
-    return;
-  }
-#endif
+  // Every x86-64 processor has SSE2.
+  zycFastDxtSse2(pixels, width, height, blocks);
+#else
   zycFastDxtPlain(pixels, width, height, blocks);
+#endif
 }
