@@ -52,23 +52,39 @@ void orderPair(uint16_t& c0, uint16_t& c1) {
   }
 }
 
-// Assigns every counting pixel its best entry; returns the summed error.
+// Assigns every counting pixel its best entry (the first of equals); returns the summed error.
 uint32_t assign(const uint8_t pixels[64], uint32_t mask, const Rgb palette[4], int count,
                 uint8_t indices[16]) {
   uint32_t total = 0;
-  for (int k = 0; k < 16; ++k) {
-    indices[k] = 0;
-    if (!(mask >> k & 1)) continue;
-    const uint8_t* p = pixels + 4 * k;
-    uint32_t best = weightedError(p, palette[0]);
-    for (int e = 1; e < count; ++e) {
-      const uint32_t err = weightedError(p, palette[e]);
-      if (err < best) {
-        best = err;
-        indices[k] = uint8_t(e);
-      }
+  if (count == 1) {
+    for (int k = 0; k < 16; ++k) {
+      indices[k] = 0;
+      if (mask >> k & 1) total += weightedError(pixels + 4 * k, palette[0]);
     }
-    total += best;
+    return total;
+  }
+  // Straight-line form for four entries, written so that the compiler keeps it branch free.
+  const int r0 = palette[0].c[0], g0 = palette[0].c[1], b0 = palette[0].c[2];
+  const int r1 = palette[1].c[0], g1 = palette[1].c[1], b1 = palette[1].c[2];
+  const int r2 = palette[2].c[0], g2 = palette[2].c[1], b2 = palette[2].c[2];
+  const int r3 = palette[3].c[0], g3 = palette[3].c[1], b3 = palette[3].c[2];
+  for (int k = 0; k < 16; ++k) {
+    const uint8_t* p = pixels + 4 * k;
+    const int x = p[0], y = p[1], z = p[2];
+    const uint32_t e0 = uint32_t(4 * (x - r0) * (x - r0) + 16 * (y - g0) * (y - g0) + (z - b0) * (z - b0));
+    const uint32_t e1 = uint32_t(4 * (x - r1) * (x - r1) + 16 * (y - g1) * (y - g1) + (z - b1) * (z - b1));
+    const uint32_t e2 = uint32_t(4 * (x - r2) * (x - r2) + 16 * (y - g2) * (y - g2) + (z - b2) * (z - b2));
+    const uint32_t e3 = uint32_t(4 * (x - r3) * (x - r3) + 16 * (y - g3) * (y - g3) + (z - b3) * (z - b3));
+    uint32_t best = e0, index = 0;
+    index = e1 < best ? 1 : index;
+    best = e1 < best ? e1 : best;
+    index = e2 < best ? 2 : index;
+    best = e2 < best ? e2 : best;
+    index = e3 < best ? 3 : index;
+    best = e3 < best ? e3 : best;
+    const uint32_t counts = 0u - (mask >> k & 1);
+    indices[k] = uint8_t(index & counts);
+    total += best & counts;
   }
   return total;
 }

@@ -19,12 +19,24 @@ uint8_t* allocPicture(uint32_t width, uint32_t height) {
   return static_cast<uint8_t*>(std::aligned_alloc(16, bytes ? bytes : 16));
 }
 
-// Exchanges bytes 0 and 2 of every pixel.
-void swapRedBlue(uint8_t* picture, size_t pixelCount) {
+// Exchanges bytes 0 and 2 of every pixel and makes it opaque for the back ends (squish treats
+// alpha below 128 as transparent), keeping the alpha bytes in `alpha`.
+void swapForBackEnds(uint8_t* picture, size_t pixelCount, uint8_t* alpha) {
   for (size_t i = 0; i < pixelCount; ++i) {
     uint32_t w;
     std::memcpy(&w, picture + 4 * i, 4);
-    w = (w & 0xFF00FF00u) | (w >> 16 & 0xFFu) | (w & 0xFFu) << 16;
+    alpha[i] = uint8_t(w >> 24);
+    w = 0xFF000000u | (w & 0x0000FF00u) | (w >> 16 & 0xFFu) | (w & 0xFFu) << 16;
+    std::memcpy(picture + 4 * i, &w, 4);
+  }
+}
+
+// Undoes swapForBackEnds.
+void restoreFromBackEnds(uint8_t* picture, size_t pixelCount, const uint8_t* alpha) {
+  for (size_t i = 0; i < pixelCount; ++i) {
+    uint32_t w;
+    std::memcpy(&w, picture + 4 * i, 4);
+    w = uint32_t(alpha[i]) << 24 | (w & 0x0000FF00u) | (w >> 16 & 0xFFu) | (w & 0xFFu) << 16;
     std::memcpy(picture + 4 * i, &w, 4);
   }
 }
@@ -140,6 +152,7 @@ void zycDxtLevels::Allocate(uint32_t paddedWidth, uint32_t paddedHeight) {
     blocks[l].assign(count * 8, 0);
   }
   half = allocPicture(width / 2, height / 2);
+  alpha = static_cast<uint8_t*>(std::malloc(size_t(width) * height + 1));
   quarter = allocPicture(width / 4, height / 4);
 
   // The frame decoder's tables: thirds with their rounding term, fixed-point YUV to RGB with
@@ -164,6 +177,8 @@ void zycDxtLevels::Release() {
     blocks[l].clear();
     blocks[l].shrink_to_fit();
   }
+  std::free(alpha);
+  alpha = nullptr;
   std::free(half);
   std::free(quarter);
   half = quarter = nullptr;
@@ -195,14 +210,14 @@ void BuildLevels(zycDxtLevels& levels, uint8_t* picture, uint32_t& backEnd, uint
   const size_t pixelCount = size_t(width) * height;
 
   // Every back end wants the byte shown as red (Cr) first: exchange bytes 0 and 2 in the
-  // picture for the time of the three levels.
-  swapRedBlue(picture, pixelCount);
+  // picture for the time of the three levels. The back ends also see alpha 255.
+  swapForBackEnds(picture, pixelCount, levels.alpha);
   boxFilter<2>(picture, width, height, levels.half);
   boxFilter<4>(picture, width, height, levels.quarter);
   zycDxtCompress(backEnd, picture, width, height, levels.blocks[0].data());
   zycDxtCompress(backEnd, levels.half, width / 2, height / 2, levels.blocks[1].data());
   zycDxtCompress(backEnd, levels.quarter, width / 4, height / 4, levels.blocks[2].data());
-  swapRedBlue(picture, pixelCount);
+  restoreFromBackEnds(picture, pixelCount, levels.alpha);
 
   fillPreview<0>(levels, yuvCoding);
   fillPreview<1>(levels, yuvCoding);

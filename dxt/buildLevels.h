@@ -19,6 +19,7 @@ struct zycDxtLevels {
   // decoder (RGB from YUV, exactly as the frame decoder has them).
   uint8_t* half = nullptr;
   uint8_t* quarter = nullptr;
+  uint8_t* alpha = nullptr;  // the picture's alpha bytes while the back ends see 255
   uint8_t thirds[768] = {};
   int32_t yTable[256] = {};
   int32_t crToR[256] = {};
@@ -38,8 +39,9 @@ struct zycDxtLevels {
 };
 
 // Fills the three levels and previews from `picture`: width x height pixels of 4 bytes, B, G, R,
-// 255, or U, Y, V, 255 when `yuvCoding` is non-zero, rows packed. The picture is changed while
-// the back ends run (bytes 0 and 2 exchanged) and is as it was on return. `backEnd` is the
+// A, or U, Y, V, A when `yuvCoding` is non-zero, rows packed; A is ignored (the back ends see
+// 255). The picture is changed while the back ends run (bytes 0 and 2 exchanged, alpha 255)
+// and is as it was on return. `backEnd` is the
 // encoder's "DXTC" field: 0, for which no graphics device exists, becomes 3 here and stays so.
 void BuildLevels(zycDxtLevels& levels, uint8_t* picture, uint32_t& backEnd, uint32_t yuvCoding);
 

@@ -176,11 +176,30 @@ TEST(DxtLevels, ByteExchangeIsUndoneForEveryBackEnd) {
       zycDxtLevels levels;
       levels.Allocate(32, 16);
       std::vector<uint8_t> picture = yuv ? toYuv(crop.pixels) : crop.pixels;
+      for (size_t i = 3; i < picture.size(); i += 4) picture[i] = uint8_t(i * 5);  // alpha kept too
       const std::vector<uint8_t> before = picture;
       uint32_t field = backEnd;
       BuildLevels(levels, picture.data(), field, yuv);
       EXPECT_EQ(picture, before) << "back end " << backEnd << " yuv " << yuv;
     }
+  }
+}
+
+TEST(DxtLevels, AlphaOfThePictureDoesNotReachTheBackEnds) {
+  // A grabber may leave alpha 0; squish would make such pixels transparent black.
+  const zylTestImage crop = photoCrop(32, 32);
+  std::vector<uint8_t> clear = crop.pixels;
+  for (size_t i = 3; i < clear.size(); i += 4) clear[i] = 0;
+  for (uint32_t backEnd = 0; backEnd < kDxtBackEndCount; ++backEnd) {
+    zycDxtLevels opaqueLevels, clearLevels;
+    opaqueLevels.Allocate(32, 32);
+    clearLevels.Allocate(32, 32);
+    std::vector<uint8_t> opaque = crop.pixels;
+    uint32_t a = backEnd, b = backEnd;
+    BuildLevels(opaqueLevels, opaque.data(), a, 0);
+    BuildLevels(clearLevels, clear.data(), b, 0);
+    for (int l = 0; l < 3; ++l) EXPECT_EQ(clearLevels.blocks[l], opaqueLevels.blocks[l]) << "back end " << backEnd;
+    EXPECT_EQ(clear[3], 0);
   }
 }
 
