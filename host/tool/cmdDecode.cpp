@@ -4,12 +4,14 @@
 #include "host/tool/commands.h"
 #include "host/tool/frameWriters.h"
 #include "host/tool/toolCommon.h"
+#include "stream/adpcmDecoder.h"
 #include "stream/safeReader.h"
 
 namespace {
 
 const char kUsage[] =
     "usage: zyl decode FILE OUT [options]\n"
+    "       zyl decode FILE --audio OUT.wav\n"
     "\n"
     "Decodes every frame of a movie, cropped to the movie's size. OUT \"-\" is stdout.\n"
     "\n"
@@ -19,6 +21,7 @@ const char kUsage[] =
     "  --rgb        raw 24-bit frames: bytes R, G, B, top row first, frame after frame\n"
     "  --png        numbered PNG files; OUT is a pattern such as frame%04d.png\n"
     "  --tree-view  paint the block tree of each ZYL0 frame instead of its picture\n"
+    "  --audio W    write the movie's sound to the WAV file W (16-bit PCM)\n"
     "\n"
     "A frame the checked reader finds damaged is reported and the picture before it repeats;\n"
     "the exit status is then 2.\n";
@@ -35,6 +38,12 @@ int RunDecode(const CommandArgs& words) {
   const bool png = args.Flag("--png");
   const bool full = args.Flag("--444");
   const bool treeView = args.Flag("--tree-view");
+  bool audioGiven = false;
+  const std::string audioName = args.Value("--audio", &audioGiven);
+  if (!args.missingValue().empty()) {
+    return Fail(kExitUsage, "%s needs a value (see zyl decode --help)",
+                args.missingValue().c_str());
+  }
   if (!args.Unknown().empty()) {
     return Fail(kExitUsage, "unknown option %s (see zyl decode --help)", args.Unknown().c_str());
   }
@@ -42,10 +51,13 @@ int RunDecode(const CommandArgs& words) {
     return Fail(kExitUsage, "choose one of --rgb, --png and --444");
   }
   const std::vector<std::string> files = args.Plain();
-  if (files.size() != 2) return Fail(kExitUsage, "decode takes FILE and OUT (see --help)");
+  if (files.size() != 2 && !(files.size() == 1 && audioGiven)) {
+    return Fail(kExitUsage, "decode takes FILE and OUT (see zyl decode --help)");
+  }
   const std::string& path = files[0];
-  const std::string& outName = files[1];
-  if (png && !IsFramePattern(outName)) {
+  const bool pictures = files.size() == 2;
+  const std::string outName = pictures ? files[1] : std::string();
+  if (pictures && png && !IsFramePattern(outName)) {
     return Fail(kExitUsage, "--png wants OUT with one frame number, like frame%%04d.png, not '%s'",
                 outName.c_str());
   }
@@ -60,8 +72,19 @@ int RunDecode(const CommandArgs& words) {
 
   std::string error;
   std::unique_ptr<FrameWriter> writer;
-  const char* kind;
-  if (rgb) {
+  const char* kind = "nothing";
+  WavWriter wav;
+  const uint32_t channels = h.soundChannels;
+  if (audioGiven) {
+    if (h.soundRate == 0 || (channels != 1 && channels != 2)) {
+      return Fail(kExitInput, "%s has no sound to write to %s", path.c_str(), audioName.c_str());
+    }
+    if (!wav.Open(audioName, channels, h.soundRate)) {
+      return Fail(kExitOutput, "%s", wav.error().c_str());
+    }
+  }
+  if (!pictures) {
+  } else if (rgb) {
     writer = MakeRgbWriter(outName, &error);
     kind = "raw RGB";
   } else if (png) {
@@ -73,9 +96,11 @@ int RunDecode(const CommandArgs& words) {
                            &error);
     kind = full ? "Y4M 4:4:4 (BT.601, limited range)" : "Y4M 4:2:0 (BT.601, limited range)";
   }
-  if (!writer) return Fail(kExitOutput, "%s", error.c_str());
+  if (pictures && !writer) return Fail(kExitOutput, "%s", error.c_str());
 
   uint32_t written = 0, damaged = 0, undecodable = 0;
+  uint64_t soundSamples = 0;
+  std::vector<int16_t> pcm;
   bool havePicture = false;
   std::vector<uint8_t> last;
   for (;;) {
@@ -89,6 +114,19 @@ int RunDecode(const CommandArgs& words) {
       Note("%s", reader.frameError().c_str());
     } else {
       ++undecodable;
+    }
+    if (audioGiven && reader.soundBytes() > 0 && status != zycSafeStatus::damaged) {
+      pcm.resize(size_t(zycAdpcmSamples(reader.soundBytes(), channels)) * channels);
+      const uint32_t samples =
+          zycAdpcmDecode(reader.sound(), reader.soundBytes(), channels, pcm.data());
+      if (!wav.Write(pcm.data(), size_t(samples) * channels)) {
+        return Fail(kExitOutput, "%s", wav.error().c_str());
+      }
+      soundSamples += samples;
+    }
+    if (!pictures) {
+      ++written;
+      continue;
     }
     if (!havePicture) {
       // Nothing decoded yet: a black picture stands in.
@@ -104,9 +142,16 @@ int RunDecode(const CommandArgs& words) {
     }
     ++written;
   }
-  if (!writer->Finish()) return Fail(kExitOutput, "%s", writer->error().c_str());
-  Note("decoded %u frames of %s, %ux%u, as %s%s", written, path.c_str(), h.width, h.height, kind,
-       treeView ? " with the block tree painted" : "");
+  if (writer && !writer->Finish()) return Fail(kExitOutput, "%s", writer->error().c_str());
+  if (pictures) {
+    Note("decoded %u frames of %s, %ux%u, as %s%s", written, path.c_str(), h.width, h.height,
+         kind, treeView ? " with the block tree painted" : "");
+  }
+  if (audioGiven) {
+    if (!wav.Finish()) return Fail(kExitOutput, "%s", wav.error().c_str());
+    Note("wrote %s: %.3f s of sound, %u channel%s at %u Hz", audioName.c_str(),
+         double(soundSamples) / h.soundRate, channels, channels == 1 ? "" : "s", h.soundRate);
+  }
   if (undecodable > 0) {
     Note("%u frames use codings this build can't decode; the picture before each repeats",
          undecodable);

@@ -206,6 +206,8 @@ int RunEncode(const CommandArgs& words) {
   // Still images need a block table; the ZYL1 encoder has no key frame format of its own.
   codec->SetParam(zylTag('u', 'F', 'M', 'T'), 230400);
   if (mode == 1) codec->SetParam(zylTag('i', 'F', 'M', 'T'), 1);
+  // Sound goes into the frames only with "EXTC" set.
+  if (source->audioSampleRate > 0) codec->SetParam(zylTag('E', 'X', 'T', 'C'), 1);
   for (const Setting& setting : settings) codec->SetParam(setting.param->tag, setting.value);
 
   zylKeyframeRange plan = {};
