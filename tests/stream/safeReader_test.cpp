@@ -136,6 +136,62 @@ TEST(SafeReaderDecode, StillKeyFramesDecodeWithOpaquePixels) {
   EXPECT_TRUE(reader->CheckAll().empty());
 }
 
+TEST(SafeReaderDecode, TableFramesFillTheirColourBlocksFromTheRing) {
+  zylTestMovieOptions o;
+  o.tableFrames = true;
+  o.sections = {7};  // the ring of 8 entries wraps after four frames of two new entries
+  auto reader = Read(zylTestMovie::Zyl0(o));
+  ASSERT_TRUE(reader->problems().empty()) << reader->error();
+  EXPECT_EQ(reader->frames()[1].flags, kFrameFlagAlways | kFrameFlagMotion | kFrameFlagTable);
+  EXPECT_TRUE(reader->CheckAll().empty());
+  const auto pictures = DecodeAll(*reader);
+  ASSERT_EQ(pictures.size(), 7u);
+  // Frame 1 copies block 1 and takes blocks 0 and 2 from ring entries 1 and 3: entry 1 is the
+  // second new entry of this frame, whose colours are (0x8001, 0x0410) as stored.
+  for (uint32_t x = 16; x < 32; ++x) EXPECT_EQ(Pixel(pictures[1], 48, x, 3), Pixel(pictures[0], 48, x, 3));
+  const uint32_t p = Pixel(pictures[1], 48, 0, 0);
+  EXPECT_EQ(p >> 24, 255u);  // table blocks are opaque
+  EXPECT_NE(pictures[1], pictures[0]);
+}
+
+TEST(SafeReaderDamage, TableImageFieldsAreChecked) {
+  zylTestMovieOptions o;
+  o.tableFrames = true;
+  struct Case {
+    std::function<void(std::vector<uint8_t>&)> change;
+    const char* message;
+  };
+  const Case cases[] = {
+      {[](std::vector<uint8_t>& t) {
+         t[2] = 32;  // two indices of 32 bits in a stream of one word
+         zycStore32(&t[16], 0);
+         zycStore32(&t[24], 0);
+         t.resize(28);
+         zycStore32(&t[20], 28);
+       },
+       "bit stream runs past the image at index 1"},
+      {[](std::vector<uint8_t>& t) { zycStore32(&t[4], 100); }, "a block table of 100 bytes"},
+      {[](std::vector<uint8_t>& t) { zycStore32(&t[4], 96); }, "index 3 (block 1) beyond the 2 entries"},
+      {[](std::vector<uint8_t>& t) { zycStore32(&t[8], 50); }, "origin 50"},
+      {[](std::vector<uint8_t>& t) { zycStore32(&t[12], 3); }, "table-block image of 3 blocks for a tree of 2"},
+      {[](std::vector<uint8_t>& t) { zycStore32(&t[16], 9); }, "9 new entries"},
+      {[](std::vector<uint8_t>& t) { zycStore32(&t[20], 40); }, "new entries at byte 40"},
+      {[](std::vector<uint8_t>& t) { t.resize(20); }, "shorter than its 24-byte header"},
+  };
+  for (const Case& c : cases) {
+    auto reader = Read(Edited(1, [&](Items* items) { c.change(items->back()); }, o));
+    ASSERT_TRUE(reader->problems().empty()) << reader->error();
+    const auto problems = reader->CheckAll();
+    ASSERT_EQ(problems.size(), 1u) << c.message;
+    EXPECT_TRUE(Contains(problems[0], c.message)) << problems[0];
+  }
+  // A table frame with fade blocks has no fade levels to give them.
+  auto reader = Read(Edited(1, [](Items* items) { (*items)[0][1] |= 0x0C; }, o));
+  const auto problems = reader->CheckAll();
+  ASSERT_EQ(problems.size(), 1u);
+  EXPECT_TRUE(Contains(problems[0], "fade blocks but no fade levels")) << problems[0];
+}
+
 TEST(SafeReaderDecode, TreeViewPaintsColourBlocksRed) {
   auto reader = Read(zylTestMovie::Zyl0({}));
   reader->SetTreeView(true);

@@ -27,6 +27,7 @@ struct zylTestMovieOptions {
   uint32_t frameDuration = 40000;
   bool planeFrames = false;  // ZYL1: P-frames as plane records (not decodable here)
   bool stillKeyFrames = false;  // ZYL0: key frames as still images instead of trees
+  bool tableFrames = false;     // ZYL0: P-frames take their colour blocks from a block table
   // ZYL0: may change a frame's item bodies (tree item first) before they are packed.
   std::function<void(uint32_t frame, std::vector<std::vector<uint8_t>>* items)> edit;
 };
@@ -74,6 +75,48 @@ inline std::vector<std::vector<uint8_t>> Zyl0FrameItems(const zylTestMovieOption
     items.push_back({uint8_t(kFrameFlagAlways | kFrameFlagImage | (o.sound ? kFrameFlagSound : 0))});
     items.push_back(StillImage((o.width + 15) & ~15u, (o.height + 15) & ~15u, uint8_t(o.seed + frame)));
     if (o.sound) items.push_back(std::vector<uint8_t>(7 + frame % 3, uint8_t(frame)));
+    return items;
+  }
+  if (!key && o.tableFrames) {
+    // Copies and whole colour blocks; the colour blocks come from a ring of 8 entries that
+    // gets two new entries a frame.
+    std::vector<uint32_t> picks;
+    for (uint32_t k = 0; k < blocks; ++k) {
+      if ((k + frame) % 2 == 0) {
+        tree.Put(kSymbolCopy);
+        motion.push_back(0);
+      } else {
+        tree.Put(kSymbolColour);
+        picks.push_back((k + frame) % 8);
+      }
+    }
+    std::vector<uint8_t> table(24);
+    table[2] = 3;  // indexBits
+    zycStore32(&table[4], 8 * 48);
+    zycStore32(&table[12], uint32_t(picks.size()));
+    zycStore32(&table[16], 2);
+    uint32_t word = 0, used = 0;
+    for (uint32_t pick : picks) {
+      word |= pick << (29 - used);
+      used += 3;
+    }
+    if (!picks.empty()) PutU32(&table, word);  // a single word holds up to ten indices
+    zycStore32(&table[20], uint32_t(table.size()));
+    for (int e = 0; e < 2; ++e) {
+      const uint8_t entry[8] = {uint8_t(frame * 40 + e), uint8_t(0x80 + e), 0x10, 0x04,
+                                0x1B, 0xE4, uint8_t(frame), 0x55};
+      table.insert(table.end(), entry, entry + 8);
+    }
+    uint8_t flags = kFrameFlagAlways | kFrameFlagTable;
+    if (!motion.empty()) flags |= kFrameFlagMotion;
+    if (o.sound) flags |= kFrameFlagSound;
+    std::vector<std::vector<uint8_t>> items;
+    std::vector<uint8_t> treeItem = {flags};
+    treeItem.insert(treeItem.end(), tree.bytes.begin(), tree.bytes.end());
+    items.push_back(treeItem);
+    if (!motion.empty()) items.push_back(motion);
+    if (o.sound) items.push_back(std::vector<uint8_t>(5, uint8_t(frame)));
+    items.push_back(table);
     return items;
   }
   for (uint32_t k = 0; k < blocks; ++k) {
