@@ -7,12 +7,13 @@
 #include "base/byteIo.h"
 #include "dxt/dxtBackEnds.h"
 #include "dxt/yuvConvert.h"
+#include "stream/decoderTables.h"
 
 static_assert(std::endian::native == std::endian::little, "pixel words are stored little-endian");
 
 namespace {
 
-constexpr int kClampBias = 277;
+constexpr int kClampBias = 277;  // index of the value 0 in the clamp table
 
 uint8_t* allocPicture(uint32_t width, uint32_t height) {
   const size_t bytes = ((size_t(width) * height * 4) + 15) & ~size_t(15);
@@ -155,19 +156,10 @@ void zycDxtLevels::Allocate(uint32_t paddedWidth, uint32_t paddedHeight) {
   alpha = static_cast<uint8_t*>(std::malloc(size_t(width) * height + 1));
   quarter = allocPicture(width / 4, height / 4);
 
-  // The frame decoder's tables: thirds with their rounding term, fixed-point YUV to RGB with
-  // an arithmetic shift, and the clamp over -277 to 534.
-  for (int i = 0; i < 768; ++i) thirds[i] = uint8_t((i + 1) / 3);
-  for (int i = 0; i < 256; ++i) {
-    yTable[i] = ((i - 16) * 76309 + 32768) >> 16;
-    crToR[i] = ((i - 128) * 104597 + 32768) >> 16;
-    cbToB[i] = ((i - 128) * 132201 + 32768) >> 16;
-    crToG[i] = ((i - 128) * -53279 + 32768) >> 16;
-    cbToG[i] = ((i - 128) * -25674 + 32768) >> 16;
-  }
-  for (int v = -kClampBias; v < 812 - kClampBias; ++v) {
-    clampTable[v + kClampBias] = uint8_t(v < 0 ? 0 : v > 255 ? 255 : v);
-  }
+  // The frame decoder's own tables, so that previews look exactly as decoded frames.
+  zycFillThirds(thirds);
+  zycFillYuvTables(yTable, crToR, cbToB, crToG, cbToG);
+  zycFillClamp(clampTable);
 }
 
 void zycDxtLevels::Release() {

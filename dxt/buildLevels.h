@@ -16,7 +16,7 @@ struct zycDxtLevels {
   uint8_t* preview[3] = {};
 
   // Scratch of BuildLevels: the half and quarter pictures, and the tables of the preview
-  // decoder (RGB from YUV, exactly as the frame decoder has them).
+  // decoder, filled by the frame decoder's table makers.
   uint8_t* half = nullptr;
   uint8_t* quarter = nullptr;
   uint8_t* alpha = nullptr;  // the picture's alpha bytes while the back ends see 255

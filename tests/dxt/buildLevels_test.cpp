@@ -4,10 +4,12 @@
 
 #include <cmath>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 #include "dxt/dxtBackEnds.h"
 #include "dxt/yuvConvert.h"
+#include "stream/zycDecoder.h"
 #include "tests/support/imageLoad.h"
 #include "tests/support/testMedia.h"
 
@@ -265,6 +267,30 @@ TEST(DxtLevels, PreviewsAreTheLevelBlocksDecodedAndConverted) {
   }
   // Squish's range fit also makes three-colour blocks: both decoding modes were compared.
   EXPECT_GT(threeColourBlocks, 0);
+}
+
+TEST(DxtLevels, PreviewColoursAreThoseOfTheFrameDecoder) {
+  const uint32_t width = 32, height = 32;
+  const zylTestImage crop = photoCrop(width, height, "photo_astronaut_512x512.png", 260, 90);
+  for (uint32_t yuv : {0u, 1u}) {
+    auto frameDecoder = std::make_unique<zycFrameDecoder>();
+    frameDecoder->Setup(width, height, 32, yuv, 1);
+    zycDxtLevels levels;
+    levels.Allocate(width, height);
+    std::vector<uint8_t> picture = yuv ? toYuv(crop.pixels) : crop.pixels;
+    uint32_t field = kDxtBackEndSquishRange;
+    BuildLevels(levels, picture.data(), field, yuv);
+    for (int l = 0; l < 3; ++l) {
+      for (size_t b = 0; b < levels.blocks[l].size(); b += 8) {
+        const uint8_t* block = &levels.blocks[l][b];
+        uint32_t ours[16], theirs[16];
+        zycDecodeLevelBlock(levels, block, yuv, ours);
+        zycDecodeDxt1Block(*frameDecoder, uint32_t(block[0] | block[1] << 8 | block[2] << 16 | block[3] << 24),
+                           uint32_t(block[4] | block[5] << 8 | block[6] << 16 | block[7] << 24), theirs);
+        for (int p = 0; p < 16; ++p) ASSERT_EQ(ours[p], theirs[p] & 0xFFFFFF) << "yuv " << yuv << " level " << l;
+      }
+    }
+  }
 }
 
 TEST(DxtLevels, DecodingFollowsThreeColourModeAndYuvTables) {
