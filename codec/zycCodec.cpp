@@ -12,7 +12,12 @@ zycCodec::zycCodec(zylProgressCallback callback, uint32_t user)
 zycCodec::~zycCodec() = default;
 
 zylCodec* zycCreateCodec(zylProgressCallback callback, uint32_t user) {
-  return new (std::nothrow) zycCodec(callback, user);
+  // A codec that can't be made, for want of memory in the allocation or in its members, is null.
+  try {
+    return new zycCodec(callback, user);
+  } catch (...) {
+    return nullptr;
+  }
 }
 
 void zycCodec::Destroy() { delete this; }

@@ -1,0 +1,159 @@
+// Whole jobs through the codec interface with the real ZYL0 encoder, on pictures and sound of a
+// real clip, read back by the safe reader.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "base/fileIo.h"
+#include "codec/zycCodec.h"
+#include "stream/safeReader.h"
+#include "tests/support/audioSamples.h"
+#include "tests/support/memorySource.h"
+#include "tests/support/testMedia.h"
+#include "tests/support/videoFrames.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+uint32_t Tag(const char* name) { return zylTag(name[0], name[1], name[2], name[3]); }
+
+constexpr int32_t kWidth = 64;
+constexpr int32_t kHeight = 48;
+
+struct Shown {
+  int stopAt = -1;
+  std::vector<std::vector<uint8_t>> pictures;  // B, G, R of each reconstructed picture
+  std::vector<uint32_t> sizes;
+};
+
+Shown* gShown = nullptr;
+
+int32_t RecordShown(zylProgress* progress, uint32_t) {
+  std::vector<uint8_t> bgr;
+  for (uint32_t y = 0; y < progress->height; ++y) {
+    const uint8_t* row = progress->reconstructed + size_t(y) * progress->pitch;
+    for (uint32_t x = 0; x < progress->width; ++x) bgr.insert(bgr.end(), row + x * 4, row + x * 4 + 3);
+  }
+  gShown->pictures.push_back(std::move(bgr));
+  gShown->sizes.push_back(uint32_t(progress->size));
+  return int(gShown->pictures.size()) - 1 == gShown->stopAt ? 0 : 1;
+}
+
+// The decoded picture's B, G, R inside the source's size.
+std::vector<uint8_t> Decoded(const zycSafeReader& reader) {
+  std::vector<uint8_t> bgr;
+  for (int32_t y = 0; y < kHeight; ++y) {
+    const uint8_t* row = reader.picture().data() + size_t(y) * reader.pictureWidth() * 4;
+    for (int32_t x = 0; x < kWidth; ++x) bgr.insert(bgr.end(), row + x * 4, row + x * 4 + 3);
+  }
+  return bgr;
+}
+
+class CodecMovie : public testing::Test {
+ protected:
+  void SetUp() override {
+    const std::string clip = zylMediaPath("walkers_speech_384x288_10fps_16k.mkv");
+    std::vector<zylTestPicture> frames = zylDecodeVideoFrames(clip, 5, kWidth, kHeight);
+    ASSERT_EQ(frames.size(), 5u) << clip;
+    for (const zylTestPicture& frame : frames) {
+      zycTestPicture picture;
+      picture.width = frame.width;
+      picture.height = frame.height;
+      for (size_t i = 0; i < frame.pixels.size(); i += 4) {
+        picture.bgr.insert(picture.bgr.end(), &frame.pixels[i], &frame.pixels[i] + 3);
+      }
+      pictures_.push_back(std::move(picture));
+    }
+    sound_ = zylDecodeSound(clip, 16000);
+    ASSERT_EQ(sound_.sampleRate, 16000u);
+    ASSERT_EQ(sound_.channels, 1u);
+    file_ = fs::path(testing::TempDir()) /
+            ("zyl_movie_" +
+             std::string(testing::UnitTest::GetInstance()->current_test_info()->name()) + ".zyl");
+    gShown = &shown_;
+    codec_ = zycCreateCodec(RecordShown, 0);
+    codec_->SetParam(Tag("wFMT"), 0);
+  }
+  void TearDown() override {
+    if (codec_) codec_->Destroy();
+    gShown = nullptr;
+    fs::remove(file_);
+  }
+
+  int32_t Encode() {
+    zycMemorySource media(pictures_, 10.0, sound_.samples, 1, 16000, 1600);
+    std::u16string name = zycUtf16(file_.string());
+    testing::internal::CaptureStdout();
+    int32_t status = codec_->Encode(media.source(), 0, name.c_str());
+    testing::internal::GetCapturedStdout();
+    return status;
+  }
+
+  std::vector<zycTestPicture> pictures_;
+  zylTestSound sound_;
+  fs::path file_;
+  Shown shown_;
+  zylCodec* codec_ = nullptr;
+};
+
+TEST_F(CodecMovie, DecodesToWhatTheHostWasShownWithTheSoundInside) {
+  codec_->SetParam(Tag("EXTC"), 1);  // sound into the frames of the main stream
+  ASSERT_EQ(Encode(), 0);
+  ASSERT_EQ(shown_.pictures.size(), 4u);  // five pictures, the first grab after the seek dropped
+
+  zycSafeReader reader;
+  ASSERT_TRUE(reader.Open(file_.string())) << reader.error();
+  EXPECT_EQ(reader.header().magic, kMagicZyl0);
+  EXPECT_EQ(reader.header().width, uint32_t(kWidth));
+  EXPECT_EQ(reader.header().height, uint32_t(kHeight));
+  EXPECT_EQ(reader.header().frameCount, 4u);
+  EXPECT_NE(reader.header().flags & kHeaderFlagSound, 0u);
+  EXPECT_EQ(reader.header().soundRate, 16000u);
+  EXPECT_EQ(reader.header().soundChannels, 1u);
+  EXPECT_EQ(reader.header().timeScale, 1000000u);
+  EXPECT_EQ(reader.header().frameDuration, 100000u);
+  EXPECT_TRUE(reader.CheckAll().empty());
+
+  reader.Rewind();
+  uint32_t soundBytes = 0;
+  for (size_t i = 0; i < shown_.pictures.size(); ++i) {
+    ASSERT_EQ(reader.NextFrame(), zycSafeStatus::decoded) << "frame " << i << reader.frameError();
+    EXPECT_EQ(Decoded(reader), shown_.pictures[i]) << "frame " << i;
+    soundBytes += reader.soundBytes();
+  }
+  EXPECT_EQ(reader.NextFrame(), zycSafeStatus::end);
+  EXPECT_GT(soundBytes, 0u);
+}
+
+TEST_F(CodecMovie, AStoppedJobLeavesAValidMovieOfTheFramesDone) {
+  shown_.stopAt = 2;
+  ASSERT_EQ(Encode(), 1);
+  zycSafeReader reader;
+  ASSERT_TRUE(reader.Open(file_.string())) << reader.error();
+  EXPECT_EQ(reader.header().frameCount, 3u);
+  EXPECT_TRUE(reader.CheckAll().empty());
+}
+
+TEST_F(CodecMovie, ASecondJobOnTheSameCodecWritesTheSameMovie) {
+  codec_->SetParam(Tag("SND\0"), 0);
+  ASSERT_EQ(Encode(), 0);
+  const std::string first = [&] {
+    std::FILE* f = std::fopen(file_.string().c_str(), "rb");
+    std::string bytes;
+    for (int c; (c = std::fgetc(f)) != EOF;) bytes += char(c);
+    std::fclose(f);
+    return bytes;
+  }();
+  ASSERT_EQ(Encode(), 0);
+  std::FILE* f = std::fopen(file_.string().c_str(), "rb");
+  std::string second;
+  for (int c; (c = std::fgetc(f)) != EOF;) second += char(c);
+  std::fclose(f);
+  EXPECT_EQ(first.size(), second.size());
+  EXPECT_TRUE(first == second);
+}
+
+}  // namespace
