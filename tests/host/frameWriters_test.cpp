@@ -1,0 +1,152 @@
+// The decode command's pieces: the colour conversion of its Y4M output, the frame name
+// patterns, the WAV header and the option parser.
+#include "host/tool/frameWriters.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "host/tool/toolCommon.h"
+
+namespace {
+
+TEST(Y4mColour, Bt601LimitedRangeEndsAndGreys) {
+  uint8_t y, u, v;
+  RgbToYuv601(0, 0, 0, &y, &u, &v);
+  EXPECT_EQ(y, 16);
+  EXPECT_EQ(u, 128);
+  EXPECT_EQ(v, 128);
+  RgbToYuv601(255, 255, 255, &y, &u, &v);
+  EXPECT_EQ(y, 235);
+  EXPECT_EQ(u, 128);
+  EXPECT_EQ(v, 128);
+  RgbToYuv601(255, 0, 0, &y, &u, &v);  // red: Cr high, Cb low
+  EXPECT_EQ(y, 82);
+  EXPECT_EQ(u, 90);
+  EXPECT_EQ(v, 240);
+  RgbToYuv601(0, 0, 255, &y, &u, &v);  // blue: Cb high
+  EXPECT_EQ(y, 41);
+  EXPECT_EQ(u, 240);
+  EXPECT_EQ(v, 110);
+}
+
+TEST(FramePattern, OneNumberConversionOnly) {
+  EXPECT_TRUE(IsFramePattern("frame%04d.png"));
+  EXPECT_TRUE(IsFramePattern("%d.png"));
+  EXPECT_TRUE(IsFramePattern("100%%_%3d.png"));
+  EXPECT_FALSE(IsFramePattern("frame.png"));
+  EXPECT_FALSE(IsFramePattern("%d_%d.png"));
+  EXPECT_FALSE(IsFramePattern("%s.png"));
+  EXPECT_FALSE(IsFramePattern("%n.png"));
+  EXPECT_FALSE(IsFramePattern("%999d.png"));
+  EXPECT_FALSE(IsFramePattern("frame%"));
+}
+
+TEST(Y4mWriter, CropsAndAveragesChromaOverOddEdges) {
+  // 3 x 3 pixels of a stride of 4 pixels: the fourth column must not leak into the output.
+  uint8_t pixels[3 * 16] = {};
+  for (int p = 0; p < 12; ++p) {
+    pixels[p * 4 + 0] = uint8_t(p * 20);  // blue
+    pixels[p * 4 + 2] = 255;              // red
+  }
+  const std::string path = ::testing::TempDir() + "zyl_w_" + std::to_string(getpid()) + ".y4m";
+  std::string error;
+  auto writer = MakeY4mWriter(path, Y4mChroma::k420, 3, 3, 10, 1, &error);
+  ASSERT_TRUE(writer) << error;
+  ASSERT_TRUE(writer->Write({pixels, 16, 3, 3}));
+  ASSERT_TRUE(writer->Finish());
+  std::stringstream text;
+  text << std::ifstream(path, std::ios::binary).rdbuf();
+  const std::string bytes = text.str();
+  const size_t header = bytes.find('\n') + 1;
+  EXPECT_EQ(bytes.substr(0, header),
+            "YUV4MPEG2 W3 H3 F10:1 Ip A1:1 C420jpeg XCOLORRANGE=LIMITED\n");
+  ASSERT_EQ(bytes.size(), header + 6 + 9 + 4 + 4);
+  EXPECT_EQ(bytes.substr(header, 6), "FRAME\n");
+  // Luma of pixel (x, y) is that of red with blue (y * 4 + x) * 20.
+  for (int y = 0; y < 3; ++y) {
+    for (int x = 0; x < 3; ++x) {
+      uint8_t wantY, u, v;
+      RgbToYuv601(255, 0, uint8_t((y * 4 + x) * 20), &wantY, &u, &v);
+      EXPECT_EQ(uint8_t(bytes[header + 6 + y * 3 + x]), wantY) << x << "," << y;
+    }
+  }
+  // The bottom right chroma sample covers only pixel (2, 2).
+  uint8_t y22, u22, v22;
+  RgbToYuv601(255, 0, uint8_t(10 * 20), &y22, &u22, &v22);
+  EXPECT_EQ(uint8_t(bytes[header + 6 + 9 + 3]), u22);
+  EXPECT_EQ(uint8_t(bytes[header + 6 + 9 + 4 + 3]), v22);
+  std::remove(path.c_str());
+}
+
+TEST(WavWriter, HeaderCarriesTheSizesWrittenAtTheEnd) {
+  const std::string path = ::testing::TempDir() + "zyl_w_" + std::to_string(getpid()) + ".wav";
+  WavWriter wav;
+  ASSERT_TRUE(wav.Open(path, 2, 22050));
+  const int16_t samples[6] = {1, -1, 300, -300, 32767, -32768};
+  ASSERT_TRUE(wav.Write(samples, 6));
+  ASSERT_TRUE(wav.Finish());
+  std::stringstream text;
+  text << std::ifstream(path, std::ios::binary).rdbuf();
+  const std::string bytes = text.str();
+  ASSERT_EQ(bytes.size(), 44u + 12u);
+  auto u32 = [&](size_t at) {
+    return uint32_t(uint8_t(bytes[at])) | uint32_t(uint8_t(bytes[at + 1])) << 8 |
+           uint32_t(uint8_t(bytes[at + 2])) << 16 | uint32_t(uint8_t(bytes[at + 3])) << 24;
+  };
+  EXPECT_EQ(bytes.substr(0, 4), "RIFF");
+  EXPECT_EQ(u32(4), 36u + 12u);
+  EXPECT_EQ(u32(24), 22050u);
+  EXPECT_EQ(u32(28), 22050u * 4);
+  EXPECT_EQ(u32(40), 12u);
+  EXPECT_EQ(uint8_t(bytes[44 + 2]), 0xFF);  // -1, little-endian
+  EXPECT_EQ(uint8_t(bytes[44 + 3]), 0xFF);
+  EXPECT_EQ(uint8_t(bytes[44 + 8]), 0xFF);  // 32767
+  EXPECT_EQ(uint8_t(bytes[44 + 9]), 0x7F);
+  EXPECT_EQ(uint8_t(bytes[44 + 10]), 0x00);  // -32768
+  EXPECT_EQ(uint8_t(bytes[44 + 11]), 0x80);
+  std::remove(path.c_str());
+}
+
+TEST(ToolArguments, OptionsWithValuesFlagsAndPlainWords) {
+  Arguments args({"in.mp4", "--param", "RATI=5", "--lzma", "--param=nFMT=1", "out.zyl", "--count"});
+  EXPECT_TRUE(args.Flag("--lzma"));
+  EXPECT_EQ(args.Values("--param"), (std::vector<std::string>{"RATI=5", "nFMT=1"}));
+  bool given = false;
+  EXPECT_EQ(args.Value("--count", &given), "");
+  EXPECT_FALSE(given);
+  EXPECT_EQ(args.missingValue(), "--count");
+  EXPECT_EQ(args.Plain(), (std::vector<std::string>{"in.mp4", "out.zyl"}));
+  EXPECT_EQ(args.Unknown(), "");
+}
+
+TEST(ToolArguments, NumbersAreWholeAndInRange) {
+  uint32_t count = 0;
+  EXPECT_TRUE(ParseCount("4294967295", &count));
+  EXPECT_EQ(count, 4294967295u);
+  EXPECT_FALSE(ParseCount("4294967296", &count));
+  EXPECT_FALSE(ParseCount("-1", &count));
+  EXPECT_FALSE(ParseCount("12a", &count));
+  EXPECT_FALSE(ParseCount("", &count));
+  int32_t value = 0;
+  EXPECT_TRUE(ParseInt("-2147483648", &value));
+  EXPECT_EQ(value, -2147483647 - 1);
+  EXPECT_FALSE(ParseInt("2147483648", &value));
+  EXPECT_TRUE(ParseInt("+7", &value));
+  EXPECT_EQ(value, 7);
+}
+
+TEST(ToolParams, TagsSpellTheirFourBytes) {
+  const ToolParam* sound = FindToolParam("SND");
+  ASSERT_NE(sound, nullptr);
+  EXPECT_EQ(sound->tag, 0x00444E53u);
+  EXPECT_EQ(FindToolParam("YUV")->tag, 0x00565559u);
+  EXPECT_EQ(FindToolParam("RATI")->tag, 0x49544152u);
+  EXPECT_EQ(FindToolParam("{FMT")->tag, 0x544D467Bu);
+  EXPECT_EQ(FindToolParam("rati"), nullptr);
+  EXPECT_EQ(TagText(0x00444E53u), "SND");
+}
+
+}  // namespace
