@@ -24,6 +24,25 @@ zycBlock* zycBlockPool::TakeFour() {
   return four;
 }
 
+void zycBlockSums::Build(const uint8_t* picture, uint32_t width, uint32_t height) {
+  stride_ = width + 1;
+  table_.assign(size_t(stride_) * (height + 1), 0);
+  for (uint32_t y = 0; y < height; ++y) {
+    const uint8_t* row = picture + size_t(y) * width * 4;
+    const uint32_t* above = table_.data() + size_t(y) * stride_;
+    uint32_t* here = table_.data() + size_t(y + 1) * stride_;
+    uint32_t run = 0;
+    for (uint32_t x = 0; x < width; ++x) {
+      run += uint32_t(row[x * 4]) + row[x * 4 + 1] + row[x * 4 + 2];
+      here[x + 1] = above[x + 1] + run;
+    }
+  }
+}
+
+namespace {
+inline uint32_t Distance(uint32_t a, uint32_t b) { return a > b ? a - b : b - a; }
+}  // namespace
+
 uint32_t zycMotionSearch::SearchBlock(zycBlock& block) const {
   const int32_t s = block.size;
   const int level = zycSizeLevel(s);
@@ -42,20 +61,28 @@ uint32_t zycMotionSearch::SearchBlock(zycBlock& block) const {
   const int32_t w = int32_t(paddedWidth);
   const int32_t h = int32_t(paddedHeight);
 
+  const bool bounds = sourceSums && referenceSums && !searchOff && count;
+  const uint32_t curSum = bounds ? sourceSums->Sum(block.x, block.y, s) : 0;
   for (uint32_t k = 0; k < count; ++k) {
     if (block.motionError == 0 || block.fadeError == 0 || searchOff) break;
     const int32_t sx = block.x + table[k][0];
     const int32_t sy = block.y + table[k][1];
     if (sx < 0 || sy < 0 || sx + s > w || sy + s > h) continue;
     const ptrdiff_t offset = ptrdiff_t(table[k][1]) * ptrdiff_t(stride) + ptrdiff_t(table[k][0]) * 4;
-    uint32_t err = all(cur, references[0] + at + offset, stride, block.motionError);
-    if (err < block.motionError) {
-      block.motionError = err;
-      block.motionIndex = k;
+    uint32_t err;
+    if (!bounds || Distance(curSum, referenceSums[0].Sum(sx, sy, s)) < block.motionError) {
+      err = all(cur, references[0] + at + offset, stride, block.motionError);
+      if (err < block.motionError) {
+        block.motionError = err;
+        block.motionIndex = k;
+      }
     }
     if (noFade) continue;
     for (uint32_t f = 0; f < 16; ++f) {
       if (block.fadeError == 0) break;
+      if (bounds && Distance(curSum, referenceSums[f + 1].Sum(sx, sy, s)) >= block.fadeError) {
+        continue;
+      }
       err = colour(cur, references[f + 1] + at + offset, stride, block.fadeError);
       if (err < block.fadeError) {
         block.fadeError = err;

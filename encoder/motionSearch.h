@@ -41,6 +41,24 @@ class zycBlockPool {
   uint32_t used_ = 0;
 };
 
+// Sums of the U, Y and V bytes over squares of a picture, from a summed-area table. The sum
+// difference of two squares is a lower bound of their sum of absolute differences, which lets the
+// search skip a comparison that could not win without changing any result.
+class zycBlockSums {
+ public:
+  void Build(const uint8_t* picture, uint32_t width, uint32_t height);
+  uint32_t Sum(int32_t x, int32_t y, int32_t size) const {
+    const uint32_t* top = table_.data() + size_t(y) * stride_ + x;
+    const uint32_t* bottom = top + size_t(size) * stride_;
+    return bottom[size] - bottom[0] - top[size] + top[0];
+  }
+  bool empty() const { return table_.empty(); }
+
+ private:
+  std::vector<uint32_t> table_;
+  uint32_t stride_ = 0;
+};
+
 // What one search works on. Pictures are 4 bytes a pixel (U, Y, V, 255), `paddedWidth` x
 // `paddedHeight`, rows 4 x `paddedWidth` bytes apart.
 struct zycMotionSearch {
@@ -57,6 +75,10 @@ struct zycMotionSearch {
   bool skipDxtError = false;
   zycSadKernels kernels;
   zycBlockPool* pool = nullptr;
+  // With sums of the source and of all 17 references, comparisons that the sums show can't
+  // win are skipped; the tree is the same with or without.
+  const zycBlockSums* sourceSums = nullptr;
+  const zycBlockSums* referenceSums = nullptr;  // 17, or null
 
   // Searches a square whose size, x and y are set, and its subtree. Returns 0 when the square
   // has a perfect copy, else the smallest motion error of the square and its subtree.

@@ -14,6 +14,7 @@
 #include "base/byteIo.h"
 #include "base/clock.h"
 #include "base/consoleLog.h"
+#include "base/timers.h"
 #include "dxt/buildLevels.h"
 #include "dxt/yuvConvert.h"
 #include "encoder/blockTreeWriter.h"
@@ -75,6 +76,8 @@ struct zycEncoder::State {
   std::vector<uint8_t> treeCopy;
 
   zycSadKernels kernels;
+  zycBlockSums sourceSums;
+  zycBlockSums referenceSums[17];
   int8_t largeTable[kLargeMotionCount][2] = {};
   zycMotionSearch search;
   double searchSeconds = 0.0;
@@ -151,6 +154,7 @@ void zycEncoder::BuildReferences() {
   State& s = *state_;
   const uint32_t count = s.paddedWidth * s.paddedHeight;
   zycConvertToYuv(s.previousFrame.data, s.references[0].data, count);
+  if (useSums) s.referenceSums[0].Build(s.references[0].data, s.paddedWidth, s.paddedHeight);
   if (noFade) return;
   const uint8_t* p = s.previousFrame.data;
   for (int f = 0; f < 16; ++f) {
@@ -169,6 +173,7 @@ void zycEncoder::BuildReferences() {
       }
       zycStore32(out + size_t(i) * 4, zycYuvPixel(b, g, r));
     }
+    if (useSums) s.referenceSums[f + 1].Build(out, s.paddedWidth, s.paddedHeight);
   }
 }
 
@@ -179,9 +184,12 @@ uint32_t zycEncoder::BuildMotionVector(bool searchOff, bool buildLevels) {
   State& s = *state_;
   const uint64_t start = zycClockMicroseconds();
   if (buildLevels && (pFrameFormat == 0 || pFrameFormat == 1)) {
+    TimerStart(kTimerDxt1Compression);
     BuildLevels(s.levels, yuvCoding ? s.sourceYuv.data : s.sourceFrame.data, dxtBackEnd,
                 yuvCoding);
+    TimerStop(kTimerDxt1Compression);
   }
+  TimerStart(kTimerBuildMotionVector);
   s.pool.Reset();
   zycMotionSearch& m = s.search;
   m.sourceYuv = s.sourceYuv.data;
@@ -202,6 +210,13 @@ uint32_t zycEncoder::BuildMotionVector(bool searchOff, bool buildLevels) {
   m.skipDxtError = false;
   m.kernels = s.kernels;
   m.pool = &s.pool;
+  m.sourceSums = nullptr;
+  m.referenceSums = nullptr;
+  if (useSums && !searchOff) {
+    s.sourceSums.Build(s.sourceYuv.data, s.paddedWidth, s.paddedHeight);
+    m.sourceSums = &s.sourceSums;
+    m.referenceSums = s.referenceSums;
+  }
 
   uint32_t result = 0;
   const uint32_t across = s.paddedWidth / blockMax;
@@ -212,6 +227,7 @@ uint32_t zycEncoder::BuildMotionVector(bool searchOff, bool buildLevels) {
     b.y = int32_t((i / across) * blockMax);
     result += m.SearchBlock(b);
   }
+  TimerStop(kTimerBuildMotionVector);
   const double seconds = double(zycClockMicroseconds() - start) / 1e6;
   s.searchSeconds += seconds;
   ++s.searchCalls;
@@ -229,6 +245,7 @@ int32_t zycEncoder::TryTree(bool key, uint32_t threshold, uint32_t& errorNext, b
                             bool fadeAllowed) {
   State& s = *state_;
   zycFrameLists& l = s.lists;
+  TimerStart(kTimerQuantize);
   l.Clear();
   errorNext = kErrorNextStart;
   zycWalk walk{&l, int32_t(blockMin), motionByte};
@@ -243,11 +260,17 @@ int32_t zycEncoder::TryTree(bool key, uint32_t threshold, uint32_t& errorNext, b
   const uint32_t fadeCount = fadeAllowed ? l.fadeBytes.size() : 0;
   l.opcodes[0] = zycBlockTreeFlags(l.motionBytes.size(), l.dxtList.size(), fadeCount,
                                    pFrameFormat, hasSound);
+  TimerStop(kTimerQuantize);
 
+  TimerStart(kTimerBackupZip);
   s.packer.Save();
+  TimerStop(kTimerBackupZip);
   int32_t size = s.packer.PackItem(l.opcodes.data(), s.opcodeLength);
+  TimerStart(kTimerSaveOffset);
   if (l.motionBytes.size()) size += s.packer.PackItem(l.motionBytes.data(), l.motionBytes.size());
+  TimerStop(kTimerSaveOffset);
   const uint32_t n = l.dxtList.size();
+  TimerStart(kTimerSaveBlock);
   if (n) {
     s.colourItem.resize(size_t(n) * 8);
     const uint8_t* levels[3] = {s.levels.blocks[0].data(), s.levels.blocks[1].data(),
@@ -255,6 +278,7 @@ int32_t zycEncoder::TryTree(bool key, uint32_t threshold, uint32_t& errorNext, b
     zycGatherColourItem(l.dxtList.data(), n, levels, s.paddedWidth, s.colourItem.data());
     size += s.packer.PackItem(s.colourItem.data(), n * 8);
   }
+  TimerStop(kTimerSaveBlock);
   s.fadeLength = 0;
   if (l.fadeBytes.size()) {
     s.fadeLength = zycPackFades(l.fadeBytes.data(), l.fadeBytes.size());
@@ -452,8 +476,10 @@ int32_t zycEncoder::Begin(zycStreamHeader& header, const zylFrameImage& image,
   }
   s.sectionStart = 64;
   s.sectionSize = 0;
-  s.packer.Open(packing, s.paddedWidth * s.paddedHeight * 3, lzmaDictionary,
-                embedded ? nullptr : s.file());
+  // Room for a whole frame: the picture's bytes, and a sound chunk, which on a small picture can
+  // be larger than the picture itself.
+  s.packer.Open(packing, s.paddedWidth * s.paddedHeight * 3 + 2 * s.header.soundChunkLimit + 4096,
+                lzmaDictionary, embedded ? nullptr : s.file());
 
   s.credit = -70;
   const uint32_t ratioDivisor = ratio ? ratio : 1;
@@ -575,11 +601,16 @@ int32_t zycEncoder::Next(const zylFrameImage& image, zylProgress* progress) {
   loop.Start(wantedSize, wantedSize, ratio, errorMin, errorLimit);
   uint32_t errorNext = 0;
   int32_t size = 0;
+  TimerStart(kTimerNext);
+  TimerStart(kTimerQuantizeCompress);
   for (;;) {
     size = TryTree(key, loop.errorMax, errorNext, hasSound, true);
+    TimerStart(kTimerDeflateEnd);
     s.packer.Restore();
+    TimerStop(kTimerDeflateEnd);
     if (!loop.AfterPass(size, errorNext)) break;
   }
+  TimerStop(kTimerQuantizeCompress);
   size = WriteTree(hasSound);
   s.credit += s.compressionSize - size + (hasSound ? int32_t(s.sound.soundSize) : 0);
 
@@ -604,6 +635,7 @@ int32_t zycEncoder::Next(const zylFrameImage& image, zylProgress* progress) {
   FillProgress(progress, key, size, hasSound);
 
   Rebuild();
+  TimerStop(kTimerNext);
   s.pool.Reset();
   ++s.frameIndex;
   PatchFile();

@@ -66,6 +66,7 @@ class zycEncoder : public zycJobEncoder {
   bool dataFileWanted = false;
   FILE* dataFile = nullptr;
   bool allowSimd = true;                   // false: the plain search kernels only
+  bool useSums = true;                     // false: compare every candidate in full
 
   // What the last frame did, for tests and statistics.
   struct FrameInfo {

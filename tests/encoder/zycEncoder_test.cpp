@@ -446,18 +446,20 @@ TEST(Encoder, RefusesStillKeyFramesAndTableBlocksWithoutWriting) {
   }
 }
 
-TEST(Encoder, PlainAndSimdSearchWriteTheSameMovie) {
+TEST(Encoder, PlainSimdAndSumBoundedSearchesWriteTheSameMovie) {
   auto frames = Clip("walkers_768x576_10fps_120f.mkv", 3, 64, 48);
-  std::vector<uint8_t> files[2];
-  for (int simd = 0; simd < 2; ++simd) {
-    EncodeRun run(simd ? "simd" : "plain");
-    run.encoder.allowSimd = simd != 0;
+  std::vector<uint8_t> files[3];
+  for (int variant = 0; variant < 3; ++variant) {
+    EncodeRun run("variant" + std::to_string(variant));
+    run.encoder.allowSimd = variant != 0;  // 0 plain, 1 SSE2, 2 SSE2 without the sums
+    run.encoder.useSums = variant != 2;
     ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
     run.Next(frames[1]);
     run.Next(frames[2]);
-    files[simd] = run.FileBytes();
+    files[variant] = run.FileBytes();
   }
   EXPECT_EQ(files[0], files[1]);
+  EXPECT_EQ(files[1], files[2]);
 }
 
 }  // namespace

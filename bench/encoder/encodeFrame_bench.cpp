@@ -1,0 +1,189 @@
+// Whole frames of the ZYL0 encoder on real video at 640x360, default parameters, one core
+// (squish's OpenMP threads set to 1): frames per second and the time of each timer slot per
+// frame. BM_RateReport (with ZYL_BENCH_RATE_REPORT set) encodes each clip at "RATI" 100 and 30 with zlib and LZMA and reports how
+// the bytes meet the budget and the reconstruction's PSNR.
+#include <benchmark/benchmark.h>
+#include <omp.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "base/timers.h"
+#include "encoder/zycEncoder.h"
+#include "stream/zylFormat.h"
+#include "tests/support/videoFrames.h"
+
+namespace {
+
+const char* const kClips[] = {
+    "walkers_768x576_10fps_120f.mkv",
+    "handheld_box_640x480_30fps_sound.mp4",
+    "coin_pen_568x320_30fps_sound.mov",
+    "tree_320x240_15fps_cinepak.avi",
+};
+
+const std::vector<zylTestPicture>& Frames(int clip, int count, int w, int h) {
+  static std::map<std::string, std::vector<zylTestPicture>> cache;
+  const std::string key = std::to_string(clip) + "/" + std::to_string(count) + "/" +
+                          std::to_string(w) + "x" + std::to_string(h);
+  auto it = cache.find(key);
+  if (it == cache.end()) {
+    it = cache.emplace(key, zylDecodeVideoFrames(std::string(ZYL_MEDIA_DIR) + "/" + kClips[clip],
+                                                 count, w, h)).first;
+  }
+  return it->second;
+}
+
+struct Job {
+  zycEncoder encoder;
+  zycFileHolder holder;
+  zycStreamHeader header;
+  std::string path;
+
+  explicit Job(const std::string& name) {
+    path = "/tmp/zyl_bench_" + name + ".zyl";
+    holder.file = std::fopen(path.c_str(), "w+b");
+    encoder.verbose = false;
+  }
+  ~Job() {
+    encoder.End();
+    holder.Close();
+    std::remove(path.c_str());
+  }
+  bool Begin(const zylTestPicture& p) {
+    header.magic = kMagicZyl0;
+    header.frameDuration = uint32_t(1000000 / (p.frameRate > 0 ? p.frameRate : 25.0));
+    header.timeScale = 1000000;
+    header.width = uint32_t(p.width);
+    header.height = uint32_t(p.height);
+    zylFrameImage image;
+    image.pixels = const_cast<uint8_t*>(p.pixels.data());
+    image.width = p.width;
+    image.height = p.height;
+    zylProgress progress{};
+    const bool ok = encoder.Begin(header, image, &holder, nullptr, nullptr, nullptr, &progress,
+                                  nullptr) == 0;
+    image.pixels = nullptr;
+    return ok;
+  }
+  void Next(const zylTestPicture& p) {
+    zylFrameImage image;
+    image.pixels = const_cast<uint8_t*>(p.pixels.data());
+    image.width = p.width;
+    image.height = p.height;
+    zylProgress progress{};
+    encoder.Next(image, &progress);
+    image.pixels = nullptr;
+  }
+  long FileSize() {
+    std::fflush(holder.file);
+    std::fseek(holder.file, 0, SEEK_END);
+    return std::ftell(holder.file);
+  }
+};
+
+double Psnr(const zylTestPicture& p, const uint8_t* rebuilt, uint32_t pitch) {
+  double squares = 0.0;
+  for (int32_t y = 0; y < p.height; ++y) {
+    for (int32_t x = 0; x < p.width; ++x) {
+      for (int c = 0; c < 3; ++c) {
+        const double d = double(p.pixels[(size_t(y) * p.width + x) * 4 + c]) -
+                         double(rebuilt[size_t(y) * pitch + size_t(x) * 4 + c]);
+        squares += d * d;
+      }
+    }
+  }
+  const double mse = squares / (double(p.width) * p.height * 3);
+  return mse > 0 ? 10.0 * std::log10(255.0 * 255.0 / mse) : 99.0;
+}
+
+void BM_EncodeFrame(benchmark::State& state) {
+  omp_set_num_threads(1);
+  const int clip = int(state.range(0));
+  const auto& frames = Frames(clip, 16, 640, 360);
+  if (frames.size() < 2) {
+    state.SkipWithError("clip not decoded");
+    return;
+  }
+  Job job("encodeFrame");
+  if (!job.Begin(frames[0])) {
+    state.SkipWithError("Begin refused");
+    return;
+  }
+  TimerReset();
+  size_t i = 1;
+  for (auto _ : state) {
+    job.Next(frames[i]);
+    i = i + 1 < frames.size() ? i + 1 : 1;
+  }
+  state.SetItemsProcessed(int64_t(state.iterations()));
+  const double n = double(state.iterations());
+  const std::pair<int, const char*> slots[] = {
+      {kTimerDxt1Compression, "dxt_ms"},  {kTimerBuildMotionVector, "search_ms"},
+      {kTimerQuantize, "walk_ms"},        {kTimerBackupZip, "backup_ms"},
+      {kTimerSaveOffset, "motion_ms"},    {kTimerSaveBlock, "colour_ms"},
+      {kTimerDeflateEnd, "restore_ms"},   {kTimerNext, "next_ms"}};
+  for (const auto& [slot, name] : slots) {
+    state.counters[name] = double(TimerSlot(slot).totalMicroseconds) / 1000.0 / n;
+  }
+  state.SetLabel(kClips[clip]);
+}
+BENCHMARK(BM_EncodeFrame)->DenseRange(0, 3)->Unit(benchmark::kMillisecond);
+
+// args: clip, ratio, packing. One encode of 24 frames at 640x360 per run.
+void BM_RateReport(benchmark::State& state) {
+  omp_set_num_threads(1);
+  const int clip = int(state.range(0));
+  const uint32_t ratio = uint32_t(state.range(1));
+  const uint32_t packing = uint32_t(state.range(2));
+  const auto& frames = Frames(clip, 24, 640, 360);
+  if (frames.size() < 2) {
+    state.SkipWithError("clip not decoded");
+    return;
+  }
+  for (auto _ : state) {
+    Job job("rate");
+    job.encoder.ratio = ratio;
+    job.encoder.packing = packing;
+    if (!job.Begin(frames[0])) {
+      state.SkipWithError("Begin refused");
+      return;
+    }
+    double psnr = Psnr(frames[0], job.encoder.Reconstructed(), job.encoder.Pitch());
+    double meanRatio = 0.0, worstRatio = 0.0;
+    uint32_t over = 0;
+    for (size_t i = 1; i < frames.size(); ++i) {
+      job.Next(frames[i]);
+      const auto& last = job.encoder.LastFrame();
+      const double r = last.wantedSize > 0 ? double(last.size) / last.wantedSize : 0.0;
+      meanRatio += r;
+      worstRatio = std::max(worstRatio, r);
+      if (last.size > last.wantedSize) ++over;
+      psnr += Psnr(frames[i], job.encoder.Reconstructed(), job.encoder.Pitch());
+    }
+    const double budget = double(job.encoder.CompressionSize()) * double(frames.size());
+    state.counters["file_over_budget"] = double(job.FileSize()) / budget;
+    state.counters["mean_size_over_wanted"] = meanRatio / double(frames.size() - 1);
+    state.counters["worst_size_over_wanted"] = worstRatio;
+    state.counters["frames_over_wanted"] = over;
+    state.counters["psnr_db"] = psnr / double(frames.size());
+  }
+  state.SetLabel(std::string(kClips[clip]) + (packing ? " lzma" : " zlib"));
+}
+// The report encodes 16 jobs and takes minutes: it is registered only when
+// ZYL_BENCH_RATE_REPORT is set, so that the smoke run stays short.
+const bool kRateReport = [] {
+  if (std::getenv("ZYL_BENCH_RATE_REPORT")) {
+    benchmark::RegisterBenchmark("BM_RateReport", BM_RateReport)
+        ->ArgsProduct({{0, 1, 2, 3}, {100, 30}, {0, 1}})
+        ->Iterations(1)
+        ->Unit(benchmark::kMillisecond);
+  }
+  return true;
+}();
+
+}  // namespace

@@ -1,0 +1,103 @@
+// The search kernels: plain against SSE2 on one size at a time, and a whole picture's tree
+// search with plain kernels, SSE2 kernels, and SSE2 kernels with the square-sum bounds. Pictures
+// are real photographs in the encoder's YUV layout. Compare the ratios within one run.
+#include <benchmark/benchmark.h>
+
+#include <vector>
+
+#include "dxt/yuvConvert.h"
+#include "encoder/motionSearch.h"
+#include "encoder/sad.h"
+#include "stream/decoderTables.h"
+#include "tests/support/imageLoad.h"
+
+namespace {
+
+std::string Media(const char* name) { return std::string(ZYL_MEDIA_DIR) + "/" + name; }
+
+std::vector<uint8_t> YuvCrop(uint32_t x, uint32_t y, uint32_t w, uint32_t h, int brighten = 0) {
+  static zylTestImage photo;
+  if (photo.pixels.empty()) zylLoadPng(Media("photo_astronaut_512x512.png"), &photo);
+  zylTestImage crop = zylCropImage(photo, x, y, w, h);
+  for (size_t i = 0; i < crop.pixels.size(); ++i) {
+    if (i % 4 != 3) crop.pixels[i] = uint8_t(std::min(255, crop.pixels[i] + brighten));
+  }
+  std::vector<uint8_t> yuv(crop.pixels.size());
+  zycConvertToYuv(crop.pixels.data(), yuv.data(), w * h);
+  return yuv;
+}
+
+void Kernel(benchmark::State& state, bool simd) {
+  const int level = int(state.range(0));
+  zycSadKernels k;
+  zycSadPlain(&k);
+  if (simd && !zycSadSse2(&k)) {
+    state.SkipWithError("no SIMD in this build");
+    return;
+  }
+  const uint32_t w = 256, h = 256;
+  std::vector<uint8_t> a = YuvCrop(100, 100, w, h), b = YuvCrop(103, 101, w, h);
+  const uint32_t s = 4u << level;
+  uint64_t sum = 0;
+  for (auto _ : state) {
+    for (uint32_t y = 0; y + s <= h; y += s) {
+      for (uint32_t x = 0; x + s <= w; x += s) {
+        sum += k.colour[level](a.data() + (y * w + x) * 4, b.data() + (y * w + x) * 4, w * 4,
+                               ~0u);
+      }
+    }
+  }
+  benchmark::DoNotOptimize(sum);
+  state.SetItemsProcessed(int64_t(state.iterations()) * (w / s) * (h / s));
+  state.SetLabel("size " + std::to_string(s));
+}
+
+void BM_SadPlain(benchmark::State& state) { Kernel(state, false); }
+void BM_SadSse2(benchmark::State& state) { Kernel(state, true); }
+BENCHMARK(BM_SadPlain)->Arg(0)->Arg(1)->Arg(2);
+BENCHMARK(BM_SadSse2)->Arg(0)->Arg(1)->Arg(2);
+
+// One picture's whole search: 0 plain, 1 SSE2, 2 SSE2 with the square-sum bounds.
+void BM_TreeSearch(benchmark::State& state) {
+  const int variant = int(state.range(0));
+  const uint32_t w = 320, h = 176;
+  std::vector<uint8_t> source = YuvCrop(60, 80, w, h);
+  std::vector<std::vector<uint8_t>> refs;
+  refs.push_back(YuvCrop(63, 82, w, h));
+  for (int f = 0; f < 16; ++f) refs.push_back(YuvCrop(63, 82, w, h, f < 8 ? -(8 - f) * 6 : (f - 7) * 6));
+  std::vector<uint8_t> preview = YuvCrop(61, 80, w, h);
+  zycBlockSums sums[18];
+  for (int i = 0; i < 17; ++i) sums[i].Build(refs[i].data(), w, h);
+  sums[17].Build(source.data(), w, h);
+  zycBlockPool pool;
+  pool.Allocate((w / 16) * (h / 16), 16, 4);
+  zycMotionSearch m;
+  m.sourceYuv = source.data();
+  for (int i = 0; i < 17; ++i) m.references[i] = refs[i].data();
+  for (int i = 0; i < 3; ++i) m.dxtPreview[i] = preview.data();
+  m.paddedWidth = w;
+  m.paddedHeight = h;
+  m.table = kSmallMotionTable;
+  m.count = 256;
+  zycSadChoose(&m.kernels, variant != 0);
+  m.pool = &pool;
+  if (variant == 2) {
+    m.sourceSums = &sums[17];
+    m.referenceSums = sums;
+  }
+  std::vector<zycBlock> top((w / 16) * (h / 16));
+  for (auto _ : state) {
+    pool.Reset();
+    for (size_t i = 0; i < top.size(); ++i) {
+      top[i].size = 16;
+      top[i].x = int32_t((i % (w / 16)) * 16);
+      top[i].y = int32_t((i / (w / 16)) * 16);
+      benchmark::DoNotOptimize(m.SearchBlock(top[i]));
+    }
+  }
+  static const char* const kNames[3] = {"plain", "sse2", "sse2+sums"};
+  state.SetLabel(kNames[variant]);
+}
+BENCHMARK(BM_TreeSearch)->Arg(0)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond);
+
+}  // namespace
