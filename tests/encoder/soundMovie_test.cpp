@@ -64,9 +64,8 @@ const zylTestSound& Speech() {
 
 // Codes `frames` pictures of the clip with its 16 kHz mono sound, or with no sound when `rate`
 // is 0; `frameDuration` over a time scale of 1000000 (10 frames a second by default).
-// `leadBase` is "oFMT". The section packer's output buffer holds padded width x height x 3
-// bytes, so a small picture takes a small lead: a 32 x 32 picture can't carry the 8403-byte
-// chunk of the default lead.
+// `leadBase` is "oFMT"; a small lead brings a chunk every few frames, which keeps the movies
+// that follow the phase short.
 SoundMovie Encode(const std::string& name, uint32_t frames, uint32_t embedRequest,
                   uint32_t soundFlags, uint32_t leadBase, uint32_t rate = 16000,
                   uint32_t frameDuration = 100000, bool large = false) {
@@ -185,8 +184,9 @@ TEST(SoundMovie, ChunksComeWithTheFirstFrameAndThenEveryLeadOfSamples) {
   EXPECT_EQ(m.asked, asked);
 }
 
+// On a 32 x 32 picture the chunk is far larger than the picture's own bytes.
 TEST(SoundMovie, DefaultLeadTakesTwoSecondsWithTheFirstFrame) {
-  const SoundMovie m = Encode("lead", 2, 1, 32, 16000, 16000, 100000, true);
+  const SoundMovie m = Encode("lead", 2, 1, 32, 16000);
   ASSERT_EQ(m.movie.frames.size(), 2u);
   // Lead 16000 x 4 / 2 = 32000 samples: 32000 + 1600 x 2.
   EXPECT_EQ(m.movie.header.soundChunkLimit, 35200u);
