@@ -5,12 +5,15 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <tuple>
 #include <vector>
 
 #include "stream/decoderTables.h"
 #include "tests/stream/decodeSupport.h"
+#include "tests/support/imageLoad.h"
+#include "tests/support/testMedia.h"
 
 using movieBuilder::Bytes;
 using movieBuilder::TreeFrame;
@@ -457,4 +460,102 @@ TEST(BlockDecoder, TreeViewPaintsSymbolsBySize) {
   expectSquare(current, 28, 8, 4, 0x7F0000, "colour at 4");
   expectSquare(current, 24, 12, 4, 0, "fade at 4");
   expectSquare(current, 28, 12, 4, 0, "split at 4");
+}
+
+namespace {
+
+// The test's own DXT1 choice for a 4x4 block of B, G, R, 255 pixels: the darkest and the
+// brightest pixel as end points, each pixel to the nearest of the four palette entries.
+struct TestBlock {
+  uint16_t color0, color1;
+  uint32_t indices;
+  uint32_t palette[4];
+};
+
+TestBlock encodeBlock(const zylTestImage& image, uint32_t x0, uint32_t y0, bool threeColour) {
+  uint32_t darkest = 0, brightest = 0;
+  int low = 1 << 30, high = -1;
+  uint32_t pixel[16];
+  for (int i = 0; i < 16; ++i) {
+    const uint8_t* p = &image.pixels[((y0 + i / 4) * image.width + x0 + i % 4) * 4];
+    pixel[i] = word(p[2], p[1], p[0]);
+    const int sum = p[0] + p[1] + p[2];
+    if (sum < low) low = sum, darkest = pixel[i];
+    if (sum > high) high = sum, brightest = pixel[i];
+  }
+  auto to565 = [](uint32_t w) { return rgb565((w >> 19) & 31, (w >> 10) & 63, (w >> 3) & 31); };
+  uint16_t a = to565(brightest), b = to565(darkest);
+  if (threeColour ? a > b : a < b) std::swap(a, b);
+  TestBlock block{a, b, 0, {plain32(a), plain32(b), 0, 0}};
+  if (a > b) {
+    block.palette[2] = mix32(a, b, true);
+    block.palette[3] = mix32(a, b, false);
+  } else {
+    uint32_t mid = 0;
+    for (int s = 0; s < 24; s += 8)
+      mid |= ((((block.palette[0] >> s) & 255) + ((block.palette[1] >> s) & 255)) / 2) << s;
+    block.palette[2] = mid;
+  }
+  for (int i = 0; i < 16; ++i) {
+    int best = 0, bestError = 1 << 30;
+    for (int e = 0; e < 4; ++e) {
+      int error = 0;
+      for (int s = 0; s < 24; s += 8)
+        error += std::abs(int((pixel[i] >> s) & 255) - int((block.palette[e] >> s) & 255));
+      if (error < bestError) best = e, bestError = error;
+    }
+    block.indices |= uint32_t(best) << (2 * i);
+  }
+  return block;
+}
+
+}  // namespace
+
+TEST(BlockDecoder, PhotographKeyFrameAndFadedRepeat) {
+  zylTestImage photo;
+  ASSERT_TRUE(zylLoadPng(zylMediaPath("photo_coffee_600x400.png"), &photo));
+  const uint32_t w = 160, h = 96;
+  const zylTestImage image = zylCropImage(photo, 200, 120, w, h);
+  // Blocks in tree order: each 16 block split to 8s, each 8 split to 4s; every third block
+  // in three-colour mode.
+  TreeFrame tree;
+  std::vector<std::pair<uint32_t, uint32_t>> where;
+  std::vector<TestBlock> blocks;
+  for (uint32_t by = 0; by < h; by += 16) {
+    for (uint32_t bx = 0; bx < w; bx += 16) {
+      tree.Split();
+      for (int q = 0; q < 4; ++q) {
+        tree.Split();
+        for (int r = 0; r < 4; ++r) {
+          const uint32_t x = bx + (q & 1) * 8 + (r & 1) * 4, y = by + (q >> 1) * 8 + (r >> 1) * 4;
+          blocks.push_back(encodeBlock(image, x, y, blocks.size() % 3 == 0));
+          where.emplace_back(x, y);
+          tree.Colour(blocks.back().color0, blocks.back().color1, blocks.back().indices);
+        }
+      }
+    }
+  }
+  TestDecoder decoder(w, h);
+  Picture previous(w, h), key(w, h), faded(w, h);
+  Bytes frame = tree.Build();
+  decoder.Frame(frame, previous.data(), key.data());
+  double error = 0;
+  for (size_t k = 0; k < blocks.size(); ++k) {
+    for (uint32_t i = 0; i < 16; ++i) {
+      const uint32_t x = where[k].first + i % 4, y = where[k].second + i / 4;
+      ASSERT_EQ(key.at(x, y), blocks[k].palette[(blocks[k].indices >> (2 * i)) & 3]) << x << "," << y;
+      const uint8_t* p = &image.pixels[(y * w + x) * 4];
+      error += std::abs(int(key.at(x, y) & 255) - p[0]) + std::abs(int((key.at(x, y) >> 16) & 255) - p[2]);
+    }
+  }
+  // Every block stands where its pixels came from: the picture stays close to the photograph.
+  EXPECT_LT(error / (2.0 * w * h), 12.0);
+
+  TreeFrame repeat;
+  for (uint32_t b = 0; b < (w / 16) * (h / 16); ++b) repeat.Fade(0, b % 16);
+  Bytes frame2 = repeat.Build();
+  decoder.Frame(frame2, key.data(), faded.data());
+  for (uint32_t y = 0; y < h; ++y)
+    for (uint32_t x = 0; x < w; ++x)
+      ASSERT_EQ(faded.at(x, y), fade32(key.at(x, y), int((y / 16) * (w / 16) + x / 16) % 16));
 }

@@ -458,3 +458,77 @@ TEST(DecoderInterface, FileSlotsReadLittleEndianAndSeek) {
   io.Free(block);
   std::fclose(io.file);
 }
+
+TEST(TableFrame, SixteenBitsReadTheBlocksAsTheyAreAtAStepOf32Bytes) {
+  TestDecoder decoder(32, 16, 16);
+  const uint16_t colours[2][2] = {{0xF81F, 0x07E0}, {0x1234, 0x8765}};
+  Expanded blocks[2];
+  TableImage image;
+  image.reset = 1;
+  image.tableBytes = 4 * 48;
+  for (int i = 0; i < 2; ++i) {
+    image.newEntries.push_back(dxtBlock(colours[i][0], colours[i][1], 0x9C63B1E4u));
+    blocks[i] = expand(colours[i][0], colours[i][1], 0x9C63B1E4u);
+  }
+  image.indices = {0, 1};
+  TreeFrame tree;
+  tree.TableBlock().TableBlock().Table(image.Build());
+  Bytes frame = tree.Build();
+  std::vector<uint16_t> previous(512), current(512);
+  decoder.Frame(frame, previous.data(), current.data());
+  // The scratch holds the two 48-byte blocks back to back; block k is read from byte 32 k.
+  uint8_t scratch[96];
+  std::memcpy(scratch, blocks[0].bytes, 48);
+  std::memcpy(scratch + 48, blocks[1].bytes, 48);
+  for (int k = 0; k < 2; ++k) {
+    for (uint32_t y = 0; y < 16; ++y) {
+      for (uint32_t x = 0; x < 16; ++x) {
+        const int i = (y / 4) * 4 + x / 4;
+        const uint16_t want = uint16_t(scratch[32 * k + 2 * i] | scratch[32 * k + 2 * i + 1] << 8);
+        ASSERT_EQ(current[y * 32 + 16 * k + x], want) << k << " " << x << "," << y;
+      }
+    }
+  }
+}
+
+TEST(TableFrame, StopAndResumeFinishTheFrameFromTheScratch) {
+  const uint32_t w = 16, h = 48;
+  TableImage image;
+  image.reset = 1;
+  image.indexBits = 3;
+  image.tableBytes = 8 * 48;
+  for (int i = 0; i < 5; ++i)
+    image.newEntries.push_back(dxtBlock(uint16_t(0x1111 * (i + 1)), uint16_t(0x0F0F * i), 0xA5A5A5A5u + uint32_t(i)));
+  image.indices = {4, 0, 3, 1, 2, 2};
+  auto make = [&]() {
+    TreeFrame tree;
+    tree.TableBlock().Split().TableBlock().Copy(0).TableBlock().Copy(1).Split().TableBlock().TableBlock().Copy(0).Copy(0);
+    tree.Table(image.Build());
+    return tree.Build();
+  };
+  Bytes wholeFrame = make(), stoppedFrame = make();
+  std::vector<uint32_t> previous(w * h), whole(w * h), stopped(w * h);
+  for (size_t i = 0; i < previous.size(); ++i) previous[i] = uint32_t(i * 0x9E3779B9u);
+  {
+    TestDecoder reference(w, h);
+    reference.Frame(wholeFrame, previous.data(), whole.data());
+  }
+  TestDecoder decoder(w, h);
+  zycFrameDecoder& state = *decoder.state;
+  zycFrameItems items;
+  ASSERT_TRUE(zycSplitFrame(stoppedFrame.data(), stoppedFrame.size(), &items));
+  zycSetFrameStreams(state, items, stoppedFrame.data());
+  state.stopWord = &stopped[16 * w];  // non-zero once the first row of blocks is made
+  state.stopMask = 0xFFFFFFFF;
+  state.DecodeFrame(reinterpret_cast<uint8_t*>(previous.data()),
+                    reinterpret_cast<uint8_t*>(stopped.data()));
+  ASSERT_EQ(*state.stateWord, 2u);
+  EXPECT_EQ(state.resumeRow, 32u);
+  const uint32_t writePos = tableWritePos;
+  uint32_t quiet = 0;
+  state.stopWord = &quiet;
+  state.DecodeFrame(reinterpret_cast<uint8_t*>(previous.data()),
+                    reinterpret_cast<uint8_t*>(stopped.data()));
+  EXPECT_EQ(tableWritePos, writePos);  // the ring is not filled twice
+  EXPECT_EQ(stopped, whole);
+}
