@@ -1,0 +1,103 @@
+// Still image coding of a 640x360 photograph: the time of the surface phase and of the
+// codebook phase, the size against the target and the PSNR of the decoded picture; and the
+// group search on a smooth picture, fast against the refitting reference.
+#include <benchmark/benchmark.h>
+
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "tests/support/imageLoad.h"
+#include "vq/VQSLSQCompressor.h"
+
+namespace {
+
+struct Picture {
+  uint32_t width = 0, height = 0;
+  std::vector<uint8_t> pixels;  // 3 bytes a pixel
+};
+
+Picture photo(const char* name, uint32_t width, uint32_t height, uint32_t shrink) {
+  Picture p;
+  zylTestImage image;
+  if (!zylLoadPng(std::string(ZYL_MEDIA_DIR) + "/" + name, &image)) return p;
+  const zylTestImage cut = zylCropImage(image, 0, 0, width, height, shrink);
+  p.width = width;
+  p.height = height;
+  p.pixels.resize(size_t(width) * height * 3);
+  for (size_t i = 0; i < size_t(width) * height; ++i)
+    for (int c = 0; c < 3; ++c) p.pixels[3 * i + c] = cut.pixels[4 * i + c];
+  return p;
+}
+
+double psnr(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b) {
+  double sum = 0.0;
+  for (size_t i = 0; i < a.size(); ++i) sum += double(a[i] - b[i]) * double(a[i] - b[i]);
+  return sum == 0.0 ? 99.0 : 10.0 * std::log10(255.0 * 255.0 * double(a.size()) / sum);
+}
+
+// A smooth gradient with light noise and a photograph in its middle: many groups of surfaces.
+Picture smoothPicture(uint32_t width, uint32_t height) {
+  Picture p;
+  p.width = width;
+  p.height = height;
+  p.pixels.resize(size_t(width) * height * 3);
+  std::mt19937 random(1);
+  for (uint32_t y = 0; y < height; ++y)
+    for (uint32_t x = 0; x < width; ++x)
+      for (uint32_t c = 0; c < 3; ++c)
+        p.pixels[(size_t(y) * width + x) * 3 + c] = uint8_t(40 + 30 * c + x / 4 + y / 3 + random() % 3);
+  const Picture inset = photo("photo_coffee_600x400.png", width / 2, height / 2, 4);
+  if (inset.pixels.empty()) return Picture();
+  for (uint32_t y = 0; y < height / 2; ++y)
+    std::memcpy(&p.pixels[((y + height / 4) * width + width / 4) * 3], &inset.pixels[y * (width / 2) * 3],
+                width / 2 * 3);
+  return p;
+}
+
+void compressPicture(benchmark::State& state, const Picture& p, int32_t target, bool reference) {
+  if (p.pixels.empty()) {
+    state.SkipWithError("picture not found");
+    return;
+  }
+  VQSLSQCompressor compressor(true);
+  compressor.verbose = false;
+  compressor.referenceGroupSearch = reference;
+  std::vector<uint8_t> image;
+  double slsq = 0.0, vq = 0.0;
+  for (auto _ : state) {
+    compressor.compress(p.pixels.data(), p.width, p.height, target, image);
+    slsq += compressor.statistics().slsqSeconds;
+    vq += compressor.statistics().vqSeconds;
+  }
+  std::vector<uint8_t> decoded;
+  VQSLSQCompressor::decompress(image.data(), uint32_t(image.size()), decoded);
+  const double n = double(state.iterations());
+  state.counters["slsq_s"] = slsq / n;
+  state.counters["vq_s"] = vq / n;
+  state.counters["size_per_target"] = double(image.size()) / target;
+  state.counters["psnr_db"] = psnr(decoded, p.pixels);
+  state.counters["surface_blocks"] = compressor.statistics().slsqBlocks;
+  state.counters["rounds"] = compressor.statistics().trainingRounds;
+}
+
+void BM_StillImagePhoto640x360(benchmark::State& state) {
+  static const Picture p = photo("photo_flower_2268x1512.png", 640, 360, 3);
+  compressPicture(state, p, int32_t(state.range(0)), false);
+}
+BENCHMARK(BM_StillImagePhoto640x360)->Arg(16000)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+void BM_StillImageGroupSearchFast(benchmark::State& state) {
+  static const Picture p = smoothPicture(320, 184);
+  compressPicture(state, p, 6000, false);
+}
+BENCHMARK(BM_StillImageGroupSearchFast)->Iterations(3)->Unit(benchmark::kMillisecond);
+
+void BM_StillImageGroupSearchReference(benchmark::State& state) {
+  static const Picture p = smoothPicture(320, 184);
+  compressPicture(state, p, 6000, true);
+}
+BENCHMARK(BM_StillImageGroupSearchReference)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+}  // namespace
