@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "base/fileIo.h"
+#include "base/timers.h"
 #include "codec/zycCodec.h"
 #include "stream/zylFormat.h"
 #include "tests/support/memorySource.h"
@@ -245,7 +246,13 @@ TEST_F(EncodeJob, AStalledSourceEndsTheJobAtTheGrabTimeout) {
 
 TEST_F(EncodeJob, PrintsTheFrameTimesAndTheEndLinesInOrder) {
   zycMemorySource media(Pictures(8, 4, 4), 25.0);
+  // What an earlier job left in the timers is cleared when a job starts.
+  TimerSlot(kTimerGeneric0).calls = 3;
+  TimerAddValue(kTimerGeneric1, 5);
   EXPECT_EQ(Run(media, "a.zyl"), 0);
+  EXPECT_EQ(Count("Generic Timer"), 0u);
+  EXPECT_EQ(TimerSlot(kTimerGeneric1).sum, 0u);
+  EXPECT_EQ(TimerSlot(kTimerGeneric0).calls, 0u);
   EXPECT_EQ(Count("Frame encoding time: "), 1u);
   EXPECT_EQ(Count("s  Total Encoding time: "), 1u);
   EXPECT_EQ(Count("Frame enccoding time (sec):"), 2u);
