@@ -63,11 +63,63 @@ uint32_t assign(const uint8_t pixels[64], uint32_t mask, const Rgb palette[4], i
     }
     return total;
   }
-  // Straight-line form for four entries, written so that the compiler keeps it branch free.
-  const int r0 = palette[0].c[0], g0 = palette[0].c[1], b0 = palette[0].c[2];
-  const int r1 = palette[1].c[0], g1 = palette[1].c[1], b1 = palette[1].c[2];
-  const int r2 = palette[2].c[0], g2 = palette[2].c[1], b2 = palette[2].c[2];
-  const int r3 = palette[3].c[0], g3 = palette[3].c[1], b3 = palette[3].c[2];
+  const int entries[4][3] = {{palette[0].c[0], palette[0].c[1], palette[0].c[2]},
+                             {palette[1].c[0], palette[1].c[1], palette[1].c[2]},
+                             {palette[2].c[0], palette[2].c[1], palette[2].c[2]},
+                             {palette[3].c[0], palette[3].c[1], palette[3].c[2]}};
+#ifdef ZYL_BASE_COLOUR_SSE2
+  // Every x86-64 processor has SSE2.
+  return zycBaseColourAssignSse2(pixels, mask, entries, indices);
+#else
+  return zycBaseColourAssignPlain(pixels, mask, entries, indices);
+#endif
+}
+
+// Least-squares base colours for a given assignment: each pixel is modelled as
+// w c0 + (1 - w) c1 with w = 1, 0, 2/3, 1/3 for entries 0 to 3. Returns false when the
+// assignment does not fix two colours (every pixel on the same weight).
+bool fitPair(const uint8_t pixels[64], uint32_t mask, const uint8_t indices[16], uint16_t* c0,
+             uint16_t* c1) {
+  static constexpr int kWeight3[4] = {3, 0, 2, 1};  // w times 3
+  // All sums fit 32 bits: weights up to 3, 16 pixels, channels up to 255.
+  int aa = 0, ab = 0, bb = 0;
+  int xa0 = 0, xa1 = 0, xa2 = 0, xb0 = 0, xb1 = 0, xb2 = 0;
+  for (int k = 0; k < 16; ++k) {
+    const int counts = int(mask >> k & 1);
+    const int w = kWeight3[indices[k]] * counts, v = (3 - kWeight3[indices[k]]) * counts;
+    const uint8_t* p = pixels + 4 * k;
+    aa += w * w;
+    ab += w * v;
+    bb += v * v;
+    xa0 += w * p[0];
+    xa1 += w * p[1];
+    xa2 += w * p[2];
+    xb0 += v * p[0];
+    xb1 += v * p[1];
+    xb2 += v * p[2];
+  }
+  const int det = aa * bb - ab * ab;  // never negative (Cauchy-Schwarz)
+  if (det == 0) return false;
+  const int half = det / 2;
+  // Scaled by 3: a = 3 (bb xa - ab xb) / det, b = 3 (aa xb - ab xa) / det, rounded.
+  auto solve = [det, half](int n) { return clampByte(n >= 0 ? (n + half) / det : (n - half) / det); };
+  *c0 = quantise565(solve(3 * (bb * xa0 - ab * xb0)), solve(3 * (bb * xa1 - ab * xb1)),
+                    solve(3 * (bb * xa2 - ab * xb2)));
+  *c1 = quantise565(solve(3 * (aa * xb0 - ab * xa0)), solve(3 * (aa * xb1 - ab * xa1)),
+                    solve(3 * (aa * xb2 - ab * xa2)));
+  return true;
+}
+
+}  // namespace
+
+uint32_t zycBaseColourAssignPlain(const uint8_t pixels[64], uint32_t mask, const int palette[4][3],
+                                  uint8_t indices[16]) {
+  // Straight-line form, written so that the compiler keeps it branch free.
+  const int r0 = palette[0][0], g0 = palette[0][1], b0 = palette[0][2];
+  const int r1 = palette[1][0], g1 = palette[1][1], b1 = palette[1][2];
+  const int r2 = palette[2][0], g2 = palette[2][1], b2 = palette[2][2];
+  const int r3 = palette[3][0], g3 = palette[3][1], b3 = palette[3][2];
+  uint32_t total = 0;
   for (int k = 0; k < 16; ++k) {
     const uint8_t* p = pixels + 4 * k;
     const int x = p[0], y = p[1], z = p[2];
@@ -88,42 +140,6 @@ uint32_t assign(const uint8_t pixels[64], uint32_t mask, const Rgb palette[4], i
   }
   return total;
 }
-
-// Least-squares base colours for a given assignment: each pixel is modelled as
-// w c0 + (1 - w) c1 with w = 1, 0, 2/3, 1/3 for entries 0 to 3. Returns false when the
-// assignment does not fix two colours (every pixel on the same weight).
-bool fitPair(const uint8_t pixels[64], uint32_t mask, const uint8_t indices[16], uint16_t* c0,
-             uint16_t* c1) {
-  static constexpr int kWeight3[4] = {3, 0, 2, 1};  // w times 3
-  int64_t aa = 0, ab = 0, bb = 0, xa[3] = {}, xb[3] = {};
-  for (int k = 0; k < 16; ++k) {
-    if (!(mask >> k & 1)) continue;
-    const int w = kWeight3[indices[k]], v = 3 - w;
-    aa += w * w;
-    ab += w * v;
-    bb += v * v;
-    for (int c = 0; c < 3; ++c) {
-      xa[c] += w * pixels[4 * k + c];
-      xb[c] += v * pixels[4 * k + c];
-    }
-  }
-  const int64_t det = aa * bb - ab * ab;
-  if (det == 0) return false;
-  int a[3], b[3];
-  for (int c = 0; c < 3; ++c) {
-    // Scaled by 3: a = 3 (bb xa - ab xb) / det, b = 3 (aa xb - ab xa) / det, rounded.
-    const int64_t na = 3 * (bb * xa[c] - ab * xb[c]);
-    const int64_t nb = 3 * (aa * xb[c] - ab * xa[c]);
-    const int64_t half = (det > 0 ? det : -det) / 2;
-    a[c] = clampByte((na >= 0 ? na + half : na - half) / det);
-    b[c] = clampByte((nb >= 0 ? nb + half : nb - half) / det);
-  }
-  *c0 = quantise565(a[0], a[1], a[2]);
-  *c1 = quantise565(b[0], b[1], b[2]);
-  return true;
-}
-
-}  // namespace
 
 void zycBaseColourStartPair(const uint8_t pixels[64], uint32_t mask, uint16_t* first,
                             uint16_t* second) {

@@ -29,3 +29,15 @@ void zycBaseColourStartPair(const uint8_t pixels[64], uint32_t mask, uint16_t* f
 // ordered first, as the encoder orders it; equal colours give the one-colour error.
 uint32_t zycBaseColourPairError(const uint8_t pixels[64], uint32_t mask, uint16_t c0,
                                 uint16_t c1);
+
+// The kernel of the search: each counting pixel of a block (16 pixels of 4 bytes, only the first
+// three count) takes the first of the four palette entries (channel values 0 to 255) with the
+// smallest 4 d0^2 + 16 d1^2 + d2^2; pixels outside `mask` get index 0 and add nothing. Returns
+// the summed error. The SSE2 kernel gives the same indices and sum as the plain one.
+uint32_t zycBaseColourAssignPlain(const uint8_t pixels[64], uint32_t mask, const int palette[4][3],
+                                  uint8_t indices[16]);
+#if !defined(ZYL_NO_SIMD) && defined(__x86_64__)
+#define ZYL_BASE_COLOUR_SSE2 1
+uint32_t zycBaseColourAssignSse2(const uint8_t pixels[64], uint32_t mask, const int palette[4][3],
+                                 uint8_t indices[16]);
+#endif

@@ -181,3 +181,38 @@ TEST(BaseColourDxt, BlocksAreFourColourOrFlat) {
     }
   }
 }
+
+#ifdef ZYL_BASE_COLOUR_SSE2
+TEST(BaseColourDxt, SseAndPlainAssignmentsAgree) {
+  zylTestImage photo;
+  ASSERT_TRUE(zylLoadPng(zylMediaPath("photo_coffee_600x400.png"), &photo));
+  const zylTestImage crop = zylCropImage(photo, 60, 40, 64, 64);
+  uint32_t seed = 12345;
+  auto next = [&seed] {
+    seed = seed * 1103515245u + 12345u;
+    return seed >> 8;
+  };
+  for (uint32_t y = 0; y < 64; y += 4) {
+    for (uint32_t x = 0; x < 64; x += 4) {
+      uint8_t pixels[64];
+      gather(crop, x, y, pixels);
+      for (int trial = 0; trial < 4; ++trial) {
+        int palette[4][3];
+        for (auto& entry : palette) {
+          for (int& c : entry) c = int(next() & 255);
+        }
+        if (trial == 3) {
+          for (int c = 0; c < 3; ++c) palette[2][c] = palette[1][c];  // ties go to the first entry
+        }
+        const uint32_t mask = trial == 0 ? 0xFFFF : next() & 0xFFFF;
+        uint8_t plain[16], sse[16];
+        std::memset(sse, 9, sizeof sse);
+        const uint32_t plainSum = zycBaseColourAssignPlain(pixels, mask, palette, plain);
+        const uint32_t sseSum = zycBaseColourAssignSse2(pixels, mask, palette, sse);
+        ASSERT_EQ(plainSum, sseSum) << x << "," << y;
+        ASSERT_EQ(std::memcmp(plain, sse, 16), 0) << x << "," << y;
+      }
+    }
+  }
+}
+#endif
