@@ -224,6 +224,47 @@ TEST_F(ZylTool, DecodedPicturesLookLikeTheSource) {
   EXPECT_GT(best, 25.0);
 }
 
+// Pictures that change a lot from frame to frame: each movie frame must be closest to the
+// source frame at its own position, counted from --first.
+TEST(ZylToolFrames, MovieFramesAreTheSourceFramesFromFirstOn) {
+  SyntheticClip clip;
+  clip.width = 64;
+  clip.height = 48;
+  clip.frames = 10;
+  clip.channels = 0;
+  const std::string input = Dir() + "steps.nut";
+  ASSERT_EQ(WriteSyntheticClip(clip, input), "");
+  const std::string movie = Dir() + "steps.zyl";
+  const Result encode = RunTool({"encode", input, movie, "--first", "3", "--count", "4",
+                                 "--ratio", "4"});
+  ASSERT_EQ(encode.exit, 0) << encode.err;
+  const std::string raw = Dir() + "steps.rgb";
+  ASSERT_EQ(RunTool({"decode", movie, raw, "--rgb"}).exit, 0);
+  const std::string bytes = ReadFile(raw);
+  const size_t frameBytes = 64 * 48 * 3;
+  ASSERT_GE(bytes.size() / frameBytes, 3u);
+  for (size_t k = 0; k < bytes.size() / frameBytes; ++k) {
+    int closest = -1;
+    double closestError = 1e30;
+    for (int source = 0; source < clip.frames; ++source) {
+      const std::vector<uint8_t> picture = SyntheticPicture(clip, source);  // B, G, R
+      double error = 0;
+      for (size_t p = 0; p < 64 * 48; ++p) {
+        for (int c = 0; c < 3; ++c) {
+          const double d =
+              double(uint8_t(bytes[k * frameBytes + p * 3 + c])) - picture[p * 3 + 2 - c];
+          error += d * d;
+        }
+      }
+      if (error < closestError) {
+        closestError = error;
+        closest = source;
+      }
+    }
+    EXPECT_EQ(closest, int(3 + k)) << "movie frame " << k;
+  }
+}
+
 TEST_F(ZylTool, DecodeWritesY4mPngAndWav) {
   ASSERT_EQ(encode_.exit, 0) << encode_.err;
   const std::string y4m = Dir() + "five.y4m";
