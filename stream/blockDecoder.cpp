@@ -269,8 +269,8 @@ class TreeWalk {
       for (int row = 0; row < kSize; ++row) {
         for (int i = 0; i < kSize; ++i) {
           const uint32_t p = getPixel<2>(from + 2 * i);
-          putPixel<2>(to + 2 * i, tone5[p & 31] | uint32_t(tone5[p >> 11]) << 11 |
-                                      tone6[(p >> 5) & 63]);
+          putPixel<2>(to + 2 * i,
+                      tone5[p & 31] | uint32_t(tone5[p >> 11]) << 11 | tone6[(p >> 5) & 63]);
         }
         from += stride_;
         to += stride_;

@@ -7,20 +7,34 @@
 
 const char* zycPayloadErrorText(zycPayloadError error) {
   switch (error) {
-    case zycPayloadError::none: return "no fault";
-    case zycPayloadError::lengthCut: return "item length cut off";
-    case zycPayloadError::bodyCut: return "item body cut off";
-    case zycPayloadError::emptyTree: return "tree item without flags byte";
-    case zycPayloadError::flagsBit0Clear: return "frame flags without bit 0";
-    case zycPayloadError::flagsBit7Set: return "frame flags with bit 7";
-    case zycPayloadError::imageAndTree: return "image frame with tree symbols";
-    case zycPayloadError::colourLengthOdd: return "colour item not a multiple of 8 bytes";
-    case zycPayloadError::recordCut: return "frame record cut off";
-    case zycPayloadError::recordSizeCut: return "frame record size beyond the data";
-    case zycPayloadError::recordFlagsBad: return "unknown frame record flags";
-    case zycPayloadError::entriesCut: return "stream entries beyond the record";
-    case zycPayloadError::streamCut: return "stream beyond the record";
-    case zycPayloadError::streamOverlap: return "stream misplaced";
+    case zycPayloadError::none:
+      return "no fault";
+    case zycPayloadError::lengthCut:
+      return "item length cut off";
+    case zycPayloadError::bodyCut:
+      return "item body cut off";
+    case zycPayloadError::emptyTree:
+      return "tree item without flags byte";
+    case zycPayloadError::flagsBit0Clear:
+      return "frame flags without bit 0";
+    case zycPayloadError::flagsBit7Set:
+      return "frame flags with bit 7";
+    case zycPayloadError::imageAndTree:
+      return "image frame with tree symbols";
+    case zycPayloadError::colourLengthOdd:
+      return "colour item not a multiple of 8 bytes";
+    case zycPayloadError::recordCut:
+      return "frame record cut off";
+    case zycPayloadError::recordSizeCut:
+      return "frame record size beyond the data";
+    case zycPayloadError::recordFlagsBad:
+      return "unknown frame record flags";
+    case zycPayloadError::entriesCut:
+      return "stream entries beyond the record";
+    case zycPayloadError::streamCut:
+      return "stream beyond the record";
+    case zycPayloadError::streamOverlap:
+      return "stream misplaced";
   }
   return "unknown fault";
 }
@@ -97,8 +111,8 @@ void zycSetFrameStreams(zycFrameDecoder& decoder, const zycFrameItems& items, ui
     decoder.indexStream = nullptr;
   } else {
     decoder.colourStream = body(items.colour);
-    decoder.indexStream = items.colour.present ? frame + items.colour.offset + items.colour.size / 2
-                                               : nullptr;
+    decoder.indexStream =
+        items.colour.present ? frame + items.colour.offset + items.colour.size / 2 : nullptr;
   }
   decoder.fadeStream = body(items.fade);
   decoder.tableStream = body(items.table);
@@ -136,8 +150,7 @@ bool zycSplitRecord(const uint8_t* data, size_t length, zycFrameRecord* record) 
   const uint32_t firstStart = (4 + 6 * entries + 3) & ~3u;
   if (firstStart > behind) return recordFail(record, zycPayloadError::entriesCut, 8);
   const uint32_t firstSize = zycLoad32(body);
-  if (firstSize > behind - firstStart)
-    return recordFail(record, zycPayloadError::streamCut, 4);
+  if (firstSize > behind - firstStart) return recordFail(record, zycPayloadError::streamCut, 4);
   record->first.present = firstSize != 0;
   record->first.offset = 4 + firstStart;
   record->first.size = firstSize;

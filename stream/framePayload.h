@@ -11,19 +11,19 @@ struct zycFrameDecoder;
 // What a walker found wrong; zycPayloadErrorText gives the words.
 enum class zycPayloadError : uint8_t {
   none = 0,
-  lengthCut,         // an item's u32 length does not fit in the bytes left
-  bodyCut,           // an item's body runs past the bytes left
-  emptyTree,         // the tree item has no flags byte
-  flagsBit0Clear,    // the flags byte lacks bit 0
-  flagsBit7Set,      // the flags byte has bit 7 set
-  imageAndTree,      // a key frame image whose tree item holds more than the flags byte
-  colourLengthOdd,   // a colour item whose length is not a multiple of 8
-  recordCut,         // a record's first word or fixed fields run past the bytes left
-  recordSizeCut,     // the record's size runs past the bytes left
-  recordFlagsBad,    // record flags with unknown bits or with only one of bits 1 and 2
-  entriesCut,        // the stream entries and their pad run past the record
-  streamCut,         // a stream runs past the record
-  streamOverlap,     // a stream starts before the previous one ends, or off its alignment
+  lengthCut,        // an item's u32 length does not fit in the bytes left
+  bodyCut,          // an item's body runs past the bytes left
+  emptyTree,        // the tree item has no flags byte
+  flagsBit0Clear,   // the flags byte lacks bit 0
+  flagsBit7Set,     // the flags byte has bit 7 set
+  imageAndTree,     // a key frame image whose tree item holds more than the flags byte
+  colourLengthOdd,  // a colour item whose length is not a multiple of 8
+  recordCut,        // a record's first word or fixed fields run past the bytes left
+  recordSizeCut,    // the record's size runs past the bytes left
+  recordFlagsBad,   // record flags with unknown bits or with only one of bits 1 and 2
+  entriesCut,       // the stream entries and their pad run past the record
+  streamCut,        // a stream runs past the record
+  streamOverlap,    // a stream starts before the previous one ends, or off its alignment
 };
 
 const char* zycPayloadErrorText(zycPayloadError error);
@@ -39,13 +39,13 @@ struct zycFrameItem {
 // The items of a ZYL0 frame, as found in the order that the flags byte gives.
 struct zycFrameItems {
   uint8_t flags = 0;
-  zycFrameItem tree;    // flags byte, then 2-bit symbols
-  zycFrameItem motion;  // motion indices
-  zycFrameItem colour;  // colour words, then index words
-  zycFrameItem image;   // still image of a key frame
-  zycFrameItem sound;   // the frame's sound chunk
-  zycFrameItem fade;    // fade levels, two to a byte
-  zycFrameItem table;   // table-block image
+  zycFrameItem tree;        // flags byte, then 2-bit symbols
+  zycFrameItem motion;      // motion indices
+  zycFrameItem colour;      // colour words, then index words
+  zycFrameItem image;       // still image of a key frame
+  zycFrameItem sound;       // the frame's sound chunk
+  zycFrameItem fade;        // fade levels, two to a byte
+  zycFrameItem table;       // table-block image
   uint32_t frameBytes = 0;  // bytes the frame took, length words included
   zycPayloadError error = zycPayloadError::none;
   uint32_t errorOffset = 0;  // offset from the frame's first byte of the fault

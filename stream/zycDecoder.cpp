@@ -217,10 +217,17 @@ void zycFrameDecoder::DecodeFrame(uint8_t* previous, uint8_t* current) {
   }
   if (!tableStream) {
     switch (depth) {
-      case 32: zycDecodeBlocksDxt32(*this); break;
-      case 24: zycDecodeBlocksDxt24(*this); break;
-      case 16: zycDecodeBlocksDxt16(*this); break;
-      default: break;
+      case 32:
+        zycDecodeBlocksDxt32(*this);
+        break;
+      case 24:
+        zycDecodeBlocksDxt24(*this);
+        break;
+      case 16:
+        zycDecodeBlocksDxt16(*this);
+        break;
+      default:
+        break;
     }
     return;
   }
@@ -236,15 +243,19 @@ void zycFrameDecoder::DecodeFrame(uint8_t* previous, uint8_t* current) {
     const uint32_t indexBits = image[2];
     // A ring too small for its own new entries cannot be filled.
     if (uint64_t(newCount) * kBlockBytes > ringBytes) return;
-    if (ringBytes > blockTableBytes &&
-        !ensureBuffer(io, &blockTable, &blockTableBytes, ringBytes))
+    if (ringBytes > blockTableBytes && !ensureBuffer(io, &blockTable, &blockTableBytes, ringBytes))
       return;
     uint32_t pixelBytes;
     switch (depth) {
       case 16:
-      case 24: pixelBytes = 3; break;
-      case 32: pixelBytes = 4; break;
-      default: return;
+      case 24:
+        pixelBytes = 3;
+        break;
+      case 32:
+        pixelBytes = 4;
+        break;
+      default:
+        return;
     }
     const uint64_t need = uint64_t(blockCount) * 16 * pixelBytes;
     if (need > 0xFFFFFFFFu) return;
@@ -261,8 +272,8 @@ void zycFrameDecoder::DecodeFrame(uint8_t* previous, uint8_t* current) {
       uint32_t pos = tableWritePos;
       for (int64_t k = 0; k < tail; ++k, pos += kBlockBytes)
         expandBlock(entries + 8 * k, blockTable + pos);
-      ZYC_ASSERT(pos == ringBytes, "zycFrameDecoder::DecodeFrame",
-                 "block table wrap at %u of %u\n", pos, ringBytes);
+      ZYC_ASSERT(pos == ringBytes, "zycFrameDecoder::DecodeFrame", "block table wrap at %u of %u\n",
+                 pos, ringBytes);
       pos = 0;
       for (int64_t k = tail; k < newCount; ++k, pos += kBlockBytes)
         expandBlock(entries + 8 * k, blockTable + pos);
@@ -309,10 +320,17 @@ void zycFrameDecoder::DecodeFrame(uint8_t* previous, uint8_t* current) {
     tableStream = tableScratch;
   }
   switch (depth) {
-    case 32: zycDecodeBlocksTable32(*this); break;
-    case 24: zycDecodeBlocksTable24(*this); break;
-    case 16: zycDecodeBlocksTable16(*this); break;
-    default: break;
+    case 32:
+      zycDecodeBlocksTable32(*this);
+      break;
+    case 24:
+      zycDecodeBlocksTable24(*this);
+      break;
+    case 16:
+      zycDecodeBlocksTable16(*this);
+      break;
+    default:
+      break;
   }
 }
 

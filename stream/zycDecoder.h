@@ -81,16 +81,16 @@ struct zycFrameDecoder {
   uint32_t blockTableBytes = 0;
   uint8_t* tableScratch = nullptr;  // the current table frame's blocks in output format
   uint32_t tableScratchBytes = 0;
-  uint8_t treeView = 0;  // non-zero: the 32-bit DXT1 routine paints the tree instead
-  uint32_t treeBits = 0;  // symbols already taken from the current tree byte
-  uint32_t fadeHalf = 0;  // 1: the next fade level is the high half of the current byte
-  uint32_t width = 0;     // rounded up to a multiple of 16; also the stride in pixels
-  uint32_t height = 0;    // rounded up to a multiple of 16
-  uint32_t depth = 0;     // 16, 24 or 32 bits a pixel
-  uint32_t yuv = 0;       // non-zero: colour words hold Cr, Y, Cb
-  uint8_t* src = nullptr;       // current block in the previous picture
-  uint8_t* dst = nullptr;       // current block in the picture being made
-  uint8_t smallMotion = 0;  // non-zero: u8 motion indices into the 256-entry table
+  uint8_t treeView = 0;        // non-zero: the 32-bit DXT1 routine paints the tree instead
+  uint32_t treeBits = 0;       // symbols already taken from the current tree byte
+  uint32_t fadeHalf = 0;       // 1: the next fade level is the high half of the current byte
+  uint32_t width = 0;          // rounded up to a multiple of 16; also the stride in pixels
+  uint32_t height = 0;         // rounded up to a multiple of 16
+  uint32_t depth = 0;          // 16, 24 or 32 bits a pixel
+  uint32_t yuv = 0;            // non-zero: colour words hold Cr, Y, Cb
+  uint8_t* src = nullptr;      // current block in the previous picture
+  uint8_t* dst = nullptr;      // current block in the picture being made
+  uint8_t smallMotion = 0;     // non-zero: u8 motion indices into the 256-entry table
   int32_t motionOffset[4096];  // dy * width + dx
   uint8_t thirds[768];         // (i + 1) / 3
   uint8_t tone5[16][32];
@@ -101,8 +101,8 @@ struct zycFrameDecoder {
   int32_t CbToB[256];
   int32_t CrToG[256];
   int32_t CbToG[256];
-  uint8_t clampTable[812];  // index v + kClampBias, v from -277 to 534
-  uint32_t clamp565[812];   // the same range, grey in R5G6B5
+  uint8_t clampTable[812];        // index v + kClampBias, v from -277 to 534
+  uint32_t clamp565[812];         // the same range, grey in R5G6B5
   uint8_t* treeStream = nullptr;  // decoding shifts the tree bytes in place
   const uint8_t* motionStream = nullptr;
   const uint8_t* colourStream = nullptr;  // colour words, or the still image for DecodeImage

@@ -149,7 +149,8 @@ void runDecode(benchmark::State& state, const FrameStreams& frame) {
     benchmark::DoNotOptimize(current.data());
     benchmark::ClobberMemory();
   }
-  state.counters["fps"] = benchmark::Counter(double(state.iterations()), benchmark::Counter::kIsRate);
+  state.counters["fps"] =
+      benchmark::Counter(double(state.iterations()), benchmark::Counter::kIsRate);
   state.SetBytesProcessed(int64_t(state.iterations()) * kWidth * kHeight * 4);
 }
 
@@ -191,7 +192,8 @@ void BM_DecodeFrameBaselineMemcpy(benchmark::State& state) {
     benchmark::DoNotOptimize(current.data());
     benchmark::ClobberMemory();
   }
-  state.counters["fps"] = benchmark::Counter(double(state.iterations()), benchmark::Counter::kIsRate);
+  state.counters["fps"] =
+      benchmark::Counter(double(state.iterations()), benchmark::Counter::kIsRate);
   state.SetBytesProcessed(int64_t(state.iterations()) * kWidth * kHeight * 4);
 }
 BENCHMARK(BM_DecodeFrameBaselineMemcpy)->Unit(benchmark::kMicrosecond);

@@ -32,7 +32,8 @@ struct Picture {
 Picture numbered(uint32_t w, uint32_t h) {
   Picture p(w, h);
   for (uint32_t y = 0; y < h; ++y)
-    for (uint32_t x = 0; x < w; ++x) p.at(x, y) = 0x77000000u | ((y * 7 + 1) & 255) << 16 | x * 5 << 8 | (x + y);
+    for (uint32_t x = 0; x < w; ++x)
+      p.at(x, y) = 0x77000000u | ((y * 7 + 1) & 255) << 16 | x * 5 << 8 | (x + y);
   return p;
 }
 
@@ -43,11 +44,14 @@ uint32_t mix32(uint16_t c0, uint16_t c1, bool twoThirdsOfFirst) {
   const uint32_t a[3] = {widen5(c0 >> 11), widen6((c0 >> 5) & 63), widen5(c0 & 31)};
   const uint32_t b[3] = {widen5(c1 >> 11), widen6((c1 >> 5) & 63), widen5(c1 & 31)};
   uint32_t f[3];
-  for (int i = 0; i < 3; ++i) f[i] = twoThirdsOfFirst ? mixTwoThirds(a[i], b[i]) : mixTwoThirds(b[i], a[i]);
+  for (int i = 0; i < 3; ++i)
+    f[i] = twoThirdsOfFirst ? mixTwoThirds(a[i], b[i]) : mixTwoThirds(b[i], a[i]);
   return word(f[0], f[1], f[2]);
 }
 
-uint32_t plain32(uint16_t c) { return word(widen5(c >> 11), widen6((c >> 5) & 63), widen5(c & 31)); }
+uint32_t plain32(uint16_t c) {
+  return word(widen5(c >> 11), widen6((c >> 5) & 63), widen5(c & 31));
+}
 
 int tone(int level, int v) {
   const double change = (level >= 8 ? (level - 7) : -(8 - level)) * 0.05;
@@ -106,7 +110,8 @@ class MixedFrame {
       const uint32_t index = Next() % 160;
       const int sx = int(x) + kSmallMotionTable[index][0];
       const int sy = int(y) + kSmallMotionTable[index][1];
-      if (sx >= 0 && sy >= 0 && sx + int(size) <= int(w_) && sy + int(size) <= int(h_)) return index;
+      if (sx >= 0 && sy >= 0 && sx + int(size) <= int(w_) && sy + int(size) <= int(h_))
+        return index;
     }
     return 0;
   }
@@ -196,11 +201,11 @@ TEST(BlockDecoder, MotionCopiesTakeBlocksAtTheirVectors) {
   TestDecoder decoder(32, 32);
   Picture previous = numbered(32, 32), current(32, 32, 0xDEADBEEF);
   TreeFrame tree;
-  tree.Copy(4);                                      // (0, 1)
-  tree.Split().Copy(2).Copy(0).Copy(1).Copy(5);      // (-1, 0), (0, 0), (0, -1), (-1, -1)
-  tree.Copy(1);                                      // (0, -1)
+  tree.Copy(4);                                  // (0, 1)
+  tree.Split().Copy(2).Copy(0).Copy(1).Copy(5);  // (-1, 0), (0, 0), (0, -1), (-1, -1)
+  tree.Copy(1);                                  // (0, -1)
   tree.Split();
-  tree.Split().Copy(68).Split().Copy(0).Copy(8);     // (-5, 0), nothing, (0, 0), (1, 1)
+  tree.Split().Copy(68).Split().Copy(0).Copy(8);  // (-5, 0), nothing, (0, 0), (1, 1)
   tree.Copy(0).Copy(0).Copy(0);
   Bytes frame = tree.Build();
   decoder.Frame(frame, previous.data(), current.data());
@@ -314,11 +319,11 @@ TEST(BlockDecoder, YuvColourWordsConvertAndBlackIsDarkGreen) {
   expectSquare(current, 0, 0, 16, 0x008700, "three-colour entry 3 in YUV");
   EXPECT_EQ(yuvWord(0, 0, 0), 0x008700u);
   expectSquare(current, 16, 0, 16, yuvWord(255, 0, 0), "Y only");
-  const uint32_t a = plain32(c0), b = plain32(c1), m2 = mix32(c0, c1, true), m3 = mix32(c0, c1, false);
-  const uint32_t expected[4] = {yuvWord((a >> 8) & 255, a & 255, a >> 16),
-                                yuvWord((b >> 8) & 255, b & 255, b >> 16),
-                                yuvWord((m2 >> 8) & 255, m2 & 255, m2 >> 16),
-                                yuvWord((m3 >> 8) & 255, m3 & 255, m3 >> 16)};
+  const uint32_t a = plain32(c0), b = plain32(c1), m2 = mix32(c0, c1, true),
+                 m3 = mix32(c0, c1, false);
+  const uint32_t expected[4] = {
+      yuvWord((a >> 8) & 255, a & 255, a >> 16), yuvWord((b >> 8) & 255, b & 255, b >> 16),
+      yuvWord((m2 >> 8) & 255, m2 & 255, m2 >> 16), yuvWord((m3 >> 8) & 255, m3 & 255, m3 >> 16)};
   for (uint32_t col = 0; col < 4; ++col)
     expectSquare(current, 32 + 4 * col, 0, 4, expected[col], "YUV palette");
 }
@@ -424,7 +429,8 @@ TEST(BlockDecoder, StopBetweenRowsThenResumeEqualsUndisturbedRun) {
   EXPECT_EQ(*state.stateWord, 0u);
   EXPECT_EQ(stopped.pixels, whole.pixels);
   EXPECT_EQ(state.fadeHalf, reference.state->fadeHalf);
-  EXPECT_EQ(state.treeStream, frameStopped.data() + (reference.state->treeStream - frameWhole.data()));
+  EXPECT_EQ(state.treeStream,
+            frameStopped.data() + (reference.state->treeStream - frameWhole.data()));
 }
 
 TEST(BlockDecoder, StopMaskZeroLetsTheFrameRunThrough) {
@@ -543,9 +549,11 @@ TEST(BlockDecoder, PhotographKeyFrameAndFadedRepeat) {
   for (size_t k = 0; k < blocks.size(); ++k) {
     for (uint32_t i = 0; i < 16; ++i) {
       const uint32_t x = where[k].first + i % 4, y = where[k].second + i / 4;
-      ASSERT_EQ(key.at(x, y), blocks[k].palette[(blocks[k].indices >> (2 * i)) & 3]) << x << "," << y;
+      ASSERT_EQ(key.at(x, y), blocks[k].palette[(blocks[k].indices >> (2 * i)) & 3])
+          << x << "," << y;
       const uint8_t* p = &image.pixels[(y * w + x) * 4];
-      error += std::abs(int(key.at(x, y) & 255) - p[0]) + std::abs(int((key.at(x, y) >> 16) & 255) - p[2]);
+      error += std::abs(int(key.at(x, y) & 255) - p[0]) +
+               std::abs(int((key.at(x, y) >> 16) & 255) - p[2]);
     }
   }
   // Every block stands where its pixels came from: the picture stays close to the photograph.

@@ -1,4 +1,6 @@
 // The decoder's fixed tables against values worked out by hand and by their defining rules.
+#include "stream/decoderTables.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -7,8 +9,6 @@
 #include <tuple>
 #include <utility>
 #include <vector>
-
-#include "stream/decoderTables.h"
 
 TEST(MotionTables, SmallTableHasDistinctVectorsInGrowingDistance) {
   std::set<std::pair<int, int>> seen;
@@ -27,9 +27,9 @@ TEST(MotionTables, SmallTableHasDistinctVectorsInGrowingDistance) {
 }
 
 TEST(MotionTables, SmallTableSpotEntries) {
-  const int expected[][3] = {{0, 0, 0},     {1, 0, -1},    {4, 0, 1},      {8, 1, 1},
-                             {53, 4, 1},    {68, -5, 0},   {100, -1, -7},  {128, -7, 6},
-                             {200, 2, -20},  {254, 25, -32}, {255, -32, -32}};
+  const int expected[][3] = {{0, 0, 0},     {1, 0, -1},     {4, 0, 1},      {8, 1, 1},
+                             {53, 4, 1},    {68, -5, 0},    {100, -1, -7},  {128, -7, 6},
+                             {200, 2, -20}, {254, 25, -32}, {255, -32, -32}};
   for (const auto& e : expected) {
     EXPECT_EQ(kSmallMotionTable[e[0]][0], e[1]) << "entry " << e[0];
     EXPECT_EQ(kSmallMotionTable[e[0]][1], e[2]) << "entry " << e[0];
@@ -128,12 +128,12 @@ TEST(DecoderTables, ClampTablesCoverTheWholeYuvRange) {
   uint32_t clamp565[812];
   zycFillClamp(clamp);
   zycFillClamp565(clamp565);
-  EXPECT_EQ(clamp[0], 0);          // -277
-  EXPECT_EQ(clamp[276], 0);        // -1
-  EXPECT_EQ(clamp[277], 0);        // 0
+  EXPECT_EQ(clamp[0], 0);    // -277
+  EXPECT_EQ(clamp[276], 0);  // -1
+  EXPECT_EQ(clamp[277], 0);  // 0
   EXPECT_EQ(clamp[277 + 135], 135);
   EXPECT_EQ(clamp[277 + 255], 255);
-  EXPECT_EQ(clamp[811], 255);      // 534
+  EXPECT_EQ(clamp[811], 255);  // 534
   EXPECT_EQ(clamp565[277], 0u);
   EXPECT_EQ(clamp565[277 + 255], 65535u);
   EXPECT_EQ(clamp565[277 + 256], 65535u);

@@ -1,7 +1,8 @@
 // Splitting ZYL0 frames into items and ZYL1 records into streams, with every fault reported.
+#include "stream/framePayload.h"
+
 #include <gtest/gtest.h>
 
-#include "stream/framePayload.h"
 #include "stream/zycDecoder.h"
 #include "tests/support/movieBuilder.h"
 

@@ -81,11 +81,11 @@ StillImage mixedStill() {
   image.surfaceBits = 1;
   image.vqBits = 2;
   image.tableBytes = 48 * 8;
-  image.surfaces.push_back({8 * 10, 0, 0, 0, 0, 0,      // channel 0: constant 10
-                            2400, 0, 0, 0, 0, 0,        // channel 1: 300, clamped to 255
-                            -80, 0, 0, 0, 0, 0});       // channel 2: -10, clamped to 0
-  image.surfaces.push_back({100, 300, -200, 0, 0, 0,    // linear in X and Y
-                            500, 0, 0, 40, -30, 20,     // with squares and product
+  image.surfaces.push_back({8 * 10, 0, 0, 0, 0, 0,    // channel 0: constant 10
+                            2400, 0, 0, 0, 0, 0,      // channel 1: 300, clamped to 255
+                            -80, 0, 0, 0, 0, 0});     // channel 2: -10, clamped to 0
+  image.surfaces.push_back({100, 300, -200, 0, 0, 0,  // linear in X and Y
+                            500, 0, 0, 40, -30, 20,   // with squares and product
                             1000, -64, 64, 0, 0, 0});
   image.codebook.push_back(dxtBlock(0xF800, 0x0800, 0xE4E4E4E4));
   image.codebook.push_back(dxtBlock(0x0000, 0xFFFF, 0x1B1B1B1B));
@@ -133,8 +133,8 @@ TEST(DecoderSetup, RoundsSizesAndPointsTheWordsInside) {
   EXPECT_EQ(s.stopWord, &s.ownStopWord);
   EXPECT_EQ(s.treeView, 0);
   EXPECT_EQ(s.blockTable, nullptr);
-  EXPECT_EQ(s.motionOffset[1], -48);     // (0, -1)
-  EXPECT_EQ(s.motionOffset[3], 1);       // (1, 0)
+  EXPECT_EQ(s.motionOffset[1], -48);  // (0, -1)
+  EXPECT_EQ(s.motionOffset[3], 1);    // (1, 0)
   EXPECT_EQ(s.motionOffset[255], -48 * 32 - 32);
 
   TestDecoder wide(64, 64, 32, 0, 0);
@@ -400,7 +400,8 @@ TEST(DecoderFront, AllocationFailureEndsTheCallQuietly) {
 TEST(DecoderFront, SingleBlockHelperMatchesTheFrameRoutine) {
   for (uint32_t yuv = 0; yuv < 2; ++yuv) {
     TestDecoder decoder(16, 16, 32, yuv);
-    const uint32_t colours[3][2] = {{0x8F3C4A21, 0x1B6E93D4}, {0x1234ABCD, 0xFFFFFFFF}, {0x00000000, 0xE4E4E4E4}};
+    const uint32_t colours[3][2] = {
+        {0x8F3C4A21, 0x1B6E93D4}, {0x1234ABCD, 0xFFFFFFFF}, {0x00000000, 0xE4E4E4E4}};
     for (const auto& c : colours) {
       TreeFrame tree;
       tree.Split().Colour(uint16_t(c[0]), uint16_t(c[0] >> 16), c[1]).Copy(0).Copy(0).Copy(0);
@@ -498,11 +499,22 @@ TEST(TableFrame, StopAndResumeFinishTheFrameFromTheScratch) {
   image.indexBits = 3;
   image.tableBytes = 8 * 48;
   for (int i = 0; i < 5; ++i)
-    image.newEntries.push_back(dxtBlock(uint16_t(0x1111 * (i + 1)), uint16_t(0x0F0F * i), 0xA5A5A5A5u + uint32_t(i)));
+    image.newEntries.push_back(
+        dxtBlock(uint16_t(0x1111 * (i + 1)), uint16_t(0x0F0F * i), 0xA5A5A5A5u + uint32_t(i)));
   image.indices = {4, 0, 3, 1, 2, 2};
   auto make = [&]() {
     TreeFrame tree;
-    tree.TableBlock().Split().TableBlock().Copy(0).TableBlock().Copy(1).Split().TableBlock().TableBlock().Copy(0).Copy(0);
+    tree.TableBlock()
+        .Split()
+        .TableBlock()
+        .Copy(0)
+        .TableBlock()
+        .Copy(1)
+        .Split()
+        .TableBlock()
+        .TableBlock()
+        .Copy(0)
+        .Copy(0);
     tree.Table(image.Build());
     return tree.Build();
   };

@@ -185,8 +185,9 @@ Bytes TableImage::Build() const {
 }
 
 std::array<uint8_t, 8> dxtBlock(uint16_t color0, uint16_t color1, uint32_t indices) {
-  return {uint8_t(color0 & 0xFF),         uint8_t(color0 >> 8),           uint8_t(color1 & 0xFF),
-          uint8_t(color1 >> 8),           uint8_t(indices & 0xFF),        uint8_t((indices >> 8) & 0xFF),
+  return {uint8_t(color0 & 0xFF),          uint8_t(color0 >> 8),
+          uint8_t(color1 & 0xFF),          uint8_t(color1 >> 8),
+          uint8_t(indices & 0xFF),         uint8_t((indices >> 8) & 0xFF),
           uint8_t((indices >> 16) & 0xFF), uint8_t((indices >> 24) & 0xFF)};
 }
 

@@ -33,10 +33,10 @@ class TreeFrame {
  public:
   explicit TreeFrame(bool wideMotion = false) : wideMotion_(wideMotion) {}
 
-  TreeFrame& Copy(uint32_t motionIndex);  // symbol 0
-  TreeFrame& Split();                     // symbol 1
+  TreeFrame& Copy(uint32_t motionIndex);                                  // symbol 0
+  TreeFrame& Split();                                                     // symbol 1
   TreeFrame& Colour(uint16_t color0, uint16_t color1, uint32_t indices);  // symbol 2, DXT1 path
-  TreeFrame& TableBlock();                // symbol 2, table path: no colour data
+  TreeFrame& TableBlock();                                // symbol 2, table path: no colour data
   TreeFrame& Fade(uint32_t motionIndex, uint32_t level);  // symbol 3
   TreeFrame& Sound(const Bytes& chunk);
   TreeFrame& Table(const Bytes& tableImage);  // makes this a table-format frame
@@ -98,7 +98,7 @@ std::array<uint8_t, 8> dxtBlock(uint16_t color0, uint16_t color1, uint32_t indic
 Bytes imageFrame(const Bytes& image, const Bytes* sound = nullptr);
 
 // A ZYL1 frame record from its streams (an empty first stream writes firstSize 0).
-Bytes frameRecord(uint8_t recordFlags, const Bytes& first, const Bytes* sound,
-                  const Bytes* plane2, const Bytes* plane3);
+Bytes frameRecord(uint8_t recordFlags, const Bytes& first, const Bytes* sound, const Bytes* plane2,
+                  const Bytes* plane3);
 
 }  // namespace movieBuilder
