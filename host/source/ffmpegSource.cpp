@@ -235,6 +235,7 @@ class StreamThread : public zylMediaControl, public zylMediaEvent, public zylMed
   void Loop() {
     std::unique_lock<std::mutex> lock(mutex_);
     bool havePrepared = false;
+    bool afterSeek = false;  // the sample prepared is the first at a new position
     for (;;) {
       if (quit_) break;
       if (seekPending_) {
@@ -246,6 +247,7 @@ class StreamThread : public zylMediaControl, public zylMediaEvent, public zylMed
         seekArmed_ = false;
         ended_ = false;
         havePrepared = false;
+        afterSeek = true;
         lock.unlock();
         Seek(target);
         lock.lock();
@@ -269,9 +271,11 @@ class StreamThread : public zylMediaControl, public zylMediaEvent, public zylMed
       }
       ready_ = true;
       cond_.notify_all();
-      // The pump raises the callbacks' time limit only while it seeks; a callback entered then
-      // would give up waiting and hand the sample over unasked. Wait for the limit to drop.
-      for (int tries = 0; tries < 100 && !quit_ && !seekPending_ &&
+      // The pump raises the callbacks' time limit while it seeks and lowers it when the seek has
+      // returned. The first sample at the new position, entered with the limit still raised,
+      // would give up waiting and go out unasked: wait for the limit to drop. (A sample from
+      // before the seek that does so is harmless: the seek takes back what it signalled.)
+      for (int tries = 0; afterSeek && tries < 100 && !quit_ && !seekPending_ &&
                           std::atomic_ref<uint32_t>(source_->grabberTimeout).load() != 0;
            ++tries) {
         cond_.wait_for(lock, std::chrono::milliseconds(1));
@@ -284,6 +288,7 @@ class StreamThread : public zylMediaControl, public zylMediaEvent, public zylMed
       inCallback_ = false;
       ready_ = false;
       havePrepared = false;
+      afterSeek = false;
       cond_.notify_all();
     }
     ready_ = false;
@@ -517,9 +522,8 @@ class VideoStream final : public StreamThread {
         while (packet && av_read_frame(format, packet) >= 0) {
           if (packet->stream_index == index) {
             ++packets;
-            if (packet->pts != AV_NOPTS_VALUE && (latest == AV_NOPTS_VALUE || packet->pts > latest)) {
-              latest = packet->pts;
-            }
+            const int64_t pts = packet->pts;
+            if (pts != AV_NOPTS_VALUE && (latest == AV_NOPTS_VALUE || pts > latest)) latest = pts;
           }
           av_packet_unref(packet);
         }
