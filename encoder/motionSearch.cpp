@@ -39,6 +39,24 @@ void zycBlockSums::Build(const uint8_t* picture, uint32_t width, uint32_t height
   }
 }
 
+void zycFadeSums::Build(const uint8_t* const pictures[16], uint32_t width, uint32_t height) {
+  stride_ = width + 1;
+  table_.assign(size_t(stride_) * (height + 1) * 16, 0);
+  for (uint32_t y = 0; y < height; ++y) {
+    const uint32_t* above = table_.data() + size_t(y) * stride_ * 16;
+    uint32_t* here = table_.data() + size_t(y + 1) * stride_ * 16;
+    uint32_t run[16] = {};
+    for (uint32_t x = 0; x < width; ++x) {
+      const size_t at = (size_t(y) * width + x) * 4;
+      for (int f = 0; f < 16; ++f) {
+        const uint8_t* px = pictures[f] + at;
+        run[f] += uint32_t(px[0]) + px[1] + px[2];
+        here[(x + 1) * 16 + f] = above[(x + 1) * 16 + f] + run[f];
+      }
+    }
+  }
+}
+
 namespace {
 inline uint32_t Distance(uint32_t a, uint32_t b) { return a > b ? a - b : b - a; }
 }  // namespace
@@ -62,6 +80,8 @@ uint32_t zycMotionSearch::SearchBlock(zycBlock& block) const {
   const int32_t h = int32_t(paddedHeight);
 
   const bool bounds = sourceSums && referenceSums && !searchOff && count;
+  const bool fadeBounds = bounds && fadeSums;
+  uint32_t fadeSum[16];
   const uint32_t curSum = bounds ? sourceSums->Sum(block.x, block.y, s) : 0;
   for (uint32_t k = 0; k < count; ++k) {
     if (block.motionError == 0 || block.fadeError == 0 || searchOff) break;
@@ -78,11 +98,10 @@ uint32_t zycMotionSearch::SearchBlock(zycBlock& block) const {
       }
     }
     if (noFade) continue;
+    if (fadeBounds) fadeSums->Sums(sx, sy, s, fadeSum);
     for (uint32_t f = 0; f < 16; ++f) {
       if (block.fadeError == 0) break;
-      if (bounds && Distance(curSum, referenceSums[f + 1].Sum(sx, sy, s)) >= block.fadeError) {
-        continue;
-      }
+      if (fadeBounds && Distance(curSum, fadeSum[f]) >= block.fadeError) continue;
       err = colour(cur, references[f + 1] + at + offset, stride, block.fadeError);
       if (err < block.fadeError) {
         block.fadeError = err;

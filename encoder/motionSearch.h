@@ -59,6 +59,24 @@ class zycBlockSums {
   uint32_t stride_ = 0;
 };
 
+// The same sums for the 16 fades of a picture, interleaved so that the 16 sums of one square
+// come from four runs of 16 words.
+class zycFadeSums {
+ public:
+  void Build(const uint8_t* const pictures[16], uint32_t width, uint32_t height);
+  void Sums(int32_t x, int32_t y, int32_t size, uint32_t out[16]) const {
+    const uint32_t* a = table_.data() + (size_t(y) * stride_ + x) * 16;
+    const uint32_t* b = a + size_t(size) * 16;
+    const uint32_t* c = a + size_t(size) * stride_ * 16;
+    const uint32_t* d = c + size_t(size) * 16;
+    for (int f = 0; f < 16; ++f) out[f] = d[f] - c[f] - b[f] + a[f];
+  }
+
+ private:
+  std::vector<uint32_t> table_;
+  uint32_t stride_ = 0;
+};
+
 // What one search works on. Pictures are 4 bytes a pixel (U, Y, V, 255), `paddedWidth` x
 // `paddedHeight`, rows 4 x `paddedWidth` bytes apart.
 struct zycMotionSearch {
@@ -75,10 +93,11 @@ struct zycMotionSearch {
   bool skipDxtError = false;
   zycSadKernels kernels;
   zycBlockPool* pool = nullptr;
-  // With sums of the source and of all 17 references, comparisons that the sums show can't
-  // win are skipped; the tree is the same with or without.
+  // With sums of the source and of the references, comparisons that the sums show can't win
+  // are skipped; the tree is the same with or without.
   const zycBlockSums* sourceSums = nullptr;
-  const zycBlockSums* referenceSums = nullptr;  // 17, or null
+  const zycBlockSums* referenceSums = nullptr;  // references[0]
+  const zycFadeSums* fadeSums = nullptr;        // references[1] to [16]
 
   // Searches a square whose size, x and y are set, and its subtree. Returns 0 when the square
   // has a perfect copy, else the smallest motion error of the square and its subtree.

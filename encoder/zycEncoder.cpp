@@ -14,6 +14,7 @@
 #include "base/byteIo.h"
 #include "base/clock.h"
 #include "base/consoleLog.h"
+#include "base/cpuFeatures.h"
 #include "base/timers.h"
 #include "dxt/buildLevels.h"
 #include "dxt/yuvConvert.h"
@@ -26,6 +27,7 @@
 #include "stream/container.h"
 #include "stream/decoderTables.h"
 #include "stream/zycDecoder.h"
+#include "vq/VQSLSQCompressor.h"
 
 namespace {
 
@@ -77,7 +79,8 @@ struct zycEncoder::State {
 
   zycSadKernels kernels;
   zycBlockSums sourceSums;
-  zycBlockSums referenceSums[17];
+  zycBlockSums referenceSums;
+  zycFadeSums fadeSums;
   int8_t largeTable[kLargeMotionCount][2] = {};
   zycMotionSearch search;
   double searchSeconds = 0.0;
@@ -88,6 +91,12 @@ struct zycEncoder::State {
   zycSectionPacker packer;
   zycFileHolder* output = nullptr;
   FILE* extra[kExtraOutputCount] = {};
+
+  VQSLSQCompressor vqCompressor{zycCpuHasSse()};
+  std::vector<uint8_t> stillPixels;
+  std::vector<uint8_t> stillImage;
+  uint32_t stillTarget = 0;
+  bool stillFrame = false;  // the frame just written is a still image
 
   myDecoder decoderIo;
   std::unique_ptr<zycFrameDecoder> frameDecoder{new zycFrameDecoder};
@@ -154,7 +163,7 @@ void zycEncoder::BuildReferences() {
   State& s = *state_;
   const uint32_t count = s.paddedWidth * s.paddedHeight;
   zycConvertToYuv(s.previousFrame.data, s.references[0].data, count);
-  if (useSums) s.referenceSums[0].Build(s.references[0].data, s.paddedWidth, s.paddedHeight);
+  if (useSums) s.referenceSums.Build(s.references[0].data, s.paddedWidth, s.paddedHeight);
   if (noFade) return;
   const uint8_t* p = s.previousFrame.data;
   for (int f = 0; f < 16; ++f) {
@@ -173,7 +182,11 @@ void zycEncoder::BuildReferences() {
       }
       zycStore32(out + size_t(i) * 4, zycYuvPixel(b, g, r));
     }
-    if (useSums) s.referenceSums[f + 1].Build(out, s.paddedWidth, s.paddedHeight);
+  }
+  if (useSums) {
+    const uint8_t* fades[16];
+    for (int f = 0; f < 16; ++f) fades[f] = s.references[f + 1].data;
+    s.fadeSums.Build(fades, s.paddedWidth, s.paddedHeight);
   }
 }
 
@@ -212,10 +225,12 @@ uint32_t zycEncoder::BuildMotionVector(bool searchOff, bool buildLevels) {
   m.pool = &s.pool;
   m.sourceSums = nullptr;
   m.referenceSums = nullptr;
+  m.fadeSums = nullptr;
   if (useSums && !searchOff) {
     s.sourceSums.Build(s.sourceYuv.data, s.paddedWidth, s.paddedHeight);
     m.sourceSums = &s.sourceSums;
-    m.referenceSums = s.referenceSums;
+    m.referenceSums = &s.referenceSums;
+    m.fadeSums = noFade ? nullptr : &s.fadeSums;
   }
 
   uint32_t result = 0;
@@ -305,11 +320,76 @@ int32_t zycEncoder::WriteTree(bool hasSound) {
   return size;
 }
 
+// A key frame held as a still image: compressed to 105% of the wanted size, and again at 95%
+// of the last target while the packed frame is too big. The items are the flags byte alone,
+// the image, and the sound.
+int32_t zycEncoder::WriteStill(int32_t wantedSize, bool hasSound) {
+  State& s = *state_;
+  zycSectionPacker& p = s.packer;
+  const uint8_t* picture = yuvCoding ? s.sourceYuv.data : s.sourceFrame.data;
+  const size_t pixels = size_t(s.paddedWidth) * s.paddedHeight;
+  s.stillPixels.resize(pixels * 3);
+  for (size_t i = 0; i < pixels; ++i) std::memcpy(&s.stillPixels[i * 3], picture + i * 4, 3);
+  s.lists.Clear();
+  s.lists.opcodes[0] = uint8_t(kFrameFlagAlways | kFrameFlagImage | (hasSound ? kFrameFlagSound : 0));
+  s.opcodeLength = 1;
+  s.fadeLength = 0;
+  s.vqCompressor.verbose = verbose;
+
+  int32_t target = int32_t(int64_t(wantedSize) * 105 / 100);
+  for (;;) {
+    p.Save();
+    int32_t size = p.PackItem(s.lists.opcodes.data(), 1);
+    const uint32_t imageSize = s.vqCompressor.compress(s.stillPixels.data(), s.paddedWidth,
+                                                       s.paddedHeight, target, s.stillImage);
+    s.stillImage.resize(imageSize);
+    const int32_t imagePacked = p.PackItem(s.stillImage.data(), imageSize);
+    size = p.FinishSize(size + imagePacked);
+    if (verbose) {
+      zycLog("Size after Zipping: %d (zip compression: %.1f%%)\n", imagePacked,
+             target ? 100.0 * imagePacked / target : 0.0);
+    }
+    p.Restore();
+    // A target of 0 can't shrink further; the frame goes out as it is.
+    if (size > wantedSize && target != 0) {
+      target = int32_t(float(target) * 0.95f);
+      continue;
+    }
+    break;
+  }
+  s.stillTarget = uint32_t(target);
+  int32_t size = p.PackItem(s.lists.opcodes.data(), 1);
+  size += p.PackItem(s.stillImage.data(), uint32_t(s.stillImage.size()));
+  if (hasSound) size += p.PackItem(s.sound.chunk.data(), s.sound.soundSize);
+  size = p.FinishSize(size);
+  p.Commit();
+  s.sectionSize += uint32_t(size);
+  p.sectionPackedSize += uint32_t(size);
+  s.stillFrame = true;
+  return size;
+}
+
 // Runs the decoder on the items just written, then makes the references of the next frame.
 void zycEncoder::Rebuild() {
   State& s = *state_;
   zycFrameLists& l = s.lists;
   zycFrameDecoder& d = *s.frameDecoder;
+  if (s.stillFrame) {
+    uint32_t stopWord = 0;
+    uint32_t stateWord = 0;
+    d.io = &s.decoderIo;
+    d.colourStream = s.stillImage.data();
+    d.tableStream = nullptr;
+    d.stopWord = &stopWord;
+    d.stateWord = &stateWord;
+    d.stopMask = 0;
+    d.DecodeImage(s.previousFrame.data);
+    d.stopWord = &d.ownStopWord;
+    d.stateWord = &d.ownStateWord;
+    s.stillFrame = false;
+    BuildReferences();
+    return;
+  }
   s.treeCopy.assign(l.opcodes.data(), l.opcodes.data() + s.opcodeLength);
   s.treeCopy.resize(s.treeCopy.size() + 8, 0);  // the decoder may look one word ahead
   uint32_t stopWord = 0;
@@ -363,14 +443,19 @@ int32_t zycEncoder::Begin(zycStreamHeader& header, const zylFrameImage& image,
                           zylProgress* progress, const zylKeyframeRange* plan) {
   End();
   State& s = *state_;
-  if (iFrameFormat != 0) {
-    if (verbose) zycLog("Still image key frames (iFMT 1) are not available in this build\n");
+  if (iFrameFormat != 0 && ((header.width + 15) & ~15u) > 1024) {
+    if (verbose) zycLog("Still image key frames are at most 1024 pixels wide or high\n");
+    return 1;
+  }
+  if (iFrameFormat != 0 && ((header.height + 15) & ~15u) > 1024) {
+    if (verbose) zycLog("Still image key frames are at most 1024 pixels wide or high\n");
     return 1;
   }
   if (pFrameFormat != 0) {
     if (verbose) zycLog("Table block P-frames (jFMT 1) are not available in this build\n");
     return 1;
   }
+  s.vqCompressor.tableLimit = vqLimit / 48 * 48;
   s.output = output;
   if (dataFileWanted) {
     dataFile = std::fopen("c:/test.txt", "w");
@@ -508,10 +593,21 @@ int32_t zycEncoder::Begin(zycStreamHeader& header, const zylFrameImage& image,
   s.sound.Take(soundFlags, s.extra);
   const bool hasSound = s.soundHandled && s.sound.soundSize != 0;
 
-  // The first key frame: the tree with the search off, and the rate loop of Begin.
-  BuildMotionVector(true, true);
   zycBudget budget{s.compressionSize, iRat, iDmp, s.header.timeScale, s.header.frameDuration};
   const int32_t wantedSize = budget.KeyFrameSize();
+  if (iFrameFormat != 0) {
+    const int32_t size = WriteStill(wantedSize, hasSound);
+    s.credit += s.compressionSize - size + (hasSound ? int32_t(s.sound.soundSize) : 0);
+    s.last = FrameInfo{true, wantedSize, size, 0, 0, 0, 100.0};
+    FillProgress(progress, true, size, hasSound);
+    Rebuild();
+    ++s.frameIndex;
+    PatchFile();
+    return 0;
+  }
+
+  // The first key frame: the tree with the search off, and the rate loop of Begin.
+  BuildMotionVector(true, true);
   zycBeginRateLoop loop;
   loop.wantedSize = wantedSize;
   loop.targetSize = wantedSize;
@@ -552,7 +648,7 @@ void zycEncoder::FillProgress(zylProgress* progress, bool key, int32_t size, boo
   progress->quantizer = s.last.errorMax;
   progress->opcodeBytes = s.opcodeLength;
   progress->motionBytesCount = s.lists.motionBytes.size();
-  progress->dxtBlockCount = s.lists.dxtList.size();
+  progress->dxtBlockCount = s.stillFrame ? s.stillTarget : s.lists.dxtList.size();
   progress->fadeBytesCount = s.fadeLength;
 }
 
@@ -590,10 +686,24 @@ int32_t zycEncoder::Next(const zylFrameImage& image, zylProgress* progress) {
     }
     s.sectionSize = 0;
     // The levels of this picture are already made; only the tree is searched again.
-    BuildMotionVector(true, false);
+    if (iFrameFormat == 0) BuildMotionVector(true, false);
     wantedSize = budget.KeyFrameSize();
     s.credit -= 6;
     s.lastKeyFrame = s.frameIndex;
+  }
+
+  if (key && iFrameFormat != 0) {
+    TimerStart(kTimerNext);
+    const int32_t size = WriteStill(wantedSize, hasSound);
+    s.credit += s.compressionSize - size + (hasSound ? int32_t(s.sound.soundSize) : 0);
+    s.last = FrameInfo{true, wantedSize, size, 0, 0, 0, changed};
+    FillProgress(progress, true, size, hasSound);
+    Rebuild();
+    TimerStop(kTimerNext);
+    s.pool.Reset();
+    ++s.frameIndex;
+    PatchFile();
+    return 0;
   }
 
   zycRateLoop loop;

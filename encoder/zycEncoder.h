@@ -91,6 +91,7 @@ class zycEncoder : public zycJobEncoder {
   int32_t TryTree(bool key, uint32_t threshold, uint32_t& errorNext, bool hasSound,
                   bool fadeAllowed);
   int32_t WriteTree(bool hasSound);
+  int32_t WriteStill(int32_t wantedSize, bool hasSound);
   void Rebuild();
   void BuildReferences();
   void PatchFile();

@@ -66,9 +66,13 @@ void BM_TreeSearch(benchmark::State& state) {
   refs.push_back(YuvCrop(63, 82, w, h));
   for (int f = 0; f < 16; ++f) refs.push_back(YuvCrop(63, 82, w, h, f < 8 ? -(8 - f) * 6 : (f - 7) * 6));
   std::vector<uint8_t> preview = YuvCrop(61, 80, w, h);
-  zycBlockSums sums[18];
-  for (int i = 0; i < 17; ++i) sums[i].Build(refs[i].data(), w, h);
-  sums[17].Build(source.data(), w, h);
+  zycBlockSums sums[2];
+  sums[0].Build(refs[0].data(), w, h);
+  sums[1].Build(source.data(), w, h);
+  const uint8_t* fades[16];
+  for (int f = 0; f < 16; ++f) fades[f] = refs[f + 1].data();
+  zycFadeSums fadeSums;
+  fadeSums.Build(fades, w, h);
   zycBlockPool pool;
   pool.Allocate((w / 16) * (h / 16), 16, 4);
   zycMotionSearch m;
@@ -82,8 +86,9 @@ void BM_TreeSearch(benchmark::State& state) {
   zycSadChoose(&m.kernels, variant != 0);
   m.pool = &pool;
   if (variant == 2) {
-    m.sourceSums = &sums[17];
-    m.referenceSums = sums;
+    m.sourceSums = &sums[1];
+    m.referenceSums = &sums[0];
+    m.fadeSums = &fadeSums;
   }
   std::vector<zycBlock> top((w / 16) * (h / 16));
   for (auto _ : state) {

@@ -38,15 +38,20 @@ struct SearchScene {
     zycConvertToYuv(crop.pixels.data(), yuv.data(), w * h);
     return yuv;
   }
-  zycBlockSums sums[18];  // 17 references, then the source
+  zycBlockSums sums[2];  // references[0], the source
+  zycFadeSums fadeSums;
   void Run(uint32_t count, bool simd, bool noFade = false, bool searchOff = false,
            bool useSums = false) {
     if (useSums) {
-      for (int i = 0; i < 17; ++i) sums[i].Build(references[i].data(), width, height);
-      sums[17].Build(source.data(), width, height);
+      sums[0].Build(references[0].data(), width, height);
+      sums[1].Build(source.data(), width, height);
+      const uint8_t* fades[16];
+      for (int f = 0; f < 16; ++f) fades[f] = references[f + 1].data();
+      fadeSums.Build(fades, width, height);
     }
-    search.referenceSums = useSums ? sums : nullptr;
-    search.sourceSums = useSums ? &sums[17] : nullptr;
+    search.referenceSums = useSums ? &sums[0] : nullptr;
+    search.sourceSums = useSums ? &sums[1] : nullptr;
+    search.fadeSums = useSums ? &fadeSums : nullptr;
     search.sourceYuv = source.data();
     for (int i = 0; i < 17; ++i) search.references[i] = references[i].data();
     for (int i = 0; i < 3; ++i) search.dxtPreview[i] = preview.data();
@@ -119,19 +124,33 @@ TEST(MotionSearch, Sse2AndPlainKernelsGiveIdenticalTreesOnRealVideo) {
 
 TEST(MotionSearch, SquareSumsAreTheSumsOfTheColourBytes) {
   std::vector<uint8_t> picture = SearchScene::Photo(40, 40, 48, 32);
+  std::vector<uint8_t> halved(picture.size());
+  for (size_t i = 0; i < picture.size(); ++i) halved[i] = uint8_t(picture[i] / 2);
   zycBlockSums sums;
   sums.Build(picture.data(), 48, 32);
+  // Fade 5 is the picture itself, the others the picture with every byte halved.
+  const uint8_t* pictures[16];
+  for (int f = 0; f < 16; ++f) pictures[f] = halved.data();
+  pictures[5] = picture.data();
+  zycFadeSums fadeSums;
+  fadeSums.Build(pictures, 48, 32);
   for (int32_t s : {4, 8, 16}) {
     for (int32_t y = 0; y + s <= 32; y += 5) {
       for (int32_t x = 0; x + s <= 48; x += 3) {
-        uint32_t expected = 0;
+        uint32_t expected = 0, expectedHalf = 0;
         for (int32_t j = 0; j < s; ++j) {
           for (int32_t i = 0; i < s; ++i) {
-            const uint8_t* px = &picture[(size_t(y + j) * 48 + x + i) * 4];
-            expected += uint32_t(px[0]) + px[1] + px[2];
+            const size_t at = (size_t(y + j) * 48 + x + i) * 4;
+            expected += uint32_t(picture[at]) + picture[at + 1] + picture[at + 2];
+            expectedHalf += uint32_t(halved[at]) + halved[at + 1] + halved[at + 2];
           }
         }
         ASSERT_EQ(sums.Sum(x, y, s), expected) << x << "," << y << " size " << s;
+        uint32_t all[16];
+        fadeSums.Sums(x, y, s, all);
+        ASSERT_EQ(all[5], expected);
+        ASSERT_EQ(all[0], expectedHalf);
+        ASSERT_EQ(all[15], expectedHalf);
       }
     }
   }

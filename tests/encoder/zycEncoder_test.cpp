@@ -432,18 +432,50 @@ TEST(Encoder, HeaderTailHoldsPackingAndParametersOrTheTwoWords) {
   }
 }
 
-TEST(Encoder, RefusesStillKeyFramesAndTableBlocksWithoutWriting) {
+TEST(Encoder, RefusesTableBlocksWithoutWriting) {
   zylTestPicture p = Crop(Coffee(), 0, 0, 32, 32);
-  for (int which = 0; which < 2; ++which) {
-    EncodeRun run(which ? "refuseTable" : "refuseStill");
-    if (which) {
-      run.encoder.pFrameFormat = 1;
-    } else {
-      run.encoder.iFrameFormat = 1;
-    }
-    EXPECT_NE(run.Begin(p), 0);
-    EXPECT_TRUE(run.FileBytes().empty());
+  EncodeRun run("refuseTable");
+  run.encoder.pFrameFormat = 1;
+  EXPECT_NE(run.Begin(p), 0);
+  EXPECT_TRUE(run.FileBytes().empty());
+}
+
+TEST(Encoder, RefusesLzmaWithPhoneSoundWithoutWriting) {
+  zylTestPicture p = Crop(Coffee(), 0, 0, 32, 32);
+  EncodeRun run("refuseLzma");
+  run.encoder.packing = 1;
+  run.encoder.embedRequest = 1;
+  run.encoder.soundFlags = 32 | 1;
+  run.header.soundRate = 16000;
+  run.header.soundChannels = 1;
+  EXPECT_EQ(run.Begin(p), 1);
+  EXPECT_TRUE(run.FileBytes().empty());
+}
+
+TEST(Encoder, StillImageKeyFramesDecodeAndMeetTheirBudget) {
+  auto frames = Clip("walkers_768x576_10fps_120f.mkv", 4, 128, 96);
+  ASSERT_EQ(frames.size(), 4u);
+  EncodeRun run("still");
+  run.encoder.iFrameFormat = 1;
+  run.encoder.iRng = 0.0f;
+  const uint32_t forced[] = {2};
+  zylKeyframeRange plan{0, 0, forced, 1, nullptr};
+  ASSERT_EQ(run.Begin(frames[0], 10.0, &plan), 0);
+  for (size_t i = 1; i < frames.size(); ++i) run.Next(frames[i]);
+  EXPECT_EQ(run.movie.frameFlags[0], kFrameFlagAlways | kFrameFlagImage);
+  EXPECT_EQ(run.movie.frameFlags[2], kFrameFlagAlways | kFrameFlagImage);
+  EXPECT_EQ(run.movie.sectionFrames, (std::vector<uint32_t>{2, 2}));
+  // The image item follows a tree item of one byte.
+  EXPECT_EQ(zycLoad32(run.movie.frames[0].data()), 1u);
+  EXPECT_EQ(zycLoad32(run.movie.frames[0].data() + 9), kStillImageMagic);
+  for (size_t f : {size_t(0), size_t(2)}) {
+    EXPECT_EQ(run.progresses[f].quantizer, 0u);
+    EXPECT_EQ(run.progresses[f].opcodeBytes, 1u);
+    EXPECT_GT(run.progresses[f].dxtBlockCount, 0u);  // the compressor's final target
   }
+  EXPECT_LE(run.progresses[0].size, int32_t(10.0 * run.encoder.CompressionSize() * double(0.2f)));
+  // P-frames after a still image copy from its reconstruction.
+  EXPECT_TRUE(run.movie.frameFlags[1] & kFrameFlagMotion);
 }
 
 TEST(Encoder, PlainSimdAndSumBoundedSearchesWriteTheSameMovie) {
