@@ -33,6 +33,8 @@ const char* zycPayloadErrorText(zycPayloadError error) {
       return "stream entries beyond the record";
     case zycPayloadError::streamCut:
       return "stream beyond the record";
+    case zycPayloadError::recordTail:
+      return "bytes behind the last stream";
     case zycPayloadError::streamOverlap:
       return "stream misplaced";
   }
@@ -177,5 +179,6 @@ bool zycSplitRecord(const uint8_t* data, size_t length, zycFrameRecord* record) 
     order[i]->size = size;
     end = offset + size;
   }
+  if (end != behind) return recordFail(record, zycPayloadError::recordTail, 4 + size_t(end));
   return true;
 }

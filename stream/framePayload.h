@@ -24,6 +24,7 @@ enum class zycPayloadError : uint8_t {
   entriesCut,       // the stream entries and their pad run past the record
   streamCut,        // a stream runs past the record
   streamOverlap,    // a stream starts before the previous one ends, or off its alignment
+  recordTail,       // bytes stand behind the record's last stream
 };
 
 const char* zycPayloadErrorText(zycPayloadError error);
