@@ -10,6 +10,15 @@
 
 namespace {
 
+// Means of the three channels of a vector; a sum of 16 floats is exact in 64 bits.
+void vqChannelMeans(const float* v, double means[3]) {
+  for (int ch = 0; ch < 3; ++ch) {
+    double sum = 0.0;
+    for (int p = 0; p < 16; ++p) sum += v[3 * p + ch];
+    means[ch] = sum * 0.0625;
+  }
+}
+
 template <typename T>
 T* alignedZeros(size_t count) {
   const size_t bytes = (count * sizeof(T) + 15) & ~size_t(15);
@@ -29,6 +38,8 @@ VQCodebook::VQCodebook(uint32_t n, bool useSse) : size(n) {
   counts = alignedZeros<uint32_t>(n);
   distances = alignedZeros<float>(n);
   interleaved = alignedZeros<float>(size_t(n) * kVqComponents);
+  channelMeans = alignedZeros<double>(size_t(n) * 4);
+  lowerBounds = alignedZeros<double>(n);
   // The fast kind only where the build has it.
   sse = useSse && vqDistancesSse(interleaved, 4, vectors, distances);
 }
@@ -41,6 +52,8 @@ VQCodebook::~VQCodebook() {
   std::free(counts);
   std::free(distances);
   std::free(interleaved);
+  std::free(channelMeans);
+  std::free(lowerBounds);
 }
 
 void VQCodebook::setVector(uint32_t i, const float* source) {
@@ -48,6 +61,7 @@ void VQCodebook::setVector(uint32_t i, const float* source) {
   if (row != source) std::memmove(row, source, kVqComponents * sizeof(float));
   float* group = interleaved + size_t(i / 4) * kVqComponents * 4 + i % 4;
   for (uint32_t c = 0; c < kVqComponents; ++c) group[c * 4] = row[c];
+  vqChannelMeans(row, channelMeans + size_t(i) * 4);
 }
 
 void VQCodebook::init() {
@@ -66,7 +80,25 @@ void VQCodebook::computeDistances(const float* vector) {
     vqDistancesPlain(vectors, size, vector, distances);
 }
 
-uint32_t VQCodebook::nearest(const float* vector, float* outDistance) {
+uint32_t VQCodebook::nearest(const float* vector, float* outDistance, uint32_t hint) {
+  double means[3];
+  vqChannelMeans(vector, means);
+  uint32_t closest = 0;
+  for (uint32_t i = 0; i < size; ++i) {
+    const double* m = channelMeans + size_t(i) * 4;
+    const double d0 = means[0] - m[0], d1 = means[1] - m[1], d2 = means[2] - m[2];
+    lowerBounds[i] = 16.0 * (d0 * d0 + d1 * d1 + d2 * d2);
+    if (lowerBounds[i] < lowerBounds[closest]) closest = i;
+  }
+  // Without a hint the search starts from the code vector of the closest means.
+  if (hint >= size) hint = closest;
+  uint32_t index;
+  if (sse && vqNearestSse(interleaved, lowerBounds, size, vector, hint, &index, outDistance))
+    return index;
+  return vqNearestPlain(vectors, lowerBounds, size, vector, hint, outDistance);
+}
+
+uint32_t VQCodebook::nearestExhaustive(const float* vector, float* outDistance) {
   computeDistances(vector);
   uint32_t best = 0;
   float bestDistance = distances[0];
@@ -80,9 +112,9 @@ uint32_t VQCodebook::nearest(const float* vector, float* outDistance) {
   return best;
 }
 
-void VQCodebook::add(const float* vector) {
+uint32_t VQCodebook::add(const float* vector, uint32_t hint) {
   float d;
-  const uint32_t i = nearest(vector, &d);
+  const uint32_t i = nearest(vector, &d, hint);
   if (d > worstDistances[i]) {
     worstDistances[i] = d;
     std::memcpy(worstVectors + size_t(i) * kVqComponents, vector, kVqComponents * sizeof(float));
@@ -90,6 +122,7 @@ void VQCodebook::add(const float* vector) {
   float* sum = sums + size_t(i) * kVqComponents;
   for (uint32_t c = 0; c < kVqComponents; ++c) sum[c] += vector[c];
   counts[i] += 1;
+  return i;
 }
 
 void VQCodebook::update() {
@@ -125,8 +158,10 @@ void VQCodebook::update() {
 uint32_t VQCodebook::train(const float* trainingVectors, uint32_t count, bool verbose) {
   init();
   uint32_t rounds = 0;
+  std::vector<uint32_t> last(count, kNoHint);
   do {
-    for (uint32_t k = 0; k < count; ++k) add(trainingVectors + size_t(k) * kVqComponents);
+    for (uint32_t k = 0; k < count; ++k)
+      last[k] = add(trainingVectors + size_t(k) * kVqComponents, last[k]);
     update();
     ++rounds;
     if (verbose)
@@ -138,6 +173,32 @@ uint32_t VQCodebook::train(const float* trainingVectors, uint32_t count, bool ve
 
 void vqDistancesPlain(const float* vectors, uint32_t size, const float* vector, float* out) {
   for (uint32_t i = 0; i < size; ++i) out[i] = vqDistance(vectors + size_t(i) * kVqComponents, vector);
+}
+
+uint32_t vqNearestPlain(const float* vectors, const double* lowerBounds, uint32_t size,
+                        const float* vector, uint32_t hint, float* outDistance) {
+  uint32_t bestIndex = hint;
+  float best = vqDistance(vectors + size_t(hint) * kVqComponents, vector);
+  for (uint32_t i = 0; i < size; ++i) {
+    if (i == hint || (lowerBounds && vqBoundExcludes(lowerBounds[i], best))) continue;
+    const float* row = vectors + size_t(i) * kVqComponents;
+    float sum = 0.0f;
+    uint32_t c = 0;
+    // Sum in the order of vqDistance; give up once the partial sum passes the best.
+    for (uint32_t stop = 12; stop <= kVqComponents && !(sum > best); stop += 12) {
+      for (; c < stop; ++c) {
+        const float d = row[c] - vector[c];
+        sum += d * d;
+      }
+    }
+    if (c < kVqComponents) continue;
+    if (sum < best || (sum == best && i < bestIndex)) {
+      best = sum;
+      bestIndex = i;
+    }
+  }
+  *outDistance = best;
+  return bestIndex;
 }
 
 void vqSortAscending(const float* keys, uint32_t count, uint32_t* order) {

@@ -21,13 +21,20 @@ struct VQCodebook {
 
   // Spreads the code vectors on the grey line: vector i is i * 255 / (n - 1) everywhere.
   void init();
-  // One training step: the vector joins its nearest code vector.
-  void add(const float* vector);
+  // One training step: the vector joins its nearest code vector. `hint` (a guess of the
+  // nearest, such as the vector's code vector of the last round) only saves time. Returns the
+  // code vector joined.
+  uint32_t add(const float* vector, uint32_t hint = kNoHint);
   // Closes a round: moves the used vectors to their means when they moved by more than the
   // threshold, makes unused ones jump to the worst-served members, clears the round.
   void update();
   // Number of the nearest code vector (the lower number on a tie) and its squared distance.
-  uint32_t nearest(const float* vector, float* outDistance);
+  // Stops summing a code vector's distance once it passes the best so far, which can't change
+  // the result: partial sums of squares only grow.
+  uint32_t nearest(const float* vector, float* outDistance, uint32_t hint = kNoHint);
+  // The same by the full distances to all code vectors into `distances`, then one scan.
+  uint32_t nearestExhaustive(const float* vector, float* outDistance);
+  static constexpr uint32_t kNoHint = 0xFFFFFFFFu;
   // init, then rounds of add over `count` vectors and update until no vector moves. Prints
   // "Updated Vectors: %lu, used Vectors: %lu\n" after each round when `verbose`. Returns the
   // number of rounds.
@@ -50,6 +57,11 @@ struct VQCodebook {
   // The fast kind's copy of the code vectors, four at a time component by component:
   // interleaved[(i / 4) * 192 + c * 4 + i % 4] = vectors[i * 48 + c].
   float* interleaved = nullptr;
+  // Channel means of each code vector, [i * 4 + channel], exact in 64-bit floats, and the
+  // scratch of the lower bounds they give: 16 times the squared difference of the means, summed
+  // over the channels, is at most the distance.
+  double* channelMeans = nullptr;
+  double* lowerBounds = nullptr;
 
  private:
   void computeDistances(const float* vector);
@@ -70,6 +82,21 @@ void vqDistancesPlain(const float* vectors, uint32_t size, const float* vector, 
 // The same with four code vectors at a time from the interleaved layout; identical results.
 // False when the build has no SSE (nothing written).
 bool vqDistancesSse(const float* interleaved, uint32_t size, const float* vector, float* out);
+
+// Nearest code vector with the pruned search, in each kind; same result as the full scan.
+// `lowerBounds[i]` is at most the distance to code vector i (or null); a code vector whose
+// bound passes the best so far by more than the float sum's rounding is not summed at all.
+uint32_t vqNearestPlain(const float* vectors, const double* lowerBounds, uint32_t size,
+                        const float* vector, uint32_t hint, float* outDistance);
+// False when the build has no SSE.
+bool vqNearestSse(const float* interleaved, const double* lowerBounds, uint32_t size,
+                  const float* vector, uint32_t hint, uint32_t* outIndex, float* outDistance);
+
+// True when a code vector with this lower bound of its distance can't be nearer than, nor as
+// near as, `best`: a float sum of 48 squares is within 3e-6 of the exact value.
+inline bool vqBoundExcludes(double lowerBound, float best) {
+  return lowerBound * (1.0 - 1e-5) > double(best);
+}
 
 // Stable ascending sort of `count` floats: order[k] is the number of the k-th smallest. The
 // keys are left in place.

@@ -5,10 +5,12 @@
 
 #include <cmath>
 #include <cstring>
+#include <memory>
 #include <random>
 #include <vector>
 
 #include "tests/support/imageLoad.h"
+#include "vq/VQCodebook.h"
 #include "vq/VQSLSQCompressor.h"
 
 namespace {
@@ -99,5 +101,49 @@ void BM_StillImageGroupSearchReference(benchmark::State& state) {
   compressPicture(state, p, 6000, true);
 }
 BENCHMARK(BM_StillImageGroupSearchReference)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+// The nearest search of training: a 1024-vector codebook trained on the 4x4 quarters of the
+// photograph, then every quarter searched once, pruned or with all full distances.
+struct TrainedCodebook {
+  std::vector<float> quarters;
+  uint32_t count = 0;
+  std::unique_ptr<VQCodebook> codebook;
+  TrainedCodebook() {
+    const Picture p = photo("photo_flower_2268x1512.png", 640, 360, 3);
+    if (p.pixels.empty()) return;
+    for (uint32_t by = 0; by < p.height; by += 4)
+      for (uint32_t bx = 0; bx < p.width; bx += 4)
+        for (uint32_t row = 0; row < 4; ++row)
+          for (uint32_t i = 0; i < 12; ++i) quarters.push_back(p.pixels[((by + row) * p.width + bx) * 3 + i]);
+    count = uint32_t(quarters.size() / kVqComponents);
+    codebook = std::make_unique<VQCodebook>(1024, true);
+    codebook->init();
+    for (int round = 0; round < 4; ++round) {
+      for (uint32_t k = 0; k < count; ++k) codebook->add(&quarters[size_t(k) * kVqComponents]);
+      codebook->update();
+    }
+  }
+};
+
+void nearestSearch(benchmark::State& state, bool pruned) {
+  static TrainedCodebook trained;
+  if (!trained.codebook) {
+    state.SkipWithError("picture not found");
+    return;
+  }
+  float d;
+  for (auto _ : state) {
+    for (uint32_t k = 0; k < trained.count; ++k) {
+      const float* v = &trained.quarters[size_t(k) * kVqComponents];
+      benchmark::DoNotOptimize(pruned ? trained.codebook->nearest(v, &d)
+                                      : trained.codebook->nearestExhaustive(v, &d));
+    }
+  }
+  state.SetItemsProcessed(int64_t(state.iterations()) * trained.count);
+}
+void BM_VqNearestPruned(benchmark::State& state) { nearestSearch(state, true); }
+void BM_VqNearestFullScan(benchmark::State& state) { nearestSearch(state, false); }
+BENCHMARK(BM_VqNearestPruned)->Iterations(2)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_VqNearestFullScan)->Iterations(2)->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -130,6 +130,33 @@ TEST(VQCodebook, BothKindsTrainAndAssignAlikeOnAPhotograph) {
   }
 }
 
+TEST(VQCodebook, PrunedNearestEqualsTheFullScanWhateverTheHint) {
+  const StillPicture picture = photoPicture("photo_coffee_600x400.png", 256, 160, 64, 64);
+  ASSERT_EQ(picture.width, 64u);
+  std::vector<float> samples(picture.pixels.begin(), picture.pixels.end());
+  std::mt19937 random(5);
+  for (bool sse : {false, true}) {
+    VQCodebook codebook(64, sse);
+    // Code vectors taken from the picture, some repeated, so that ties occur.
+    for (uint32_t i = 0; i < 64; ++i)
+      codebook.setVector(i, &samples[(random() % 256) * kVqComponents]);
+    codebook.setVector(40, codebook.vectors + 3 * kVqComponents);
+    for (uint32_t k = 0; k < 256; ++k) {
+      const float* v = &samples[k * kVqComponents];
+      float full, pruned;
+      const uint32_t expected = codebook.nearestExhaustive(v, &full);
+      for (uint32_t hint : {VQCodebook::kNoHint, uint32_t(random() % 64), 40u, expected}) {
+        ASSERT_EQ(codebook.nearest(v, &pruned, hint), expected) << sse << " " << k << " " << hint;
+        ASSERT_EQ(pruned, full);
+      }
+    }
+    // A vector equal to entries 3 and 40 joins 3 even with 40 as the hint.
+    float d;
+    EXPECT_EQ(codebook.nearest(codebook.vectors + 3 * kVqComponents, &d, 40), 3u);
+    EXPECT_EQ(d, 0.0f);
+  }
+}
+
 TEST(VqSort, AscendingAndStableReturningAPermutation) {
   const float keys[] = {3.0f, 1.0f, 2.0f, 1.0f, 0.0f, 2.5f, 1.0f};
   uint32_t order[7];
