@@ -210,10 +210,6 @@ bool zycSafeReader::Walk() {
   }
   pictureWidth_ = uint32_t(w);
   pictureHeight_ = uint32_t(h);
-  if (!isZyl1() && (header_.flags & kHeaderFlagWideMotion) && !largeMotionReady_) {
-    zycFillLargeMotionTable(largeMotion_);  // the table by its rule takes a while to build
-    largeMotionReady_ = true;
-  }
   if (header_.fileSize != file_.size())
     Problem("the header gives a file size of " + Num(header_.fileSize) + " bytes, the file holds " +
             Num(file_.size()));
@@ -629,6 +625,10 @@ bool zycSafeReader::CheckZyl0Frame(const zycSafeFrame& frame, const zycFrameItem
   tree.motion = items.motion.present ? bytes + items.motion.offset : nullptr;
   tree.motionBytes = items.motion.present ? items.motion.size : 0;
   tree.wide = header_.flags & kHeaderFlagWideMotion;
+  if (tree.wide && !largeMotionReady_) {
+    zycFillLargeMotionTable(largeMotion_);  // the table by its rule takes a while to build
+    largeMotionReady_ = true;
+  }
   tree.largeMotion = largeMotion_;
   tree.width = pictureWidth_;
   tree.height = pictureHeight_;
@@ -700,7 +700,7 @@ void zycSafeReader::Rewind() {
   const size_t bytes = size_t(pictureWidth_) * pictureHeight_ * 4;
   picture_.assign(bytes, 0);
   previous_.assign(bytes, 0);
-  if (pictureWidth_) ResetDecoder();
+  decoderReady_ = false;  // set up at the first frame: the tables take a while to fill
 }
 
 zycSafeStatus zycSafeReader::NextFrame() {
@@ -710,6 +710,10 @@ zycSafeStatus zycSafeReader::NextFrame() {
   if (next_ >= frames_.size()) return zycSafeStatus::end;
   current_ = next_++;
   const zycSafeFrame& f = frames_[current_];
+  if (!decoderReady_) {
+    ResetDecoder();
+    decoderReady_ = true;
+  }
 
   if (!isZyl1()) {
     const zycFrameItems& items = items_[current_];

@@ -150,6 +150,7 @@ class zycSafeReader {
   bool largeMotionReady_ = false;
   uint32_t pictureWidth_ = 0, pictureHeight_ = 0;
   std::vector<uint8_t> picture_, previous_, scratch_;
+  bool decoderReady_ = false;
   bool pictureValid_ = false;  // the picture holds the frame before the next one
   bool treeView_ = false;
   uint32_t next_ = 0, current_ = 0;

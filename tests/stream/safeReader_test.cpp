@@ -281,6 +281,25 @@ TEST(SafeReaderDamage, MotionOutsideThePictureIsNamedWithItsPlace) {
             "outside the picture (block 8 at 0,0)");
 }
 
+TEST(SafeReaderDamage, WideMotionIndicesStayInTheirTable) {
+  zylTestMovieOptions o;
+  o.wideMotion = true;
+  auto plain = Read(zylTestMovie::Zyl0({}));
+  auto wide = Read(zylTestMovie::Zyl0(o));
+  ASSERT_TRUE(wide->problems().empty()) << wide->error();
+  EXPECT_EQ(wide->frames()[1].motionBytes, 18u);
+  EXPECT_TRUE(wide->CheckAll().empty());
+  EXPECT_EQ(DecodeAll(*wide), DecodeAll(*plain));
+
+  // Index 4095 is (-32,-32); 4096 is beyond the table.
+  auto far = Read(Edited(1, [](Items* i) { zycStore16((*i)[1].data() + 2, 4095); }, o));
+  auto beyond = Read(Edited(1, [](Items* i) { zycStore16((*i)[1].data(), 4096); }, o));
+  ASSERT_EQ(far->CheckAll().size(), 1u);
+  EXPECT_TRUE(Contains(far->CheckAll()[0], "motion index 1 (vector 4095: -32,-32) reads outside"));
+  ASSERT_EQ(beyond->CheckAll().size(), 1u);
+  EXPECT_TRUE(Contains(beyond->CheckAll()[0], "selects vector 4096, beyond the table of 4096"));
+}
+
 TEST(SafeReaderDamage, ItemLengthsMustMatchTheTree) {
   struct Case {
     uint32_t frame;

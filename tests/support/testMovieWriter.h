@@ -28,6 +28,7 @@ struct zylTestMovieOptions {
   bool planeFrames = false;  // ZYL1: P-frames as plane records (not decodable here)
   bool stillKeyFrames = false;  // ZYL0: key frames as still images instead of trees
   bool tableFrames = false;     // ZYL0: P-frames take their colour blocks from a block table
+  bool wideMotion = false;      // ZYL0: u16 motion indices (header flag 8)
   // ZYL0: may change a frame's item bodies (tree item first) before they are packed.
   std::function<void(uint32_t frame, std::vector<std::vector<uint8_t>>* items)> edit;
 };
@@ -65,6 +66,10 @@ inline std::vector<std::vector<uint8_t>> Zyl0FrameItems(const zylTestMovieOption
     colours.push_back(uint32_t(o.seed * 977u + frame * 131u + k * 7919u) * 2654435761u);
     indices.push_back(uint32_t(o.seed + frame * 17u + k * 29u) * 2246822519u);
   };
+  auto putMotion = [&]() {  // index 0, the vector (0,0)
+    motion.push_back(0);
+    if (o.wideMotion) motion.push_back(0);
+  };
   auto fadeLevel = [&](uint8_t level) {
     if (fadeCount % 2 == 0) fade.push_back(0);
     fade.back() |= uint8_t((level & 15) << (4 * (fadeCount % 2)));
@@ -84,7 +89,7 @@ inline std::vector<std::vector<uint8_t>> Zyl0FrameItems(const zylTestMovieOption
     for (uint32_t k = 0; k < blocks; ++k) {
       if ((k + frame) % 2 == 0) {
         tree.Put(kSymbolCopy);
-        motion.push_back(0);
+        putMotion();
       } else {
         tree.Put(kSymbolColour);
         picks.push_back((k + frame) % 8);
@@ -125,25 +130,25 @@ inline std::vector<std::vector<uint8_t>> Zyl0FrameItems(const zylTestMovieOption
       colourBlock(k);
     } else if ((k + frame) % 2 == 0) {
       tree.Put(kSymbolCopy);
-      motion.push_back(0);
+      putMotion();
     } else {
       // A split block: fade, colour, copy, and a split of 4 by 4 nodes of every symbol.
       tree.Put(kSymbolSplit);
       tree.Put(kSymbolFade);
-      motion.push_back(0);
+      putMotion();
       fadeLevel(uint8_t(frame + k));
       tree.Put(kSymbolColour);
       colourBlock(k);
       tree.Put(kSymbolCopy);
-      motion.push_back(0);
+      putMotion();
       tree.Put(kSymbolSplit);
       tree.Put(kSymbolCopy);
-      motion.push_back(0);
+      putMotion();
       tree.Put(kSymbolSplit);  // leaves the pixels as they are
       tree.Put(kSymbolColour);
       colourBlock(k + 1000);
       tree.Put(kSymbolFade);
-      motion.push_back(0);
+      putMotion();
       fadeLevel(uint8_t(15 - frame));
     }
   }
@@ -210,7 +215,8 @@ inline zycStreamHeader Zyl0Header(const zylTestMovieOptions& o) {
   zycStreamHeader h;
   h.magic = kMagicZyl0;
   h.version = o.version;
-  h.flags = kHeaderFlagAlways | (o.sound ? kHeaderFlagSound : 0);
+  h.flags = kHeaderFlagAlways | (o.sound ? kHeaderFlagSound : 0) |
+            (o.wideMotion ? kHeaderFlagWideMotion : 0);
   h.frameDuration = o.frameDuration;
   h.timeScale = kTimeScale;
   h.width = o.width;
