@@ -109,11 +109,13 @@ int32_t RunEncodeJob(zycCodec& codec, zycJobEncoder* encoder, zylSource* source,
   if (frameCount == 0) frameCount = source->frameCount;
   TimerReset();
 
-  // The first picture after a seek may still be one the stream held before it: it is dropped.
+  // Seek and grab twice: the first picture after a seek may still be one the stream held before
+  // it, so it is dropped, and the second seek brings the stream back to `firstFrame`.
   zylFrameImage image;
-  SeekToFrame(source, firstFrame);
-  GrabFrame(source, image);
-  GrabFrame(source, image);
+  for (int round = 0; round < 2; ++round) {
+    SeekToFrame(source, firstFrame);
+    GrabFrame(source, image);
+  }
 
   zylProgress progress = {};
   progress.sourceFrameCount = source->frameCount;

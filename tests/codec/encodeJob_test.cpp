@@ -106,16 +106,16 @@ class EncodeJob : public testing::Test {
   std::string printed_;
 };
 
-TEST_F(EncodeJob, DropsTheFirstGrabAndFeedsEveryFurtherPicture) {
+TEST_F(EncodeJob, SeeksTwiceAndFeedsEveryPictureFromTheFirst) {
   std::vector<zycTestPicture> pictures = Pictures(8, 4, 5);
   zycMemorySource media(pictures, 25.0);
   EXPECT_EQ(Run(media, "a.zyl"), 0);
   EXPECT_EQ(encoder_.calls, (std::vector<std::string>{"SetJobRange", "Begin", "Next", "Next",
-                                                       "Next", "End"}));
+                                                       "Next", "Next", "End"}));
   EXPECT_EQ(encoder_.firstFrame, 0u);
   EXPECT_EQ(encoder_.frameTotal, 5u);  // 0 means the source's frame count
-  ASSERT_EQ(encoder_.pictures.size(), 4u);
-  for (size_t i = 0; i < 4; ++i) EXPECT_EQ(encoder_.pictures[i].pixels, Expected(pictures[i + 1]));
+  ASSERT_EQ(encoder_.pictures.size(), 5u);
+  for (size_t i = 0; i < 5; ++i) EXPECT_EQ(encoder_.pictures[i].pixels, Expected(pictures[i]));
   EXPECT_EQ(ReadFile(dir_ / "a.zyl"), "main");
 }
 
@@ -126,9 +126,9 @@ TEST_F(EncodeJob, StopsAfterTheAskedNumberOfFramesTakingOneGrabTooMany) {
   EXPECT_EQ(encoder_.firstFrame, 2u);
   EXPECT_EQ(encoder_.frameTotal, 3u);
   ASSERT_EQ(encoder_.pictures.size(), 3u);
-  EXPECT_EQ(encoder_.pictures[0].pixels, Expected(pictures[3]));
-  EXPECT_EQ(encoder_.pictures[2].pixels, Expected(pictures[5]));
-  EXPECT_EQ(media.videoSeeks(), std::vector<int64_t>{800000});  // 2 / 25 s
+  EXPECT_EQ(encoder_.pictures[0].pixels, Expected(pictures[2]));
+  EXPECT_EQ(encoder_.pictures[2].pixels, Expected(pictures[4]));
+  EXPECT_EQ(media.videoSeeks(), (std::vector<int64_t>{800000, 800000}));  // 2 / 25 s, twice
   EXPECT_EQ(encoder_.CallCount("Next"), 2);
 }
 
@@ -146,13 +146,14 @@ TEST_F(EncodeJob, OddWidthsAndAResizeReachTheEncoderIntact) {
       zycTestPicture::Pattern(13, 5, 2), zycTestPicture::Pattern(13, 5, 3)};
   zycMemorySource media(pictures, 25.0);
   EXPECT_EQ(Run(media, "a.zyl"), 0);
-  ASSERT_EQ(encoder_.pictures.size(), 3u);
+  ASSERT_EQ(encoder_.pictures.size(), 4u);
   EXPECT_EQ(encoder_.pictures[0].width, 7);
-  EXPECT_EQ(encoder_.pictures[0].pixels, Expected(pictures[1]));
-  EXPECT_EQ(encoder_.pictures[1].width, 13);
-  EXPECT_EQ(encoder_.pictures[1].height, 5);
-  EXPECT_EQ(encoder_.pictures[1].pixels, Expected(pictures[2]));
-  EXPECT_EQ(encoder_.pictures[2].pixels, Expected(pictures[3]));
+  EXPECT_EQ(encoder_.pictures[0].pixels, Expected(pictures[0]));
+  EXPECT_EQ(encoder_.pictures[1].pixels, Expected(pictures[1]));
+  EXPECT_EQ(encoder_.pictures[2].width, 13);
+  EXPECT_EQ(encoder_.pictures[2].height, 5);
+  EXPECT_EQ(encoder_.pictures[2].pixels, Expected(pictures[2]));
+  EXPECT_EQ(encoder_.pictures[3].pixels, Expected(pictures[3]));
   EXPECT_EQ(encoder_.header.width, 7u);
   EXPECT_EQ(encoder_.header.height, 3u);
 }
@@ -191,9 +192,9 @@ TEST_F(EncodeJob, ProgressRecordAfterEveryFrame) {
   zylKeyframeRange plan = {0, 3, nullptr, 0, nullptr};
   EXPECT_EQ(Run(media, "a.zyl", 0, 0, &plan), 0);
   EXPECT_EQ(encoder_.keyframePlan, &plan);
-  ASSERT_EQ(watcher_.calls, 3);
+  ASSERT_EQ(watcher_.calls, 4);
   EXPECT_EQ(watcher_.user, 0x1234u);
-  for (int i = 0; i < 3; ++i) {
+  for (int i = 0; i < 4; ++i) {
     const zylProgress& p = watcher_.records[size_t(i)];
     EXPECT_EQ(p.frameIndex, uint32_t(i));
     EXPECT_EQ(p.size, 100 + i);
@@ -201,7 +202,7 @@ TEST_F(EncodeJob, ProgressRecordAfterEveryFrame) {
     EXPECT_EQ(p.width, 6u);
     EXPECT_EQ(p.height, 3u);
     EXPECT_EQ(p.pitch, 32u);  // the recording encoder's padded row
-    EXPECT_EQ(watcher_.shown[size_t(i)], Expected(pictures[size_t(i) + 1]));
+    EXPECT_EQ(watcher_.shown[size_t(i)], Expected(pictures[size_t(i)]));
   }
   EXPECT_EQ(watcher_.records[0].keyFrame, 1);
   EXPECT_EQ(watcher_.records[1].keyFrame, 0);
@@ -240,7 +241,7 @@ TEST_F(EncodeJob, AStalledSourceEndsTheJobAtTheGrabTimeout) {
   zycMemorySource media(Pictures(8, 4, 6), 25.0);
   media.StallVideoAt(3);
   EXPECT_EQ(Run(media, "a.zyl"), 0);
-  EXPECT_EQ(encoder_.CallCount("Next"), 1);  // pictures 1 and 2; picture 3 never comes
+  EXPECT_EQ(encoder_.CallCount("Next"), 2);  // pictures 0, 1 and 2; picture 3 never comes
   EXPECT_EQ(encoder_.CallCount("End"), 1);
 }
 
@@ -255,7 +256,7 @@ TEST_F(EncodeJob, PrintsTheFrameTimesAndTheEndLinesInOrder) {
   EXPECT_EQ(TimerSlot(kTimerGeneric0).calls, 0u);
   EXPECT_EQ(Count("Frame encoding time: "), 1u);
   EXPECT_EQ(Count("s  Total Encoding time: "), 1u);
-  EXPECT_EQ(Count("Frame enccoding time (sec):"), 2u);
+  EXPECT_EQ(Count("Frame enccoding time (sec):"), 3u);
   const std::string tail =
       "------------------------------------------------------\n"
       "Encoding done...\n"
@@ -411,7 +412,7 @@ TEST_F(EncodeJob, SoundThatEndsIsFilledWithZerosAndStaysEnded) {
   zycMemorySource media(Pictures(8, 4, 6), 25.0, pcm, 1, 16000);
   encoder_.audioBytesPerFrame = 2000;
   EXPECT_EQ(Run(media, "a.zyl"), 0);
-  ASSERT_EQ(encoder_.audio.size(), 5u);
+  ASSERT_EQ(encoder_.audio.size(), 6u);
   auto samples = [&](size_t i) {
     const std::vector<uint8_t>& bytes = encoder_.audio[i];
     return std::vector<int16_t>(reinterpret_cast<const int16_t*>(bytes.data()),
@@ -424,6 +425,7 @@ TEST_F(EncodeJob, SoundThatEndsIsFilledWithZerosAndStaysEnded) {
   EXPECT_EQ(samples(2), tail);
   EXPECT_EQ(samples(3), std::vector<int16_t>(1000, 0));
   EXPECT_EQ(samples(4), std::vector<int16_t>(1000, 0));
+  EXPECT_EQ(samples(5), std::vector<int16_t>(1000, 0));
   EXPECT_EQ(media.source()->audioEnded, 1);
   EXPECT_EQ(codec_->source, media.source());
 }
@@ -437,7 +439,7 @@ TEST_F(EncodeJob, UnknownModeDrivesNoEncoder) {
   testing::internal::CaptureStdout();
   EXPECT_EQ(codec_->Encode(media.source(), 0, name.c_str()), 0);
   testing::internal::GetCapturedStdout();
-  EXPECT_EQ(watcher_.calls, 2);
+  EXPECT_EQ(watcher_.calls, 3);
   EXPECT_EQ(watcher_.records[0].reconstructed, nullptr);
   EXPECT_EQ(ReadFile(dir_ / "a.zyl"), "");
 }
