@@ -235,29 +235,30 @@ TEST(DxtLevels, PreviewsAreTheLevelBlocksDecodedAndConverted) {
   const uint32_t width = 48, height = 32;
   const zylTestImage crop = photoCrop(width, height, "photo_astronaut_512x512.png", 200, 150);
   int threeColourBlocks = 0;
-  for (uint32_t backEnd : {kDxtBackEndSquishRange, kDxtBackEndBaseColour})
-  for (uint32_t yuv : {0u, 1u}) {
-    zycDxtLevels levels;
-    levels.Allocate(width, height);
-    std::vector<uint8_t> picture = yuv ? toYuv(crop.pixels) : crop.pixels;
-    uint32_t field = backEnd;
-    BuildLevels(levels, picture.data(), field, yuv);
-    for (int l = 0; l < 3; ++l) {
-      const uint32_t step = 4u << l;
-      const uint8_t* block = levels.blocks[l].data();
-      for (uint32_t by = 0; by < height / step; ++by) {
-        for (uint32_t bx = 0; bx < width / step; ++bx, block += 8) {
-          int pixels[16][3];
-          decodeIndependently(block, yuv, pixels);
-          threeColourBlocks += (block[0] | block[1] << 8) <= (block[2] | block[3] << 8);
-          for (uint32_t p = 0; p < 16; ++p) {
-            const uint32_t want = zycYuvPixel(uint8_t(pixels[p][0]), uint8_t(pixels[p][1]), uint8_t(pixels[p][2]));
-            for (uint32_t v = 0; v < (1u << l); ++v) {
-              for (uint32_t u = 0; u < (1u << l); ++u) {
-                const uint32_t x = bx * step + ((p % 4) << l) + u, y = by * step + ((p / 4) << l) + v;
-                const uint8_t* got = levels.preview[l] + (y * width + x) * 4;
-                ASSERT_EQ(uint32_t(got[0] | got[1] << 8 | got[2] << 16 | got[3] << 24), want)
-                    << "yuv " << yuv << " level " << l << " at " << x << "," << y;
+  for (uint32_t backEnd : {kDxtBackEndSquishRange, kDxtBackEndBaseColour}) {
+    for (uint32_t yuv : {0u, 1u}) {
+      zycDxtLevels levels;
+      levels.Allocate(width, height);
+      std::vector<uint8_t> picture = yuv ? toYuv(crop.pixels) : crop.pixels;
+      uint32_t field = backEnd;
+      BuildLevels(levels, picture.data(), field, yuv);
+      for (int l = 0; l < 3; ++l) {
+        const uint32_t step = 4u << l;
+        const uint8_t* block = levels.blocks[l].data();
+        for (uint32_t by = 0; by < height / step; ++by) {
+          for (uint32_t bx = 0; bx < width / step; ++bx, block += 8) {
+            int pixels[16][3];
+            decodeIndependently(block, yuv, pixels);
+            threeColourBlocks += (block[0] | block[1] << 8) <= (block[2] | block[3] << 8);
+            for (uint32_t p = 0; p < 16; ++p) {
+              const uint32_t want = zycYuvPixel(uint8_t(pixels[p][0]), uint8_t(pixels[p][1]), uint8_t(pixels[p][2]));
+              for (uint32_t v = 0; v < (1u << l); ++v) {
+                for (uint32_t u = 0; u < (1u << l); ++u) {
+                  const uint32_t x = bx * step + ((p % 4) << l) + u, y = by * step + ((p / 4) << l) + v;
+                  const uint8_t* got = levels.preview[l] + (y * width + x) * 4;
+                  ASSERT_EQ(uint32_t(got[0] | got[1] << 8 | got[2] << 16 | got[3] << 24), want)
+                      << "yuv " << yuv << " level " << l << " at " << x << "," << y;
+                }
               }
             }
           }
