@@ -266,5 +266,9 @@ int RunEncode(const CommandArgs& words) {
          output.c_str());
     return kExitStopped;
   }
+  if (bar.frames() < jobFrames) {
+    Note("%s gave %u of the %u frames expected; the movie ends there", input.c_str(),
+         bar.frames(), jobFrames);
+  }
   return kExitOk;
 }
