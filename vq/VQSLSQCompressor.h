@@ -30,8 +30,8 @@ struct VQSLSQStatistics {
   float biggestVqError = 0.0f;    // largest squared distance of the final assignment
   uint32_t indexTableBytes = 0;   // padded to a word
   uint32_t totalBytes = 0;
-  double slsqSeconds = 0.0;       // surface phase
-  double vqSeconds = 0.0;         // codebook phase and writing
+  double slsqSeconds = 0.0;       // processor time of the surface phase
+  double vqSeconds = 0.0;         // processor time of the codebook phase and the writing
 };
 
 class VQSLSQCompressor {
