@@ -375,7 +375,7 @@ uint32_t VQSLSQCompressor::compress(const uint8_t* image, uint32_t width, uint32
   const double start = threadSeconds();
   stats = VQSLSQStatistics();
 
-  // 1. Powers, a fresh chain, working arrays.
+  // Powers, a fresh chain, working arrays.
   slsqFillPowers(powers.get());
   tableCount = 0;
   tableBytes = 0;
@@ -389,14 +389,14 @@ uint32_t VQSLSQCompressor::compress(const uint8_t* image, uint32_t width, uint32
   std::vector<float> pixels(sampleCount);
   for (size_t i = 0; i < sampleCount; ++i) pixels[i] = float(image[i]);
 
-  // 2-3. Surfaces.
+  // Surfaces.
   SurfacePhase surfacePhase(powers.get(), pixels.data(), width, height, records.data(), verbose);
   const std::vector<uint8_t> elements = surfacePhase.run(referenceGroupSearch);
   const uint32_t elementCount = uint32_t(elements.size() / kVqSurfaceElementBytes);
   const double vqStart = threadSeconds();
   stats.slsqSeconds = vqStart - start;
 
-  // 4.
+  // Bits of a surface index; counts of both kinds of blocks.
   if (verbose) {
     zycLog("SLSQ calculation: 100%%.\n");
     zycLog("VQ Calculation...\r");
@@ -408,7 +408,7 @@ uint32_t VQSLSQCompressor::compress(const uint8_t* image, uint32_t width, uint32
     if (r.blockType == kTypeCodebook) ++vqBlocks;
   }
 
-  // 5. Codebook size from the target.
+  // Codebook size from the target.
   const int64_t target = targetSize;
   const int64_t surfaceTableBytes = int64_t(elementCount) * kVqSurfaceElementBytes;
   auto indexBytes = [&](int64_t b) {
@@ -437,7 +437,7 @@ uint32_t VQSLSQCompressor::compress(const uint8_t* image, uint32_t width, uint32
     }
   }
 
-  // 6. Training on the quarters of all codebook blocks.
+  // Training on the quarters of all codebook blocks.
   std::vector<uint32_t> vqBlockList;
   vqBlockList.reserve(vqBlocks);
   for (uint32_t i = 0; i < blockCount; ++i)
@@ -450,7 +450,7 @@ uint32_t VQSLSQCompressor::compress(const uint8_t* image, uint32_t width, uint32
   vqCodebook = std::make_unique<VQCodebook>(uint32_t(n), useSse);
   stats.trainingRounds = vqCodebook->train(training.data(), vqBlocks * 4, verbose);
 
-  // 7. Final assignment.
+  // Final assignment.
   std::vector<uint8_t> used(size_t(n), 0);
   float biggest = 0.0f;
   for (uint32_t v = 0; v < vqBlocks; ++v) {
@@ -467,7 +467,7 @@ uint32_t VQSLSQCompressor::compress(const uint8_t* image, uint32_t width, uint32
     zycLog("Error with %d bits codebook: %.1f (VQ Tolerance equ. %.1f).\n", int(b), double(biggest),
            std::sqrt(double(biggest) / 48.0));
 
-  // 8. Compaction to the used vectors, components truncated to bytes.
+  // Compaction to the used vectors, components truncated to bytes.
   std::vector<uint32_t> compactNumber(size_t(n), 0);
   std::vector<uint8_t> compact;
   uint32_t codebookCount = 0;
@@ -482,7 +482,7 @@ uint32_t VQSLSQCompressor::compress(const uint8_t* image, uint32_t width, uint32
                  codebookCount <= 65536,
              kCompressName, "Internal error.\n");
 
-  // 9. Colour sort and renumbering.
+  // Colour sort and renumbering.
   std::vector<float> keys(codebookCount);
   for (uint32_t i = 0; i < codebookCount; ++i) keys[i] = vqColourKey(&compact[size_t(i) * 48]);
   std::vector<uint32_t> order(codebookCount), rank(codebookCount);
@@ -496,13 +496,13 @@ uint32_t VQSLSQCompressor::compress(const uint8_t* image, uint32_t width, uint32
     for (uint32_t q = 0; q < 4; ++q)
       records[block].vqIndex[q] = uint16_t(rank[compactNumber[records[block].vqIndex[q]]]);
 
-  // 10. The codebook as DXT1 blocks: one column of 4x4 pictures, one block each.
+  // The codebook as DXT1 blocks: one column of 4x4 pictures, one block each.
   std::vector<uint8_t> dxt(size_t(codebookCount) * 8);
   if (codebookCount) zycCompressDxtn(3, 4, int(4 * codebookCount), sorted.data(), dxt.data());
   const size_t dxtBytes = size_t((4 + 3) / 4) * ((4 * codebookCount + 3) / 4) * 8;
   ZYC_ASSERT(dxtBytes == size_t(codebookCount) * 8, kCompressName, "Internal error.\n");
 
-  // 11. Index table.
+  // Index table.
   VqBitWriter bits;
   for (const BlockRecord& r : records) {
     if (r.blockType == kTypeCodebook) {
@@ -516,11 +516,11 @@ uint32_t VQSLSQCompressor::compress(const uint8_t* image, uint32_t width, uint32
     }
   }
 
-  // 13 (before writing: the header carries the raised table size).
+  // The table size rises above the decoded codebook before the header is written.
   const uint32_t codebookTableBytes = codebookCount * 48;
   if (tableLimit < codebookTableBytes + 480) tableLimit = codebookTableBytes + 480;
 
-  // 12. Assembly.
+  // Assembly.
   const uint32_t indexTableBytes = bits.byteSize();
   const uint32_t surfaceOffset = kVqStillHeaderBytes + indexTableBytes;
   const uint32_t codebookOffset = surfaceOffset + uint32_t(elements.size());
@@ -547,7 +547,7 @@ uint32_t VQSLSQCompressor::compress(const uint8_t* image, uint32_t width, uint32
   std::memcpy(currentImage, out, total);
   currentImageSize = total;
 
-  // 13. The chain restarts at this image: its codebook is the first table of the ring.
+  // The chain restarts at this image: its codebook is the first table of the ring.
   tableBytes = codebookTableBytes;
 
   stats.blockCount = blockCount;
@@ -563,7 +563,7 @@ uint32_t VQSLSQCompressor::compress(const uint8_t* image, uint32_t width, uint32
   stats.totalBytes = total;
   stats.vqSeconds = threadSeconds() - vqStart;
 
-  // 14. Statistics.
+  // Statistics.
   if (verbose) {
     const uint32_t pixelCount = width * height;
     const uint32_t rgbBytes = pixelCount * 3;
