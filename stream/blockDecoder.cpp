@@ -243,15 +243,30 @@ class TreeWalk {
     }
   }
 
+  // The tone curve of a level as pixel words already at the place of each field, made when
+  // the frame first uses the level.
+  const uint32_t (&FadeWords(uint32_t level))[3][256] {
+    if (!(fadeWordsMade_ & (1u << level))) {
+      const uint8_t* tone = d_.tone8[level];
+      for (int v = 0; v < 256; ++v) {
+        fadeWords_[level][0][v] = tone[v];
+        fadeWords_[level][1][v] = uint32_t(tone[v]) << 8;
+        fadeWords_[level][2][v] = uint32_t(tone[v]) << 16;
+      }
+      fadeWordsMade_ |= 1u << level;
+    }
+    return fadeWords_[level];
+  }
+
   template <int kSize>
   void Fade(const uint8_t* from, uint8_t* to, uint32_t level) {
     if constexpr (kBytes == 4) {
-      const uint8_t* tone = d_.tone8[level];
+      const uint32_t(&words)[3][256] = FadeWords(level);
       for (int row = 0; row < kSize; ++row) {
         for (int i = 0; i < kSize; ++i) {
           const uint32_t p = getPixel<4>(from + 4 * i);
-          putPixel<4>(to + 4 * i, tone[p & 255] | uint32_t(tone[(p >> 8) & 255]) << 8 |
-                                      uint32_t(tone[(p >> 16) & 255]) << 16);
+          putPixel<4>(to + 4 * i,
+                      words[0][p & 255] | words[1][(p >> 8) & 255] | words[2][(p >> 16) & 255]);
         }
         from += stride_;
         to += stride_;
@@ -354,6 +369,8 @@ class TreeWalk {
   const uint8_t* fade_;
   uint32_t fadeHalf_;
   const uint8_t* table_;
+  uint32_t fadeWordsMade_ = 0;
+  uint32_t fadeWords_[kBytes == 4 ? 16 : 1][3][256];
 };
 
 // The diagnostic view of the 32-bit DXT1 routine: paints each node by its symbol and size.

@@ -184,6 +184,25 @@ void BM_DecodeFramePCopiesOnly(benchmark::State& state) {
 }
 BENCHMARK(BM_DecodeFramePCopiesOnly)->Unit(benchmark::kMicrosecond);
 
+// A P-frame of 16 by 16 fades only: the cost of the tone curves.
+void BM_DecodeFramePFadesOnly(benchmark::State& state) {
+  static const FrameStreams frame = [] {
+    FrameStreams f;
+    Generator g(6);
+    for (uint32_t y = 0; y < kHeight; y += 16) {
+      for (uint32_t x = 0; x < kWidth; x += 16) {
+        f.Symbol(3);
+        f.motion.push_back(uint8_t(g.Vector(x, y, 16)));
+        f.Fade(g.Next() % 16);
+      }
+    }
+    f.Finish();
+    return f;
+  }();
+  runDecode(state, frame);
+}
+BENCHMARK(BM_DecodeFramePFadesOnly)->Unit(benchmark::kMicrosecond);
+
 // Baseline: a plain copy of a frame of the same size.
 void BM_DecodeFrameBaselineMemcpy(benchmark::State& state) {
   std::vector<uint32_t> previous(kWidth * kHeight, 0x12345678), current(kWidth * kHeight);
