@@ -4,12 +4,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <random>
 #include <string>
 
 #include "tests/vq/stillTestSupport.h"
+#include "vq/surfaceLSQSolver.h"
 
 namespace {
 
@@ -232,6 +234,51 @@ TEST(VQSLSQCompressor, GroupWhoseCoefficientsOverflowIsDissolved) {
   for (uint32_t y = 0; y < 32; y += 7)
     for (uint32_t x = 0; x < 8; ++x)
       EXPECT_NEAR(decoded[(y * 416 + x) * 3 + 1], 220 - 10 * int(x), 2) << x << "," << y;
+}
+
+// Flat blocks of 100 at the seed (column 0), columns 2, 4 and 16 of the first row; a ramp at
+// column 8 that fits the seed alone but not the seed with the far flat block; a flat block with
+// a little noise on the second row, whose pair error is the largest, so it is tried last.
+StillPicture fallOutPicture() {
+  StillPicture p = noisePicture(160, 16, 17);
+  for (uint32_t column : {0u, 2u, 4u, 16u}) fillBlock(p, column, 0, 100);
+  std::mt19937 random(2);
+  for (uint32_t y = 0; y < 16; ++y)
+    for (uint32_t x = 0; x < 8; ++x)
+      for (int c = 0; c < 3; ++c) {
+        if (y < 8) p.pixels[(y * 160 + 64 + x) * 3 + c] = uint8_t(100 + x);
+        else p.pixels[(y * 160 + 80 + x) * 3 + c] = uint8_t(98 + random() % 5);
+      }
+  return p;
+}
+
+TEST(VQSLSQCompressor, CandidateThatBreaksTheGroupFallsOutAndTheNextIsTried) {
+  const StillPicture p = fallOutPicture();
+  std::vector<float> samples(p.pixels.begin(), p.pixels.end());
+  std::vector<double> powers(SLSQ_MAX_RESOLUTION * kSlsqPowers);
+  slsqFillPowers(powers.data());
+  auto fit = [&](std::vector<int32_t> positions) {
+    float k[6], largest = 0.0f;
+    for (int c = 0; c < 3; ++c)
+      largest = std::max(largest, SurfaceLSQSolver::solve(powers.data(), samples.data() + c, 160, 3,
+                                                          positions.data(), uint32_t(positions.size() / 2), k));
+    return largest;
+  };
+  const float ramp = fit({0, 0, 64, 0}), noisy = fit({0, 0, 80, 8});
+  ASSERT_LT(ramp, 2.75f);                              // the ramp fits the seed...
+  ASSERT_GT(fit({0, 0, 128, 0, 16, 0, 32, 0, 64, 0}), 2.75f);  // ...but not the flat group
+  ASSERT_GT(noisy, ramp);                              // the noisy block is tried after it
+  ASSERT_LT(noisy, 2.75f);
+
+  for (bool reference : {false, true}) {
+    const Compressed c = compress(p, 3000, reference);
+    const WalkedStill w = walkStill(c.image);
+    ASSERT_TRUE(w.valid);
+    EXPECT_EQ(c.stats.surfaceElements, 1u);
+    EXPECT_EQ(c.stats.slsqBlocks, 5u);
+    for (uint32_t block : {0u, 2u, 4u, 16u, 30u}) EXPECT_EQ(w.types[block], 0) << block;
+    EXPECT_EQ(w.types[8], 1);
+  }
 }
 
 TEST(VQSLSQCompressor, CodebookSizeFollowsTheTarget) {
