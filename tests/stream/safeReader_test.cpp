@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -369,6 +370,68 @@ TEST(SafeReaderDamage, ByteFlipsNeverEscapeTheBuffers) {
   for (size_t i = 0; i < movie.size(); ++i) {
     auto damaged = movie;
     damaged[i] ^= 0x5A;
+    zycSafeReader reader;
+    reader.OpenMemory(damaged.data(), damaged.size(), "movie.zyl");
+    reader.CheckAll();
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Movies of the encoder
+
+namespace {
+
+std::vector<uint8_t> Golden(const std::string& name) {
+  return zylTestMovie::ReadFile(std::string(ZYL_SOURCE_DIR) + "/tests/golden/" + name);
+}
+
+}  // namespace
+
+TEST(SafeReaderGolden, EncoderMoviesReadWithoutAComplaint) {
+  for (const char* name : {"walkers_speech_6f.zyl", "tree_still_lzma_5f.zyl"}) {
+    const auto movie = Golden(name);
+    ASSERT_FALSE(movie.empty()) << name;
+    auto reader = Read(movie);
+    EXPECT_TRUE(reader->problems().empty()) << reader->error();
+    EXPECT_TRUE(reader->CheckAll().empty()) << name;
+    ASSERT_EQ(reader->sections().size(), 2u);
+    const auto pictures = DecodeAll(*reader);
+    ASSERT_GE(pictures.size(), 5u);
+    for (const auto& picture : pictures) {
+      ASSERT_FALSE(picture.empty()) << name;
+      // A real picture: not one flat colour.
+      EXPECT_NE(std::count(picture.begin(), picture.end(), picture[0]), long(picture.size()));
+    }
+  }
+}
+
+TEST(SafeReaderGolden, SoundComesWithEveryFrameOfTheSpeechMovie) {
+  auto reader = Read(Golden("walkers_speech_6f.zyl"));
+  uint32_t total = 0;
+  for (const zycSafeFrame& f : reader->frames()) total += f.soundBytes;
+  EXPECT_GT(total, 1000u);
+  EXPECT_GT(reader->frames()[0].soundBytes, 0u);
+}
+
+TEST(SafeReaderGolden, PrefixesOfEncoderMoviesFail) {
+  for (const char* name : {"walkers_speech_6f.zyl", "tree_still_lzma_5f.zyl"}) {
+    const auto movie = Golden(name);
+    // Every length near the start and the end, and a stride in between.
+    size_t tried = 0;
+    for (size_t cut = 0; cut < movie.size(); cut += (cut < 100 || cut + 100 > movie.size()) ? 1 : 37) {
+      zycSafeReader reader;
+      EXPECT_FALSE(reader.OpenMemory(movie.data(), cut, "movie.zyl")) << name << " " << cut;
+      EXPECT_TRUE(Contains(reader.error(), "movie.zyl: ")) << cut;
+      if (++tried % 8 == 0) reader.CheckAll();  // decoding what is left, now and then
+    }
+  }
+}
+
+TEST(SafeReaderGolden, ByteFlipsInAnEncoderMovieStayInBounds) {
+  const auto movie = Golden("tree_still_lzma_5f.zyl");
+  for (size_t i = 0; i < movie.size(); i += 23) {
+    auto damaged = movie;
+    damaged[i] ^= 0xA5;
     zycSafeReader reader;
     reader.OpenMemory(damaged.data(), damaged.size(), "movie.zyl");
     reader.CheckAll();
