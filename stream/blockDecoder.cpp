@@ -61,19 +61,24 @@ inline void palette8(const zycFrameDecoder& d, uint32_t color0, uint32_t color1,
   }
 }
 
+// The palette of YUV colour words, converted to 32-bit pixel words.
+void paletteYuv32(const zycFrameDecoder& d, uint32_t color0, uint32_t color1, uint32_t palette[4]) {
+  uint32_t f[4][3];
+  palette8(d, color0, color1, f);
+  const uint8_t* clamp = d.clampTable + kClampBias;
+  for (int e = 0; e < 4; ++e) {
+    const uint32_t cb = f[e][0], y = f[e][1], cr = f[e][2];
+    const int32_t t = d.Ytable[y];
+    palette[e] = uint32_t(clamp[t + d.CrToR[cr]]) << 16 |
+                 uint32_t(clamp[t + d.CrToG[cr] + d.CbToG[cb]]) << 8 | clamp[t + d.CbToB[cb]];
+  }
+}
+
 // The palette as 32-bit pixel words.
-inline void palette32(const zycFrameDecoder& d, uint32_t color0, uint32_t color1,
-                      uint32_t palette[4]) {
+[[gnu::always_inline]] inline void palette32(const zycFrameDecoder& d, uint32_t color0,
+                                             uint32_t color1, uint32_t palette[4]) {
   if (d.yuv) {
-    uint32_t f[4][3];
-    palette8(d, color0, color1, f);
-    const uint8_t* clamp = d.clampTable + kClampBias;
-    for (int e = 0; e < 4; ++e) {
-      const uint32_t cb = f[e][0], y = f[e][1], cr = f[e][2];
-      const int32_t t = d.Ytable[y];
-      palette[e] = uint32_t(clamp[t + d.CrToR[cr]]) << 16 |
-                   uint32_t(clamp[t + d.CrToG[cr] + d.CbToG[cb]]) << 8 | clamp[t + d.CbToB[cb]];
-    }
+    paletteYuv32(d, color0, color1, palette);
     return;
   }
   const uint32_t a0 = lowField8(color0), a1 = middleField8(color0), a2 = highField8(color0);
@@ -82,17 +87,17 @@ inline void palette32(const zycFrameDecoder& d, uint32_t color0, uint32_t color1
   const uint32_t p1 = b0 | b1 << 8 | b2 << 16;
   palette[0] = p0;
   palette[1] = p1;
-  if (color0 <= color1) {
-    // Per byte (a + b) >> 1, without carries between the bytes.
-    palette[2] = (p0 & p1) + (((p0 ^ p1) & 0xFEFEFEu) >> 1);
-    palette[3] = 0;
-  } else {
-    const uint8_t* thirds = d.thirds;
-    palette[2] = thirds[2 * a0 + b0] | uint32_t(thirds[2 * a1 + b1]) << 8 |
-                 uint32_t(thirds[2 * a2 + b2]) << 16;
-    palette[3] = thirds[a0 + 2 * b0] | uint32_t(thirds[a1 + 2 * b1]) << 8 |
-                 uint32_t(thirds[a2 + 2 * b2]) << 16;
-  }
+  // Both modes are worked out and one is picked without a branch: which one a block takes
+  // is as good as random.
+  const uint32_t half = (p0 & p1) + (((p0 ^ p1) & 0xFEFEFEu) >> 1);  // per byte (a + b) >> 1
+  const uint8_t* thirds = d.thirds;
+  const uint32_t near0 = thirds[2 * a0 + b0] | uint32_t(thirds[2 * a1 + b1]) << 8 |
+                         uint32_t(thirds[2 * a2 + b2]) << 16;
+  const uint32_t near1 = thirds[a0 + 2 * b0] | uint32_t(thirds[a1 + 2 * b1]) << 8 |
+                         uint32_t(thirds[a2 + 2 * b2]) << 16;
+  const uint32_t fourColours = 0u - uint32_t(color0 > color1);
+  palette[2] = (near0 & fourColours) | (half & ~fourColours);
+  palette[3] = near1 & fourColours;
 }
 
 // The palette in the pixel form of the routine: pixel words for 4 and 3 bytes, R5G6B5 words
