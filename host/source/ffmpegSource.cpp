@@ -165,12 +165,28 @@ class StreamThread : public zylMediaControl, public zylMediaEvent, public zylMed
   int32_t WaitForCompletion(uint32_t, int32_t* eventCode) override {
     std::unique_lock<std::mutex> lock(mutex_);
     if (!started_) return 1;
-    // Let the stream settle: either a sample stands ready at the grabber or the stream ended.
+    if (countsAsks_) {
+      // Pictures: the pump asks here before every "go", and the callback that answers the
+      // n-th such go is the n-th one entered. A callback that is still returning from the
+      // previous sample is not an answer: wait for the next one to be entered, or the end.
+      const uint64_t want = asks_ + 1;
+      cond_.wait_for(lock, kSettleLimit, [this, want] {
+        return quit_ || entered_ >= want || (ended_ && !seekPending_) ||
+               (seekPending_ && !seekArmed_);
+      });
+      if (entered_ < want && ended_ && !seekPending_) {
+        if (eventCode) *eventCode = 1;  // the stream completed
+        return 0;
+      }
+      asks_ = want;
+      return 1;
+    }
+    // Sound: the pump asks after its rounds of "go"; a sample ready or the end is enough.
     cond_.wait_for(lock, kSettleLimit, [this] {
       return quit_ || ready_ || (ended_ && !seekPending_) || (seekPending_ && !seekArmed_);
     });
     if (ended_ && !ready_ && !seekPending_) {
-      if (eventCode) *eventCode = 1;  // the stream completed
+      if (eventCode) *eventCode = 1;
       return 0;
     }
     return 1;
@@ -194,6 +210,7 @@ class StreamThread : public zylMediaControl, public zylMediaEvent, public zylMed
       go_->Wait(0);
     }
     SeekRequested();
+    asks_ = entered_;  // every callback so far has had its go
     seekArmed_ = true;
     cond_.notify_all();
     return 0;
@@ -214,6 +231,8 @@ class StreamThread : public zylMediaControl, public zylMediaEvent, public zylMed
     ready_ = false;
     inCallback_ = false;
     ended_ = false;
+    entered_ = 0;
+    asks_ = 0;
   }
 
  protected:
@@ -282,6 +301,8 @@ class StreamThread : public zylMediaControl, public zylMediaEvent, public zylMed
       }
       if (quit_ || seekPending_) continue;
       inCallback_ = true;
+      ++entered_;
+      cond_.notify_all();
       lock.unlock();
       grabber_->BufferCB(SampleTime(), SampleData(), SampleBytes());
       lock.lock();
@@ -309,6 +330,11 @@ class StreamThread : public zylMediaControl, public zylMediaEvent, public zylMed
   bool seekPending_ = false;
   bool seekArmed_ = false;   // the caller has cleared the events; the thread may seek
   int64_t seekTarget_ = 0;
+  uint64_t entered_ = 0;     // grabber callbacks entered
+  uint64_t asks_ = 0;        // WaitForCompletion answers "running" that a go followed
+
+ protected:
+  bool countsAsks_ = false;  // the picture stream's pump asks before every go
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -316,6 +342,7 @@ class StreamThread : public zylMediaControl, public zylMediaEvent, public zylMed
 
 class VideoStream final : public StreamThread {
  public:
+  VideoStream() { countsAsks_ = true; }
   ~VideoStream() override {
     Stop();
     av_frame_free(&current_);

@@ -143,8 +143,9 @@ int RunInfo(const CommandArgs& words) {
                  zyl1 ? "ZYL1" : "ZYL0", h.version, zyl1 ? h.headerSize : kHeaderSizeZyl0);
     std::fprintf(out, "  file size      %u bytes\n", h.fileSize);
     std::fprintf(out, "  picture        %u x %u\n", h.width, h.height);
-    std::fprintf(out, "  frames         %u (%u key frames, %zu sections)\n", h.frameCount,
-                 s.keyFrames, reader.sections().size());
+    std::fprintf(out, "  frames         %u (%u key frame%s, %zu section%s)\n", h.frameCount,
+                 s.keyFrames, s.keyFrames == 1 ? "" : "s", reader.sections().size(),
+                 reader.sections().size() == 1 ? "" : "s");
     std::fprintf(out, "  frame rate     %.3f fps (frame duration %u / %u s)\n", s.fps,
                  h.frameDuration, h.timeScale);
     std::fprintf(out, "  duration       %.3f s\n", s.duration);
