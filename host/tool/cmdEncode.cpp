@@ -245,6 +245,7 @@ int RunEncode(const CommandArgs& words) {
 
   if (status == 2) return Fail(kExitInput, "%s: the codec got no source", input.c_str());
   if (status == 3) {
+    std::remove(output.c_str());  // a refused job leaves no movie behind
     return Fail(kExitOutput,
                 "%s: the encoder refused the job (the output could not be opened, or the "
                 "first frame failed; --verbose shows the encoder's messages)",

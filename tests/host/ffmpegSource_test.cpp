@@ -73,6 +73,9 @@ TEST_F(SyntheticSource, OddSizedPicturesArriveExactlyAndInOrder) {
       ASSERT_EQ(image.pixels[p * 4 + 2], want[p * 3 + 2]) << "frame " << i << " pixel " << p;
     }
   }
+  // The end is known as soon as the last picture went out, before any further "go".
+  int32_t code = 0;
+  EXPECT_EQ(source->videoEvent->WaitForCompletion(0, &code), 0);
   EXPECT_FALSE(pump::GrabFrame(source, image));
 }
 

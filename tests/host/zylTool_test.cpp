@@ -170,6 +170,17 @@ TEST(ZylToolInput, FileWithoutPictureIsAnInputError) {
       << result.err;
 }
 
+TEST(ZylToolInput, RefusedJobIsAnOutputErrorAndLeavesNoFile) {
+  // The ZYL1 encoder of this build refuses every job.
+  const std::string movie = Dir() + "refused.zyl";
+  const Result result = RunTool({"encode", ExampleClip(), movie, "--format", "zyl1", "--count",
+                                 "2", "--no-sound"});
+  if (result.exit == 0) GTEST_SKIP() << "this build's ZYL1 encoder takes the job";
+  EXPECT_EQ(result.exit, 3);
+  EXPECT_NE(result.err.find("the encoder refused the job"), std::string::npos) << result.err;
+  EXPECT_FALSE(Exists(movie));
+}
+
 TEST(ZylToolInput, OutputThatCantBeCreatedIsAnOutputError) {
   const Result result =
       RunTool({"encode", ExampleClip(), Dir() + "no/such/dir/x.zyl", "--count", "2"});
