@@ -223,6 +223,17 @@ StillPicture rampColumnPicture(uint32_t column) {
 }
 
 TEST(VQSLSQCompressor, GroupWhoseCoefficientsOverflowIsDissolved) {
+  {
+    // The far ramp column does fit one surface, whose constant term is out of range.
+    const StillPicture p = rampColumnPicture(51);
+    std::vector<float> samples(p.pixels.begin(), p.pixels.end());
+    std::vector<double> powers(SLSQ_MAX_RESOLUTION * kSlsqPowers);
+    slsqFillPowers(powers.data());
+    const std::vector<int32_t> column = {408, 0, 408, 8, 408, 16, 408, 24};
+    float k[6];
+    EXPECT_LT(SurfaceLSQSolver::solve(powers.data(), samples.data() + 1, 416, 3, column.data(), 4, k), 2.75f);
+    EXPECT_GT(std::fabs(k[0]), 4096.0f);
+  }
   const Compressed near = compress(rampColumnPicture(0), 6000);
   EXPECT_EQ(near.stats.slsqBlocks, 4u);
   EXPECT_EQ(near.stats.surfaceElements, 1u);
