@@ -4,12 +4,18 @@
 #include <benchmark/benchmark.h>
 
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <random>
 #include <vector>
 
+#include "base/fileIo.h"
+#include "codec/zylCodec.h"
+#include "encoder/zycEncoder.h"
+#include "stream/zylFormat.h"
 #include "tests/support/imageLoad.h"
+#include "tests/support/videoFrames.h"
 #include "vq/VQCodebook.h"
 #include "vq/VQSLSQCompressor.h"
 
@@ -145,5 +151,71 @@ void BM_VqNearestPruned(benchmark::State& state) { nearestSearch(state, true); }
 void BM_VqNearestFullScan(benchmark::State& state) { nearestSearch(state, false); }
 BENCHMARK(BM_VqNearestPruned)->Iterations(2)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_VqNearestFullScan)->Iterations(2)->Unit(benchmark::kMillisecond);
+
+// The first frame of a clip (640x360) as a key frame of the ZYL0 encoder, held as a still image ("iFMT"
+// 1) or as a block tree (0), with the encoder's defaults: the bytes of the frame and the PSNR
+// of what a player shows.
+const char* const kKeyFrameClips[] = {"walkers_768x576_10fps_120f.mkv",
+                                      "coin_pen_568x320_30fps_sound.mov"};
+
+void keyFrame(benchmark::State& state, uint32_t frameFormat) {
+  const char* clip = kKeyFrameClips[state.range(0)];
+  const std::vector<zylTestPicture> frames =
+      zylDecodeVideoFrames(std::string(ZYL_MEDIA_DIR) + "/" + clip, 1, 640, 360);
+  if (frames.empty()) {
+    state.SkipWithError("clip not decoded");
+    return;
+  }
+  const zylTestPicture& p = frames[0];
+  int32_t size = 0;
+  double quality = 0.0;
+  for (auto _ : state) {
+    zycEncoder encoder;
+    encoder.verbose = false;
+    encoder.iFrameFormat = frameFormat;
+    zycFileHolder holder;
+    const std::string path = "/tmp/zyl_bench_still_" + std::to_string(frameFormat) + ".zyl";
+    holder.file = std::fopen(path.c_str(), "w+b");
+    zycStreamHeader header;
+    header.magic = kMagicZyl0;
+    header.frameDuration = 100000;
+    header.timeScale = 1000000;
+    header.width = uint32_t(p.width);
+    header.height = uint32_t(p.height);
+    zylFrameImage image;
+    image.pixels = const_cast<uint8_t*>(p.pixels.data());
+    image.width = p.width;
+    image.height = p.height;
+    zylProgress progress{};
+    const uint8_t* rebuilt = nullptr;
+    if (encoder.Begin(header, image, &holder, nullptr, nullptr, nullptr, &progress, nullptr) != 0 ||
+        !(rebuilt = encoder.Reconstructed())) {
+      state.SkipWithError("Begin refused");
+      break;
+    }
+    size = progress.size;
+    double squares = 0.0;
+    for (int32_t y = 0; y < p.height; ++y)
+      for (int32_t x = 0; x < p.width; ++x)
+        for (int c = 0; c < 3; ++c) {
+          const double d = double(p.pixels[(size_t(y) * p.width + x) * 4 + c]) -
+                           double(rebuilt[size_t(y) * encoder.Pitch() + size_t(x) * 4 + c]);
+          squares += d * d;
+        }
+    const double mse = squares / (double(p.width) * p.height * 3);
+    quality = mse > 0 ? 10.0 * std::log10(255.0 * 255.0 / mse) : 99.0;
+    image.pixels = nullptr;
+    encoder.End();
+    holder.Close();
+    std::remove(path.c_str());
+  }
+  state.counters["frame_bytes"] = size;
+  state.counters["psnr_db"] = quality;
+  state.SetLabel(clip);
+}
+void BM_KeyFrameStill(benchmark::State& state) { keyFrame(state, 1); }
+void BM_KeyFrameBlockTree(benchmark::State& state) { keyFrame(state, 0); }
+BENCHMARK(BM_KeyFrameStill)->DenseRange(0, 1)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_KeyFrameBlockTree)->DenseRange(0, 1)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 }  // namespace
