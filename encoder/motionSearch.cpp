@@ -6,6 +6,11 @@
 
 #include "base/consoleLog.h"
 
+#if !defined(ZYL_NO_SIMD) && (defined(__SSE2__) || defined(__x86_64__))
+#include <emmintrin.h>
+#define ZYC_SUMS_SSE2 1
+#endif
+
 void zycBlockPool::Allocate(uint32_t topBlocks, int32_t blockMax, int32_t blockMin) {
   uint32_t perTop = 0;
   uint32_t level = 1;
@@ -57,6 +62,40 @@ void zycFadeSums::Build(const uint8_t* const pictures[16], uint32_t width, uint3
   }
 }
 
+uint32_t zycFadeSums::Candidates(int32_t x, int32_t y, int32_t size, uint32_t sum,
+                                 uint32_t limit) const {
+  const uint32_t* a = table_.data() + (size_t(y) * stride_ + x) * 16;
+  const uint32_t* b = a + size_t(size) * 16;
+  const uint32_t* c = a + size_t(size) * stride_ * 16;
+  const uint32_t* d = c + size_t(size) * 16;
+#ifdef ZYC_SUMS_SSE2
+  // Square sums stay below 2^18 and limits below 2^31, so signed lanes are exact.
+  const __m128i target = _mm_set1_epi32(int32_t(sum));
+  const __m128i bound = _mm_set1_epi32(int32_t(limit > 0x7FFFFFFFu ? 0x7FFFFFFFu : limit));
+  uint32_t mask = 0;
+  for (int q = 0; q < 4; ++q) {
+    auto load = [q](const uint32_t* p) {
+      return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + q * 4));
+    };
+    __m128i v = _mm_add_epi32(_mm_sub_epi32(_mm_sub_epi32(load(d), load(c)), load(b)), load(a));
+    __m128i diff = _mm_sub_epi32(v, target);
+    __m128i sign = _mm_srai_epi32(diff, 31);
+    diff = _mm_sub_epi32(_mm_xor_si128(diff, sign), sign);
+    const __m128i within = _mm_cmpgt_epi32(bound, diff);
+    mask |= uint32_t(_mm_movemask_ps(_mm_castsi128_ps(within))) << (q * 4);
+  }
+  return mask;
+#else
+  uint32_t mask = 0;
+  for (int f = 0; f < 16; ++f) {
+    const uint32_t v = d[f] - c[f] - b[f] + a[f];
+    const uint32_t diff = v > sum ? v - sum : sum - v;
+    if (diff < limit) mask |= 1u << f;
+  }
+  return mask;
+#endif
+}
+
 namespace {
 inline uint32_t Distance(uint32_t a, uint32_t b) { return a > b ? a - b : b - a; }
 }  // namespace
@@ -81,7 +120,6 @@ uint32_t zycMotionSearch::SearchBlock(zycBlock& block) const {
 
   const bool bounds = sourceSums && referenceSums && !searchOff && count;
   const bool fadeBounds = bounds && fadeSums;
-  uint32_t fadeSum[16];
   const uint32_t curSum = bounds ? sourceSums->Sum(block.x, block.y, s) : 0;
   for (uint32_t k = 0; k < count; ++k) {
     if (block.motionError == 0 || block.fadeError == 0 || searchOff) break;
@@ -98,10 +136,24 @@ uint32_t zycMotionSearch::SearchBlock(zycBlock& block) const {
       }
     }
     if (noFade) continue;
-    if (fadeBounds) fadeSums->Sums(sx, sy, s, fadeSum);
+    if (fadeBounds) {
+      // Only the fades whose sums leave room; the error only falls as f goes on, so a fade
+      // ruled out by the error at the start stays ruled out.
+      uint32_t mask = fadeSums->Candidates(sx, sy, s, curSum, block.fadeError);
+      while (mask && block.fadeError) {
+        const uint32_t f = uint32_t(__builtin_ctz(mask));
+        mask &= mask - 1;
+        err = colour(cur, references[f + 1] + at + offset, stride, block.fadeError);
+        if (err < block.fadeError) {
+          block.fadeError = err;
+          block.fadeMotionIndex = k;
+          block.fadeIndex = f;
+        }
+      }
+      continue;
+    }
     for (uint32_t f = 0; f < 16; ++f) {
       if (block.fadeError == 0) break;
-      if (fadeBounds && Distance(curSum, fadeSum[f]) >= block.fadeError) continue;
       err = colour(cur, references[f + 1] + at + offset, stride, block.fadeError);
       if (err < block.fadeError) {
         block.fadeError = err;

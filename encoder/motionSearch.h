@@ -71,6 +71,9 @@ class zycFadeSums {
     const uint32_t* d = c + size_t(size) * 16;
     for (int f = 0; f < 16; ++f) out[f] = d[f] - c[f] - b[f] + a[f];
   }
+  // Bit f set when the sum of fade f's square differs from `sum` by less than `limit`: the
+  // fades whose comparison could still win.
+  uint32_t Candidates(int32_t x, int32_t y, int32_t size, uint32_t sum, uint32_t limit) const;
 
  private:
   std::vector<uint32_t> table_;
