@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <unistd.h>
+
 #include "base/byteIo.h"
 #include "base/consoleLog.h"
 #include "lzmaLib.h"
@@ -190,6 +192,14 @@ int32_t zycSectionPacker::PackLzma(const void* data, uint32_t count, bool commit
       std::fwrite(size8, 1, 8, file_);
     }
     std::fwrite(lzmaOutput_.data(), 1, packed, file_);
+    // A section packed afresh may come out shorter than before: cut what stood behind it.
+    const long end = std::ftell(file_);
+    std::fflush(file_);
+    std::fseek(file_, 0, SEEK_END);
+    if (std::ftell(file_) > end && ftruncate(fileno(file_), end) != 0) {
+      zycLog("Could not shorten the LZMA section\n");
+    }
+    std::fseek(file_, end, SEEK_SET);
     return int32_t(packed + 13);
   }
   if (estimate && lzmaInputSize_) return int32_t(Compress() + 13);
