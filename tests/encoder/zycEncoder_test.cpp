@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -430,6 +431,45 @@ TEST(Encoder, HeaderTailHoldsPackingAndParametersOrTheTwoWords) {
     EXPECT_EQ(zycLoad32(&bytes[56]), 11u);
     EXPECT_EQ(zycLoad32(&bytes[60]), 22u);
   }
+}
+
+TEST(Encoder, TwoByteMotionIndicesSetTheHeaderFlagAndDecode) {
+  auto frames = Clip("walkers_768x576_10fps_120f.mkv", 2, 32, 32);
+  ASSERT_EQ(frames.size(), 2u);
+  EncodeRun run("wide");
+  run.encoder.motionByte = false;
+  ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
+  run.Next(frames[1]);
+  EXPECT_EQ(run.movie.header.flags, kHeaderFlagAlways | kHeaderFlagWideMotion);
+  zycFrameItems items;
+  ASSERT_TRUE(zycSplitFrame(run.movie.frames[1].data(), run.movie.frames[1].size(), &items));
+  ASSERT_TRUE(items.motion.present);
+  EXPECT_EQ(items.motion.size % 2, 0u);
+}
+
+TEST(Encoder, DataFileListsTheCopiedBlocksOfEachFrame) {
+  namespace fs = std::filesystem;
+  const fs::path before = fs::current_path();
+  const fs::path dir = fs::path(::testing::TempDir()) / "encoderDataFile";
+  fs::create_directories(dir / "c:");
+  fs::current_path(dir);
+  zylTestPicture p = ExactSquares(64, 48);
+  {
+    EncodeRun run("datafile");
+    run.encoder.dataFileWanted = true;
+    ASSERT_EQ(run.Begin(p), 0);
+    run.Next(p);
+    run.encoder.End();
+  }
+  fs::current_path(before);
+  std::vector<uint8_t> text = zycReadWholeFile((dir / "c:" / "test.txt").string());
+  const std::string content(text.begin(), text.end());
+  fs::remove_all(dir);
+  EXPECT_EQ(content.rfind("// zylCodec Verbose Data File v1.0\n", 0), 0u);
+  // Frame 1 copies its 12 top blocks in place.
+  const size_t at = content.find("Frame 1 : 12 blocks\n");
+  ASSERT_NE(at, std::string::npos) << content;
+  EXPECT_NE(content.find("  16, 32, 16, 0, 0\n", at), std::string::npos);
 }
 
 TEST(Encoder, RefusesTableBlocksWithoutWriting) {
