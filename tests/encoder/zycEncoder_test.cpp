@@ -472,6 +472,20 @@ TEST(Encoder, DataFileListsTheCopiedBlocksOfEachFrame) {
   EXPECT_NE(content.find("  16, 32, 16, 0, 0\n", at), std::string::npos);
 }
 
+TEST(Encoder, AZeroBudgetStillEndsEveryFrame) {
+  auto frames = Clip("walkers_768x576_10fps_120f.mkv", 3, 32, 32);
+  ASSERT_EQ(frames.size(), 3u);
+  EncodeRun run("zeroBudget");
+  run.encoder.ratio = 1000000;
+  ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
+  EXPECT_EQ(run.encoder.CompressionSize(), 0);
+  run.Next(frames[1]);
+  run.Next(frames[2]);
+  EXPECT_EQ(run.encoder.LastFrame().wantedSize, 0);
+  EXPECT_GT(run.progresses[2].size, 0);  // written anyway, the debt carried on
+  EXPECT_LT(run.progresses[2].credit, run.progresses[1].credit);
+}
+
 TEST(Encoder, RefusesTableBlocksWithoutWriting) {
   zylTestPicture p = Crop(Coffee(), 0, 0, 32, 32);
   EncodeRun run("refuseTable");
