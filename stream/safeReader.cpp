@@ -213,6 +213,9 @@ bool zycSafeReader::Walk() {
   if (header_.fileSize != file_.size())
     Problem("the header gives a file size of " + Num(header_.fileSize) + " bytes, the file holds " +
             Num(file_.size()));
+  if (header_.frameDuration == 0 || header_.timeScale == 0)
+    Problem("the header gives a frame duration of " + Num(header_.frameDuration) + " / " +
+            Num(header_.timeScale) + " s");
   if (isZyl1() && header_.headerSize != kHeaderSizeZyl1)
     Problem("the header gives a header size of " + Num(header_.headerSize) + " (60 expected)");
 

@@ -351,6 +351,24 @@ TEST_F(FileSurgery, AFailedRenameGivesCodeThree) {
   EXPECT_EQ(ReadFile(pa), a);
 }
 
+TEST_F(FileSurgery, AWalkThatCannotAdvanceEndsAsAMisplacedBoundary) {
+  // file1 claims 4 frames but holds 2 and then a section of none: the counts would steer the
+  // walk past the end of the file for ever.
+  auto a = Zyl0Movie({2}, 1);
+  a.insert(a.end(), 6, 0);
+  zycStore32(&a[8], uint32_t(a.size()));
+  zycStore32(&a[16], 4);
+  const auto b = Zyl0Movie({2}, 2);
+  const std::string pa = Make("movie.zyl", a), pb = Make("other.zyl", b);
+  std::string out;
+  EXPECT_EQ(RunReplace(pa, pb, 0, 2, 0, &out), 4);
+  EXPECT_NE(out.find("frame frameStart (0) + frameCount (2) is not a keyFrame of file1\n"),
+            std::string::npos)
+      << out;
+  EXPECT_EQ(ReadFile(pa), a);
+  EXPECT_FALSE(Exists(dir_ + "/movietmp.zyl"));
+}
+
 // ---------------------------------------------------------------------------------------------
 // ReplaceSection, ZYL1
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "base/byteIo.h"
+#include "stream/framePayload.h"
 
 namespace {
 
@@ -402,4 +403,45 @@ TEST(ContainerWalker, FileWalkerFindsTheSameSections) {
   EXPECT_FALSE(fileWalker.Next(&a));
   EXPECT_EQ(count, 3);
   std::fclose(f);
+}
+
+TEST(ContainerRecord, WrittenRecordsSplitBackIntoTheirStreams) {
+  const std::vector<uint8_t> image(37, 1), sound(6, 2), u(9, 3), v(4, 4);
+  for (int shape = 0; shape < 6; ++shape) {
+    zycRecordContent c;
+    c.first = image.data();
+    c.firstSize = shape == 5 ? 0 : uint32_t(image.size()) - shape;
+    c.hasSound = shape % 2 == 1;
+    c.sound = sound.data();
+    c.soundSize = uint32_t(sound.size()) - shape / 2;
+    c.hasPlanes = shape >= 2 && shape < 5;
+    c.plane2 = u.data();
+    c.plane2Size = uint32_t(u.size());
+    c.plane3 = v.data();
+    c.plane3Size = uint32_t(v.size()) - shape / 3;
+    c.repeat = shape == 5;
+    std::vector<uint8_t> out;
+    const uint32_t bytes = zycAppendRecord(c, &out);
+    zycFrameRecord r;
+    ASSERT_TRUE(zycSplitRecord(out.data(), out.size(), &r)) << shape << " " << int(r.error);
+    EXPECT_EQ(r.recordBytes, bytes);
+    EXPECT_EQ(r.recordFlags, zycRecordFlags(c));
+    EXPECT_EQ(r.first.size, c.firstSize);
+    if (c.firstSize) {
+      EXPECT_EQ(out[r.first.offset], 1);
+    }
+    EXPECT_EQ(r.sound.present, c.hasSound);
+    if (c.hasSound) {
+      EXPECT_EQ(r.sound.size, c.soundSize);
+      EXPECT_EQ(out[r.sound.offset], 2);
+    }
+    EXPECT_EQ(r.plane3.present, c.hasPlanes);
+    if (c.hasPlanes) {
+      EXPECT_EQ(r.plane2.size, c.plane2Size);
+      EXPECT_EQ(out[r.plane2.offset], 3);
+      EXPECT_EQ(r.plane3.size, c.plane3Size);
+      EXPECT_EQ(out[r.plane3.offset + r.plane3.size - 1], 4);
+      EXPECT_EQ(r.plane3.offset + r.plane3.size, out.size());  // the last stream ends the record
+    }
+  }
 }
