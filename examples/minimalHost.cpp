@@ -12,6 +12,8 @@
 //   run:    build-example/minimalHost out.zyl
 #include <zyl/zylCodec.h>
 
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <mutex>
@@ -50,9 +52,14 @@ class GradientStream : public zylMediaControl, public zylMediaEvent, public zylM
 
   int32_t WaitForCompletion(uint32_t, int32_t*) override {
     std::unique_lock<std::mutex> lock(mutex_);
-    // Settle first: a picture waits at the grabber, or there is none left.
-    cond_.wait(lock, [this] { return quit_ || inCallback_ || next_ >= kFrames; });
-    return !inCallback_ && next_ >= kFrames ? 0 : 1;
+    // The library asks here before every "go"; the callback that answers the n-th go is the
+    // n-th one entered. Wait for it (a callback still returning from the previous picture is
+    // not it), or for the end.
+    const uint64_t want = asks_ + 1;
+    cond_.wait(lock, [this, want] { return quit_ || entered_ >= want || next_ >= kFrames; });
+    if (entered_ < want && next_ >= kFrames) return 0;  // no picture left
+    asks_ = want;
+    return 1;
   }
 
   int32_t GetTimeFormat(zylTimeFormat* format) override {
@@ -64,6 +71,7 @@ class GradientStream : public zylMediaControl, public zylMediaEvent, public zylM
     std::unique_lock<std::mutex> lock(mutex_);
     next_ = uint32_t(double(time) / 10000000.0 * kRate + 0.5);
     ++generation_;
+    seeking_ = true;  // holds the thread out of the callback until the events are clean
     if (inCallback_) {
       // The waiting picture is from before the seek: release it and take back its "done".
       lock.unlock();
@@ -73,6 +81,9 @@ class GradientStream : public zylMediaControl, public zylMediaEvent, public zylM
     }
     done_->Wait(0);
     go_->Wait(0);
+    asks_ = entered_;
+    afterSeek_ = true;
+    seeking_ = false;
     cond_.notify_all();
     return 0;
   }
@@ -84,11 +95,18 @@ class GradientStream : public zylMediaControl, public zylMediaEvent, public zylM
   }
 
  private:
+  // The library writes the limit from its own thread.
+  uint32_t TimeLimit() const { return std::atomic_ref<uint32_t>(source_->grabberTimeout).load(); }
+
   void Loop() {
     const int pitch = (kWidth * 3 + 3) & ~3;
     std::vector<uint8_t> picture(size_t(pitch) * kHeight);
     std::unique_lock<std::mutex> lock(mutex_);
     while (!quit_) {
+      if (seeking_) {
+        cond_.wait(lock, [this] { return quit_ || !seeking_; });
+        continue;
+      }
       if (next_ >= kFrames) {
         cond_.notify_all();
         cond_.wait(lock, [this] { return quit_ || next_ < kFrames; });
@@ -107,14 +125,23 @@ class GradientStream : public zylMediaControl, public zylMediaEvent, public zylM
         }
       }
       lock.lock();
-      if (generation != generation_ || quit_) continue;  // a seek came meanwhile
+      if (generation != generation_ || seeking_ || quit_) continue;  // a seek came meanwhile
+      // The library raises the callback's time limit while it seeks; the first picture after a
+      // seek must not enter the callback before the limit is back to 0, or it would go out
+      // unasked.
+      for (int i = 0; afterSeek_ && TimeLimit() != 0 && i < 100; ++i) {
+        cond_.wait_for(lock, std::chrono::milliseconds(1));
+      }
+      if (generation != generation_ || seeking_ || quit_) continue;
       next_ = frame + 1;
       inCallback_ = true;
+      ++entered_;
       cond_.notify_all();
       lock.unlock();
       grabber_->BufferCB(frame / kRate, picture.data(), int32_t(picture.size()));
       lock.lock();
       inCallback_ = false;
+      afterSeek_ = false;
       cond_.notify_all();
     }
   }
@@ -128,6 +155,10 @@ class GradientStream : public zylMediaControl, public zylMediaEvent, public zylM
   std::condition_variable cond_;
   uint32_t next_ = 0;
   uint64_t generation_ = 0;
+  uint64_t entered_ = 0;  // callbacks entered
+  uint64_t asks_ = 0;     // WaitForCompletion answers that a go followed
+  bool afterSeek_ = false;
+  bool seeking_ = false;
   bool inCallback_ = false;
   bool quit_ = false;
 };

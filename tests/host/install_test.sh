@@ -21,5 +21,5 @@ grep -q "status 0" "$scratch/log.txt"
 # A ZYL0 movie: its magic, and a frame count in the header.
 test "$(head -c 4 "$scratch/gradient.zyl")" = "ZYL0"
 frames=$(od -An -tu4 -j16 -N4 "$scratch/gradient.zyl" | tr -d ' ')
-test "$frames" -ge 10
+test "$frames" -eq 12  # every picture of the generated stream
 echo "installed package works: $frames frames"
