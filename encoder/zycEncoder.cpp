@@ -167,21 +167,15 @@ void zycEncoder::BuildReferences() {
   if (noFade) return;
   const uint8_t* p = s.previousFrame.data;
   for (int f = 0; f < 16; ++f) {
+    uint8_t tone[256];
+    for (int c = 0; c < 256; ++c) tone[c] = f < 8 ? Darker(uint8_t(c), f) : Lighter(uint8_t(c), f);
     uint8_t* out = s.references[f + 1].data;
-    for (uint32_t i = 0; i < count; ++i) {
-      const uint8_t* px = p + size_t(i) * 4;
-      uint8_t b, g, r;
-      if (f < 8) {
-        b = Darker(px[0], f);
-        g = Darker(px[1], f);
-        r = Darker(px[2], f);
-      } else {
-        b = Lighter(px[0], f);
-        g = Lighter(px[1], f);
-        r = Lighter(px[2], f);
-      }
-      zycStore32(out + size_t(i) * 4, zycYuvPixel(b, g, r));
+    for (uint32_t i = 0; i < count * 4; i += 4) {
+      out[i] = tone[p[i]];
+      out[i + 1] = tone[p[i + 1]];
+      out[i + 2] = tone[p[i + 2]];
     }
+    zycConvertToYuv(out, out, count);
   }
   if (useSums) {
     const uint8_t* fades[16];

@@ -310,6 +310,36 @@ TEST(Encoder, FadesAreUsedUnlessFactIsZero) {
   }
 }
 
+// The rebuilt picture darkened by 25% (fade level 3: c - c x 5 / 20), as the next source: every
+// top block is a perfect fade copy, and the player's tone curve gives the same picture back.
+TEST(Encoder, ADarkenedRepeatIsCodedAsFadesOfLevelThree) {
+  zylTestPicture a = Crop(Coffee(), 150, 120, 64, 48);
+  EncodeRun run("fade3");
+  ASSERT_EQ(run.Begin(a), 0);
+  zylTestPicture b = a;
+  const uint8_t* rebuilt = run.encoder.Reconstructed();
+  for (size_t i = 0; i < b.pixels.size(); ++i) {
+    const int c = rebuilt[i];
+    b.pixels[i] = i % 4 == 3 ? 255 : uint8_t(c - c * 5 / 20);
+  }
+  run.Next(b);
+  const uint32_t topBlocks = 4 * 3;
+  EXPECT_EQ(run.movie.frameFlags[1], kFrameFlagAlways | kFrameFlagMotion | kFrameFlagFade);
+  EXPECT_EQ(run.progresses[1].motionBytesCount, topBlocks);
+  EXPECT_EQ(run.progresses[1].fadeBytesCount, topBlocks / 2);
+  EXPECT_EQ(run.progresses[1].dxtBlockCount, 0u);
+  zycFrameItems items;
+  ASSERT_TRUE(zycSplitFrame(run.movie.frames[1].data(), run.movie.frames[1].size(), &items));
+  for (uint32_t i = 0; i < items.fade.size; ++i) {
+    EXPECT_EQ(run.movie.frames[1][items.fade.offset + i], 0x33);
+  }
+  for (size_t i = 0; i < b.pixels.size(); ++i) {
+    if (i % 4 != 3) {
+      ASSERT_EQ(run.encoder.Reconstructed()[i], b.pixels[i]) << i;
+    }
+  }
+}
+
 TEST(Encoder, MotiEightCopiesOnlyInPlaceAndNineNeverCopies) {
   auto frames = Clip("walkers_768x576_10fps_120f.mkv", 3, 64, 48);
   ASSERT_EQ(frames.size(), 3u);
