@@ -139,7 +139,7 @@ uint32_t zycSectionPacker::Pack(const void* data, uint32_t count, bool commit) {
   const uint32_t grown = uint32_t(zip_->total_out - before);
   zipPending_ += grown;
   if (commit && zipPending_) {
-    std::fwrite(zipBuffer_.data(), 1, zipPending_, file_);
+    if (file_) std::fwrite(zipBuffer_.data(), 1, zipPending_, file_);
     zip_->next_out = zipBuffer_.data();
     zip_->avail_out = uInt(zipBuffer_.size());
     zipPending_ = 0;
@@ -181,6 +181,7 @@ int32_t zycSectionPacker::PackLzma(const void* data, uint32_t count, bool commit
   }
   if (commit && lzmaInputSize_) {
     size_t packed = lzmaDirty_ ? Compress() : lzmaCachedSize_;
+    if (!file_) return int32_t(packed + 13);  // no output open: the bytes go nowhere
     uint8_t size8[8];
     zycStore64(size8, lzmaInputSize_);
     if (sectionPackedSize == 0) {

@@ -516,6 +516,30 @@ TEST(Encoder, AZeroBudgetStillEndsEveryFrame) {
   EXPECT_LT(run.progresses[2].credit, run.progresses[1].credit);
 }
 
+TEST(Encoder, CodesWithoutAnOpenOutput) {
+  zylTestPicture p = Crop(Coffee(), 0, 0, 32, 32);
+  zycEncoder encoder;
+  encoder.verbose = false;
+  zycStreamHeader header;
+  header.magic = kMagicZyl0;
+  header.frameDuration = 40000;
+  header.timeScale = 1000000;
+  header.width = 32;
+  header.height = 32;
+  zycFileHolder none;
+  zylFrameImage image;
+  image.pixels = p.pixels.data();
+  image.width = 32;
+  image.height = 32;
+  zylProgress progress{};
+  EXPECT_EQ(encoder.Begin(header, image, &none, nullptr, nullptr, nullptr, &progress, nullptr), 0);
+  encoder.Next(image, &progress);
+  EXPECT_EQ(progress.frameIndex, 1u);
+  EXPECT_GT(progress.size, 0);
+  encoder.End();
+  image.pixels = nullptr;
+}
+
 TEST(Encoder, RefusesTableBlocksWithoutWriting) {
   zylTestPicture p = Crop(Coffee(), 0, 0, 32, 32);
   EncodeRun run("refuseTable");
