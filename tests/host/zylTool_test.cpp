@@ -276,6 +276,25 @@ TEST(ZylToolFrames, MovieFramesAreTheSourceFramesFromFirstOn) {
   }
 }
 
+TEST(ZylToolOptions, KeyFramePlanAndLzmaReachTheMovie) {
+  const std::string movie = Dir() + "planned.zyl";
+  const Result encode = RunTool({"encode", ExampleClip(), movie, "--count", "6", "--key-frames",
+                                 "3", "--lzma", "--no-sound"});
+  ASSERT_EQ(encode.exit, 0) << encode.err;
+  const Result info = RunTool({"info", "--json", movie});
+  ASSERT_EQ(info.exit, 0) << info.out;
+  EXPECT_NE(info.out.find("\"packing\": \"lzma\""), std::string::npos) << info.out;
+  EXPECT_NE(info.out.find("\"firstFrame\": 3, "), std::string::npos) << info.out;
+  EXPECT_NE(info.out.find("\"soundRate\": 0,"), std::string::npos) << info.out;
+  // The block tree view paints something else than the pictures.
+  const std::string plain = Dir() + "planned.rgb", tree = Dir() + "planned_tree.rgb";
+  ASSERT_EQ(RunTool({"decode", movie, plain, "--rgb"}).exit, 0);
+  ASSERT_EQ(RunTool({"decode", movie, tree, "--rgb", "--tree-view"}).exit, 0);
+  const std::string a = ReadFile(plain), b = ReadFile(tree);
+  EXPECT_EQ(a.size(), b.size());
+  EXPECT_NE(a, b);
+}
+
 TEST_F(ZylTool, DecodeWritesY4mPngAndWav) {
   ASSERT_EQ(encode_.exit, 0) << encode_.err;
   const std::string y4m = Dir() + "five.y4m";
