@@ -9,7 +9,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   zycSafeReaderLimits limits;
   limits.maxWidth = 512;
   limits.maxHeight = 512;
-  limits.maxPixels = 128 * 128;
+  limits.maxPixels = 320 * 256;  // the encoder movie of the corpus is 320 x 240
   limits.maxUnpackedBytes = 4u << 20;
   limits.maxTableBytes = 1u << 18;
   zycSafeReader reader;
