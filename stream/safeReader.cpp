@@ -352,9 +352,16 @@ bool zycSafeReader::Unpack(const zycSectionEntry& entry, uint32_t index,
     }
     z.next_out = out->data() + produced;
     z.avail_out = uInt(std::min<size_t>(out->size() - produced, 1u << 30));
-    const uInt before = z.avail_out;
+    const uInt before = z.avail_out, inBefore = z.avail_in;
     const int result = inflate(&z, Z_SYNC_FLUSH);
     produced += before - z.avail_out;
+    if (result == Z_BUF_ERROR && z.avail_in != 0 && z.avail_in == inBefore &&
+        z.avail_out == before && z.avail_out != 0) {
+      Problem(place + "the deflate stream stalls at byte " + Num(size - z.avail_in) +
+              " of the section");
+      ok = false;
+      break;
+    }
     if (result == Z_STREAM_END) {
       if (z.avail_in != 0) {
         Problem(place + "the deflate stream ends " + Num(z.avail_in) +
