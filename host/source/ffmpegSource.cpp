@@ -181,11 +181,24 @@ class StreamThread : public zylMediaControl, public zylMediaEvent, public zylMed
       asks_ = want;
       return 1;
     }
-    // Sound: the pump asks after its rounds of "go"; a sample ready or the end is enough.
-    cond_.wait_for(lock, kSettleLimit, [this] {
-      return quit_ || ready_ || (ended_ && !seekPending_) || (seekPending_ && !seekArmed_);
-    });
-    if (ended_ && !ready_ && !seekPending_) {
+    // Sound: the pump asks after each round of "go" and then reads the grabber's buffer, so no
+    // callback may still be appending, nor one be let through later by a go that is still
+    // pending. The thread takes its go under the lock (see Loop), which makes both checkable.
+    auto settled = [this] {
+      return quit_ || (ended_ && !seekPending_) || (ready_ && !inCallback_) ||
+             (seekPending_ && !seekArmed_);
+    };
+    cond_.wait_for(lock, kSettleLimit, settled);
+    if (!quit_ && ready_ && !inCallback_ && go_->Wait(0) == zylWaitObject0) {
+      // A go is still pending: hand it to the thread and wait for its sample to be in.
+      const uint64_t before = entered_;
+      go_->Set();
+      cond_.wait_for(lock, kSettleLimit, [this, before] {
+        return quit_ || seekPending_ || (ended_ && !inCallback_) ||
+               (entered_ > before && !inCallback_);
+      });
+    }
+    if (ended_ && !inCallback_ && !seekPending_) {
       if (eventCode) *eventCode = 1;
       return 0;
     }
@@ -300,6 +313,16 @@ class StreamThread : public zylMediaControl, public zylMediaEvent, public zylMed
         cond_.wait_for(lock, std::chrono::milliseconds(1));
       }
       if (quit_ || seekPending_) continue;
+      if (takesGoItself_) {
+        // The sound thread takes the pump's go itself, under the lock, and passes it on to the
+        // callback, whose own wait then returns at once.
+        bool go = false;
+        while (!quit_ && !seekPending_ && !(go = go_->Wait(0) == zylWaitObject0)) {
+          cond_.wait_for(lock, std::chrono::milliseconds(1));
+        }
+        if (!go) continue;
+        go_->Set();
+      }
       inCallback_ = true;
       ++entered_;
       cond_.notify_all();
@@ -334,7 +357,8 @@ class StreamThread : public zylMediaControl, public zylMediaEvent, public zylMed
   uint64_t asks_ = 0;        // WaitForCompletion answers "running" that a go followed
 
  protected:
-  bool countsAsks_ = false;  // the picture stream's pump asks before every go
+  bool countsAsks_ = false;     // the picture stream's pump asks before every go
+  bool takesGoItself_ = false;  // the sound stream's thread takes the go before the callback
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -591,6 +615,7 @@ class VideoStream final : public StreamThread {
 
 class AudioStream final : public StreamThread {
  public:
+  AudioStream() { takesGoItself_ = true; }
   ~AudioStream() override {
     Stop();
     swr_free(&resampler_);
