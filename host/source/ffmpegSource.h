@@ -6,13 +6,21 @@
 // the stream's "go" event. Pictures arrive as 24-bit B, G, R rows, bottom row first, each row
 // padded to a multiple of 4 bytes; sound as interleaved 16-bit PCM at the file's own rate.
 //
-// Frame numbers count from the first picture the decoder delivers. Seeking is frame-accurate:
-// after a seek the stream's next sample is the one at the new position (see the pump's
-// handshake in codec/zylCodec.h). The end of a stream is reported by WaitForCompletion
-// returning 0 once its last sample has been delivered.
+// Frame numbers count from the first picture the decoder delivers, at the file's frame rate:
+// frame k is the last picture whose time stamp is at or before k / rate, so gaps in the time
+// stamps repeat a picture and the count is one behind the number of the last picture. Seeking
+// is frame-accurate: after a seek the stream's next sample is the one at the new position, and
+// whatever a callback held from before the seek is let go and its "done" taken back. The sound
+// starts at the time of the first picture and follows on without gaps.
+//
+// WaitForCompletion lets a stream settle before it answers: the picture stream answers 0 once
+// its last picture went out and otherwise only when the next picture waits at the grabber, so
+// the pump's 300 ms wait covers the hand-over and not the decoding; the sound stream answers
+// only when no callback is appending and no "go" is left pending, so the pump may read the
+// grabber's buffer.
 //
 // The source keeps `grabberTimeout` at 0: the callbacks wait for "go" without limit, which is
-// what holds the streams still between frames.
+// what holds the streams still between frames. The pump raises it only during a seek.
 #pragma once
 
 #include <memory>
