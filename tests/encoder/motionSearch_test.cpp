@@ -151,6 +151,18 @@ TEST(MotionSearch, SquareSumsAreTheSumsOfTheColourBytes) {
         ASSERT_EQ(all[5], expected);
         ASSERT_EQ(all[0], expectedHalf);
         ASSERT_EQ(all[15], expectedHalf);
+        // The mask of fades whose sums leave room under a limit, around both values.
+        for (uint32_t limit : {1u, expected / 3, expected - expectedHalf, expected - expectedHalf + 1,
+                               70000u, 0x3000000u}) {
+          const uint32_t sum = (expected + expectedHalf) / 2 + 1;
+          uint32_t want = 0;
+          for (int f = 0; f < 16; ++f) {
+            const uint32_t d = all[f] > sum ? all[f] - sum : sum - all[f];
+            if (d < limit) want |= 1u << f;
+          }
+          ASSERT_EQ(fadeSums.Candidates(x, y, s, sum, limit), want) << "limit " << limit;
+          ASSERT_EQ(fadeSums.Candidates(x, y, s, expected, limit) & (1u << 5), 1u << 5);
+        }
       }
     }
   }
