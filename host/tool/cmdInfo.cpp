@@ -116,6 +116,18 @@ int RunInfo(const CommandArgs& words) {
                  "  \"soundChannels\": %u,\n  \"soundChunkLimit\": %u,\n  \"packing\": \"%s\",\n",
                  h.version, h.fileSize, h.flags, h.frameCount, h.frameDuration, h.timeScale,
                  h.width, h.height, h.soundRate, h.soundChannels, h.soundChunkLimit, packing);
+    std::fprintf(out, "  \"reserved36\": %u,\n  \"reserved52\": %u,\n", h.reserved36,
+                 h.reserved52);
+    if (zyl1) {
+      std::fprintf(out, "  \"headerSize\": %u,\n  \"paramS\": %u,\n  \"paramT\": %u,\n",
+                   h.headerSize, h.paramS, h.paramT);
+    } else if (zycTailHoldsWords(h.version)) {
+      std::fprintf(out, "  \"tailWordI\": %u,\n  \"tailWordJ\": %u,\n", zycTailA(h),
+                   zycTailB(h));
+    } else {
+      std::fprintf(out, "  \"paramS\": %u,\n  \"paramT\": %u,\n", zycTailParamS(h),
+                   zycTailB(h));
+    }
     std::fprintf(out,
                  "  \"frameRate\": %.6f,\n  \"duration\": %.6f,\n  \"kbitPerSecond\": %.3f,\n"
                  "  \"keyFrames\": %u,\n  \"soundBytes\": %llu,\n",
@@ -160,6 +172,15 @@ int RunInfo(const CommandArgs& words) {
     if (!zyl1) {
       std::fprintf(out, "  flags          0x%x (%s)\n", h.flags, FlagNames(h.flags).c_str());
       std::fprintf(out, "  packing        %s\n", packing);
+    }
+    std::fprintf(out, "  header words   reserved36 %u, sound chunk limit %u, reserved52 %u",
+                 h.reserved36, h.soundChunkLimit, h.reserved52);
+    if (zyl1) {
+      std::fprintf(out, ", S %u, T %u\n", h.paramS, h.paramT);
+    } else if (zycTailHoldsWords(h.version)) {
+      std::fprintf(out, ", IXTC %u, JXTC %u\n", zycTailA(h), zycTailB(h));
+    } else {
+      std::fprintf(out, ", S %u, T %u\n", zycTailParamS(h), zycTailB(h));
     }
     std::fprintf(out, "  sections\n    %4s %12s %8s %8s %10s %12s\n", "#", "offset", "first",
                  "frames", "bytes", "unpacked");

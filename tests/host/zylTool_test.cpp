@@ -276,16 +276,19 @@ TEST(ZylToolFrames, MovieFramesAreTheSourceFramesFromFirstOn) {
   }
 }
 
-TEST(ZylToolOptions, KeyFramePlanAndLzmaReachTheMovie) {
+TEST(ZylToolOptions, KeyFramePlanPackingAndParamsReachTheMovie) {
   const std::string movie = Dir() + "planned.zyl";
-  const Result encode = RunTool({"encode", ExampleClip(), movie, "--count", "6", "--key-frames",
-                                 "3", "--lzma", "--no-sound"});
+  const Result encode =
+      RunTool({"encode", ExampleClip(), movie, "--count", "6", "--key-frames", "3", "--lzma",
+               "--no-sound", "--param", "sFMT=70000", "--param=tFMT=9"});
   ASSERT_EQ(encode.exit, 0) << encode.err;
   const Result info = RunTool({"info", "--json", movie});
   ASSERT_EQ(info.exit, 0) << info.out;
   EXPECT_NE(info.out.find("\"packing\": \"lzma\""), std::string::npos) << info.out;
   EXPECT_NE(info.out.find("\"firstFrame\": 3, "), std::string::npos) << info.out;
   EXPECT_NE(info.out.find("\"soundRate\": 0,"), std::string::npos) << info.out;
+  EXPECT_NE(info.out.find("\"paramS\": 70000,"), std::string::npos) << info.out;
+  EXPECT_NE(info.out.find("\"paramT\": 9,"), std::string::npos) << info.out;
   // The block tree view paints something else than the pictures.
   const std::string plain = Dir() + "planned.rgb", tree = Dir() + "planned_tree.rgb";
   ASSERT_EQ(RunTool({"decode", movie, plain, "--rgb"}).exit, 0);
