@@ -553,6 +553,7 @@ int32_t zycEncoder::Begin(zycStreamHeader& header, const zylFrameImage& image,
       WriteZeros(f, 6);
     }
   }
+  header = s.header;  // the job's record, completed
   s.sectionStart = 64;
   s.sectionSize = 0;
   // Room for a whole frame: the picture's bytes, and a sound chunk, which on a small picture can
