@@ -121,11 +121,35 @@ uint32_t zycMotionSearch::SearchBlock(zycBlock& block) const {
   const bool bounds = sourceSums && referenceSums && !searchOff && count;
   const bool fadeBounds = bounds && fadeSums;
   const uint32_t curSum = bounds ? sourceSums->Sum(block.x, block.y, s) : 0;
-  for (uint32_t k = 0; k < count; ++k) {
-    if (block.motionError == 0 || block.fadeError == 0 || searchOff) break;
+  auto inside = [&](uint32_t k) {
     const int32_t sx = block.x + table[k][0];
     const int32_t sy = block.y + table[k][1];
-    if (sx < 0 || sy < 0 || sx + s > w || sy + s > h) continue;
+    return sx >= 0 && sy >= 0 && sx + s <= w && sy + s <= h;
+  };
+  auto nextInside = [&](uint32_t k) {
+    while (k < count && !inside(k)) ++k;
+    return k;
+  };
+  const bool pipelined = fadeBounds && !noFade;
+  uint32_t k = searchOff ? count : nextInside(0);
+  // The fade mask of the next candidate is worked out one step ahead, so that its sums are
+  // being fetched while this candidate is compared. It was made with the error as it stood
+  // then, which can only have fallen since: it may let through fades that no longer can win,
+  // and the comparison below turns those away.
+  uint32_t mask = pipelined && k < count
+                      ? fadeSums->Candidates(block.x + table[k][0], block.y + table[k][1], s,
+                                             curSum, block.fadeError)
+                      : 0;
+  while (k < count) {
+    if (block.motionError == 0 || block.fadeError == 0) break;
+    const uint32_t following = nextInside(k + 1);
+    const uint32_t followingMask =
+        pipelined && following < count
+            ? fadeSums->Candidates(block.x + table[following][0], block.y + table[following][1],
+                                   s, curSum, block.fadeError)
+            : 0;
+    const int32_t sx = block.x + table[k][0];
+    const int32_t sy = block.y + table[k][1];
     const ptrdiff_t offset = ptrdiff_t(table[k][1]) * ptrdiff_t(stride) + ptrdiff_t(table[k][0]) * 4;
     uint32_t err;
     if (!bounds || Distance(curSum, referenceSums[0].Sum(sx, sy, s)) < block.motionError) {
@@ -135,11 +159,7 @@ uint32_t zycMotionSearch::SearchBlock(zycBlock& block) const {
         block.motionIndex = k;
       }
     }
-    if (noFade) continue;
-    if (fadeBounds) {
-      // Only the fades whose sums leave room; the error only falls as f goes on, so a fade
-      // ruled out by the error at the start stays ruled out.
-      uint32_t mask = fadeSums->Candidates(sx, sy, s, curSum, block.fadeError);
+    if (pipelined) {
       while (mask && block.fadeError) {
         const uint32_t f = uint32_t(__builtin_ctz(mask));
         mask &= mask - 1;
@@ -150,17 +170,19 @@ uint32_t zycMotionSearch::SearchBlock(zycBlock& block) const {
           block.fadeIndex = f;
         }
       }
-      continue;
-    }
-    for (uint32_t f = 0; f < 16; ++f) {
-      if (block.fadeError == 0) break;
-      err = colour(cur, references[f + 1] + at + offset, stride, block.fadeError);
-      if (err < block.fadeError) {
-        block.fadeError = err;
-        block.fadeMotionIndex = k;
-        block.fadeIndex = f;
+    } else if (!noFade) {
+      for (uint32_t f = 0; f < 16; ++f) {
+        if (block.fadeError == 0) break;
+        err = colour(cur, references[f + 1] + at + offset, stride, block.fadeError);
+        if (err < block.fadeError) {
+          block.fadeError = err;
+          block.fadeMotionIndex = k;
+          block.fadeIndex = f;
+        }
       }
     }
+    k = following;
+    mask = followingMask;
   }
   if (block.motionError == 0 || block.fadeError == 0) return 0;
 
