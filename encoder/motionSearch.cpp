@@ -48,52 +48,71 @@ void zycFadeSums::Build(const uint8_t* const pictures[16], uint32_t width, uint3
   stride_ = width + 1;
   table_.assign(size_t(stride_) * (height + 1) * 16, 0);
   for (uint32_t y = 0; y < height; ++y) {
-    const uint32_t* above = table_.data() + size_t(y) * stride_ * 16;
-    uint32_t* here = table_.data() + size_t(y + 1) * stride_ * 16;
-    uint32_t run[16] = {};
+    const uint16_t* above = table_.data() + size_t(y) * stride_ * 16;
+    uint16_t* here = table_.data() + size_t(y + 1) * stride_ * 16;
+    uint16_t run[16] = {};
     for (uint32_t x = 0; x < width; ++x) {
       const size_t at = (size_t(y) * width + x) * 4;
       for (int f = 0; f < 16; ++f) {
         const uint8_t* px = pictures[f] + at;
-        run[f] += uint32_t(px[0]) + px[1] + px[2];
-        here[(x + 1) * 16 + f] = above[(x + 1) * 16 + f] + run[f];
+        run[f] = uint16_t(run[f] + px[0] + px[1] + px[2]);
+        here[(x + 1) * 16 + f] = uint16_t(above[(x + 1) * 16 + f] + run[f]);
       }
     }
   }
 }
 
+void zycFadeSums::Sums(int32_t x, int32_t y, int32_t size, uint32_t out[16]) const {
+  if (size == 16) {
+    uint32_t part[16];
+    for (int f = 0; f < 16; ++f) out[f] = 0;
+    for (int q = 0; q < 4; ++q) {
+      Sums(x + (q & 1) * 8, y + (q >> 1) * 8, 8, part);
+      for (int f = 0; f < 16; ++f) out[f] += part[f];
+    }
+    return;
+  }
+  const uint16_t* a = Corner(x, y);
+  const uint16_t* b = Corner(x + size, y);
+  const uint16_t* c = Corner(x, y + size);
+  const uint16_t* d = Corner(x + size, y + size);
+  for (int f = 0; f < 16; ++f) out[f] = uint16_t(d[f] - c[f] - b[f] + a[f]);
+}
+
 uint32_t zycFadeSums::Candidates(int32_t x, int32_t y, int32_t size, uint32_t sum,
                                  uint32_t limit) const {
-  const uint32_t* a = table_.data() + (size_t(y) * stride_ + x) * 16;
-  const uint32_t* b = a + size_t(size) * 16;
-  const uint32_t* c = a + size_t(size) * stride_ * 16;
-  const uint32_t* d = c + size_t(size) * 16;
 #ifdef ZYC_SUMS_SSE2
-  // Square sums stay below 2^18 and limits below 2^31, so signed lanes are exact.
-  const __m128i target = _mm_set1_epi32(int32_t(sum));
-  const __m128i bound = _mm_set1_epi32(int32_t(limit > 0x7FFFFFFFu ? 0x7FFFFFFFu : limit));
-  uint32_t mask = 0;
-  for (int q = 0; q < 4; ++q) {
-    auto load = [q](const uint32_t* p) {
-      return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + q * 4));
-    };
-    __m128i v = _mm_add_epi32(_mm_sub_epi32(_mm_sub_epi32(load(d), load(c)), load(b)), load(a));
-    __m128i diff = _mm_sub_epi32(v, target);
-    __m128i sign = _mm_srai_epi32(diff, 31);
-    diff = _mm_sub_epi32(_mm_xor_si128(diff, sign), sign);
-    const __m128i within = _mm_cmpgt_epi32(bound, diff);
-    mask |= uint32_t(_mm_movemask_ps(_mm_castsi128_ps(within))) << (q * 4);
+  if (size < 16) {
+    if (limit > 0xFFFFu) return 0xFFFFu;  // no difference of 16-bit sums reaches it
+    const uint16_t* a = Corner(x, y);
+    const uint16_t* b = Corner(x + size, y);
+    const uint16_t* c = Corner(x, y + size);
+    const uint16_t* d = Corner(x + size, y + size);
+    const __m128i target = _mm_set1_epi16(int16_t(uint16_t(sum)));
+    const __m128i bound = _mm_set1_epi16(int16_t(uint16_t(limit)));
+    const __m128i zero = _mm_setzero_si128();
+    __m128i out[2];
+    for (int h = 0; h < 2; ++h) {
+      auto load = [h](const uint16_t* p) {
+        return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + h * 8));
+      };
+      const __m128i v =
+          _mm_add_epi16(_mm_sub_epi16(_mm_sub_epi16(load(d), load(c)), load(b)), load(a));
+      const __m128i diff = _mm_or_si128(_mm_subs_epu16(v, target), _mm_subs_epu16(target, v));
+      // diff < limit exactly when limit - diff, saturated at 0, is not 0.
+      out[h] = _mm_cmpeq_epi16(_mm_subs_epu16(bound, diff), zero);
+    }
+    return ~uint32_t(_mm_movemask_epi8(_mm_packs_epi16(out[0], out[1]))) & 0xFFFFu;
   }
-  return mask;
-#else
+#endif
+  uint32_t sums[16];
+  Sums(x, y, size, sums);
   uint32_t mask = 0;
   for (int f = 0; f < 16; ++f) {
-    const uint32_t v = d[f] - c[f] - b[f] + a[f];
-    const uint32_t diff = v > sum ? v - sum : sum - v;
+    const uint32_t diff = sums[f] > sum ? sums[f] - sum : sum - sums[f];
     if (diff < limit) mask |= 1u << f;
   }
   return mask;
-#endif
 }
 
 namespace {

@@ -59,24 +59,23 @@ class zycBlockSums {
   uint32_t stride_ = 0;
 };
 
-// The same sums for the 16 fades of a picture, interleaved so that the 16 sums of one square
-// come from four runs of 16 words.
+// The same sums for the 16 fades of a picture, interleaved so that the 16 sums of one corner
+// are one run of 32 bytes. The table holds 16-bit words and wraps: a square of 4 or 8 pixels sums
+// to at most 48960, so its sum comes out exact from wrapped corners; a square of 16 is the sum
+// of its four squares of 8.
 class zycFadeSums {
  public:
   void Build(const uint8_t* const pictures[16], uint32_t width, uint32_t height);
-  void Sums(int32_t x, int32_t y, int32_t size, uint32_t out[16]) const {
-    const uint32_t* a = table_.data() + (size_t(y) * stride_ + x) * 16;
-    const uint32_t* b = a + size_t(size) * 16;
-    const uint32_t* c = a + size_t(size) * stride_ * 16;
-    const uint32_t* d = c + size_t(size) * 16;
-    for (int f = 0; f < 16; ++f) out[f] = d[f] - c[f] - b[f] + a[f];
-  }
+  void Sums(int32_t x, int32_t y, int32_t size, uint32_t out[16]) const;
   // Bit f set when the sum of fade f's square differs from `sum` by less than `limit`: the
   // fades whose comparison could still win.
   uint32_t Candidates(int32_t x, int32_t y, int32_t size, uint32_t sum, uint32_t limit) const;
 
  private:
-  std::vector<uint32_t> table_;
+  const uint16_t* Corner(int32_t x, int32_t y) const {
+    return table_.data() + (size_t(y) * stride_ + x) * 16;
+  }
+  std::vector<uint16_t> table_;
   uint32_t stride_ = 0;
 };
 
