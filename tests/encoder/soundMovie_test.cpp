@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 #include "encoder/adpcm.h"
 #include "encoder/zycEncoder.h"
 #include "stream/adpcmDecoder.h"
@@ -71,7 +73,9 @@ SoundMovie Encode(const std::string& name, uint32_t frames, uint32_t embedReques
                   uint32_t frameDuration = 100000, bool large = false) {
   const std::vector<zylTestPicture>& pictures = Pictures(large);
   SoundMovie result;
-  const std::string path = ::testing::TempDir() + "soundMovie_" + name + ".zyl";
+  // Tests run as parallel processes: each process writes movies of its own.
+  const std::string path = ::testing::TempDir() + "soundMovie_" + name + "_" +
+                           std::to_string(getpid()) + ".zyl";
   zycFileHolder holder;
   holder.file = std::fopen(path.c_str(), "w+b");
   SoundSupplier supplier;
