@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 #include "base/fileIo.h"
 #include "codec/zylCodec.h"
 #include "tests/encoder/movieCheck.h"
@@ -49,7 +51,7 @@ TEST(CodecJob, EncodeThroughTheExportWritesTheMovieThatTheCallbackShows) {
   ASSERT_NE(codec, nullptr);
   codec->SetParam(zylTag('w', 'F', 'M', 'T'), 0);
   codec->SetParam(zylTag('R', 'A', 'T', 'I'), 30);
-  const std::string path = ::testing::TempDir() + "codecJob.zyl";
+  const std::string path = ::testing::TempDir() + "codecJob_" + std::to_string(getpid()) + ".zyl";
   const int32_t status = codec->Encode(media.source(), 0, zycUtf16(path).c_str());
   codec->Destroy();
   EXPECT_EQ(status, 0);

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 #include "base/byteIo.h"
 #include "encoder/zycEncoder.h"
 #include "stream/container.h"
@@ -21,7 +23,8 @@ namespace {
 class EncodeRun {
  public:
   explicit EncodeRun(const std::string& name) {
-    path_ = ::testing::TempDir() + "encoder_" + name + ".zyl";
+    // The process number keeps runs of the suite that share a temporary folder apart.
+    path_ = ::testing::TempDir() + "encoder_" + std::to_string(getpid()) + "_" + name + ".zyl";
     holder_.file = std::fopen(path_.c_str(), "w+b");
     encoder.verbose = false;
   }
@@ -480,7 +483,8 @@ TEST(Encoder, TwoByteMotionIndicesSetTheHeaderFlagAndDecode) {
 TEST(Encoder, DataFileListsTheCopiedBlocksOfEachFrame) {
   namespace fs = std::filesystem;
   const fs::path before = fs::current_path();
-  const fs::path dir = fs::path(::testing::TempDir()) / "encoderDataFile";
+  const fs::path dir =
+      fs::path(::testing::TempDir()) / ("encoderDataFile_" + std::to_string(getpid()));
   fs::create_directories(dir / "c:");
   fs::current_path(dir);
   zylTestPicture p = ExactSquares(64, 48);
