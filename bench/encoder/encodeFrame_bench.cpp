@@ -116,10 +116,13 @@ void BM_EncodeFrame(benchmark::State& state) {
   }
   TimerReset();
   size_t i = 1;
+  double passes = 0.0;
   for (auto _ : state) {
     job.Next(frames[i]);
+    passes += job.encoder.LastFrame().passes + 1;
     i = i + 1 < frames.size() ? i + 1 : 1;
   }
+  state.counters["passes"] = passes / double(state.iterations());
   state.SetItemsProcessed(int64_t(state.iterations()));
   const double n = double(state.iterations());
   const std::pair<int, const char*> slots[] = {
