@@ -1,5 +1,6 @@
-// The FFmpeg source driven through the pump's handshake: sizes and rates, exact pictures, seeks
-// that land on the frame a sequential decode reaches, sound in order, the end of the streams.
+// The FFmpeg source driven through the library's own frame pump: sizes and rates, exact
+// pictures, seeks that land on the frame a sequential decode reaches, sound in order, the end of
+// the streams.
 #include "host/source/ffmpegSource.h"
 
 #include <gtest/gtest.h>
@@ -9,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/host/pumpReplica.h"
+#include "codec/framePump.h"
 #include "tests/host/syntheticClip.h"
 #include "tests/support/testMedia.h"
 
@@ -33,8 +34,8 @@ std::string ScratchPath(const std::string& name) {
 std::vector<uint64_t> SequentialHashes(zylSource* source) {
   std::vector<uint64_t> hashes;
   zylFrameImage image;
-  EXPECT_TRUE(pump::SeekToFrame(source, 0));
-  while (pump::GrabFrame(source, image)) hashes.push_back(ImageHash(image));
+  EXPECT_TRUE(SeekToFrame(source, 0));
+  while (GrabFrame(source, image)) hashes.push_back(ImageHash(image));
   return hashes;
 }
 
@@ -63,9 +64,9 @@ TEST_F(SyntheticSource, OddSizedPicturesArriveExactlyAndInOrder) {
   EXPECT_DOUBLE_EQ(source->frameRate, 10.0);
   EXPECT_EQ(source->frameCount, 12u);
   zylFrameImage image;
-  ASSERT_TRUE(pump::SeekToFrame(source, 0));
+  ASSERT_TRUE(SeekToFrame(source, 0));
   for (int i = 0; i < clip.frames; ++i) {
-    ASSERT_TRUE(pump::GrabFrame(source, image)) << "frame " << i;
+    ASSERT_TRUE(GrabFrame(source, image)) << "frame " << i;
     const std::vector<uint8_t> want = SyntheticPicture(clip, i);
     for (int p = 0; p < clip.width * clip.height; ++p) {
       ASSERT_EQ(image.pixels[p * 4 + 0], want[p * 3 + 0]) << "frame " << i << " pixel " << p;
@@ -76,7 +77,7 @@ TEST_F(SyntheticSource, OddSizedPicturesArriveExactlyAndInOrder) {
   // The end is known as soon as the last picture went out, before any further "go".
   int32_t code = 0;
   EXPECT_EQ(source->videoEvent->WaitForCompletion(0, &code), 0);
-  EXPECT_FALSE(pump::GrabFrame(source, image));
+  EXPECT_FALSE(GrabFrame(source, image));
 }
 
 TEST_F(SyntheticSource, SeekDeliversTheTargetFrameNext) {
@@ -90,13 +91,13 @@ TEST_F(SyntheticSource, SeekDeliversTheTargetFrameNext) {
   zylSource* source = media.source();
   zylFrameImage image;
   for (int target : {5, 31, 2, 0, 39, 17, 18}) {
-    ASSERT_TRUE(pump::SeekToFrame(source, uint32_t(target)));
-    ASSERT_TRUE(pump::GrabFrame(source, image)) << "target " << target;
+    ASSERT_TRUE(SeekToFrame(source, uint32_t(target)));
+    ASSERT_TRUE(GrabFrame(source, image)) << "target " << target;
     const std::vector<uint8_t> want = SyntheticPicture(clip, target);
     EXPECT_EQ(image.pixels[0], want[0]) << "target " << target;
     EXPECT_EQ(image.pixels[4 * 9 + 2], want[3 * 9 + 2]) << "target " << target;
     if (target + 1 < clip.frames) {
-      ASSERT_TRUE(pump::GrabFrame(source, image));
+      ASSERT_TRUE(GrabFrame(source, image));
       EXPECT_EQ(image.pixels[0], SyntheticPicture(clip, target + 1)[0]) << "after " << target;
     }
   }
@@ -110,7 +111,7 @@ TEST_F(SyntheticSource, SoundArrivesInOrderAcrossUnevenReads) {
   zylSource* source = media.source();
   EXPECT_EQ(source->audioChannels, 2);
   EXPECT_EQ(source->audioSampleRate, 8000);
-  ASSERT_TRUE(pump::SeekToFrame(source, 0));
+  ASSERT_TRUE(SeekToFrame(source, 0));
   const std::vector<int16_t> want = SyntheticSound(clip);
   const size_t wantBytes = want.size() * 2;
   std::vector<uint8_t> got;
@@ -118,7 +119,7 @@ TEST_F(SyntheticSource, SoundArrivesInOrderAcrossUnevenReads) {
   bool running = true;
   for (size_t i = 0; got.size() < wantBytes + 4000; ++i) {
     std::vector<uint8_t> chunk(reads[i % 5]);
-    running = pump::ReadAudio(source, chunk.data(), uint32_t(chunk.size()));
+    running = ReadAudio(source, chunk.data(), uint32_t(chunk.size()));
     got.insert(got.end(), chunk.begin(), chunk.end());
   }
   EXPECT_FALSE(running);
@@ -138,9 +139,9 @@ TEST_F(SyntheticSource, SoundAfterASeekStartsAtTheFramesSample) {
   zylSource* source = media.source();
   const std::vector<int16_t> want = SyntheticSound(clip);
   for (uint32_t frame : {17u, 3u}) {
-    ASSERT_TRUE(pump::SeekToFrame(source, frame));
+    ASSERT_TRUE(SeekToFrame(source, frame));
     std::vector<int16_t> got(500);
-    pump::ReadAudio(source, reinterpret_cast<uint8_t*>(got.data()), 1000);
+    ReadAudio(source, reinterpret_cast<uint8_t*>(got.data()), 1000);
     const size_t start = size_t(frame) * 800;  // 8000 Hz at 10 fps, already a multiple of 4
     EXPECT_EQ(0, std::memcmp(got.data(), want.data() + start, 1000)) << "frame " << frame;
   }
@@ -214,10 +215,10 @@ TEST(FfmpegSource, GappedTimeStampsRepeatPicturesAtTheFrameRate) {
   zylSource* source = media.source();
   EXPECT_EQ(source->frameCount, 444u);
   zylFrameImage image;
-  ASSERT_TRUE(pump::SeekToFrame(source, 0));
+  ASSERT_TRUE(SeekToFrame(source, 0));
   std::vector<uint64_t> hashes;
   for (int i = 0; i < 20; ++i) {
-    ASSERT_TRUE(pump::GrabFrame(source, image));
+    ASSERT_TRUE(GrabFrame(source, image));
     hashes.push_back(ImageHash(image));
   }
   // Pictures at time stamps 0, 11 and 17.
@@ -225,8 +226,8 @@ TEST(FfmpegSource, GappedTimeStampsRepeatPicturesAtTheFrameRate) {
   EXPECT_NE(hashes[11], hashes[0]);
   for (int i = 12; i < 17; ++i) EXPECT_EQ(hashes[i], hashes[11]) << "frame " << i;
   EXPECT_NE(hashes[17], hashes[11]);
-  ASSERT_TRUE(pump::SeekToFrame(source, 14));
-  ASSERT_TRUE(pump::GrabFrame(source, image));
+  ASSERT_TRUE(SeekToFrame(source, 14));
+  ASSERT_TRUE(GrabFrame(source, image));
   EXPECT_EQ(ImageHash(image), hashes[14]);
 }
 
@@ -241,14 +242,14 @@ TEST(FfmpegSource, SeeksGiveTheFramesOfASequentialDecode) {
   EXPECT_EQ(source->videoEvent->WaitForCompletion(0, &code), 0);  // the end is reported
   zylFrameImage image;
   for (uint32_t target : {99u, 0u, 50u, 13u, 14u, 75u, 1u}) {
-    ASSERT_TRUE(pump::SeekToFrame(source, target));
-    ASSERT_TRUE(pump::GrabFrame(source, image)) << "target " << target;
+    ASSERT_TRUE(SeekToFrame(source, target));
+    ASSERT_TRUE(GrabFrame(source, image)) << "target " << target;
     EXPECT_EQ(ImageHash(image), hashes[target]) << "target " << target;
     if (target + 1 < hashes.size()) {
-      ASSERT_TRUE(pump::GrabFrame(source, image));
+      ASSERT_TRUE(GrabFrame(source, image));
       EXPECT_EQ(ImageHash(image), hashes[target + 1]) << "after " << target;
     } else {
-      EXPECT_FALSE(pump::GrabFrame(source, image));
+      EXPECT_FALSE(GrabFrame(source, image));
     }
   }
 }
@@ -258,13 +259,13 @@ TEST(FfmpegSource, SoundAfterASeekMatchesTheSequentialSound) {
   ASSERT_TRUE(media.Open(zylMediaPath("walkers_speech_384x288_10fps_16k.mkv"))) << media.error();
   zylSource* source = media.source();
   ASSERT_EQ(source->audioSampleRate, 16000);
-  ASSERT_TRUE(pump::SeekToFrame(source, 0));
+  ASSERT_TRUE(SeekToFrame(source, 0));
   std::vector<uint8_t> all(16000 * 2 * 6);
-  pump::ReadAudio(source, all.data(), uint32_t(all.size()));
+  ReadAudio(source, all.data(), uint32_t(all.size()));
   for (uint32_t frame : {40u, 7u}) {
-    ASSERT_TRUE(pump::SeekToFrame(source, frame));
+    ASSERT_TRUE(SeekToFrame(source, frame));
     std::vector<uint8_t> part(3200);
-    pump::ReadAudio(source, part.data(), uint32_t(part.size()));
+    ReadAudio(source, part.data(), uint32_t(part.size()));
     const size_t start = size_t(frame) * 1600 * 2;
     EXPECT_EQ(0, std::memcmp(part.data(), all.data() + start, part.size())) << "frame " << frame;
   }
@@ -279,11 +280,11 @@ TEST(FfmpegSource, FileStartingOnANonKeyFrameStillGivesFrameZero) {
   EXPECT_NEAR(source->frameRate, 29.97, 0.01);
   EXPECT_GE(source->frameCount, 450u);
   zylFrameImage image;
-  ASSERT_TRUE(pump::SeekToFrame(source, 0));
-  ASSERT_TRUE(pump::GrabFrame(source, image));
+  ASSERT_TRUE(SeekToFrame(source, 0));
+  ASSERT_TRUE(GrabFrame(source, image));
   EXPECT_EQ(image.width, 640);
   std::vector<uint8_t> sound(4410 * 2);
-  EXPECT_TRUE(pump::ReadAudio(source, sound.data(), uint32_t(sound.size())));
+  EXPECT_TRUE(ReadAudio(source, sound.data(), uint32_t(sound.size())));
 }
 
 TEST(FfmpegSource, CloseReleasesStreamsWaitingForGo) {
@@ -291,16 +292,16 @@ TEST(FfmpegSource, CloseReleasesStreamsWaitingForGo) {
   ASSERT_TRUE(media.Open(zylMediaPath("coin_pen_568x320_30fps_sound.mov"))) << media.error();
   zylSource* source = media.source();
   zylFrameImage image;
-  ASSERT_TRUE(pump::SeekToFrame(source, 10));
-  ASSERT_TRUE(pump::GrabFrame(source, image));
+  ASSERT_TRUE(SeekToFrame(source, 10));
+  ASSERT_TRUE(GrabFrame(source, image));
   std::vector<uint8_t> sound(2000);
-  pump::ReadAudio(source, sound.data(), 2000);
+  ReadAudio(source, sound.data(), 2000);
   // Both streams now wait inside their callbacks; closing must not hang.
   media.Close();
   EXPECT_EQ(media.source()->videoControl, nullptr);
   ASSERT_TRUE(media.Open(zylMediaPath("coin_pen_568x320_30fps_sound.mov")));
-  ASSERT_TRUE(pump::SeekToFrame(media.source(), 0));
-  EXPECT_TRUE(pump::GrabFrame(media.source(), image));
+  ASSERT_TRUE(SeekToFrame(media.source(), 0));
+  EXPECT_TRUE(GrabFrame(media.source(), image));
 }
 
 }  // namespace

@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "host/source/ffmpegSource.h"
-#include "tests/host/pumpReplica.h"
+#include "codec/framePump.h"
 #include "tests/host/syntheticClip.h"
 #include "tests/support/testMedia.h"
 
@@ -218,10 +218,10 @@ TEST_F(ZylTool, DecodedPicturesLookLikeTheSource) {
   zycFfmpegSource media;
   ASSERT_TRUE(media.Open(ExampleClip(), false));
   zylFrameImage image;
-  ASSERT_TRUE(pump::SeekToFrame(media.source(), 0));
+  ASSERT_TRUE(SeekToFrame(media.source(), 0));
   double best = 0;
   for (int frame = 0; frame < 3; ++frame) {
-    ASSERT_TRUE(pump::GrabFrame(media.source(), image));
+    ASSERT_TRUE(GrabFrame(media.source(), image));
     double squared = 0;
     for (size_t p = 0; p < 284 * 160; ++p) {
       for (int c = 0; c < 3; ++c) {
