@@ -148,6 +148,28 @@ const std::string& zycSafeReader::error() const {
 
 void zycSafeReader::Problem(const std::string& text) { problems_.push_back(name_ + ": " + text); }
 
+// The encoder appends a frame's bytes before it patches the headers, so a job stopped in that
+// moment leaves bytes behind the end the header gives: the movie up to that end is whole.
+// Anything else behind the last section is a fault.
+void zycSafeReader::CheckTail(size_t walkedTo) {
+  if (walkedTo == file_.size() && header_.fileSize == file_.size()) return;
+  // A header still as Begin first wrote it (size 0, no frames) is a job stopped in its first
+  // frame.
+  const bool unpatched = header_.fileSize == 0 && header_.frameCount == 0;
+  if ((walkedTo == header_.fileSize || unpatched) && walkedTo < file_.size()) {
+    notes_.push_back(name_ + ": " + Num(file_.size() - walkedTo) +
+                     " bytes behind the movie's end at byte " + Num(walkedTo) +
+                     " are ignored (a frame being written when the encoder stopped)");
+    return;
+  }
+  if (header_.fileSize < file_.size())  // a larger one was reported before the walk
+    Problem("the header gives a file size of " + Num(header_.fileSize) + " bytes, the file holds " +
+            Num(file_.size()));
+  if (walkedTo < file_.size())
+    Problem(Num(file_.size() - walkedTo) + " bytes stand behind the last section, at byte " +
+            Num(walkedTo));
+}
+
 std::string zycSafeReader::FramePlace(uint32_t frame) const {
   const zycSafeFrame& f = frames_[frame];
   return name_ + ": frame " + Num(frame) + " (section " + Num(f.section) + " at byte " +
@@ -186,6 +208,7 @@ bool zycSafeReader::OpenMemory(const uint8_t* data, size_t size, const std::stri
 
 bool zycSafeReader::Walk() {
   problems_.clear();
+  notes_.clear();
   sections_.clear();
   frames_.clear();
   unpacked_.clear();
@@ -210,7 +233,7 @@ bool zycSafeReader::Walk() {
   }
   pictureWidth_ = uint32_t(w);
   pictureHeight_ = uint32_t(h);
-  if (header_.fileSize != file_.size())
+  if (header_.fileSize > file_.size())
     Problem("the header gives a file size of " + Num(header_.fileSize) + " bytes, the file holds " +
             Num(file_.size()));
   if (header_.frameDuration == 0 || header_.timeScale == 0)
@@ -286,9 +309,7 @@ bool zycSafeReader::WalkZyl0() {
     Problem(walker.error());
     return false;
   }
-  if (walker.position() != file_.size())
-    Problem(Num(file_.size() - walker.position()) + " bytes stand behind the last section, at byte " +
-            Num(walker.position()));
+  CheckTail(walker.position());
   if (walker.framesPassed() != header_.frameCount)
     Problem("the sections hold " + Num(walker.framesPassed()) + " frames, the header says " +
             Num(header_.frameCount));
@@ -454,9 +475,7 @@ bool zycSafeReader::WalkZyl1() {
     Problem(walker.error());
     return false;
   }
-  if (walker.position() != file_.size())
-    Problem(Num(file_.size() - walker.position()) + " bytes stand behind the last section, at byte " +
-            Num(walker.position()));
+  CheckTail(walker.position());
   if (walker.framesPassed() != header_.frameCount)
     Problem("the sections hold " + Num(walker.framesPassed()) + " frames, the header says " +
             Num(header_.frameCount));

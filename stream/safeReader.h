@@ -86,6 +86,9 @@ class zycSafeReader {
   const std::string& error() const;
   // Every fault found by Open, in file order.
   const std::vector<std::string>& problems() const { return problems_; }
+  // Things worth telling that are not faults: bytes behind the movie's end that a job stopped
+  // while writing a frame leaves behind (the movie before them is whole).
+  const std::vector<std::string>& notes() const { return notes_; }
 
   const zycStreamHeader& header() const { return header_; }
   bool isZyl1() const { return header_.magic == kMagicZyl1; }
@@ -124,6 +127,7 @@ class zycSafeReader {
   bool WalkZyl1();
   bool Unpack(const zycSectionEntry& entry, uint32_t index, std::vector<uint8_t>* out);
   void Problem(const std::string& text);
+  void CheckTail(size_t walkedTo);
   std::string FramePlace(uint32_t frame) const;
   bool CheckZyl0Frame(const zycSafeFrame& frame, const zycFrameItems& items,
                       const uint8_t* bytes, std::string* why);
@@ -138,6 +142,7 @@ class zycSafeReader {
   std::vector<uint8_t> file_;
   zycStreamHeader header_;
   std::vector<std::string> problems_;
+  std::vector<std::string> notes_;
   std::vector<zycSafeSection> sections_;
   std::vector<zycSafeFrame> frames_;
   std::vector<std::vector<uint8_t>> unpacked_;  // ZYL0 sections

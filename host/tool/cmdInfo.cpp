@@ -143,8 +143,12 @@ int RunInfo(const CommandArgs& words) {
                    section.frames, section.packedBytes,
                    (unsigned long long)section.unpackedBytes, section.keyType);
     }
-    std::fprintf(out, "%s],\n  \"undecodableFrames\": %u,\n  \"problems\": [",
+    std::fprintf(out, "%s],\n  \"undecodableFrames\": %u,\n  \"notes\": [",
                  sections.empty() ? "" : "\n  ", reader.undecodableFrames());
+    for (size_t i = 0; i < reader.notes().size(); ++i) {
+      std::fprintf(out, "%s%s", i ? ", " : "", JsonString(reader.notes()[i]).c_str());
+    }
+    std::fprintf(out, "],\n  \"problems\": [");
     for (size_t i = 0; i < problems.size(); ++i) {
       std::fprintf(out, "%s\n    %s", i ? "," : "", JsonString(problems[i]).c_str());
     }
@@ -194,6 +198,9 @@ int RunInfo(const CommandArgs& words) {
     if (reader.undecodableFrames() > 0) {
       std::fprintf(out, "  note           %u frames use codings this build can't decode\n",
                    reader.undecodableFrames());
+    }
+    for (const std::string& note : reader.notes()) {
+      std::fprintf(out, "  note           %s\n", note.c_str());
     }
     if (problems.empty()) {
       std::fprintf(out, "  problems       none%s\n", quick ? " in the container" : "");

@@ -30,6 +30,13 @@ bool CheckMovie(zycSafeReader* reader, const std::string& path, bool decodeFrame
     Fail(kExitInput, "%s; nothing was changed", reader->error().c_str());
     return false;
   }
+  // Surgery copies whole files by their headers: bytes an interrupted job left behind the end
+  // would land inside the result.
+  if (!reader->notes().empty()) {
+    Fail(kExitInput, "%s; cut the file to its header's size first; nothing was changed",
+         reader->notes().front().c_str());
+    return false;
+  }
   if (decodeFrames) {
     const std::vector<std::string> problems = reader->CheckAll();
     if (!problems.empty()) {

@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/byteIo.h"
 #include "host/source/ffmpegSource.h"
 #include "codec/framePump.h"
 #include "tests/host/syntheticClip.h"
@@ -400,6 +401,31 @@ TEST_F(ZylTool, CtrlCStopsBetweenFramesAndLeavesAValidMovie) {
   EXPECT_NE(result.err.find("stopped by Ctrl-C"), std::string::npos) << result.err;
   const Result info = RunTool({"info", movie});
   EXPECT_EQ(info.exit, 0) << info.out;
+}
+
+TEST_F(ZylTool, AKilledEncodeLeavesAMovieOfWholeFrames) {
+  const std::string movie = Dir() + "killed.zyl";
+  const std::string out = Dir() + "kill_out.txt", err = Dir() + "kill_err.txt";
+  const pid_t pid = Start({"encode", ExampleClip(), movie, "--count", "100"}, out, err);
+  ASSERT_GT(pid, 0);
+  // Let a few frames reach the disk (the header counts them), then end the process with no
+  // chance to tidy up: most likely in the middle of a frame.
+  auto framesOnDisk = [&] {
+    const std::string bytes = ReadFile(movie);
+    return bytes.size() < 20 ? 0u : zycLoad32(bytes.data() + 16);
+  };
+  for (int i = 0; i < 6000 && framesOnDisk() < 3; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  kill(pid, SIGKILL);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  ASSERT_TRUE(WIFSIGNALED(status));
+  const Result info = RunTool({"info", movie});
+  EXPECT_EQ(info.exit, 0) << info.out;
+  EXPECT_NE(info.out.find("problems       none"), std::string::npos) << info.out;
+  const Result decode = RunTool({"decode", movie, Dir() + "killed.y4m"});
+  EXPECT_EQ(decode.exit, 0) << decode.err;
 }
 
 }  // namespace

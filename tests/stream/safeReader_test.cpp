@@ -253,6 +253,31 @@ TEST(SafeReaderDamage, TrailingBytesAreRefused) {
             "movie.zyl: 1 bytes stand behind the last section, at byte " + std::to_string(end));
 }
 
+TEST(SafeReaderDamage, BytesBehindTheHeadersEndAreAnUnfinishedFrameNotAFault) {
+  // A job stopped between appending a frame and patching the headers leaves this.
+  auto movie = zylTestMovie::Zyl0({});
+  const size_t end = movie.size();
+  movie.insert(movie.end(), {1, 2, 3, 4, 5});
+  auto reader = Read(movie);
+  EXPECT_TRUE(reader->problems().empty()) << reader->error();
+  ASSERT_EQ(reader->notes().size(), 1u);
+  EXPECT_EQ(reader->notes()[0], "movie.zyl: 5 bytes behind the movie's end at byte " +
+                                    std::to_string(end) +
+                                    " are ignored (a frame being written when the encoder stopped)");
+  EXPECT_TRUE(reader->CheckAll().empty());
+
+  // Stopped inside the first frame: the header is still as first written, size 0, no frames.
+  std::vector<uint8_t> begun(movie.begin(), movie.begin() + 70);
+  zycStore32(&begun[8], 0);
+  zycStore32(&begun[16], 0);
+  std::fill(begun.begin() + 64, begun.end(), 0);
+  begun.insert(begun.end(), {9, 9, 9});
+  reader = Read(begun);
+  EXPECT_TRUE(reader->problems().empty()) << reader->error();
+  EXPECT_EQ(reader->notes().size(), 1u);
+  EXPECT_TRUE(reader->frames().empty());
+}
+
 TEST(SafeReaderDamage, WrongMagicAndFileSize) {
   auto movie = zylTestMovie::Zyl0({});
   movie[3] = 'X';
