@@ -18,12 +18,12 @@
 #include "base/fileIo.h"
 #include "stream/container.h"
 #include "stream/safeReader.h"
-#include "tests/support/testMovieWriter.h"
+#include "tests/support/movieBuilder.h"
 
 namespace {
 
-using zylTestMovie::ReadFile;
-using zylTestMovie::WriteFile;
+using movieBuilder::ReadFile;
+using movieBuilder::WriteFile;
 
 // A scratch folder per test, removed with its files afterwards.
 class FileSurgery : public ::testing::Test {
@@ -92,19 +92,19 @@ int32_t RunReplace(const std::string& a, const std::string& b, uint32_t start, u
 
 std::vector<uint8_t> Zyl0Movie(std::vector<uint32_t> sections, uint8_t seed = 0,
                                uint32_t version = 0) {
-  zylTestMovieOptions o;
+  movieBuilder::MovieOptions o;
   o.sections = std::move(sections);
   o.seed = seed;
   o.version = version;
-  return zylTestMovie::Zyl0(o);
+  return movieBuilder::Zyl0(o);
 }
 
 std::vector<uint8_t> Zyl1Movie(std::vector<uint32_t> sections, uint8_t seed = 0) {
-  zylTestMovieOptions o;
+  movieBuilder::MovieOptions o;
   o.sections = std::move(sections);
   o.seed = seed;
   o.sound = true;
-  return zylTestMovie::Zyl1(o);
+  return movieBuilder::Zyl1(o);
 }
 
 std::vector<zycSectionEntry> Sections(const std::vector<uint8_t>& movie) {
@@ -159,11 +159,11 @@ TEST_F(FileSurgery, AppendGluesTheSecondMovieBehindTheFirst) {
 }
 
 TEST_F(FileSurgery, AppendLeavesWidthAndChunkLimitToTheCaller) {
-  zylTestMovieOptions o;
+  movieBuilder::MovieOptions o;
   o.sound = true;
-  const auto a = zylTestMovie::Zyl0(o);
+  const auto a = movieBuilder::Zyl0(o);
   o.width = 64;
-  auto b = zylTestMovie::Zyl0(o);
+  auto b = movieBuilder::Zyl0(o);
   zycStore32(&b[48], 12345);  // soundChunkLimit
   const std::string pa = Make("a.zyl", a), pb = Make("b.zyl", b);
   EXPECT_EQ(RunAppend(pa, pb), 0);

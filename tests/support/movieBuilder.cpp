@@ -1,7 +1,12 @@
-// Hand-made frame payloads for decoder tests.
+// Hand-made frame payloads and whole movies for tests.
 #include "tests/support/movieBuilder.h"
 
+#include <zlib.h>
+
 #include <algorithm>
+#include <cstdio>
+
+#include "deps/lzmaLib/lzmaLib.h"
 
 namespace movieBuilder {
 
@@ -234,6 +239,318 @@ Bytes frameRecord(uint8_t recordFlags, const Bytes& first, const Bytes* sound, c
   out[3] = uint8_t((length >> 8) & 0xFF);
   std::copy(behind.begin(), behind.end(), out.begin() + 4);
   return out;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Whole movies.
+
+namespace {
+
+// 2-bit symbols four to a byte, first symbol in the low bits.
+struct SymbolWriter {
+  Bytes bytes;
+  uint32_t count = 0;
+  void Put(uint8_t symbol) {
+    if (count % 4 == 0) bytes.push_back(0);
+    bytes.back() |= uint8_t(symbol << (2 * (count % 4)));
+    ++count;
+  }
+};
+
+enum : uint8_t { kCopy = 0, kSplit = 1, kColour = 2, kFade = 3 };
+enum : uint8_t { kAlways = 1, kMotion = 2, kColours = 4, kImage = 8, kSound = 16, kFades = 32,
+                 kTable = 64 };
+
+// A still image of w x h pixels: 8 by 8 blocks alternating between a surface (1-bit index into
+// two surfaces) and four codebook blocks (1-bit indices into two entries).
+Bytes MovieStillImage(uint32_t w, uint32_t h, uint8_t seed) {
+  StillImage image;
+  image.tableBytes = 48 * 16;
+  image.surfaceBits = 1;
+  image.vqBits = 1;
+  image.width = uint16_t(w);
+  image.height = uint16_t(h);
+  uint32_t k = 0;
+  for (uint32_t by = 0; by < h; by += 8) {
+    for (uint32_t bx = 0; bx < w; bx += 8, ++k) {
+      if ((k + seed) % 2) {
+        image.CodebookBlock(k & 1, (k + 1) & 1, (k + 2) & 1, (k + 3) & 1);
+      } else {
+        image.SurfaceBlock(k % 3 == 0);
+      }
+    }
+  }
+  for (int s = 0; s < 2; ++s) {
+    std::array<int16_t, 18> surface;
+    for (int channel = 0; channel < 3; ++channel) {
+      const int16_t k0 = int16_t(1000 + 900 * channel + 500 * s + 37 * seed);
+      const int16_t coefficients[6] = {k0, int16_t(30 - 20 * s), int16_t(-25 + channel), 1, -1, 2};
+      std::copy(coefficients, coefficients + 6, surface.begin() + 6 * channel);
+    }
+    image.surfaces.push_back(surface);
+  }
+  image.codebook.push_back({0x1F, 0xF8, 0xE0, 0x07, 0x1B, 0xE4, 0x1B, 0xE4});
+  image.codebook.push_back({uint8_t(0x10 + seed), 0x84, 0x00, 0x00, 0xFF, 0x00, 0xAA, 0x55});
+  return image.Build();
+}
+
+// Raw deflate of one section, every length word and every body flushed on its own, never
+// finished.
+Bytes DeflateSection(const std::vector<Bytes>& pieces) {
+  z_stream z{};
+  deflateInit2(&z, 9, Z_DEFLATED, -15, 9, Z_DEFAULT_STRATEGY);
+  Bytes out;
+  uint8_t buffer[1 << 14];
+  for (const Bytes& piece : pieces) {
+    z.next_in = const_cast<Bytef*>(piece.data());
+    z.avail_in = uInt(piece.size());
+    do {
+      z.next_out = buffer;
+      z.avail_out = sizeof buffer;
+      deflate(&z, Z_SYNC_FLUSH);
+      out.insert(out.end(), buffer, buffer + (sizeof buffer - z.avail_out));
+    } while (z.avail_out == 0);
+  }
+  deflateEnd(&z);
+  return out;
+}
+
+// Five property bytes, the u64 unpacked size, the LZMA stream.
+Bytes LzmaSection(const Bytes& unpacked) {
+  Bytes out(13 + unpacked.size() * 2 + 1024);
+  size_t packedSize = out.size() - 13;
+  size_t propsSize = 5;
+  LzmaCompress(out.data() + 13, &packedSize, unpacked.data(), unpacked.size(), out.data(),
+               &propsSize, 1, 65536, 2, 0, 2, 8, 1);
+  for (int i = 0; i < 8; ++i) out[5 + i] = uint8_t(uint64_t(unpacked.size()) >> (8 * i));
+  out.resize(13 + packedSize);
+  return out;
+}
+
+}  // namespace
+
+std::vector<Bytes> Zyl0FrameItems(const MovieOptions& o, uint32_t frame, bool key) {
+  const uint32_t blocks = ((o.width + 15) / 16) * ((o.height + 15) / 16);
+  SymbolWriter tree;
+  Bytes motion, fade;
+  std::vector<uint32_t> colours, indices;
+  uint32_t fadeCount = 0;
+  auto colourBlock = [&](uint32_t k) {
+    colours.push_back(uint32_t(o.seed * 977u + frame * 131u + k * 7919u) * 2654435761u);
+    indices.push_back(uint32_t(o.seed + frame * 17u + k * 29u) * 2246822519u);
+  };
+  auto putMotion = [&]() {  // index 0, the vector (0,0)
+    motion.push_back(0);
+    if (o.wideMotion) motion.push_back(0);
+  };
+  auto fadeLevel = [&](uint8_t level) {
+    if (fadeCount % 2 == 0) fade.push_back(0);
+    fade.back() |= uint8_t((level & 15) << (4 * (fadeCount % 2)));
+    ++fadeCount;
+  };
+  std::vector<Bytes> items;
+  if (key && o.stillKeyFrames) {
+    items.push_back({uint8_t(kAlways | kImage | (o.sound ? kSound : 0))});
+    items.push_back(
+        MovieStillImage((o.width + 15) & ~15u, (o.height + 15) & ~15u, uint8_t(o.seed + frame)));
+    if (o.sound) items.push_back(Bytes(7 + frame % 3, uint8_t(frame)));
+    return items;
+  }
+  if (!key && o.tableFrames) {
+    // Copies and whole colour blocks; the colour blocks come from a ring of 8 entries that
+    // gets two new entries a frame.
+    TableImage table;
+    table.indexBits = 3;
+    table.tableBytes = 8 * 48;
+    for (uint32_t k = 0; k < blocks; ++k) {
+      if ((k + frame) % 2 == 0) {
+        tree.Put(kCopy);
+        putMotion();
+      } else {
+        tree.Put(kColour);
+        table.indices.push_back((k + frame) % 8);
+      }
+    }
+    for (int e = 0; e < 2; ++e)
+      table.newEntries.push_back(
+          {uint8_t(frame * 40 + e), uint8_t(0x80 + e), 0x10, 0x04, 0x1B, 0xE4, uint8_t(frame), 0x55});
+    uint8_t flags = kAlways | kTable;
+    if (!motion.empty()) flags |= kMotion;
+    if (o.sound) flags |= kSound;
+    Bytes treeItem = {flags};
+    treeItem.insert(treeItem.end(), tree.bytes.begin(), tree.bytes.end());
+    items.push_back(treeItem);
+    if (!motion.empty()) items.push_back(motion);
+    if (o.sound) items.push_back(Bytes(5, uint8_t(frame)));
+    items.push_back(table.Build());
+    return items;
+  }
+  for (uint32_t k = 0; k < blocks; ++k) {
+    if (key) {
+      tree.Put(kColour);
+      colourBlock(k);
+    } else if ((k + frame) % 2 == 0) {
+      tree.Put(kCopy);
+      putMotion();
+    } else {
+      // A split block: fade, colour, copy, and a split of 4 by 4 nodes of every symbol.
+      tree.Put(kSplit);
+      tree.Put(kFade);
+      putMotion();
+      fadeLevel(uint8_t(frame + k));
+      tree.Put(kColour);
+      colourBlock(k);
+      tree.Put(kCopy);
+      putMotion();
+      tree.Put(kSplit);
+      tree.Put(kCopy);
+      putMotion();
+      tree.Put(kSplit);  // leaves the pixels as they are
+      tree.Put(kColour);
+      colourBlock(k + 1000);
+      tree.Put(kFade);
+      putMotion();
+      fadeLevel(uint8_t(15 - frame));
+    }
+  }
+  uint8_t flags = kAlways;
+  if (!motion.empty()) flags |= kMotion;
+  if (!colours.empty()) flags |= kColours;
+  if (o.sound) flags |= kSound;
+  if (!fade.empty()) flags |= kFades;
+
+  Bytes treeItem = {flags};
+  treeItem.insert(treeItem.end(), tree.bytes.begin(), tree.bytes.end());
+  items.push_back(treeItem);
+  if (!motion.empty()) items.push_back(motion);
+  if (!colours.empty()) {
+    Bytes c;
+    for (uint32_t w : colours) put32(c, w);
+    for (uint32_t w : indices) put32(c, w);
+    items.push_back(c);
+  }
+  if (o.sound) {
+    Bytes s;
+    const uint32_t n = 6 + frame % 5;
+    for (uint32_t i = 0; i < n; ++i) s.push_back(uint8_t(frame * 3 + i));
+    items.push_back(s);
+  }
+  if (!fade.empty()) items.push_back(fade);
+  return items;
+}
+
+Bytes Zyl0(const MovieOptions& o) {
+  // Versions 1 to 3 hold two words in the header's tail and always deflate.
+  const bool tailWords = o.version >= 1 && o.version <= 3;
+  const bool lzma = !tailWords && o.packing == 1;
+  Bytes body;
+  uint32_t frame = 0;
+  for (uint32_t frames : o.sections) {
+    std::vector<Bytes> pieces;
+    Bytes unpacked;
+    for (uint32_t i = 0; i < frames; ++i, ++frame) {
+      std::vector<Bytes> items = Zyl0FrameItems(o, frame, i == 0);
+      if (o.edit) o.edit(frame, &items);
+      for (const Bytes& item : items) {
+        Bytes length;
+        put32(length, uint32_t(item.size()));
+        pieces.push_back(length);
+        pieces.push_back(item);
+        putItem(unpacked, item);
+      }
+    }
+    const Bytes packed = lzma ? LzmaSection(unpacked) : DeflateSection(pieces);
+    put16(body, frames);  // section header: u16 frames, u32 packed size
+    put32(body, uint32_t(packed.size()));
+    body.insert(body.end(), packed.begin(), packed.end());
+  }
+  if (o.sections.empty()) body.resize(6, 0);
+
+  Bytes out = {'Z', 'Y', 'L', '0'};
+  put32(out, o.version);
+  put32(out, uint32_t(64 + body.size()));  // file size
+  put32(out, 1 | (o.sound ? 2 : 0) | (o.wideMotion ? 8 : 0));
+  put32(out, frame);
+  put32(out, o.frameDuration);
+  put32(out, 1000000);  // time scale
+  put32(out, o.width);
+  put32(out, o.height);
+  put32(out, 0);
+  put32(out, o.sound ? 22050 : 0);
+  put32(out, o.sound ? 1 : 0);
+  put32(out, o.sound ? 900 : 0);
+  put32(out, 7);
+  out.push_back(tailWords ? 0 : o.packing);  // the tail: packing and zero parameters
+  out.resize(64, 0);
+  out.insert(out.end(), body.begin(), body.end());
+  return out;
+}
+
+Bytes Zyl1(const MovieOptions& o) {
+  Bytes body;
+  uint32_t frame = 0;
+  for (uint32_t frames : o.sections) {
+    Bytes records;
+    for (uint32_t i = 0; i < frames; ++i, ++frame) {
+      Bytes sound(5 + frame % 4, uint8_t(0xA0 + frame));
+      const Bytes* soundStream = o.sound ? &sound : nullptr;
+      const uint8_t soundFlag = o.sound ? 1 : 0;
+      Bytes record;
+      if (i == 0) {
+        const Bytes image =
+            MovieStillImage((o.width + 7) & ~7u, (o.height + 7) & ~7u, uint8_t(o.seed + frame));
+        record = frameRecord(soundFlag, image, soundStream, nullptr, nullptr);
+      } else if (o.planeFrames) {
+        const Bytes y(13 + frame, uint8_t(frame)), u(5, 0x55), v(6, 0x66);
+        record = frameRecord(soundFlag | 6, y, soundStream, &u, &v);
+      } else {
+        record = frameRecord(soundFlag | 8, Bytes(), soundStream, nullptr, nullptr);
+      }
+      records.insert(records.end(), record.begin(), record.end());
+    }
+    // Section header: key type, frames as u8 bits 16-23 then u16 bits 0-15, u32 size.
+    body.push_back(0);
+    body.push_back(uint8_t(frames >> 16));
+    put16(body, frames & 0xFFFF);
+    put32(body, uint32_t(records.size()));
+    body.insert(body.end(), records.begin(), records.end());
+  }
+  Bytes out = {'Z', 'Y', 'L', '1'};
+  put32(out, o.version);
+  put32(out, 60);  // header size
+  put32(out, uint32_t(60 + body.size()));
+  put32(out, frame);
+  put32(out, o.frameDuration);
+  put32(out, 1000000);
+  put32(out, o.width);
+  put32(out, o.height);
+  put32(out, 0);
+  put32(out, o.sound ? 16000 : 0);
+  put32(out, o.sound ? 1 : 0);
+  put32(out, o.sound ? 700 : 0);
+  put32(out, 0);  // paramS
+  put32(out, 0);  // paramT
+  out.insert(out.end(), body.begin(), body.end());
+  return out;
+}
+
+bool WriteFile(const std::string& path, const Bytes& bytes) {
+  FILE* f = std::fopen(path.c_str(), "wb");
+  if (!f) return false;
+  const bool ok = bytes.empty() || std::fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
+  return std::fclose(f) == 0 && ok;
+}
+
+Bytes ReadFile(const std::string& path) {
+  Bytes bytes;
+  FILE* f = std::fopen(path.c_str(), "rb");
+  if (!f) return bytes;
+  uint8_t buffer[4096];
+  size_t got;
+  while ((got = std::fread(buffer, 1, sizeof buffer, f)) > 0)
+    bytes.insert(bytes.end(), buffer, buffer + got);
+  std::fclose(f);
+  return bytes;
 }
 
 }  // namespace movieBuilder

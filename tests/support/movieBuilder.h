@@ -1,10 +1,13 @@
-// Hand-made frame payloads for decoder tests, written byte by byte from the format's rules and
-// sharing no code with the library's writers, so the two can't share a mistake.
+// Hand-made frame payloads and whole movies for tests, written byte by byte from the format's
+// rules and sharing no code with the library's writers, so the two can't share a mistake.
+// Whole movies pack their sections with zlib and the LZMA sources (zyl_stream links both).
 #pragma once
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <string>
 #include <vector>
 
 namespace movieBuilder {
@@ -100,5 +103,34 @@ Bytes imageFrame(const Bytes& image, const Bytes* sound = nullptr);
 // A ZYL1 frame record from its streams (an empty first stream writes firstSize 0).
 Bytes frameRecord(uint8_t recordFlags, const Bytes& first, const Bytes* sound, const Bytes* plane2,
                   const Bytes* plane3);
+
+// ---------------------------------------------------------------------------------------------
+// Whole movies: valid containers whose frames hold generated items (ZYL0) or records (ZYL1).
+
+struct MovieOptions {
+  uint32_t width = 40;  // rounded up to 48 by the decoder: 3 x 1 blocks of 16 at height 16
+  uint32_t height = 16;
+  uint32_t version = 0;
+  uint8_t packing = 0;                      // 0 deflate, 1 LZMA (versions without tail words)
+  std::vector<uint32_t> sections = {3, 2};  // frames per section
+  bool sound = false;
+  uint8_t seed = 0;  // varies the colours, so that different movies differ
+  uint32_t frameDuration = 40000;
+  bool planeFrames = false;     // ZYL1: P-frames as plane records (not decodable here)
+  bool stillKeyFrames = false;  // ZYL0: key frames as still images instead of trees
+  bool tableFrames = false;     // ZYL0: P-frames take their colour blocks from a block table
+  bool wideMotion = false;      // ZYL0: u16 motion indices (header flag 8)
+  // ZYL0: may change a frame's item bodies (tree item first) before they are packed.
+  std::function<void(uint32_t frame, std::vector<Bytes>* items)> edit;
+};
+
+// The items of one ZYL0 frame, each a body without its length word.
+std::vector<Bytes> Zyl0FrameItems(const MovieOptions& o, uint32_t frame, bool key);
+Bytes Zyl0(const MovieOptions& o);
+// Each section a still key frame followed by repeats, or by plane frames of filler bytes.
+Bytes Zyl1(const MovieOptions& o);
+
+bool WriteFile(const std::string& path, const Bytes& bytes);
+Bytes ReadFile(const std::string& path);
 
 }  // namespace movieBuilder
