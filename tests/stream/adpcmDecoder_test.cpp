@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
 #include <vector>
 
 namespace {
@@ -51,44 +52,43 @@ TEST(AdpcmSamples, ShortChunksAndOtherChannelCountsHoldNothing) {
   EXPECT_EQ(out[0], -7);
 }
 
-// Predictor 0, step 7: codes 1, 1, 1, 1 climb by 1, 2, 2, 2 (steps 8, 9, 10 follow), code 3
-// goes down by 11 >> 2 = 2; the three codes 0 of the part-filled byte don't move.
-TEST(AdpcmDecode, MonoChunkFromHand) {
-  EXPECT_EQ(Decode({0x00, 0x00, 0x00, 0x55, 0xC0}, 1),
-            (std::vector<int16_t>{1, 3, 5, 7, 5, 5, 5, 5}));
+// Chunks decoded by hand: header (u16 predictor high byte first, step index per channel), then
+// 2-bit codes from the top bits of each byte down.
+struct HandChunk {
+  const char* what;
+  uint32_t channels;
+  std::vector<uint8_t> chunk;
+  std::vector<int16_t> samples;
+};
+
+class AdpcmDecodeByHand : public ::testing::TestWithParam<HandChunk> {};
+
+TEST_P(AdpcmDecodeByHand, SamplesMatch) {
+  EXPECT_EQ(Decode(GetParam().chunk, GetParam().channels), GetParam().samples);
 }
 
-TEST(AdpcmDecode, HeaderPredictorIsSignedHighByteFirst) {
-  // -300, step index 10 (19): code 1 goes up by 4.
-  EXPECT_EQ(Decode({0xFE, 0xD4, 0x0A, 0x40}, 1), (std::vector<int16_t>{-296, -296, -296, -296}));
-}
-
-TEST(AdpcmDecode, FirstSampleTakesTheTopBits) {
-  // Predictor 1000, step index 20 (50): codes 0, 1, 2, 3 give no move (step 45), up by 11
-  // (step 50), no move (step 45), down by 11.
-  EXPECT_EQ(Decode({0x03, 0xE8, 0x14, 0x1B}, 1), (std::vector<int16_t>{1000, 1011, 1011, 1000}));
-}
-
-TEST(AdpcmDecode, StereoStepIndicesStandBehindBothPredictors) {
-  // Left 0 step index 0, right 1000 step index 20: pairs (code 1, code 0), (code 3, code 1).
-  EXPECT_EQ(Decode({0x00, 0x00, 0x03, 0xE8, 0x00, 0x14, 0x4D}, 2),
-            (std::vector<int16_t>{1, 1000, -1, 1011}));
-}
-
-TEST(AdpcmDecode, StepIndexStopsAtTheFloor) {
-  // Four codes 0 at step index 0 keep step 7, so the first code 1 after them moves by 1.
-  EXPECT_EQ(Decode({0x00, 0x64, 0x00, 0x00, 0x55}, 1),
-            (std::vector<int16_t>{100, 100, 100, 100, 101, 103, 105, 107}));
-}
-
-TEST(AdpcmDecode, PredictorClampsAtBothEnds) {
-  // Step index 88 (32767): each move is 8191; the top index stays.
-  EXPECT_EQ(Decode({0x70, 0x00, 0x58, 0x55}, 1),
-            (std::vector<int16_t>{32767, 32767, 32767, 32767}));
-  EXPECT_EQ(Decode({0x00, 0x00, 0x58, 0xFF, 0xFF}, 1),
-            (std::vector<int16_t>{-8191, -16382, -24573, -32764, -32768, -32768, -32768,
-                                  -32768}));
-}
+INSTANTIATE_TEST_SUITE_P(
+    AdpcmDecode, AdpcmDecodeByHand,
+    ::testing::Values(
+        // Predictor 0, step 7: codes 1, 1, 1, 1 climb by 1, 2, 2, 2 (steps 8, 9, 10 follow),
+        // code 3 goes down by 11 >> 2 = 2; the three codes 0 of the part-filled byte don't move.
+        HandChunk{"MonoChunk", 1, {0x00, 0x00, 0x00, 0x55, 0xC0}, {1, 3, 5, 7, 5, 5, 5, 5}},
+        // -300, step index 10 (19): code 1 goes up by 4.
+        HandChunk{"SignedPredictor", 1, {0xFE, 0xD4, 0x0A, 0x40}, {-296, -296, -296, -296}},
+        // Predictor 1000, step index 20 (50): codes 0, 1, 2, 3 give no move (step 45), up by 11
+        // (step 50), no move (step 45), down by 11.
+        HandChunk{"FirstSampleTakesTheTopBits", 1, {0x03, 0xE8, 0x14, 0x1B}, {1000, 1011, 1011, 1000}},
+        // Left 0 step index 0, right 1000 step index 20: pairs (code 1, code 0), (code 3, code 1).
+        HandChunk{"StereoStepIndicesBehindBothPredictors", 2, {0x00, 0x00, 0x03, 0xE8, 0x00, 0x14, 0x4D},
+                  {1, 1000, -1, 1011}},
+        // Four codes 0 at step index 0 keep step 7, so the first code 1 after them moves by 1.
+        HandChunk{"StepIndexStopsAtTheFloor", 1, {0x00, 0x64, 0x00, 0x00, 0x55},
+                  {100, 100, 100, 100, 101, 103, 105, 107}},
+        // Step index 88 (32767): each move is 8191; the top index stays.
+        HandChunk{"PredictorClampsAtTheTop", 1, {0x70, 0x00, 0x58, 0x55}, {32767, 32767, 32767, 32767}},
+        HandChunk{"PredictorClampsAtTheBottom", 1, {0x00, 0x00, 0x58, 0xFF, 0xFF},
+                  {-8191, -16382, -24573, -32764, -32768, -32768, -32768, -32768}}),
+    [](const ::testing::TestParamInfo<HandChunk>& info) { return std::string(info.param.what); });
 
 TEST(AdpcmDecode, ForeignStepIndexPastTheTableActsAsTheTop) {
   EXPECT_EQ(Decode({0x00, 0x00, 0xFF, 0x40}, 1), Decode({0x00, 0x00, 0x58, 0x40}, 1));
