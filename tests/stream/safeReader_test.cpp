@@ -9,7 +9,7 @@
 
 #include "base/byteIo.h"
 #include "stream/zycDecoder.h"
-#include "tests/support/testMovieWriter.h"
+#include "tests/support/movieBuilder.h"
 
 namespace {
 
@@ -41,20 +41,20 @@ uint32_t Pixel(const std::vector<uint8_t>& picture, uint32_t stride, uint32_t x,
 
 // A movie whose frame `target` gets `change` applied to its items before packing.
 std::vector<uint8_t> Edited(uint32_t target, std::function<void(Items*)> change,
-                            zylTestMovieOptions o = {}) {
+                            movieBuilder::MovieOptions o = {}) {
   o.edit = [target, change](uint32_t frame, Items* items) {
     if (frame == target) change(items);
   };
-  return zylTestMovie::Zyl0(o);
+  return movieBuilder::Zyl0(o);
 }
 
 }  // namespace
 
 TEST(SafeReaderWalk, ListsSectionsFramesAndItemSizes) {
-  zylTestMovieOptions o;
+  movieBuilder::MovieOptions o;
   o.sound = true;
   o.sections = {3, 2};
-  const auto movie = zylTestMovie::Zyl0(o);
+  const auto movie = movieBuilder::Zyl0(o);
   auto reader = Read(movie);
   EXPECT_TRUE(reader->problems().empty()) << reader->error();
   ASSERT_EQ(reader->sections().size(), 2u);
@@ -77,11 +77,11 @@ TEST(SafeReaderWalk, ListsSectionsFramesAndItemSizes) {
 
 TEST(SafeReaderDecode, KeyFrameHoldsItsMagnifiedColourBlocks) {
   Items keyItems;
-  zylTestMovieOptions o;
+  movieBuilder::MovieOptions o;
   o.edit = [&](uint32_t frame, Items* items) {
     if (frame == 0) keyItems = *items;
   };
-  const auto movie = zylTestMovie::Zyl0(o);
+  const auto movie = movieBuilder::Zyl0(o);
   auto reader = Read(movie);
   ASSERT_EQ(reader->NextFrame(), zycSafeStatus::decoded) << reader->frameError();
   auto tables = std::make_unique<zycFrameDecoder>();
@@ -98,7 +98,7 @@ TEST(SafeReaderDecode, KeyFrameHoldsItsMagnifiedColourBlocks) {
 }
 
 TEST(SafeReaderDecode, CopyBlocksKeepThePreviousPicture) {
-  const auto movie = zylTestMovie::Zyl0({});
+  const auto movie = movieBuilder::Zyl0({});
   auto reader = Read(movie);
   const auto pictures = DecodeAll(*reader);
   ASSERT_EQ(pictures.size(), 5u);
@@ -111,11 +111,11 @@ TEST(SafeReaderDecode, CopyBlocksKeepThePreviousPicture) {
 }
 
 TEST(SafeReaderDecode, LzmaAndDeflateSectionsGiveTheSamePictures) {
-  zylTestMovieOptions o;
+  movieBuilder::MovieOptions o;
   o.sections = {2, 3, 1};
-  auto deflated = Read(zylTestMovie::Zyl0(o));
+  auto deflated = Read(movieBuilder::Zyl0(o));
   o.packing = kPackingLzma;
-  auto lzma = Read(zylTestMovie::Zyl0(o));
+  auto lzma = Read(movieBuilder::Zyl0(o));
   EXPECT_TRUE(lzma->problems().empty()) << lzma->error();
   const auto a = DecodeAll(*deflated), b = DecodeAll(*lzma);
   ASSERT_EQ(a.size(), 6u);
@@ -124,10 +124,10 @@ TEST(SafeReaderDecode, LzmaAndDeflateSectionsGiveTheSamePictures) {
 }
 
 TEST(SafeReaderDecode, StillKeyFramesDecodeWithOpaquePixels) {
-  zylTestMovieOptions o;
+  movieBuilder::MovieOptions o;
   o.stillKeyFrames = true;
   o.sound = true;
-  auto reader = Read(zylTestMovie::Zyl0(o));
+  auto reader = Read(movieBuilder::Zyl0(o));
   ASSERT_TRUE(reader->problems().empty()) << reader->error();
   ASSERT_EQ(reader->NextFrame(), zycSafeStatus::decoded) << reader->frameError();
   EXPECT_EQ(reader->frames()[0].flags, 25);
@@ -138,10 +138,10 @@ TEST(SafeReaderDecode, StillKeyFramesDecodeWithOpaquePixels) {
 }
 
 TEST(SafeReaderDecode, TableFramesFillTheirColourBlocksFromTheRing) {
-  zylTestMovieOptions o;
+  movieBuilder::MovieOptions o;
   o.tableFrames = true;
   o.sections = {7};  // the ring of 8 entries wraps after four frames of two new entries
-  auto reader = Read(zylTestMovie::Zyl0(o));
+  auto reader = Read(movieBuilder::Zyl0(o));
   ASSERT_TRUE(reader->problems().empty()) << reader->error();
   EXPECT_EQ(reader->frames()[1].flags, kFrameFlagAlways | kFrameFlagMotion | kFrameFlagTable);
   EXPECT_TRUE(reader->CheckAll().empty());
@@ -156,7 +156,7 @@ TEST(SafeReaderDecode, TableFramesFillTheirColourBlocksFromTheRing) {
 }
 
 TEST(SafeReaderDamage, TableImageFieldsAreChecked) {
-  zylTestMovieOptions o;
+  movieBuilder::MovieOptions o;
   o.tableFrames = true;
   struct Case {
     std::function<void(std::vector<uint8_t>&)> change;
@@ -194,16 +194,16 @@ TEST(SafeReaderDamage, TableImageFieldsAreChecked) {
 }
 
 TEST(SafeReaderDecode, TreeViewPaintsColourBlocksRed) {
-  auto reader = Read(zylTestMovie::Zyl0({}));
+  auto reader = Read(movieBuilder::Zyl0({}));
   reader->SetTreeView(true);
   ASSERT_EQ(reader->NextFrame(), zycSafeStatus::decoded);
   for (uint32_t x = 0; x < 48; x += 5) EXPECT_EQ(Pixel(reader->picture(), 48, x, 7), 0xFF0000u);
 }
 
 TEST(SafeReaderDecode, SoundBytesComeWithTheirFrame) {
-  zylTestMovieOptions o;
+  movieBuilder::MovieOptions o;
   o.sound = true;
-  auto reader = Read(zylTestMovie::Zyl0(o));
+  auto reader = Read(movieBuilder::Zyl0(o));
   ASSERT_EQ(reader->NextFrame(), zycSafeStatus::decoded);
   ASSERT_EQ(reader->NextFrame(), zycSafeStatus::decoded);
   ASSERT_EQ(reader->soundBytes(), 7u);  // 6 + frame % 5
@@ -216,10 +216,10 @@ TEST(SafeReaderDecode, SoundBytesComeWithTheirFrame) {
 
 TEST(SafeReaderDamage, EveryPrefixFailsWithAMessage) {
   for (bool lzma : {false, true}) {
-    zylTestMovieOptions o;
+    movieBuilder::MovieOptions o;
     o.sound = true;
     o.packing = lzma ? kPackingLzma : kPackingDeflate;
-    const auto movie = zylTestMovie::Zyl0(o);
+    const auto movie = movieBuilder::Zyl0(o);
     for (size_t cut = 0; cut < movie.size(); ++cut) {
       std::vector<uint8_t> prefix(movie.begin(), movie.begin() + long(cut));
       zycSafeReader reader;
@@ -231,10 +231,10 @@ TEST(SafeReaderDamage, EveryPrefixFailsWithAMessage) {
 }
 
 TEST(SafeReaderDamage, EveryPrefixOfAZyl1MovieFails) {
-  zylTestMovieOptions o;
+  movieBuilder::MovieOptions o;
   o.sound = true;
   o.planeFrames = true;
-  const auto movie = zylTestMovie::Zyl1(o);
+  const auto movie = movieBuilder::Zyl1(o);
   for (size_t cut = 0; cut < movie.size(); ++cut) {
     zycSafeReader reader;
     EXPECT_FALSE(reader.OpenMemory(movie.data(), cut, "movie.zyl")) << cut;
@@ -244,7 +244,7 @@ TEST(SafeReaderDamage, EveryPrefixOfAZyl1MovieFails) {
 }
 
 TEST(SafeReaderDamage, TrailingBytesAreRefused) {
-  auto movie = zylTestMovie::Zyl0({});
+  auto movie = movieBuilder::Zyl0({});
   const size_t end = movie.size();
   movie.push_back(0);
   zycStore32(&movie[8], uint32_t(movie.size()));
@@ -255,7 +255,7 @@ TEST(SafeReaderDamage, TrailingBytesAreRefused) {
 
 TEST(SafeReaderDamage, BytesBehindTheHeadersEndAreAnUnfinishedFrameNotAFault) {
   // A job stopped between appending a frame and patching the headers leaves this.
-  auto movie = zylTestMovie::Zyl0({});
+  auto movie = movieBuilder::Zyl0({});
   const size_t end = movie.size();
   movie.insert(movie.end(), {1, 2, 3, 4, 5});
   auto reader = Read(movie);
@@ -279,7 +279,7 @@ TEST(SafeReaderDamage, BytesBehindTheHeadersEndAreAnUnfinishedFrameNotAFault) {
 }
 
 TEST(SafeReaderDamage, WrongMagicAndFileSize) {
-  auto movie = zylTestMovie::Zyl0({});
+  auto movie = movieBuilder::Zyl0({});
   movie[3] = 'X';
   EXPECT_EQ(Read(movie)->error(), "movie.zyl: bad magic " + std::to_string(int32_t(zycLoad32(movie.data()))));
   movie[3] = '0';
@@ -289,7 +289,7 @@ TEST(SafeReaderDamage, WrongMagicAndFileSize) {
 }
 
 TEST(SafeReaderDamage, FrameCountBeyondTheSections) {
-  auto movie = zylTestMovie::Zyl0({});
+  auto movie = movieBuilder::Zyl0({});
   zycStore32(&movie[16], 6);
   auto reader = Read(movie);
   EXPECT_TRUE(Contains(reader->error(), "section header at byte")) << reader->error();
@@ -308,10 +308,10 @@ TEST(SafeReaderDamage, MotionOutsideThePictureIsNamedWithItsPlace) {
 }
 
 TEST(SafeReaderDamage, WideMotionIndicesStayInTheirTable) {
-  zylTestMovieOptions o;
+  movieBuilder::MovieOptions o;
   o.wideMotion = true;
-  auto plain = Read(zylTestMovie::Zyl0({}));
-  auto wide = Read(zylTestMovie::Zyl0(o));
+  auto plain = Read(movieBuilder::Zyl0({}));
+  auto wide = Read(movieBuilder::Zyl0(o));
   ASSERT_TRUE(wide->problems().empty()) << wide->error();
   EXPECT_EQ(wide->frames()[1].motionBytes, 18u);
   EXPECT_TRUE(wide->CheckAll().empty());
@@ -351,7 +351,7 @@ TEST(SafeReaderDamage, ItemLengthsMustMatchTheTree) {
 }
 
 TEST(SafeReaderDamage, StillImageIndicesStayInTheirTables) {
-  zylTestMovieOptions o;
+  movieBuilder::MovieOptions o;
   o.stillKeyFrames = true;
   struct Case {
     std::function<void(std::vector<uint8_t>&)> change;
@@ -379,7 +379,7 @@ TEST(SafeReaderDamage, StillImageIndicesStayInTheirTables) {
 }
 
 TEST(SafeReaderDamage, DamagedDeflateDataIsReported) {
-  auto movie = zylTestMovie::Zyl0({});
+  auto movie = movieBuilder::Zyl0({});
   for (size_t i = 70; i < 90; ++i) movie[i] = 0xFF;
   auto reader = Read(movie);
   EXPECT_FALSE(reader->problems().empty());
@@ -388,10 +388,10 @@ TEST(SafeReaderDamage, DamagedDeflateDataIsReported) {
 
 TEST(SafeReaderDamage, ByteFlipsNeverEscapeTheBuffers) {
   // Every byte of a small movie flipped in turn: whatever the reader says, it stays in bounds.
-  zylTestMovieOptions o;
+  movieBuilder::MovieOptions o;
   o.sections = {2, 1};
   o.stillKeyFrames = true;
-  const auto movie = zylTestMovie::Zyl0(o);
+  const auto movie = movieBuilder::Zyl0(o);
   for (size_t i = 0; i < movie.size(); ++i) {
     auto damaged = movie;
     damaged[i] ^= 0x5A;
@@ -407,7 +407,7 @@ TEST(SafeReaderDamage, ByteFlipsNeverEscapeTheBuffers) {
 namespace {
 
 std::vector<uint8_t> Golden(const std::string& name) {
-  return zylTestMovie::ReadFile(std::string(ZYL_SOURCE_DIR) + "/tests/golden/" + name);
+  return movieBuilder::ReadFile(std::string(ZYL_SOURCE_DIR) + "/tests/golden/" + name);
 }
 
 }  // namespace
@@ -467,10 +467,10 @@ TEST(SafeReaderGolden, ByteFlipsInAnEncoderMovieStayInBounds) {
 // ZYL1
 
 TEST(SafeReaderZyl1, StillKeyFramesDecodeAndRepeatsKeepThem) {
-  zylTestMovieOptions o;
+  movieBuilder::MovieOptions o;
   o.sound = true;
   o.sections = {3, 2};
-  auto reader = Read(zylTestMovie::Zyl1(o));
+  auto reader = Read(movieBuilder::Zyl1(o));
   ASSERT_TRUE(reader->problems().empty()) << reader->error();
   EXPECT_EQ(reader->pictureWidth(), 40u);
   ASSERT_EQ(reader->frames().size(), 5u);
@@ -486,10 +486,10 @@ TEST(SafeReaderZyl1, StillKeyFramesDecodeAndRepeatsKeepThem) {
 }
 
 TEST(SafeReaderZyl1, PlaneFramesAreALimitationNotDamage) {
-  zylTestMovieOptions o;
+  movieBuilder::MovieOptions o;
   o.planeFrames = true;
   o.sections = {3};
-  auto reader = Read(zylTestMovie::Zyl1(o));
+  auto reader = Read(movieBuilder::Zyl1(o));
   ASSERT_TRUE(reader->problems().empty()) << reader->error();
   EXPECT_EQ(reader->NextFrame(), zycSafeStatus::decoded);
   EXPECT_EQ(reader->NextFrame(), zycSafeStatus::undecodable);
@@ -501,9 +501,9 @@ TEST(SafeReaderZyl1, PlaneFramesAreALimitationNotDamage) {
 }
 
 TEST(SafeReaderZyl1, ASectionMustStartWithAKeyFrame) {
-  zylTestMovieOptions o;
+  movieBuilder::MovieOptions o;
   o.sections = {2};
-  auto movie = zylTestMovie::Zyl1(o);
+  auto movie = movieBuilder::Zyl1(o);
   // The key frame record's flags become a repeat's.
   movie[60 + 8] = kRecordFlagRepeat;
   auto reader = Read(movie);
