@@ -30,21 +30,14 @@ TEST(AdpcmTables, StepTableIsTheImaLadder) {
   EXPECT_EQ(zycAdpcmIndexChange[3], 1);
 }
 
+// Four codes a byte behind a header of 3 bytes a channel; chunks shorter than their header and
+// channel counts other than 1 and 2 hold nothing, and decode nothing.
 TEST(AdpcmSamples, CountsEveryCodeBehindTheHeader) {
-  EXPECT_EQ(zycAdpcmSamples(3, 1), 0u);
-  EXPECT_EQ(zycAdpcmSamples(4, 1), 4u);
-  EXPECT_EQ(zycAdpcmSamples(8003, 1), 32000u);
-  EXPECT_EQ(zycAdpcmSamples(6, 2), 0u);
-  EXPECT_EQ(zycAdpcmSamples(7, 2), 2u);
-  EXPECT_EQ(zycAdpcmSamples(8006, 2), 16000u);
-}
-
-TEST(AdpcmSamples, ShortChunksAndOtherChannelCountsHoldNothing) {
-  EXPECT_EQ(zycAdpcmSamples(0, 1), 0u);
-  EXPECT_EQ(zycAdpcmSamples(2, 1), 0u);
-  EXPECT_EQ(zycAdpcmSamples(5, 2), 0u);
-  EXPECT_EQ(zycAdpcmSamples(100, 0), 0u);
-  EXPECT_EQ(zycAdpcmSamples(100, 3), 0u);
+  const uint32_t cases[][3] = {{3, 1, 0},  {4, 1, 4},       {8003, 1, 32000}, {6, 2, 0},
+                               {7, 2, 2},  {8006, 2, 16000}, {0, 1, 0},        {2, 1, 0},
+                               {5, 2, 0},  {100, 0, 0},      {100, 3, 0}};
+  for (const auto& c : cases)
+    EXPECT_EQ(zycAdpcmSamples(c[0], c[1]), c[2]) << c[0] << " bytes, " << c[1] << " channels";
   const uint8_t chunk[5] = {0, 0, 0, 0, 0};
   int16_t out[1] = {-7};
   EXPECT_EQ(zycAdpcmDecode(chunk, 5, 2, out), 0u);
