@@ -64,26 +64,15 @@ SoundCoding CodeInChunks(const zylTestSound& sound, uint32_t chunkSamples) {
 
 }  // namespace
 
-TEST(AdpcmChunkSize, MonoCountsPartFilledByteAndThreeHeaderBytes) {
-  EXPECT_EQ(zycAdpcmChunkSize(0, 1), 3u);
-  EXPECT_EQ(zycAdpcmChunkSize(1, 1), 4u);
-  EXPECT_EQ(zycAdpcmChunkSize(4, 1), 4u);
-  EXPECT_EQ(zycAdpcmChunkSize(5, 1), 5u);
-  EXPECT_EQ(zycAdpcmChunkSize(8, 1), 5u);
-  EXPECT_EQ(zycAdpcmChunkSize(32000, 1), 8003u);
-}
-
-TEST(AdpcmChunkSize, StereoCountsOddPairAndSixHeaderBytes) {
-  EXPECT_EQ(zycAdpcmChunkSize(0, 2), 6u);
-  EXPECT_EQ(zycAdpcmChunkSize(1, 2), 7u);
-  EXPECT_EQ(zycAdpcmChunkSize(2, 2), 7u);
-  EXPECT_EQ(zycAdpcmChunkSize(3, 2), 8u);
-  EXPECT_EQ(zycAdpcmChunkSize(16000, 2), 8006u);
-}
-
-TEST(AdpcmChunkSize, OtherChannelCountsHaveNoChunk) {
-  EXPECT_EQ(zycAdpcmChunkSize(16, 0), 0u);
-  EXPECT_EQ(zycAdpcmChunkSize(16, 3), 0u);
+// Mono: three header bytes and a part-filled byte of codes. Stereo: six header bytes and an
+// odd pair in a half byte. Other channel counts have no chunk.
+TEST(AdpcmChunkSize, CountsHeaderAndPartFilledBytes) {
+  const uint32_t cases[][3] = {{0, 1, 3},     {1, 1, 4},      {4, 1, 4},     {5, 1, 5},
+                               {8, 1, 5},     {32000, 1, 8003}, {0, 2, 6},   {1, 2, 7},
+                               {2, 2, 7},     {3, 2, 8},      {16000, 2, 8006}, {16, 0, 0},
+                               {16, 3, 0}};
+  for (const auto& c : cases)
+    EXPECT_EQ(zycAdpcmChunkSize(c[0], c[1]), c[2]) << c[0] << " samples, " << c[1] << " channels";
   zycAdpcmState state = {};
   const int16_t pcm[6] = {1, 2, 3, 4, 5, 6};
   uint8_t out[8] = {};
