@@ -2,11 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <string>
 #include <vector>
 
 #include "base/byteIo.h"
 #include "stream/framePayload.h"
+#include "tests/support/movieBuilder.h"
 
 namespace {
 
@@ -172,78 +175,6 @@ TEST(ContainerRecord, EntriesSplitOffsetAndSizeInterleaved) {
   EXPECT_EQ(size, 0xABCDEFu);
 }
 
-TEST(ContainerRecord, KeyFrameWithoutSoundHasNoEntriesNorPad) {
-  const uint8_t image[5] = {1, 2, 3, 4, 5};
-  zycRecordContent c;
-  c.first = image;
-  c.firstSize = 5;
-  std::vector<uint8_t> out;
-  EXPECT_EQ(zycAppendRecord(c, &out), 4u + 4 + 5);
-  ASSERT_EQ(out.size(), 13u);
-  EXPECT_EQ(out[0], 0);
-  EXPECT_EQ(out[1], 0);
-  EXPECT_EQ(zycLoad16(&out[2]), 9);  // firstSize field and the image
-  EXPECT_EQ(zycLoad32(&out[4]), 5u);
-  EXPECT_EQ(0, std::memcmp(&out[8], image, 5));
-}
-
-TEST(ContainerRecord, PlanesAndSoundAreAlignedAndOnlyTheLastIsUnpadded) {
-  const uint8_t y[7] = {1, 1, 1, 1, 1, 1, 1};
-  const uint8_t sound[3] = {9, 9, 9};
-  const uint8_t u[2] = {2, 2};
-  const uint8_t v[1] = {3};
-  zycRecordContent c;
-  c.first = y;
-  c.firstSize = 7;
-  c.hasSound = true;
-  c.sound = sound;
-  c.soundSize = 3;
-  c.hasPlanes = true;
-  c.plane2 = u;
-  c.plane2Size = 2;
-  c.plane3 = v;
-  c.plane3Size = 1;
-  EXPECT_EQ(zycRecordFlags(c), 7);
-  EXPECT_EQ(zycRecordTableBytes(c), 24u);  // 4 + 3 x 6 = 22, padded
-  std::vector<uint8_t> out = {0xEE};  // appends behind what stands there
-  const uint32_t added = zycAppendRecord(c, &out);
-  // Behind the first word: table 24, Y at 24 (7, pad to 32), sound at 32 (3, pad to 36),
-  // U at 36 (2, pad to 40), V at 40 (1, no pad): L = 41.
-  EXPECT_EQ(added, 45u);
-  ASSERT_EQ(out.size(), 46u);
-  const uint8_t* r = out.data() + 1;
-  EXPECT_EQ(r[0], 7);
-  EXPECT_EQ(uint32_t(r[1]) << 16 | zycLoad16(r + 2), 41u);
-  EXPECT_EQ(zycLoad32(r + 4), 7u);
-  uint32_t offset, size;
-  zycLoadRecordEntry(r + 8, &offset, &size);
-  EXPECT_EQ(offset, 32u);
-  EXPECT_EQ(size, 3u);
-  zycLoadRecordEntry(r + 14, &offset, &size);
-  EXPECT_EQ(offset, 36u);
-  EXPECT_EQ(size, 2u);
-  zycLoadRecordEntry(r + 20, &offset, &size);
-  EXPECT_EQ(offset, 40u);
-  EXPECT_EQ(size, 1u);
-  EXPECT_EQ(r[26], 0);  // pad of the table part
-  EXPECT_EQ(r[27], 0);
-  EXPECT_EQ(r[4 + 24], 1);
-  EXPECT_EQ(r[4 + 31], 0);  // pad behind Y
-  EXPECT_EQ(r[4 + 32], 9);
-  EXPECT_EQ(r[4 + 36], 2);
-  EXPECT_EQ(r[4 + 40], 3);
-}
-
-TEST(ContainerRecord, RepeatHasFlagEightAndNoStream) {
-  zycRecordContent c;
-  c.repeat = true;
-  std::vector<uint8_t> out;
-  EXPECT_EQ(zycAppendRecord(c, &out), 8u);
-  const uint8_t want[8] = {8, 0, 4, 0, 0, 0, 0, 0};
-  ASSERT_EQ(out.size(), 8u);
-  EXPECT_EQ(0, std::memcmp(out.data(), want, 8));
-}
-
 TEST(ContainerWalker, RefusesAWrongMagicByNumber) {
   uint8_t b[kHeaderSizeZyl0] = {'Z', 'Y', 'L', '2'};
   zycSectionWalker walker;
@@ -405,41 +336,71 @@ TEST(ContainerWalker, FileWalkerFindsTheSameSections) {
   std::fclose(f);
 }
 
-TEST(ContainerRecord, WrittenRecordsSplitBackIntoTheirStreams) {
-  const std::vector<uint8_t> image(37, 1), sound(6, 2), u(9, 3), v(4, 4);
-  for (int shape = 0; shape < 6; ++shape) {
+// Records of every shape against the byte-by-byte builder, then split back into their streams.
+// The full shape worked out by hand: behind the first word a table of 4 + 3 x 6 = 22 padded to
+// 24, Y at 24 (7, pad to 32), sound at 32 (3, pad to 36), U at 36 (2, pad to 40), V at 40 (1,
+// no pad): 41 bytes, 45 with the first word.
+TEST(ContainerRecord, RecordsMatchHandBuiltBytesAndSplitBack) {
+  struct Shape {
+    uint32_t first, sound, u, v;  // sizes; 0 sound: none; 0 u: no planes
+    bool repeat;
+    uint8_t flags;
+    uint32_t tableBytes;
+  };
+  const Shape shapes[] = {{5, 0, 0, 0, false, 0, 4},  {7, 3, 2, 1, false, 7, 24},
+                          {36, 6, 0, 0, false, 1, 12}, {35, 0, 9, 4, false, 6, 16},
+                          {34, 5, 9, 3, false, 7, 24}, {0, 0, 0, 0, true, 8, 4},
+                          {0, 4, 0, 0, true, 9, 12}};
+  for (const Shape& s : shapes) {
+    const std::vector<uint8_t> first(s.first, 1), sound(s.sound, 2), u(s.u, 3), v(s.v, 4);
     zycRecordContent c;
-    c.first = image.data();
-    c.firstSize = shape == 5 ? 0 : uint32_t(image.size()) - shape;
-    c.hasSound = shape % 2 == 1;
+    c.first = first.data();
+    c.firstSize = s.first;
+    c.hasSound = s.sound > 0;
     c.sound = sound.data();
-    c.soundSize = uint32_t(sound.size()) - shape / 2;
-    c.hasPlanes = shape >= 2 && shape < 5;
+    c.soundSize = s.sound;
+    c.hasPlanes = s.u > 0;
     c.plane2 = u.data();
-    c.plane2Size = uint32_t(u.size());
+    c.plane2Size = s.u;
     c.plane3 = v.data();
-    c.plane3Size = uint32_t(v.size()) - shape / 3;
-    c.repeat = shape == 5;
-    std::vector<uint8_t> out;
+    c.plane3Size = s.v;
+    c.repeat = s.repeat;
+    const std::string what = "first " + std::to_string(s.first) + " sound " +
+                             std::to_string(s.sound) + " planes " + std::to_string(s.u);
+    EXPECT_EQ(zycRecordFlags(c), s.flags) << what;
+    EXPECT_EQ(zycRecordTableBytes(c), s.tableBytes) << what;
+    std::vector<uint8_t> out = {0xEE};  // appends behind what stands there
     const uint32_t bytes = zycAppendRecord(c, &out);
+    const movieBuilder::Bytes want = movieBuilder::frameRecord(
+        s.flags, first, c.hasSound ? &sound : nullptr, c.hasPlanes ? &u : nullptr,
+        c.hasPlanes ? &v : nullptr);
+    ASSERT_EQ(out.size(), 1 + want.size()) << what;
+    EXPECT_EQ(bytes, want.size()) << what;
+    EXPECT_EQ(out[0], 0xEE);
+    EXPECT_TRUE(std::equal(want.begin(), want.end(), out.begin() + 1)) << what;
+    if (s.first == 7) {
+      EXPECT_EQ(bytes, 45u);
+    }
+
+    out.erase(out.begin());
     zycFrameRecord r;
-    ASSERT_TRUE(zycSplitRecord(out.data(), out.size(), &r)) << shape << " " << int(r.error);
+    ASSERT_TRUE(zycSplitRecord(out.data(), out.size(), &r)) << what << " " << int(r.error);
     EXPECT_EQ(r.recordBytes, bytes);
-    EXPECT_EQ(r.recordFlags, zycRecordFlags(c));
-    EXPECT_EQ(r.first.size, c.firstSize);
-    if (c.firstSize) {
+    EXPECT_EQ(r.recordFlags, s.flags);
+    EXPECT_EQ(r.first.size, s.first);
+    if (s.first) {
       EXPECT_EQ(out[r.first.offset], 1);
     }
     EXPECT_EQ(r.sound.present, c.hasSound);
     if (c.hasSound) {
-      EXPECT_EQ(r.sound.size, c.soundSize);
+      EXPECT_EQ(r.sound.size, s.sound);
       EXPECT_EQ(out[r.sound.offset], 2);
     }
     EXPECT_EQ(r.plane3.present, c.hasPlanes);
     if (c.hasPlanes) {
-      EXPECT_EQ(r.plane2.size, c.plane2Size);
+      EXPECT_EQ(r.plane2.size, s.u);
       EXPECT_EQ(out[r.plane2.offset], 3);
-      EXPECT_EQ(r.plane3.size, c.plane3Size);
+      EXPECT_EQ(r.plane3.size, s.v);
       EXPECT_EQ(out[r.plane3.offset + r.plane3.size - 1], 4);
       EXPECT_EQ(r.plane3.offset + r.plane3.size, out.size());  // the last stream ends the record
     }
