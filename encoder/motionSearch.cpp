@@ -82,6 +82,43 @@ void zycFadeSums::Sums(int32_t x, int32_t y, int32_t size, uint32_t out[16]) con
 uint32_t zycFadeSums::Candidates(int32_t x, int32_t y, int32_t size, uint32_t sum,
                                  uint32_t limit) const {
 #ifdef ZYC_SUMS_SSE2
+  if (size == 16 && sum < 0x40000000u) {
+    // The four squares of 8 are exact in 16-bit words; they are added in 32-bit words.
+    const uint16_t* c[3][3];
+    for (int j = 0; j < 3; ++j) {
+      for (int i = 0; i < 3; ++i) c[j][i] = Corner(x + i * 8, y + j * 8);
+    }
+    const __m128i zero = _mm_setzero_si128();
+    // Sums below 2^18 and 2^30, limits held below 2^31: signed 32-bit comparisons are exact.
+    const uint32_t bounded = limit > 0x7FFFFFFFu ? 0x7FFFFFFFu : limit;
+    const __m128i target = _mm_set1_epi32(int32_t(sum));
+    const __m128i bound = _mm_set1_epi32(int32_t(bounded));
+    uint32_t mask = 0;
+    for (int h = 0; h < 2; ++h) {
+      auto load = [h](const uint16_t* p) {
+        return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + h * 8));
+      };
+      __m128i low = zero, high = zero;
+      for (int q = 0; q < 4; ++q) {
+        const int i = q & 1, j = q >> 1;
+        const __m128i v = _mm_add_epi16(
+            _mm_sub_epi16(_mm_sub_epi16(load(c[j + 1][i + 1]), load(c[j + 1][i])),
+                          load(c[j][i + 1])),
+            load(c[j][i]));
+        low = _mm_add_epi32(low, _mm_unpacklo_epi16(v, zero));
+        high = _mm_add_epi32(high, _mm_unpackhi_epi16(v, zero));
+      }
+      auto near = [&](__m128i v) {
+        const __m128i d = _mm_sub_epi32(v, target);
+        const __m128i sign = _mm_srai_epi32(d, 31);
+        const __m128i diff = _mm_sub_epi32(_mm_xor_si128(d, sign), sign);
+        return _mm_cmplt_epi32(diff, bound);
+      };
+      const __m128i bits = _mm_packs_epi32(near(low), near(high));
+      mask |= uint32_t(_mm_movemask_epi8(_mm_packs_epi16(bits, zero)) & 0xFF) << (h * 8);
+    }
+    return mask;
+  }
   if (size < 16) {
     if (limit > 0xFFFFu) return 0xFFFFu;  // no difference of 16-bit sums reaches it
     const uint16_t* a = Corner(x, y);
@@ -159,8 +196,17 @@ uint32_t zycMotionSearch::SearchBlock(zycBlock& block) const {
                       ? fadeSums->Candidates(block.x + table[k][0], block.y + table[k][1], s,
                                              curSum, block.fadeError)
                       : 0;
+  // The sums that a candidate a few steps on will need are asked for now: the tables are far
+  // larger than the cache and the candidates jump between rows.
+  constexpr uint32_t kAhead = 6;
   while (k < count) {
     if (block.motionError == 0 || block.fadeError == 0) break;
+    if (bounds && k + kAhead < count && inside(k + kAhead)) {
+      const int32_t px = block.x + table[k + kAhead][0];
+      const int32_t py = block.y + table[k + kAhead][1];
+      referenceSums->Prefetch(px, py, s);
+      if (pipelined) fadeSums->Prefetch(px, py, s);
+    }
     const uint32_t following = nextInside(k + 1);
     const uint32_t followingMask =
         pipelined && following < count

@@ -33,5 +33,7 @@ void zycSadPlain(zycSadKernels* kernels) {
 
 void zycSadChoose(zycSadKernels* kernels, bool allowSimd) {
   zycSadPlain(kernels);
-  if (allowSimd && zycCpuHasSse2()) zycSadSse2(kernels);
+  if (!allowSimd) return;
+  if (zycCpuHasAvx2() && zycSadAvx2(kernels)) return;
+  if (zycCpuHasSse2()) zycSadSse2(kernels);
 }

@@ -1,7 +1,7 @@
 // Sums of absolute differences between a square of the current picture and a square of a
-// reference, both 4 bytes a pixel. The plain kernels are the reference; the SSE2 kernels give
-// the same results whenever the result is below the caller's limit. The encoder picks one set
-// at Begin and keeps it in a zycSadKernels.
+// reference, both 4 bytes a pixel. The plain kernels are the reference; the SSE2 and AVX2
+// kernels give the same results whenever the result is below the caller's limit. The encoder
+// picks one set at Begin and keeps it in a zycSadKernels.
 #pragma once
 
 #include <cstdint>
@@ -25,5 +25,9 @@ inline int zycSizeLevel(int32_t size) { return size == 4 ? 0 : size == 8 ? 1 : 2
 void zycSadPlain(zycSadKernels* kernels);
 // Fills the SSE2 kernels; false (and nothing changed) in a build without SIMD.
 bool zycSadSse2(zycSadKernels* kernels);
-// The fastest set that the processor runs: SSE2 when `allowSimd` and the processor has it.
+// Fills the SSE2 kernels, then the AVX2 kernels of sizes 8 and 16 over them; false (and
+// nothing changed) in a build without SIMD. Only for a processor with AVX2 (zycCpuHasAvx2).
+bool zycSadAvx2(zycSadKernels* kernels);
+// The fastest set that the processor runs when `allowSimd`: AVX2 when it has it, else SSE2
+// when it has that, else plain.
 void zycSadChoose(zycSadKernels* kernels, bool allowSimd);

@@ -1,10 +1,11 @@
-// The search kernels: plain against SSE2 on one size at a time, and a whole picture's tree
-// search with plain kernels, SSE2 kernels, and SSE2 kernels with the square-sum bounds. Pictures
-// are real photographs in the encoder's YUV layout. Compare the ratios within one run.
+// The search kernels: plain against SSE2 and AVX2 on one size at a time, and a whole picture's
+// tree search with each set, with and without the square-sum bounds. Pictures are real
+// photographs in the encoder's YUV layout. Compare the ratios within one run.
 #include <benchmark/benchmark.h>
 
 #include <vector>
 
+#include "base/cpuFeatures.h"
 #include "dxt/yuvConvert.h"
 #include "encoder/motionSearch.h"
 #include "encoder/sad.h"
@@ -28,12 +29,20 @@ std::vector<uint8_t> YuvCrop(uint32_t x, uint32_t y, uint32_t w, uint32_t h, int
   return yuv;
 }
 
-void Kernel(benchmark::State& state, bool simd) {
+// Which kernels: 0 plain, 1 SSE2, 2 AVX2 (sizes 8 and 16; 4 stays SSE2). False when this build
+// or this processor doesn't run them.
+bool Kernels(int which, zycSadKernels* k) {
+  zycSadPlain(k);
+  if (which == 1) return zycCpuHasSse2() && zycSadSse2(k);
+  if (which == 2) return zycCpuHasAvx2() && zycSadAvx2(k);
+  return true;
+}
+
+void Kernel(benchmark::State& state, int which) {
   const int level = int(state.range(0));
   zycSadKernels k;
-  zycSadPlain(&k);
-  if (simd && !zycSadSse2(&k)) {
-    state.SkipWithError("no SIMD in this build");
+  if (!Kernels(which, &k)) {
+    state.SkipWithError("kernels not run here");
     return;
   }
   const uint32_t w = 256, h = 256;
@@ -53,13 +62,16 @@ void Kernel(benchmark::State& state, bool simd) {
   state.SetLabel("size " + std::to_string(s));
 }
 
-void BM_SadPlain(benchmark::State& state) { Kernel(state, false); }
-void BM_SadSse2(benchmark::State& state) { Kernel(state, true); }
+void BM_SadPlain(benchmark::State& state) { Kernel(state, 0); }
+void BM_SadSse2(benchmark::State& state) { Kernel(state, 1); }
+void BM_SadAvx2(benchmark::State& state) { Kernel(state, 2); }
 BENCHMARK(BM_SadPlain)->Arg(0)->Arg(1)->Arg(2);
 BENCHMARK(BM_SadSse2)->Arg(0)->Arg(1)->Arg(2);
+BENCHMARK(BM_SadAvx2)->Arg(1)->Arg(2);
 
 // One picture's whole search on two pictures of a shaky real clip, with the 16 fades made as
-// the encoder makes them: 0 plain, 1 SSE2, 2 SSE2 with the square-sum bounds.
+// the encoder makes them: 0 plain, 1 SSE2, 2 SSE2 with the square-sum bounds, 3 AVX2, 4 AVX2
+// with the bounds (what the encoder runs on a processor with AVX2).
 void BM_TreeSearch(benchmark::State& state) {
   const int variant = int(state.range(0));
   const uint32_t w = 320, h = 176;
@@ -101,9 +113,12 @@ void BM_TreeSearch(benchmark::State& state) {
   m.paddedHeight = h;
   m.table = kSmallMotionTable;
   m.count = 256;
-  zycSadChoose(&m.kernels, variant != 0);
+  if (!Kernels(variant == 0 ? 0 : variant <= 2 ? 1 : 2, &m.kernels)) {
+    state.SkipWithError("kernels not run here");
+    return;
+  }
   m.pool = &pool;
-  if (variant == 2) {
+  if (variant == 2 || variant == 4) {
     m.sourceSums = &sums[1];
     m.referenceSums = &sums[0];
     m.fadeSums = &fadeSums;
@@ -118,9 +133,9 @@ void BM_TreeSearch(benchmark::State& state) {
       benchmark::DoNotOptimize(m.SearchBlock(top[i]));
     }
   }
-  static const char* const kNames[3] = {"plain", "sse2", "sse2+sums"};
+  static const char* const kNames[5] = {"plain", "sse2", "sse2+sums", "avx2", "avx2+sums"};
   state.SetLabel(kNames[variant]);
 }
-BENCHMARK(BM_TreeSearch)->Arg(0)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_TreeSearch)->DenseRange(0, 4)->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
+#include "base/cpuFeatures.h"
 #include "dxt/yuvConvert.h"
 #include "encoder/motionSearch.h"
 #include "stream/decoderTables.h"
@@ -38,6 +40,7 @@ struct SearchScene {
     zycConvertToYuv(crop.pixels.data(), yuv.data(), w * h);
     return yuv;
   }
+  const zycSadKernels* forcedKernels = nullptr;  // when set, these instead of the chosen set
   zycBlockSums sums[2];  // references[0], the source
   zycFadeSums fadeSums;
   void Run(uint32_t count, bool simd, bool noFade = false, bool searchOff = false,
@@ -62,6 +65,7 @@ struct SearchScene {
     search.noFade = noFade;
     search.searchOff = searchOff;
     zycSadChoose(&search.kernels, simd);
+    if (forcedKernels) search.kernels = *forcedKernels;
     search.pool = &pool;
     pool.Reset();
     for (size_t i = 0; i < top.size(); ++i) {
@@ -120,6 +124,18 @@ TEST(MotionSearch, Sse2AndPlainKernelsGiveIdenticalTreesOnRealVideo) {
   // Skipping the comparisons that the square sums rule out changes nothing either.
   fast.Run(256, true, false, false, true);
   for (size_t i = 0; i < plain.top.size(); ++i) ExpectSameTree(plain.top[i], fast.top[i]);
+  // Nor does each SIMD set that the processor runs, with and without the sums.
+  zycSadKernels sets[2];
+  const bool have[2] = {zycCpuHasSse2() && zycSadSse2(&sets[0]),
+                        zycCpuHasAvx2() && zycSadAvx2(&sets[1])};
+  for (int v = 0; v < 2; ++v) {
+    if (!have[v]) continue;
+    fast.forcedKernels = &sets[v];
+    for (bool sums : {false, true}) {
+      fast.Run(256, true, false, false, sums);
+      for (size_t i = 0; i < plain.top.size(); ++i) ExpectSameTree(plain.top[i], fast.top[i]);
+    }
+  }
 }
 
 TEST(MotionSearch, SquareSumsAreTheSumsOfTheColourBytes) {
@@ -166,6 +182,49 @@ TEST(MotionSearch, SquareSumsAreTheSumsOfTheColourBytes) {
       }
     }
   }
+}
+
+TEST(MotionSearch, FadeMasksMatchTheSumsWhenEveryFadeDiffers) {
+  const uint32_t w = 64, h = 48;
+  std::vector<uint8_t> picture = SearchScene::Photo(300, 200, w, h);
+  std::vector<std::vector<uint8_t>> fades(16, picture);
+  const uint8_t* pictures[16];
+  for (int f = 0; f < 16; ++f) {
+    for (size_t i = 0; i < picture.size(); ++i) {
+      fades[f][i] = uint8_t(std::min(255, picture[i] * (10 + f) / 18));
+    }
+    pictures[f] = fades[f].data();
+  }
+  zycFadeSums fadeSums;
+  fadeSums.Build(pictures, w, h);
+  int masksWithSomeBits = 0;
+  for (int32_t s : {4, 8, 16}) {
+    for (int32_t y = 0; y + s <= int32_t(h); y += 3) {
+      for (int32_t x = 0; x + s <= int32_t(w); x += 5) {
+        uint32_t all[16];
+        fadeSums.Sums(x, y, s, all);
+        // Around fade 6's sum and fade 12's, with limits that split the fades differently.
+        for (uint32_t sum : {all[6], all[12] + 7, all[0] / 2}) {
+          for (uint32_t limit : {1u, 40u, 600u, 5000u, 30000u, 0xFFFFu, 0x10000u, 0x3000000u}) {
+            uint32_t want = 0;
+            for (int f = 0; f < 16; ++f) {
+              const uint32_t d = all[f] > sum ? all[f] - sum : sum - all[f];
+              if (d < limit) want |= 1u << f;
+            }
+            const uint32_t got = fadeSums.Candidates(x, y, s, sum, limit);
+            // Above a 16-bit limit, the small squares may let every fade through.
+            if (s < 16 && limit > 0xFFFFu) {
+              ASSERT_EQ(got & want, want);
+            } else {
+              ASSERT_EQ(got, want) << x << "," << y << " size " << s << " limit " << limit;
+            }
+            if (want != 0 && want != 0xFFFFu) ++masksWithSomeBits;
+          }
+        }
+      }
+    }
+  }
+  EXPECT_GT(masksWithSomeBits, 100);
 }
 
 TEST(MotionSearch, IdenticalPicturesStopAtEveryTopBlock) {

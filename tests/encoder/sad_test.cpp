@@ -4,6 +4,7 @@
 #include <cstring>
 #include <vector>
 
+#include "base/cpuFeatures.h"
 #include "dxt/yuvConvert.h"
 #include "encoder/sad.h"
 #include "tests/support/imageLoad.h"
@@ -38,29 +39,60 @@ PicturePair MakePair(bool randomAlpha) {
   return p;
 }
 
-TEST(SadKernels, Sse2EqualsPlainOnRealPicturesAtEverySizeAndOffset) {
-  zycSadKernels plain, fast;
+// The SIMD sets that this build and this processor run: SSE2, then AVX2.
+std::vector<zycSadKernels> FastSets() {
+  std::vector<zycSadKernels> sets;
+  zycSadKernels k;
+  if (zycCpuHasSse2() && zycSadSse2(&k)) sets.push_back(k);
+  if (zycCpuHasAvx2() && zycSadAvx2(&k)) sets.push_back(k);
+  return sets;
+}
+
+TEST(SadKernels, SimdEqualsPlainOnRealPicturesAtEverySizeAndOffset) {
+  zycSadKernels plain;
   zycSadPlain(&plain);
-  if (!zycSadSse2(&fast)) GTEST_SKIP() << "built without SIMD";
+  const std::vector<zycSadKernels> sets = FastSets();
+  if (sets.empty()) GTEST_SKIP() << "built without SIMD";
   PicturePair p = MakePair(false);
   const uint32_t stride = p.width * 4;
-  int compared = 0;
-  for (int level = 0; level < 3; ++level) {
-    const uint32_t s = 4u << level;
-    for (uint32_t y = 0; y + s <= p.height; y += 4) {
-      for (uint32_t x = 0; x + s <= p.width; x += 4) {
-        const uint8_t* cur = p.a.data() + y * stride + x * 4;
-        // The reference at a vector of up to 3 pixels, read unaligned.
-        const uint32_t rx = (x + (y % 7)) + s <= p.width ? x + (y % 7) : x;
-        const uint8_t* ref = p.b.data() + y * stride + rx * 4;
-        ASSERT_EQ(plain.all[level](cur, ref, stride, ~0u), fast.all[level](cur, ref, stride, ~0u));
-        ASSERT_EQ(plain.colour[level](cur, ref, stride, ~0u),
-                  fast.colour[level](cur, ref, stride, ~0u));
-        ++compared;
+  for (const zycSadKernels& fast : sets) {
+    int compared = 0;
+    for (int level = 0; level < 3; ++level) {
+      const uint32_t s = 4u << level;
+      for (uint32_t y = 0; y + s <= p.height; y += 4) {
+        for (uint32_t x = 0; x + s <= p.width; x += 4) {
+          const uint8_t* cur = p.a.data() + y * stride + x * 4;
+          // The reference at a vector of up to 3 pixels, read unaligned.
+          const uint32_t rx = (x + (y % 7)) + s <= p.width ? x + (y % 7) : x;
+          const uint8_t* ref = p.b.data() + y * stride + rx * 4;
+          ASSERT_EQ(plain.all[level](cur, ref, stride, ~0u),
+                    fast.all[level](cur, ref, stride, ~0u));
+          ASSERT_EQ(plain.colour[level](cur, ref, stride, ~0u),
+                    fast.colour[level](cur, ref, stride, ~0u));
+          ++compared;
+        }
       }
     }
+    EXPECT_GT(compared, 500);
   }
-  EXPECT_GT(compared, 500);
+}
+
+TEST(SadKernels, AvxSetKeepsSse2ForFourAndTakesItsOwnForEightAndSixteen) {
+  zycSadKernels sse2, avx2;
+  if (!zycCpuHasAvx2() || !zycSadSse2(&sse2) || !zycSadAvx2(&avx2)) {
+    GTEST_SKIP() << "no AVX2";
+  }
+  EXPECT_EQ(avx2.all[0], sse2.all[0]);
+  EXPECT_EQ(avx2.colour[0], sse2.colour[0]);
+  for (int level = 1; level < 3; ++level) {
+    EXPECT_NE(avx2.all[level], sse2.all[level]);
+    EXPECT_NE(avx2.colour[level], sse2.colour[level]);
+  }
+  zycSadKernels chosen;
+  zycSadChoose(&chosen, true);
+  EXPECT_EQ(chosen.colour[2], avx2.colour[2]);
+  zycSadChoose(&chosen, false);
+  EXPECT_FALSE(chosen.simd);
 }
 
 TEST(SadKernels, ColourKernelsLeaveAlphaOutAndAllKernelsCountIt) {
@@ -80,21 +112,40 @@ TEST(SadKernels, ColourKernelsLeaveAlphaOutAndAllKernelsCountIt) {
     EXPECT_EQ(fast.colour[2](p.a.data(), p.b.data(), stride, ~0u), colour);
     EXPECT_EQ(fast.all[2](p.a.data(), p.b.data(), stride, ~0u), all);
   }
+  // Every size of every SIMD set against the plain kernels, with alpha that differs.
+  for (const zycSadKernels& set : FastSets()) {
+    for (int level = 0; level < 3; ++level) {
+      EXPECT_EQ(set.colour[level](p.a.data(), p.b.data(), stride, ~0u),
+                plain.colour[level](p.a.data(), p.b.data(), stride, ~0u));
+      EXPECT_EQ(set.all[level](p.a.data(), p.b.data(), stride, ~0u),
+                plain.all[level](p.a.data(), p.b.data(), stride, ~0u));
+    }
+  }
 }
 
 TEST(SadKernels, FastKernelMayStopAtTheLimitButNeverBelowIt) {
-  zycSadKernels plain, fast;
+  zycSadKernels plain;
   zycSadPlain(&plain);
-  if (!zycSadSse2(&fast)) GTEST_SKIP() << "built without SIMD";
+  const std::vector<zycSadKernels> sets = FastSets();
+  if (sets.empty()) GTEST_SKIP() << "built without SIMD";
   PicturePair p = MakePair(false);
   const uint32_t stride = p.width * 4;
-  const uint32_t exact = plain.all[2](p.a.data(), p.b.data(), stride, ~0u);
-  ASSERT_GT(exact, 100u);
-  // Below the limit: exact. At or above: some value not below the limit.
-  EXPECT_EQ(fast.all[2](p.a.data(), p.b.data(), stride, exact + 1), exact);
-  const uint32_t early = fast.all[2](p.a.data(), p.b.data(), stride, exact / 4);
-  EXPECT_GE(early, exact / 4);
-  EXPECT_LE(early, exact);
+  for (const zycSadKernels& fast : sets) {
+    for (int level = 0; level < 3; ++level) {
+      const zycSadFn pairs[2][2] = {{plain.all[level], fast.all[level]},
+                                    {plain.colour[level], fast.colour[level]}};
+      for (const auto& pair : pairs) {
+        const uint32_t exact = pair[0](p.a.data(), p.b.data(), stride, ~0u);
+        ASSERT_GT(exact, 100u);
+        // Below the limit: exact. At or above: some value not below the limit.
+        EXPECT_EQ(pair[1](p.a.data(), p.b.data(), stride, exact + 1), exact);
+        EXPECT_GE(pair[1](p.a.data(), p.b.data(), stride, exact), exact);
+        const uint32_t early = pair[1](p.a.data(), p.b.data(), stride, exact / 4);
+        EXPECT_GE(early, exact / 4);
+        EXPECT_LE(early, exact);
+      }
+    }
+  }
 }
 
 TEST(SadKernels, IdenticalSquaresGiveZero) {

@@ -595,7 +595,8 @@ TEST(Encoder, PlainSimdAndSumBoundedSearchesWriteTheSameMovie) {
   std::vector<uint8_t> files[3];
   for (int variant = 0; variant < 3; ++variant) {
     EncodeRun run("variant" + std::to_string(variant));
-    run.encoder.allowSimd = variant != 0;  // 0 plain, 1 SSE2, 2 SSE2 without the sums
+    // 0 plain, 1 the fastest kernels the processor runs (AVX2 or SSE2), 2 those without the sums
+    run.encoder.allowSimd = variant != 0;
     run.encoder.useSums = variant != 2;
     ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
     run.Next(frames[1]);
