@@ -387,6 +387,7 @@ TEST(ContainerRecord, RecordsMatchHandBuiltBytesAndSplitBack) {
     ASSERT_TRUE(zycSplitRecord(out.data(), out.size(), &r)) << what << " " << int(r.error);
     EXPECT_EQ(r.recordBytes, bytes);
     EXPECT_EQ(r.recordFlags, s.flags);
+    EXPECT_EQ(r.first.present, s.first > 0);
     EXPECT_EQ(r.first.size, s.first);
     if (s.first) {
       EXPECT_EQ(out[r.first.offset], 1);

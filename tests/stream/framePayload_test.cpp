@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include "stream/container.h"
 #include "stream/zycDecoder.h"
 #include "tests/support/movieBuilder.h"
 
@@ -151,16 +150,6 @@ TEST(RecordSplit, PlaneRecordWithSoundPadsAndAligns) {
   EXPECT_EQ(record[walked.plane2.offset + 5], 14);
 }
 
-TEST(RecordSplit, RepeatRecordHasNoStreams) {
-  const Bytes record = movieBuilder::frameRecord(8, {}, nullptr, nullptr, nullptr);
-  ASSERT_EQ(record.size(), 8u);
-  zycFrameRecord walked;
-  ASSERT_TRUE(zycSplitRecord(record.data(), record.size(), &walked));
-  EXPECT_FALSE(walked.first.present);
-  EXPECT_FALSE(walked.sound.present);
-  EXPECT_EQ(walked.recordBytes, 8u);
-}
-
 TEST(RecordSplit, TwentyFourBitSizesAreSplitAsStored) {
   const Bytes big(70000, 0x5A);
   const Bytes sound(70001, 0x33);
@@ -201,40 +190,4 @@ TEST(RecordSplit, RefusesCutsBadFlagsAndMisplacedStreams) {
   beyond[4 + 4 + 6 + 2] = 200;  // third stream's size
   EXPECT_FALSE(zycSplitRecord(beyond.data(), beyond.size(), &walked));
   EXPECT_EQ(walked.error, zycPayloadError::streamCut);
-}
-
-TEST(RecordSplit, WalksTheRecordsThatTheContainerWrites) {
-  const Bytes first{1, 2, 3, 4, 5, 6, 7};
-  const Bytes sound{8, 9};
-  const Bytes plane2{10, 11, 12};
-  const Bytes plane3{13, 14, 15, 16, 17};
-  for (int kind = 0; kind < 4; ++kind) {
-    zycRecordContent content;
-    content.first = kind == 3 ? nullptr : first.data();
-    content.firstSize = kind == 3 ? 0 : uint32_t(first.size());
-    content.hasSound = kind != 1;
-    content.sound = sound.data();
-    content.soundSize = uint32_t(sound.size());
-    content.hasPlanes = kind == 2;
-    content.plane2 = plane2.data();
-    content.plane2Size = uint32_t(plane2.size());
-    content.plane3 = plane3.data();
-    content.plane3Size = uint32_t(plane3.size());
-    content.repeat = kind == 3;
-    Bytes record;
-    zycAppendRecord(content, &record);
-    zycFrameRecord walked;
-    ASSERT_TRUE(zycSplitRecord(record.data(), record.size(), &walked))
-        << kind << ": " << zycPayloadErrorText(walked.error);
-    EXPECT_EQ(walked.recordBytes, record.size());
-    EXPECT_EQ(walked.first.present, kind != 3);
-    EXPECT_EQ(walked.sound.present, kind != 1);
-    EXPECT_EQ(walked.plane3.present, kind == 2);
-    if (walked.sound.present) {
-      EXPECT_EQ(record[walked.sound.offset + 1], 9);
-    }
-    if (walked.plane3.present) {
-      EXPECT_EQ(record[walked.plane3.offset + 4], 17);
-    }
-  }
 }
