@@ -20,20 +20,6 @@ namespace {
 
 uint32_t Tag(const char* name) { return zylTag(name[0], name[1], name[2], name[3]); }
 
-std::vector<zycTestPicture> Pictures(int32_t width, int32_t height, int count) {
-  std::vector<zycTestPicture> pictures;
-  for (int i = 0; i < count; ++i) pictures.push_back(zycTestPicture::Pattern(width, height, i));
-  return pictures;
-}
-
-std::vector<uint8_t> Expected(const zycTestPicture& picture) {
-  std::vector<uint8_t> out;
-  for (size_t i = 0; i < picture.bgr.size(); i += 3) {
-    out.insert(out.end(), {picture.bgr[i], picture.bgr[i + 1], picture.bgr[i + 2], 255});
-  }
-  return out;
-}
-
 std::string ReadFile(const fs::path& path) {
   std::ifstream in(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), {});
@@ -107,7 +93,7 @@ class EncodeJob : public testing::Test {
 };
 
 TEST_F(EncodeJob, SeeksTwiceAndFeedsEveryPictureFromTheFirst) {
-  std::vector<zycTestPicture> pictures = Pictures(8, 4, 5);
+  std::vector<zycTestPicture> pictures = zycTestPicture::Patterns(8, 4, 5);
   zycMemorySource media(pictures, 25.0);
   EXPECT_EQ(Run(media, "a.zyl"), 0);
   EXPECT_EQ(encoder_.calls, (std::vector<std::string>{"SetJobRange", "Begin", "Next", "Next",
@@ -115,25 +101,25 @@ TEST_F(EncodeJob, SeeksTwiceAndFeedsEveryPictureFromTheFirst) {
   EXPECT_EQ(encoder_.firstFrame, 0u);
   EXPECT_EQ(encoder_.frameTotal, 5u);  // 0 means the source's frame count
   ASSERT_EQ(encoder_.pictures.size(), 5u);
-  for (size_t i = 0; i < 5; ++i) EXPECT_EQ(encoder_.pictures[i].pixels, Expected(pictures[i]));
+  for (size_t i = 0; i < 5; ++i) EXPECT_EQ(encoder_.pictures[i].pixels, pictures[i].Bgra());
   EXPECT_EQ(ReadFile(dir_ / "a.zyl"), "main");
 }
 
 TEST_F(EncodeJob, StopsAfterTheAskedNumberOfFramesTakingOneGrabTooMany) {
-  std::vector<zycTestPicture> pictures = Pictures(8, 4, 10);
+  std::vector<zycTestPicture> pictures = zycTestPicture::Patterns(8, 4, 10);
   zycMemorySource media(pictures, 25.0);
   EXPECT_EQ(Run(media, "a.zyl", 2, 3), 0);
   EXPECT_EQ(encoder_.firstFrame, 2u);
   EXPECT_EQ(encoder_.frameTotal, 3u);
   ASSERT_EQ(encoder_.pictures.size(), 3u);
-  EXPECT_EQ(encoder_.pictures[0].pixels, Expected(pictures[2]));
-  EXPECT_EQ(encoder_.pictures[2].pixels, Expected(pictures[4]));
+  EXPECT_EQ(encoder_.pictures[0].pixels, pictures[2].Bgra());
+  EXPECT_EQ(encoder_.pictures[2].pixels, pictures[4].Bgra());
   EXPECT_EQ(media.videoSeeks(), (std::vector<int64_t>{800000, 800000}));  // 2 / 25 s, twice
   EXPECT_EQ(encoder_.CallCount("Next"), 2);
 }
 
 TEST_F(EncodeJob, OneFrameJobNeverCallsNext) {
-  zycMemorySource media(Pictures(8, 4, 4), 25.0);
+  zycMemorySource media(zycTestPicture::Patterns(8, 4, 4), 25.0);
   EXPECT_EQ(Run(media, "a.zyl", 0, 1), 0);
   EXPECT_EQ(encoder_.calls, (std::vector<std::string>{"SetJobRange", "Begin", "End"}));
   EXPECT_EQ(watcher_.calls, 1);
@@ -148,18 +134,19 @@ TEST_F(EncodeJob, OddWidthsAndAResizeReachTheEncoderIntact) {
   EXPECT_EQ(Run(media, "a.zyl"), 0);
   ASSERT_EQ(encoder_.pictures.size(), 4u);
   EXPECT_EQ(encoder_.pictures[0].width, 7);
-  EXPECT_EQ(encoder_.pictures[0].pixels, Expected(pictures[0]));
-  EXPECT_EQ(encoder_.pictures[1].pixels, Expected(pictures[1]));
+  EXPECT_EQ(encoder_.pictures[0].pixels, pictures[0].Bgra());
+  EXPECT_EQ(encoder_.pictures[1].pixels, pictures[1].Bgra());
   EXPECT_EQ(encoder_.pictures[2].width, 13);
   EXPECT_EQ(encoder_.pictures[2].height, 5);
-  EXPECT_EQ(encoder_.pictures[2].pixels, Expected(pictures[2]));
-  EXPECT_EQ(encoder_.pictures[3].pixels, Expected(pictures[3]));
+  EXPECT_EQ(encoder_.pictures[2].pixels, pictures[2].Bgra());
+  EXPECT_EQ(encoder_.pictures[3].pixels, pictures[3].Bgra());
   EXPECT_EQ(encoder_.header.width, 7u);
   EXPECT_EQ(encoder_.header.height, 3u);
 }
 
 TEST_F(EncodeJob, FillsTheHeaderRecordBeforeBegin) {
-  zycMemorySource media(Pictures(8, 4, 3), 29.97, std::vector<int16_t>(6000), 2, 22050);
+  zycMemorySource media(zycTestPicture::Patterns(8, 4, 3), 29.97, std::vector<int16_t>(6000), 2,
+                        22050);
   codec_->SetParam(Tag("HXTC"), 2);
   encoder_.soundFlags = 32 | 16;
   EXPECT_EQ(Run(media, "a.zyl"), 0);
@@ -176,7 +163,8 @@ TEST_F(EncodeJob, FillsTheHeaderRecordBeforeBegin) {
 }
 
 TEST_F(EncodeJob, SoundOffKeepsTheSourcesSoundOutOfTheHeader) {
-  zycMemorySource media(Pictures(8, 4, 3), 25.0, std::vector<int16_t>(6000), 2, 22050);
+  zycMemorySource media(zycTestPicture::Patterns(8, 4, 3), 25.0, std::vector<int16_t>(6000), 2,
+                        22050);
   codec_->SetParam(Tag("SND\0"), 0);
   codec_->SetCodecMode(1);
   EXPECT_EQ(Run(media, "a.zyl"), 0);
@@ -187,7 +175,7 @@ TEST_F(EncodeJob, SoundOffKeepsTheSourcesSoundOutOfTheHeader) {
 }
 
 TEST_F(EncodeJob, ProgressRecordAfterEveryFrame) {
-  std::vector<zycTestPicture> pictures = Pictures(6, 3, 4);
+  std::vector<zycTestPicture> pictures = zycTestPicture::Patterns(6, 3, 4);
   zycMemorySource media(pictures, 25.0);
   zylKeyframeRange plan = {0, 3, nullptr, 0, nullptr};
   EXPECT_EQ(Run(media, "a.zyl", 0, 0, &plan), 0);
@@ -202,7 +190,7 @@ TEST_F(EncodeJob, ProgressRecordAfterEveryFrame) {
     EXPECT_EQ(p.width, 6u);
     EXPECT_EQ(p.height, 3u);
     EXPECT_EQ(p.pitch, 32u);  // the recording encoder's padded row
-    EXPECT_EQ(watcher_.shown[size_t(i)], Expected(pictures[size_t(i)]));
+    EXPECT_EQ(watcher_.shown[size_t(i)], pictures[size_t(i)].Bgra());
   }
   EXPECT_EQ(watcher_.records[0].keyFrame, 1);
   EXPECT_EQ(watcher_.records[1].keyFrame, 0);
@@ -210,7 +198,7 @@ TEST_F(EncodeJob, ProgressRecordAfterEveryFrame) {
 
 TEST_F(EncodeJob, CallbackThatStopsAtOnceEndsTheJobCleanly) {
   watcher_.stopAfter = 0;
-  zycMemorySource media(Pictures(8, 4, 6), 25.0);
+  zycMemorySource media(zycTestPicture::Patterns(8, 4, 6), 25.0);
   EXPECT_EQ(Run(media, "a.zyl"), 1);
   EXPECT_EQ(encoder_.calls, (std::vector<std::string>{"SetJobRange", "Begin", "End"}));
   EXPECT_EQ(ReadFile(dir_ / "a.zyl"), "main");  // closed, so everything written is there
@@ -220,7 +208,7 @@ TEST_F(EncodeJob, CallbackThatStopsAtOnceEndsTheJobCleanly) {
 
 TEST_F(EncodeJob, CallbackThatStopsLaterKeepsTheFramesDone) {
   watcher_.stopAfter = 2;
-  zycMemorySource media(Pictures(8, 4, 8), 25.0);
+  zycMemorySource media(zycTestPicture::Patterns(8, 4, 8), 25.0);
   EXPECT_EQ(Run(media, "a.zyl"), 1);
   EXPECT_EQ(encoder_.CallCount("Next"), 2);
   EXPECT_EQ(encoder_.CallCount("End"), 1);
@@ -228,7 +216,7 @@ TEST_F(EncodeJob, CallbackThatStopsLaterKeepsTheFramesDone) {
 }
 
 TEST_F(EncodeJob, FirstFrameBeyondTheEndBeginsOnAnEmptyPicture) {
-  zycMemorySource media(Pictures(8, 4, 3), 25.0);
+  zycMemorySource media(zycTestPicture::Patterns(8, 4, 3), 25.0);
   EXPECT_EQ(Run(media, "a.zyl", 10), 0);
   ASSERT_EQ(encoder_.pictures.size(), 1u);
   EXPECT_EQ(encoder_.pictures[0].width, 0);
@@ -238,7 +226,7 @@ TEST_F(EncodeJob, FirstFrameBeyondTheEndBeginsOnAnEmptyPicture) {
 }
 
 TEST_F(EncodeJob, AStalledSourceEndsTheJobAtTheGrabTimeout) {
-  zycMemorySource media(Pictures(8, 4, 6), 25.0);
+  zycMemorySource media(zycTestPicture::Patterns(8, 4, 6), 25.0);
   media.StallVideoAt(3);
   EXPECT_EQ(Run(media, "a.zyl"), 0);
   EXPECT_EQ(encoder_.CallCount("Next"), 2);  // pictures 0, 1 and 2; picture 3 never comes
@@ -246,7 +234,7 @@ TEST_F(EncodeJob, AStalledSourceEndsTheJobAtTheGrabTimeout) {
 }
 
 TEST_F(EncodeJob, PrintsTheFrameTimesAndTheEndLinesInOrder) {
-  zycMemorySource media(Pictures(8, 4, 4), 25.0);
+  zycMemorySource media(zycTestPicture::Patterns(8, 4, 4), 25.0);
   // What an earlier job left in the timers is cleared when a job starts.
   TimerSlot(kTimerGeneric0).calls = 3;
   TimerAddValue(kTimerGeneric1, 5);
@@ -278,7 +266,7 @@ TEST_F(EncodeJob, NullSourceIsRefused) {
 }
 
 TEST_F(EncodeJob, MainOutputThatCantBeOpenedTouchesNothingElse) {
-  zycMemorySource media(Pictures(8, 4, 3), 25.0);
+  zycMemorySource media(zycTestPicture::Patterns(8, 4, 3), 25.0);
   EXPECT_EQ(Run(media, "missing/a.zyl"), 3);
   EXPECT_TRUE(encoder_.calls.empty());
   EXPECT_EQ(media.videoRunCount(), 0u);
@@ -289,7 +277,7 @@ TEST_F(EncodeJob, MainOutputThatCantBeOpenedTouchesNothingElse) {
 
 TEST_F(EncodeJob, BeginFailureEndsTheEncoderAndClosesTheOutputs) {
   encoder_.beginResult = 1;
-  zycMemorySource media(Pictures(8, 4, 3), 25.0);
+  zycMemorySource media(zycTestPicture::Patterns(8, 4, 3), 25.0);
   EXPECT_EQ(Run(media, "a.zyl"), 3);
   EXPECT_EQ(encoder_.calls, (std::vector<std::string>{"SetJobRange", "Begin", "End"}));
   EXPECT_EQ(watcher_.calls, 0);
@@ -300,7 +288,7 @@ TEST_F(EncodeJob, BeginFailureEndsTheEncoderAndClosesTheOutputs) {
 TEST_F(EncodeJob, SoundFilesBesideTheMovieWithoutExtc) {
   encoder_.soundFlags = 3;
   codec_->SetParam(Tag("pFMT"), 3);
-  zycMemorySource media(Pictures(8, 4, 3), 25.0);
+  zycMemorySource media(zycTestPicture::Patterns(8, 4, 3), 25.0);
   char16_t buffer[kOutputNameBufferLength];
   EXPECT_EQ(Run(media, "movie.zyl", 0, 0, nullptr, buffer), 0);
   EXPECT_TRUE(encoder_.hadMainOutput);
@@ -317,7 +305,7 @@ TEST_F(EncodeJob, SoundFilesBesideTheMovieWithoutExtc) {
 TEST_F(EncodeJob, ExtcPutsTheMovieIntoNumberedFilesOnly) {
   encoder_.soundFlags = 3;
   codec_->SetParam(Tag("EXTC"), 1);
-  zycMemorySource media(Pictures(8, 4, 3), 25.0);
+  zycMemorySource media(zycTestPicture::Patterns(8, 4, 3), 25.0);
   char16_t buffer[kOutputNameBufferLength];
   EXPECT_EQ(Run(media, "movie.zyl", 0, 0, nullptr, buffer), 0);
   EXPECT_FALSE(encoder_.hadMainOutput);
@@ -329,7 +317,7 @@ TEST_F(EncodeJob, ExtcPutsTheMovieIntoNumberedFilesOnly) {
 
 TEST_F(EncodeJob, NumberedNamesCutAtTheLastZylAfterTheFirstCharacter) {
   encoder_.soundFlags = 8 | 2;
-  zycMemorySource media(Pictures(8, 4, 3), 25.0);
+  zycMemorySource media(zycTestPicture::Patterns(8, 4, 3), 25.0);
   EXPECT_EQ(Run(media, "a.zyl.zyl"), 0);
   EXPECT_TRUE(fs::exists(dir_ / "a.zyl_2.mds"));
   EXPECT_TRUE(fs::exists(dir_ / "a.zyl_4.mds"));
@@ -337,7 +325,7 @@ TEST_F(EncodeJob, NumberedNamesCutAtTheLastZylAfterTheFirstCharacter) {
 
   zycRecordingEncoder second;
   second.soundFlags = 1;
-  zycMemorySource media2(Pictures(8, 4, 3), 25.0);
+  zycMemorySource media2(zycTestPicture::Patterns(8, 4, 3), 25.0);
   std::u16string name = Name("clip");
   testing::internal::CaptureStdout();
   EXPECT_EQ(RunEncodeJob(*codec_, &second, media2.source(), name.c_str(), 0, 0, nullptr, nullptr),
@@ -352,7 +340,7 @@ TEST_F(EncodeJob, ANameThatIsOnlyTheExtensionKeepsIt) {
   fs::current_path(dir_);
   zycRecordingEncoder encoder;
   encoder.soundFlags = 1;
-  zycMemorySource media(Pictures(8, 4, 3), 25.0);
+  zycMemorySource media(zycTestPicture::Patterns(8, 4, 3), 25.0);
   testing::internal::CaptureStdout();
   int32_t status = RunEncodeJob(*codec_, &encoder, media.source(), u".zyl", 0, 0, nullptr, nullptr);
   testing::internal::GetCapturedStdout();
@@ -365,7 +353,7 @@ TEST_F(EncodeJob, ANameThatIsOnlyTheExtensionKeepsIt) {
 TEST_F(EncodeJob, NoExtraFilesWhenSkippedOrSoundIsOff) {
   encoder_.soundFlags = 3;
   codec_->SetSkipExtraFiles(1);
-  zycMemorySource media(Pictures(8, 4, 3), 25.0);
+  zycMemorySource media(zycTestPicture::Patterns(8, 4, 3), 25.0);
   EXPECT_EQ(Run(media, "a.zyl"), 0);
   EXPECT_FALSE(encoder_.hadExtraOutputs);
   EXPECT_FALSE(fs::exists(dir_ / "a_1.mds"));
@@ -374,7 +362,7 @@ TEST_F(EncodeJob, NoExtraFilesWhenSkippedOrSoundIsOff) {
   second.soundFlags = 3;
   codec_->SetSkipExtraFiles(0);
   codec_->SetParam(Tag("SND\0"), 0);
-  zycMemorySource media2(Pictures(8, 4, 3), 25.0);
+  zycMemorySource media2(zycTestPicture::Patterns(8, 4, 3), 25.0);
   std::u16string name = Name("b.zyl");
   testing::internal::CaptureStdout();
   EXPECT_EQ(RunEncodeJob(*codec_, &second, media2.source(), name.c_str(), 0, 0, nullptr, nullptr),
@@ -388,7 +376,7 @@ TEST_F(EncodeJob, NoExtraFilesWhenSkippedOrSoundIsOff) {
 TEST_F(EncodeJob, SoundFilesOutsideZyl0AreRefused) {
   encoder_.soundFlags = 1;
   codec_->SetCodecMode(1);
-  zycMemorySource media(Pictures(8, 4, 3), 25.0);
+  zycMemorySource media(zycTestPicture::Patterns(8, 4, 3), 25.0);
   EXPECT_EQ(Run(media, "a.zyl"), 3);
   EXPECT_EQ(printed_, "docomo sound is only implemented for ZYL0\n");
   EXPECT_TRUE(encoder_.calls.empty());
@@ -398,7 +386,7 @@ TEST_F(EncodeJob, SoundFilesOutsideZyl0AreRefused) {
 TEST_F(EncodeJob, AnExtraOutputThatCantBeOpenedRefusesTheJob) {
   encoder_.soundFlags = 1;
   fs::create_directories(dir_ / "a_1.mds");  // a directory where the file should go
-  zycMemorySource media(Pictures(8, 4, 3), 25.0);
+  zycMemorySource media(zycTestPicture::Patterns(8, 4, 3), 25.0);
   EXPECT_EQ(Run(media, "a.zyl"), 3);
   EXPECT_TRUE(encoder_.calls.empty());
   EXPECT_FALSE(fs::exists(dir_ / "a.zyl"));
@@ -409,7 +397,7 @@ TEST_F(EncodeJob, SoundThatEndsIsFilledWithZerosAndStaysEnded) {
   // 2500 mono samples; the encoder takes 1000 samples a frame.
   std::vector<int16_t> pcm(2500);
   for (size_t i = 0; i < pcm.size(); ++i) pcm[i] = int16_t(1000 + i);
-  zycMemorySource media(Pictures(8, 4, 6), 25.0, pcm, 1, 16000);
+  zycMemorySource media(zycTestPicture::Patterns(8, 4, 6), 25.0, pcm, 1, 16000);
   encoder_.audioBytesPerFrame = 2000;
   EXPECT_EQ(Run(media, "a.zyl"), 0);
   ASSERT_EQ(encoder_.audio.size(), 6u);
@@ -434,7 +422,7 @@ TEST_F(EncodeJob, UnknownModeDrivesNoEncoder) {
   codec_->SetCodecMode(2);
   codec_->SetParam(Tag("SND\0"), 0);  // stays 1: other tags do nothing in mode 2
   codec_->SetSkipExtraFiles(1);
-  zycMemorySource media(Pictures(8, 4, 3), 25.0);
+  zycMemorySource media(zycTestPicture::Patterns(8, 4, 3), 25.0);
   std::u16string name = Name("a.zyl");
   testing::internal::CaptureStdout();
   EXPECT_EQ(codec_->Encode(media.source(), 0, name.c_str()), 0);
@@ -446,7 +434,7 @@ TEST_F(EncodeJob, UnknownModeDrivesNoEncoder) {
 
 TEST_F(EncodeJob, ModeOneRefusesTheJobInThisBuild) {
   codec_->SetCodecMode(1);
-  zycMemorySource media(Pictures(8, 4, 3), 25.0);
+  zycMemorySource media(zycTestPicture::Patterns(8, 4, 3), 25.0);
   std::u16string name = Name("a.zyl");
   testing::internal::CaptureStdout();
   EXPECT_EQ(codec_->Encode(media.source(), 0, name.c_str()), 3);

@@ -10,21 +10,6 @@
 
 namespace {
 
-std::vector<zycTestPicture> Pictures(int32_t width, int32_t height, int count) {
-  std::vector<zycTestPicture> pictures;
-  for (int i = 0; i < count; ++i) pictures.push_back(zycTestPicture::Pattern(width, height, i));
-  return pictures;
-}
-
-// The 32-bit picture the pump should make of `picture`.
-std::vector<uint8_t> Expected(const zycTestPicture& picture) {
-  std::vector<uint8_t> out;
-  for (size_t i = 0; i < picture.bgr.size(); i += 3) {
-    out.insert(out.end(), {picture.bgr[i], picture.bgr[i + 1], picture.bgr[i + 2], 255});
-  }
-  return out;
-}
-
 std::vector<uint8_t> Pixels(const zylFrameImage& image) {
   return std::vector<uint8_t>(image.pixels,
                               image.pixels + size_t(image.width) * size_t(image.height) * 4);
@@ -38,15 +23,15 @@ std::vector<int16_t> Ramp(size_t samples) {
 
 TEST(GrabFrame, ConvertsOddWidthsTopRowFirst) {
   for (int32_t width : {5, 7, 13}) {
-    std::vector<zycTestPicture> pictures = Pictures(width, 3, 2);
+    std::vector<zycTestPicture> pictures = zycTestPicture::Patterns(width, 3, 2);
     zycMemorySource media(pictures, 25.0);
     zylFrameImage image;
     ASSERT_TRUE(GrabFrame(media.source(), image));
     ASSERT_EQ(image.width, width);
     ASSERT_EQ(image.height, 3);
-    EXPECT_EQ(Pixels(image), Expected(pictures[0])) << "width " << width;
+    EXPECT_EQ(Pixels(image), pictures[0].Bgra()) << "width " << width;
     ASSERT_TRUE(GrabFrame(media.source(), image));
-    EXPECT_EQ(Pixels(image), Expected(pictures[1])) << "width " << width;
+    EXPECT_EQ(Pixels(image), pictures[1].Bgra()) << "width " << width;
   }
 }
 
@@ -60,15 +45,15 @@ TEST(GrabFrame, ReallocatesOnlyWhenTheSizeChanges) {
   const uint8_t* first = image.pixels;
   ASSERT_TRUE(GrabFrame(media.source(), image));
   EXPECT_EQ(image.pixels, first);
-  EXPECT_EQ(Pixels(image), Expected(pictures[1]));
+  EXPECT_EQ(Pixels(image), pictures[1].Bgra());
   ASSERT_TRUE(GrabFrame(media.source(), image));
   EXPECT_EQ(image.width, 9);
   EXPECT_EQ(image.height, 5);
-  EXPECT_EQ(Pixels(image), Expected(pictures[2]));
+  EXPECT_EQ(Pixels(image), pictures[2].Bgra());
 }
 
 TEST(GrabFrame, EndOfStreamAnswersFalseWithoutAnotherSample) {
-  zycMemorySource media(Pictures(4, 4, 2), 25.0);
+  zycMemorySource media(zycTestPicture::Patterns(4, 4, 2), 25.0);
   zylFrameImage image;
   EXPECT_TRUE(GrabFrame(media.source(), image));
   EXPECT_TRUE(GrabFrame(media.source(), image));
@@ -78,7 +63,7 @@ TEST(GrabFrame, EndOfStreamAnswersFalseWithoutAnotherSample) {
 }
 
 TEST(GrabFrame, NoVideoControlMeansNoSource) {
-  zycMemorySource media(Pictures(4, 4, 1), 25.0);
+  zycMemorySource media(zycTestPicture::Patterns(4, 4, 1), 25.0);
   zylSource source = *media.source();
   source.videoControl = nullptr;
   zylFrameImage image;
@@ -88,14 +73,14 @@ TEST(GrabFrame, NoVideoControlMeansNoSource) {
 }
 
 TEST(GrabFrame, AStalledStreamTimesOut) {
-  std::vector<zycTestPicture> pictures = Pictures(4, 2, 4);
+  std::vector<zycTestPicture> pictures = zycTestPicture::Patterns(4, 2, 4);
   zycMemorySource media(pictures, 25.0);
   media.StallVideoAt(1);
   zylFrameImage image;
   ASSERT_TRUE(GrabFrame(media.source(), image));
   EXPECT_FALSE(GrabFrame(media.source(), image));
   // The image keeps the last picture that came.
-  EXPECT_EQ(Pixels(image), Expected(pictures[0]));
+  EXPECT_EQ(Pixels(image), pictures[0].Bgra());
 }
 
 TEST(GrabFrame, EmptyPictureSizeReturnsTrueWithNothingDone) {
@@ -106,7 +91,7 @@ TEST(GrabFrame, EmptyPictureSizeReturnsTrueWithNothingDone) {
 }
 
 TEST(SeekToFrame, PositionsVideoAndSoundByTime) {
-  zycMemorySource media(Pictures(4, 2, 8), 30.0, Ramp(16000), 1, 16000);
+  zycMemorySource media(zycTestPicture::Patterns(4, 2, 8), 30.0, Ramp(16000), 1, 16000);
   ASSERT_TRUE(SeekToFrame(media.source(), 3));
   // 3 / 30 s in 100 ns units; sound 3 / 30 * 16000 = 1600 samples, a multiple of 4 already.
   EXPECT_EQ(media.videoSeeks(), std::vector<int64_t>{1000000});
@@ -117,11 +102,11 @@ TEST(SeekToFrame, PositionsVideoAndSoundByTime) {
   EXPECT_EQ(media.audioSeeks().back(), 536);
   zylFrameImage image;
   ASSERT_TRUE(GrabFrame(media.source(), image));
-  EXPECT_EQ(Pixels(image), Expected(zycTestPicture::Pattern(4, 2, 1)));
+  EXPECT_EQ(Pixels(image), zycTestPicture::Pattern(4, 2, 1).Bgra());
 }
 
 TEST(SeekToFrame, RestoresTheGrabberTimeout) {
-  zycMemorySource media(Pictures(4, 2, 4), 25.0);
+  zycMemorySource media(zycTestPicture::Patterns(4, 2, 4), 25.0);
   EXPECT_TRUE(SeekToFrame(media.source(), 2));
   EXPECT_EQ(media.source()->grabberTimeout, 0u);
   media.source()->grabberTimeout = 1000;
@@ -130,7 +115,7 @@ TEST(SeekToFrame, RestoresTheGrabberTimeout) {
 }
 
 TEST(SeekToFrame, WithoutSoundOnlyTheVideoMoves) {
-  zycMemorySource media(Pictures(4, 2, 4), 25.0, Ramp(8000), 1, 16000);
+  zycMemorySource media(zycTestPicture::Patterns(4, 2, 4), 25.0, Ramp(8000), 1, 16000);
   media.source()->audioSampleRate = 0;
   EXPECT_TRUE(SeekToFrame(media.source(), 2));
   EXPECT_EQ(media.videoSeeks().size(), 1u);
@@ -138,7 +123,7 @@ TEST(SeekToFrame, WithoutSoundOnlyTheVideoMoves) {
 }
 
 TEST(SeekToFrame, AStreamThatCantSeekAnswersFalse) {
-  zycMemorySource media(Pictures(4, 2, 4), 25.0, Ramp(8000), 1, 16000);
+  zycMemorySource media(zycTestPicture::Patterns(4, 2, 4), 25.0, Ramp(8000), 1, 16000);
   media.SetSeekable(false, true);
   EXPECT_FALSE(SeekToFrame(media.source(), 2));
   EXPECT_TRUE(media.videoSeeks().empty());
@@ -151,7 +136,7 @@ TEST(SeekToFrame, AStreamThatCantSeekAnswersFalse) {
 TEST(ReadAudio, DeliversTheSoundInOrderThenZerosOnceItEnds) {
   // 2500 mono samples in chunks of 1000: reads of 1000 samples get 1000, 1000, 500 + zeros.
   std::vector<int16_t> pcm = Ramp(2500);
-  zycMemorySource media(Pictures(4, 2, 1), 25.0, pcm, 1, 16000);
+  zycMemorySource media(zycTestPicture::Patterns(4, 2, 1), 25.0, pcm, 1, 16000);
   std::vector<int16_t> buffer(1000, -1);
   const uint32_t bytes = 2000;
   EXPECT_TRUE(ReadAudio(media.source(), reinterpret_cast<uint8_t*>(buffer.data()), bytes));
@@ -171,7 +156,8 @@ TEST(ReadAudio, DeliversTheSoundInOrderThenZerosOnceItEnds) {
 
 TEST(ReadAudio, KeepsWhatIsLeftForTheNextRead) {
   std::vector<int16_t> pcm = Ramp(4000);
-  zycMemorySource media(Pictures(4, 2, 1), 25.0, pcm, 2, 16000, 1000);  // chunks of 4000 bytes
+  zycMemorySource media(zycTestPicture::Patterns(4, 2, 1), 25.0, pcm, 2, 16000,
+                        1000);  // chunks of 4000 bytes
   std::vector<int16_t> buffer(300);
   ASSERT_TRUE(ReadAudio(media.source(), reinterpret_cast<uint8_t*>(buffer.data()), 600));
   EXPECT_EQ(buffer, std::vector<int16_t>(pcm.begin(), pcm.begin() + 300));
@@ -181,7 +167,7 @@ TEST(ReadAudio, KeepsWhatIsLeftForTheNextRead) {
 }
 
 TEST(ReadAudio, NoAudioControlLeavesTheBufferAlone) {
-  zycMemorySource media(Pictures(4, 2, 1), 25.0);
+  zycMemorySource media(zycTestPicture::Patterns(4, 2, 1), 25.0);
   std::vector<uint8_t> buffer(16, 0x5A);
   EXPECT_FALSE(ReadAudio(media.source(), buffer.data(), 16));
   EXPECT_EQ(buffer, std::vector<uint8_t>(16, 0x5A));
@@ -189,7 +175,7 @@ TEST(ReadAudio, NoAudioControlLeavesTheBufferAlone) {
 
 TEST(AudioSupplier, FillsTheCodecsAudioBuffer) {
   std::vector<int16_t> pcm = Ramp(3000);
-  zycMemorySource media(Pictures(4, 2, 1), 25.0, pcm, 1, 16000);
+  zycMemorySource media(zycTestPicture::Patterns(4, 2, 1), 25.0, pcm, 1, 16000);
   zycCodec codec(nullptr, 0);
   codec.source = media.source();
   const uint8_t* data = zylAudioSupplier(800, &codec);

@@ -20,6 +20,19 @@ zycTestPicture zycTestPicture::Pattern(int32_t width, int32_t height, int32_t se
   return picture;
 }
 
+std::vector<zycTestPicture> zycTestPicture::Patterns(int32_t width, int32_t height, int count) {
+  std::vector<zycTestPicture> pictures;
+  for (int i = 0; i < count; ++i) pictures.push_back(Pattern(width, height, i));
+  return pictures;
+}
+
+std::vector<uint8_t> zycTestPicture::Bgra() const {
+  std::vector<uint8_t> out;
+  for (size_t i = 0; i < bgr.size(); i += 3)
+    out.insert(out.end(), {bgr[i], bgr[i + 1], bgr[i + 2], 255});
+  return out;
+}
+
 // One stream: a position counted in units (pictures or samples), a streaming thread that hands
 // out one sample at a time through `deliver`, and the three media interfaces.
 class zycMemoryStream : public zylMediaControl, public zylMediaEvent, public zylMediaSeeking {

@@ -29,6 +29,10 @@ struct zycTestPicture {
   // A picture whose pixel (x, y) is (x + 7 * y + 31 * seed, 3 * x + y + seed, x ^ y ^ seed) mod 256:
   // every pixel and every picture differ.
   static zycTestPicture Pattern(int32_t width, int32_t height, int32_t seed);
+  // `count` patterns of seeds 0, 1, 2...
+  static std::vector<zycTestPicture> Patterns(int32_t width, int32_t height, int count);
+  // The 32-bit B, G, R, 255 picture that the frame pump makes of this one.
+  std::vector<uint8_t> Bgra() const;
 };
 
 class zycMemoryStream;
