@@ -171,6 +171,7 @@ uint32_t zycMotionSearch::SearchBlock(zycBlock& block) const {
   const uint8_t* cur = sourceYuv + at;
   const zycSadFn all = kernels.all[level];
   const zycSadFn colour = kernels.colour[level];
+  const zycFadeSadFn fades = kernels.fades[level];
   const int32_t w = int32_t(paddedWidth);
   const int32_t h = int32_t(paddedHeight);
 
@@ -196,17 +197,8 @@ uint32_t zycMotionSearch::SearchBlock(zycBlock& block) const {
                       ? fadeSums->Candidates(block.x + table[k][0], block.y + table[k][1], s,
                                              curSum, block.fadeError)
                       : 0;
-  // The sums that a candidate a few steps on will need are asked for now: the tables are far
-  // larger than the cache and the candidates jump between rows.
-  constexpr uint32_t kAhead = 6;
   while (k < count) {
     if (block.motionError == 0 || block.fadeError == 0) break;
-    if (bounds && k + kAhead < count && inside(k + kAhead)) {
-      const int32_t px = block.x + table[k + kAhead][0];
-      const int32_t py = block.y + table[k + kAhead][1];
-      referenceSums->Prefetch(px, py, s);
-      if (pipelined) fadeSums->Prefetch(px, py, s);
-    }
     const uint32_t following = nextInside(k + 1);
     const uint32_t followingMask =
         pipelined && following < count
@@ -224,7 +216,14 @@ uint32_t zycMotionSearch::SearchBlock(zycBlock& block) const {
         block.motionIndex = k;
       }
     }
-    if (pipelined) {
+    if (fades && !noFade) {
+      // The fades that the sums leave, or all 16 without sums.
+      const uint32_t tried = pipelined ? mask : 0xFFFFu;
+      if (tried && fades(cur, references + 1, ptrdiff_t(at) + offset, stride, tried,
+                         &block.fadeError, &block.fadeIndex)) {
+        block.fadeMotionIndex = k;
+      }
+    } else if (pipelined) {
       while (mask && block.fadeError) {
         const uint32_t f = uint32_t(__builtin_ctz(mask));
         mask &= mask - 1;

@@ -53,12 +53,6 @@ class zycBlockSums {
     return bottom[size] - bottom[0] - top[size] + top[0];
   }
   bool empty() const { return table_.empty(); }
-  // Asks the cache for the corners that Sum will read for this square; a hint only.
-  void Prefetch(int32_t x, int32_t y, int32_t size) const {
-    const uint32_t* top = table_.data() + size_t(y) * stride_ + x;
-    __builtin_prefetch(top);
-    __builtin_prefetch(top + size_t(size) * stride_);
-  }
 
  private:
   std::vector<uint32_t> table_;
@@ -76,14 +70,6 @@ class zycFadeSums {
   // Bit f set when the sum of fade f's square differs from `sum` by less than `limit`: the
   // fades whose comparison could still win.
   uint32_t Candidates(int32_t x, int32_t y, int32_t size, uint32_t sum, uint32_t limit) const;
-  // Asks the cache for the corners that Candidates will read for this square; a hint only.
-  void Prefetch(int32_t x, int32_t y, int32_t size) const {
-    const int32_t step = size == 16 ? 8 : size;  // a square of 16 is read as four of 8
-    for (int32_t j = 0; j <= size; j += step) {
-      const uint16_t* row = Corner(x, y + j);
-      for (int32_t i = 0; i <= size; i += step) __builtin_prefetch(row + size_t(i) * 16);
-    }
-  }
 
  private:
   const uint16_t* Corner(int32_t x, int32_t y) const {

@@ -28,6 +28,7 @@ void zycSadPlain(zycSadKernels* kernels) {
   kernels->colour[0] = SadPlain<4, 3>;
   kernels->colour[1] = SadPlain<8, 3>;
   kernels->colour[2] = SadPlain<16, 3>;
+  for (zycFadeSadFn& f : kernels->fades) f = nullptr;
   kernels->simd = false;
 }
 

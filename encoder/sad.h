@@ -4,6 +4,7 @@
 // picks one set at Begin and keeps it in a zycSadKernels.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 // A kernel compares a size x size square at `cur` with one at `ref`, rows `stride` bytes apart.
@@ -13,9 +14,18 @@
 typedef uint32_t (*zycSadFn)(const uint8_t* cur, const uint8_t* ref, uint32_t stride,
                              uint32_t limit);
 
+// Compares the square at `cur` with the square at `refs[f] + offset` for every bit f of `mask`,
+// lowest first, as a loop over the colour kernel does: each comparison is limited by *error as
+// it stands, a sum below it becomes *error and its f *fade, and the loop ends once *error is 0.
+// Returns true when some fade was taken.
+typedef bool (*zycFadeSadFn)(const uint8_t* cur, const uint8_t* const refs[16], ptrdiff_t offset,
+                             uint32_t stride, uint32_t mask, uint32_t* error, uint32_t* fade);
+
 struct zycSadKernels {
   zycSadFn all[3] = {};     // sizes 4, 8, 16
   zycSadFn colour[3] = {};  // sizes 4, 8, 16
+  // Where set, the loop over fades in one piece; where null, the caller loops over `colour`.
+  zycFadeSadFn fades[3] = {};
   bool simd = false;
 };
 
