@@ -114,26 +114,31 @@ Bytes TreeFrame::TreeBody() const {
   return body;
 }
 
-Bytes TreeFrame::Build() const {
+std::vector<Bytes> TreeFrame::Items() const {
   const uint8_t flags = Flags();
-  Bytes out;
-  putItem(out, TreeBody());
-  if (flags & 2) putItem(out, motion_);
+  std::vector<Bytes> items = {TreeBody()};
+  if (flags & 2) items.push_back(motion_);
   if (!(flags & 64) && (flags & 4)) {
     Bytes colour;
     for (uint32_t w : colourWords_) put32(colour, w);
     for (uint32_t w : indexWords_) put32(colour, w);
-    putItem(out, colour);
+    items.push_back(colour);
   }
-  if (flags & 16) putItem(out, sound_);
+  if (flags & 16) items.push_back(sound_);
   if (flags & 64) {
-    putItem(out, table_);
+    items.push_back(table_);
   } else if (flags & 32) {
     Bytes fade((fades_.size() + 1) / 2, 0);
     for (size_t i = 0; i < fades_.size(); ++i)
       fade[i / 2] = uint8_t(fade[i / 2] | (fades_[i] & 15) << (i % 2 ? 4 : 0));
-    putItem(out, fade);
+    items.push_back(fade);
   }
+  return items;
+}
+
+Bytes TreeFrame::Build() const {
+  Bytes out;
+  for (const Bytes& item : Items()) putItem(out, item);
   return out;
 }
 
@@ -246,21 +251,6 @@ Bytes frameRecord(uint8_t recordFlags, const Bytes& first, const Bytes* sound, c
 
 namespace {
 
-// 2-bit symbols four to a byte, first symbol in the low bits.
-struct SymbolWriter {
-  Bytes bytes;
-  uint32_t count = 0;
-  void Put(uint8_t symbol) {
-    if (count % 4 == 0) bytes.push_back(0);
-    bytes.back() |= uint8_t(symbol << (2 * (count % 4)));
-    ++count;
-  }
-};
-
-enum : uint8_t { kCopy = 0, kSplit = 1, kColour = 2, kFade = 3 };
-enum : uint8_t { kAlways = 1, kMotion = 2, kColours = 4, kImage = 8, kSound = 16, kFades = 32,
-                 kTable = 64 };
-
 // A still image of w x h pixels: 8 by 8 blocks alternating between a surface (1-bit index into
 // two surfaces) and four codebook blocks (1-bit indices into two entries).
 Bytes MovieStillImage(uint32_t w, uint32_t h, uint8_t seed) {
@@ -331,31 +321,15 @@ Bytes LzmaSection(const Bytes& unpacked) {
 
 std::vector<Bytes> Zyl0FrameItems(const MovieOptions& o, uint32_t frame, bool key) {
   const uint32_t blocks = ((o.width + 15) / 16) * ((o.height + 15) / 16);
-  SymbolWriter tree;
-  Bytes motion, fade;
-  std::vector<uint32_t> colours, indices;
-  uint32_t fadeCount = 0;
-  auto colourBlock = [&](uint32_t k) {
-    colours.push_back(uint32_t(o.seed * 977u + frame * 131u + k * 7919u) * 2654435761u);
-    indices.push_back(uint32_t(o.seed + frame * 17u + k * 29u) * 2246822519u);
-  };
-  auto putMotion = [&]() {  // index 0, the vector (0,0)
-    motion.push_back(0);
-    if (o.wideMotion) motion.push_back(0);
-  };
-  auto fadeLevel = [&](uint8_t level) {
-    if (fadeCount % 2 == 0) fade.push_back(0);
-    fade.back() |= uint8_t((level & 15) << (4 * (fadeCount % 2)));
-    ++fadeCount;
-  };
-  std::vector<Bytes> items;
   if (key && o.stillKeyFrames) {
-    items.push_back({uint8_t(kAlways | kImage | (o.sound ? kSound : 0))});
-    items.push_back(
-        MovieStillImage((o.width + 15) & ~15u, (o.height + 15) & ~15u, uint8_t(o.seed + frame)));
+    std::vector<Bytes> items = {Bytes{uint8_t(o.sound ? 25 : 9)},
+                                MovieStillImage((o.width + 15) & ~15u, (o.height + 15) & ~15u,
+                                                uint8_t(o.seed + frame))};
     if (o.sound) items.push_back(Bytes(7 + frame % 3, uint8_t(frame)));
     return items;
   }
+  // Copies take motion index 0, the vector (0,0).
+  TreeFrame tree(o.wideMotion);
   if (!key && o.tableFrames) {
     // Copies and whole colour blocks; the colour blocks come from a ring of 8 entries that
     // gets two new entries a frame.
@@ -364,79 +338,44 @@ std::vector<Bytes> Zyl0FrameItems(const MovieOptions& o, uint32_t frame, bool ke
     table.tableBytes = 8 * 48;
     for (uint32_t k = 0; k < blocks; ++k) {
       if ((k + frame) % 2 == 0) {
-        tree.Put(kCopy);
-        putMotion();
+        tree.Copy(0);
       } else {
-        tree.Put(kColour);
+        tree.TableBlock();
         table.indices.push_back((k + frame) % 8);
       }
     }
     for (int e = 0; e < 2; ++e)
-      table.newEntries.push_back(
-          {uint8_t(frame * 40 + e), uint8_t(0x80 + e), 0x10, 0x04, 0x1B, 0xE4, uint8_t(frame), 0x55});
-    uint8_t flags = kAlways | kTable;
-    if (!motion.empty()) flags |= kMotion;
-    if (o.sound) flags |= kSound;
-    Bytes treeItem = {flags};
-    treeItem.insert(treeItem.end(), tree.bytes.begin(), tree.bytes.end());
-    items.push_back(treeItem);
-    if (!motion.empty()) items.push_back(motion);
-    if (o.sound) items.push_back(Bytes(5, uint8_t(frame)));
-    items.push_back(table.Build());
-    return items;
+      table.newEntries.push_back({uint8_t(frame * 40 + e), uint8_t(0x80 + e), 0x10, 0x04, 0x1B,
+                                  0xE4, uint8_t(frame), 0x55});
+    if (o.sound) tree.Sound(Bytes(5, uint8_t(frame)));
+    return tree.Table(table.Build()).Items();
   }
+  auto colour = [&](uint32_t k) {
+    const uint32_t colours = uint32_t(o.seed * 977u + frame * 131u + k * 7919u) * 2654435761u;
+    tree.Colour(uint16_t(colours), uint16_t(colours >> 16),
+                uint32_t(o.seed + frame * 17u + k * 29u) * 2246822519u);
+  };
   for (uint32_t k = 0; k < blocks; ++k) {
     if (key) {
-      tree.Put(kColour);
-      colourBlock(k);
+      colour(k);
     } else if ((k + frame) % 2 == 0) {
-      tree.Put(kCopy);
-      putMotion();
+      tree.Copy(0);
     } else {
-      // A split block: fade, colour, copy, and a split of 4 by 4 nodes of every symbol.
-      tree.Put(kSplit);
-      tree.Put(kFade);
-      putMotion();
-      fadeLevel(uint8_t(frame + k));
-      tree.Put(kColour);
-      colourBlock(k);
-      tree.Put(kCopy);
-      putMotion();
-      tree.Put(kSplit);
-      tree.Put(kCopy);
-      putMotion();
-      tree.Put(kSplit);  // leaves the pixels as they are
-      tree.Put(kColour);
-      colourBlock(k + 1000);
-      tree.Put(kFade);
-      putMotion();
-      fadeLevel(uint8_t(15 - frame));
+      // A split block: fade, colour, copy, and a split of 4 by 4 nodes of every symbol (its
+      // split leaves the pixels as they are).
+      tree.Split().Fade(0, (frame + k) & 15);
+      colour(k);
+      tree.Copy(0).Split().Copy(0).Split();
+      colour(k + 1000);
+      tree.Fade(0, (15 - frame) & 15);
     }
-  }
-  uint8_t flags = kAlways;
-  if (!motion.empty()) flags |= kMotion;
-  if (!colours.empty()) flags |= kColours;
-  if (o.sound) flags |= kSound;
-  if (!fade.empty()) flags |= kFades;
-
-  Bytes treeItem = {flags};
-  treeItem.insert(treeItem.end(), tree.bytes.begin(), tree.bytes.end());
-  items.push_back(treeItem);
-  if (!motion.empty()) items.push_back(motion);
-  if (!colours.empty()) {
-    Bytes c;
-    for (uint32_t w : colours) put32(c, w);
-    for (uint32_t w : indices) put32(c, w);
-    items.push_back(c);
   }
   if (o.sound) {
     Bytes s;
-    const uint32_t n = 6 + frame % 5;
-    for (uint32_t i = 0; i < n; ++i) s.push_back(uint8_t(frame * 3 + i));
-    items.push_back(s);
+    for (uint32_t i = 0; i < 6 + frame % 5; ++i) s.push_back(uint8_t(frame * 3 + i));
+    tree.Sound(s);
   }
-  if (!fade.empty()) items.push_back(fade);
-  return items;
+  return tree.Items();
 }
 
 Bytes Zyl0(const MovieOptions& o) {

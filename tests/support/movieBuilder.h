@@ -46,8 +46,9 @@ class TreeFrame {
   TreeFrame& ForceFlags(uint8_t flags);
 
   uint8_t Flags() const;
-  Bytes TreeBody() const;  // flags byte and symbols
-  Bytes Build() const;     // all items
+  Bytes TreeBody() const;          // flags byte and symbols
+  std::vector<Bytes> Items() const;  // the item bodies, tree item first
+  Bytes Build() const;               // all items with their length words
   size_t Symbols() const { return symbols_.size(); }
 
  private:
