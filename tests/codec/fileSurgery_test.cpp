@@ -179,21 +179,16 @@ TEST_F(FileSurgery, AppendTakesAnOlderVersionBehindANewerOneOnly) {
   EXPECT_EQ(ReadFile(p2).size(), v1.size() + v2.size() - 64);
 }
 
-TEST_F(FileSurgery, AppendRefusesZyl1WithCodeThreeAndTouchesNothing) {
-  const auto a = Zyl1Movie({2}), b = Zyl1Movie({3});
-  const std::string pa = Make("a.zyl", a), pb = Make("b.zyl", b);
-  EXPECT_EQ(RunAppend(pa, pb), 3);
-  EXPECT_EQ(ReadFile(pa), a);
-  EXPECT_EQ(ReadFile(pb), b);
-}
-
 TEST_F(FileSurgery, AppendRefusalsGiveTheirCodes) {
-  const auto a = Zyl0Movie({2}), z1 = Zyl1Movie({2});
-  const std::string pa = Make("a.zyl", a), pz = Make("z.zyl", z1);
+  const auto a = Zyl0Movie({2}), z1 = Zyl1Movie({2}), z2 = Zyl1Movie({3});
+  const std::string pa = Make("a.zyl", a), pz = Make("z.zyl", z1), pz2 = Make("z2.zyl", z2);
   EXPECT_EQ(RunAppend(Path("missing.zyl"), pa), 3);
+  EXPECT_EQ(RunAppend(pz, pz2), 3);  // ZYL1 movies are not appended
   EXPECT_EQ(RunAppend(pa, Path("missing2.zyl")), 2);
   EXPECT_EQ(RunAppend(pa, pz), 2);  // wrong magic in file2
   EXPECT_EQ(ReadFile(pa), a);
+  EXPECT_EQ(ReadFile(pz), z1);
+  EXPECT_EQ(ReadFile(pz2), z2);
 
   // Each compared field, one at a time: packing byte, flags, frameDuration, timeScale,
   // reserved36, soundChannels, soundRate, reserved52.
@@ -242,26 +237,24 @@ TEST_F(FileSurgery, ReplaceRefusalsKeepFile1AndPrintTheirMessages) {
   const auto b2 = Zyl0Movie({2}, 5);
   const auto b3 = Zyl0Movie({3}, 5);
   const std::string pa = Make("movie.zyl", a), p2 = Make("b2.zyl", b2), p3 = Make("b3.zyl", b3);
-  const std::string head = "ReplaceSection. frameStart:%d; frameCount:%d\n";
+  const struct {
+    const std::string* file2;
+    int start, count;
+    const char* message;
+  } refusals[] = {
+      {&p2, 3, 0, "FrameCount equals zero\n"},
+      {&p2, 8, 2, "frameStart (8) + frameCount (2) > h1.frameCount (9)\n"},
+      {&p3, 3, 2, "frameCount (2) != h2.frameCount (3)\n"},
+      {&p2, 2, 2, "frame frameStart (2) is not a keyFrame of file 1\n"},
+      {&p3, 5, 3, "frame frameStart (5) + frameCount (3) is not a keyFrame of file1\n"},
+  };
   std::string out;
-
-  EXPECT_EQ(RunReplace(pa, p2, 3, 0, 0, &out), 4);
-  EXPECT_EQ(out, Header(head.c_str(), 3, 0, pa, p2) + "FrameCount equals zero\n");
-
-  EXPECT_EQ(RunReplace(pa, p2, 8, 2, 0, &out), 4);
-  EXPECT_EQ(out, Header(head.c_str(), 8, 2, pa, p2) +
-                     "frameStart (8) + frameCount (2) > h1.frameCount (9)\n");
-
-  EXPECT_EQ(RunReplace(pa, p3, 3, 2, 0, &out), 4);
-  EXPECT_EQ(out, Header(head.c_str(), 3, 2, pa, p3) + "frameCount (2) != h2.frameCount (3)\n");
-
-  EXPECT_EQ(RunReplace(pa, p2, 2, 2, 0, &out), 4);
-  EXPECT_EQ(out, Header(head.c_str(), 2, 2, pa, p2) +
-                     "frame frameStart (2) is not a keyFrame of file 1\n");
-
-  EXPECT_EQ(RunReplace(pa, p3, 5, 3, 0, &out), 4);
-  EXPECT_EQ(out, Header(head.c_str(), 5, 3, pa, p3) +
-                     "frame frameStart (5) + frameCount (3) is not a keyFrame of file1\n");
+  for (const auto& r : refusals) {
+    EXPECT_EQ(RunReplace(pa, *r.file2, r.start, r.count, 0, &out), 4) << r.message;
+    EXPECT_EQ(out, Header("ReplaceSection. frameStart:%d; frameCount:%d\n", r.start, r.count, pa,
+                          *r.file2) +
+                       r.message);
+  }
 
   EXPECT_EQ(ReadFile(pa), a);
   EXPECT_FALSE(Exists(dir_ + "/movietmp.zyl"));
