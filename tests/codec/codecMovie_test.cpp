@@ -128,6 +128,22 @@ TEST_F(CodecMovie, DecodesToWhatTheHostWasShownWithTheSoundInside) {
   EXPECT_GT(soundBytes, 0u);
 }
 
+TEST_F(CodecMovie, StillImageKeyFrameDecodesToWhatTheHostWasShown) {
+  codec_->SetParam(Tag("iFMT"), 1);
+  codec_->SetParam(Tag("uFMT"), 230400);
+  ASSERT_EQ(Encode(), 0);
+  zycSafeReader reader;
+  ASSERT_TRUE(reader.Open(file_.string())) << reader.error();
+  ASSERT_FALSE(reader.frames().empty());
+  EXPECT_EQ(reader.frames()[0].flags & kFrameFlagImage, kFrameFlagImage);
+  EXPECT_TRUE(reader.CheckAll().empty());
+  reader.Rewind();
+  for (size_t i = 0; i < shown_.pictures.size(); ++i) {
+    ASSERT_EQ(reader.NextFrame(), zycSafeStatus::decoded) << "frame " << i << reader.frameError();
+    EXPECT_EQ(Decoded(reader), shown_.pictures[i]) << "frame " << i;
+  }
+}
+
 TEST_F(CodecMovie, AStoppedJobLeavesAValidMovieOfTheFramesDone) {
   shown_.stopAt = 2;
   ASSERT_EQ(Encode(), 1);
