@@ -77,6 +77,27 @@ struct SearchScene {
   }
 };
 
+// Empty output lists of a tree walk and the walk that fills them.
+struct WalkRun {
+  explicit WalkRun(bool motionByte = true) : walk{&lists, 4, motionByte} {
+    lists.Reserve(1000);
+    lists.Clear();
+  }
+  zycFrameLists lists;
+  zycWalk walk;
+  uint32_t errorNext = kErrorNextStart;
+};
+
+// A scene whose picture is its reference moved one pixel left: the vector (1, 0), table
+// entry 3.
+void ShiftByOne(SearchScene& s) {
+  std::vector<uint8_t> wide = SearchScene::Photo(100, 50, 66, 48);
+  for (uint32_t y = 0; y < 48; ++y) {
+    std::memcpy(&s.source[y * 64 * 4], &wide[(y * 66 + 1) * 4], 64 * 4);
+    std::memcpy(&s.references[0][y * 64 * 4], &wide[y * 66 * 4], 64 * 4);
+  }
+}
+
 void ExpectSameTree(const zycBlock& a, const zycBlock& b) {
   ASSERT_EQ(a.motionError, b.motionError) << a.x << "," << a.y << " size " << a.size;
   ASSERT_EQ(a.motionIndex, b.motionIndex);
@@ -232,11 +253,8 @@ TEST(MotionSearch, IdenticalPicturesStopAtEveryTopBlock) {
   s.source = SearchScene::Photo(10, 10, 64, 48);
   s.references[0] = s.source;
   s.Run(256, true);
-  zycFrameLists lists;
-  lists.Reserve(1000);
-  lists.Clear();
-  zycWalk walk{&lists, 4, true};
-  uint32_t errorNext = kErrorNextStart;
+  WalkRun run;
+  auto& [lists, walk, errorNext] = run;
   for (const zycBlock& b : s.top) {
     EXPECT_EQ(b.motionError, 0u);
     EXPECT_EQ(b.motionIndex, 0u);
@@ -250,12 +268,7 @@ TEST(MotionSearch, IdenticalPicturesStopAtEveryTopBlock) {
 
 TEST(MotionSearch, FindsAShiftedPictureAndStaysInsideThePaddedPicture) {
   SearchScene s(64, 48);
-  std::vector<uint8_t> wide = SearchScene::Photo(100, 50, 66, 48);
-  // source(x, y) = reference(x + 1, y): the vector (1, 0), table entry 3.
-  for (uint32_t y = 0; y < 48; ++y) {
-    std::memcpy(&s.source[y * 64 * 4], &wide[(y * 66 + 1) * 4], 64 * 4);
-    std::memcpy(&s.references[0][y * 64 * 4], &wide[y * 66 * 4], 64 * 4);
-  }
+  ShiftByOne(s);
   s.Run(256, true, true);
   for (const zycBlock& b : s.top) {
     CheckInside(b, 64, 48);
@@ -270,11 +283,7 @@ TEST(MotionSearch, FindsAShiftedPictureAndStaysInsideThePaddedPicture) {
 
 TEST(MotionSearch, MotiEightTriesOnlyTheZeroVectorAndNineTriesNothing) {
   SearchScene s(64, 48);
-  std::vector<uint8_t> wide = SearchScene::Photo(100, 50, 66, 48);
-  for (uint32_t y = 0; y < 48; ++y) {
-    std::memcpy(&s.source[y * 64 * 4], &wide[(y * 66 + 1) * 4], 64 * 4);
-    std::memcpy(&s.references[0][y * 64 * 4], &wide[y * 66 * 4], 64 * 4);
-  }
+  ShiftByOne(s);
   s.Run(256 >> 8, true, true);
   for (const zycBlock& b : s.top) {
     EXPECT_EQ(b.motionIndex, 0u);
@@ -296,11 +305,8 @@ TEST(MotionSearch, PerfectFadeEndsTheSearchAndTheWalkTakesIt) {
   s.references[0] = SearchScene::Photo(0, 0, 32, 32);
   s.references[7] = s.source;  // fade index 6
   s.Run(256, true);
-  zycFrameLists lists;
-  lists.Reserve(1000);
-  lists.Clear();
-  zycWalk walk{&lists, 4, true};
-  uint32_t errorNext = kErrorNextStart;
+  WalkRun run;
+  auto& [lists, walk, errorNext] = run;
   for (const zycBlock& b : s.top) {
     EXPECT_EQ(b.fadeError, 0u);
     EXPECT_EQ(b.fadeIndex, 6u);
@@ -317,11 +323,8 @@ TEST(MotionSearch, KeyFrameWalkAtZeroGivesFourPixelLeavesEverywhere) {
   s.source = SearchScene::Photo(50, 60, 32, 16);
   s.preview = SearchScene::Photo(51, 60, 32, 16);  // a preview that differs everywhere
   s.Run(256, true, false, true);
-  zycFrameLists lists;
-  lists.Reserve(1000);
-  lists.Clear();
-  zycWalk walk{&lists, 4, true};
-  uint32_t errorNext = kErrorNextStart;
+  WalkRun run;
+  auto& [lists, walk, errorNext] = run;
   for (const zycBlock& b : s.top) walk.KeyBlock(b, 0, errorNext);
   // Per top block: split, four times (split, four leaves).
   EXPECT_EQ(lists.opcodes.size(), 1u + 2 * 21);
@@ -375,11 +378,8 @@ struct HandTree {
 
 TEST(MotionSearch, FourEqualCopiesMergeUpTheTree) {
   HandTree t;
-  zycFrameLists lists;
-  lists.Reserve(100);
-  lists.Clear();
-  zycWalk walk{&lists, 4, true};
-  uint32_t errorNext = kErrorNextStart;
+  WalkRun run;
+  auto& [lists, walk, errorNext] = run;
   EXPECT_EQ(walk.PBlock(t.top, 10, errorNext), 1u);
   ASSERT_EQ(lists.opcodes.size(), 2u);
   EXPECT_EQ(lists.opcodes[1], 0u);
@@ -395,11 +395,8 @@ TEST(MotionSearch, AFadeAmongTheChildrenStopsTheMerge) {
   HandTree t;
   t.fours[2].motionError = 650;  // above the threshold, its fade within it
   t.fours[2].fadeError = 20;
-  zycFrameLists lists;
-  lists.Reserve(100);
-  lists.Clear();
-  zycWalk walk{&lists, 4, true};
-  uint32_t errorNext = kErrorNextStart;
+  WalkRun run;
+  auto& [lists, walk, errorNext] = run;
   EXPECT_EQ(walk.PBlock(t.top, 30, errorNext), 0u);
   // top split; three 8-copies; the fourth split into copy, copy, fade, copy.
   const uint8_t expected[] = {0, 1, 0, 0, 0, 1, 0, 0, 3, 0};
@@ -417,11 +414,8 @@ TEST(MotionSearch, WideIndicesMergeOnTwoBytes) {
                       &t.fours[2], &t.fours[3]}) {
     b->motionIndex = 0x123;
   }
-  zycFrameLists lists;
-  lists.Reserve(100);
-  lists.Clear();
-  zycWalk walk{&lists, 4, false};
-  uint32_t errorNext = kErrorNextStart;
+  WalkRun run(false);
+  auto& [lists, walk, errorNext] = run;
   EXPECT_EQ(walk.PBlock(t.top, 10, errorNext), 1u);
   ASSERT_EQ(lists.motionBytes.size(), 2u);
   EXPECT_EQ(lists.motionBytes[0], 0x23);
