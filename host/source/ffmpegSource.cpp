@@ -28,6 +28,26 @@ constexpr double kSoundPreroll = 0.1;           // seconds decoded ahead of a so
 // answers "still running".
 constexpr auto kSettleLimit = std::chrono::seconds(20);
 
+// Converts a position between media time (100 ns units) and a stream's own unit, of which
+// there are `unitsPerSecond` a second. 0 on success, -1 for formats the stream doesn't speak.
+int32_t ConvertStreamTime(int64_t* target, zylTimeFormat targetFormat, int64_t value,
+                          zylTimeFormat sourceFormat, zylTimeFormat ownFormat,
+                          double unitsPerSecond) {
+  if (sourceFormat == targetFormat) {
+    *target = value;
+    return 0;
+  }
+  if (sourceFormat == zylTimeFormatMediaTime && targetFormat == ownFormat) {
+    *target = llround(double(value) * unitsPerSecond / kMediaTimeUnits);
+    return 0;
+  }
+  if (sourceFormat == ownFormat && targetFormat == zylTimeFormatMediaTime) {
+    *target = int64_t(double(value) * kMediaTimeUnits / unitsPerSecond);
+    return 0;
+  }
+  return -1;
+}
+
 std::string AvErrorText(int code) {
   char text[AV_ERROR_MAX_STRING_SIZE] = {};
   av_strerror(code, text, sizeof(text));
@@ -414,19 +434,7 @@ class VideoStream final : public StreamThread {
   }
   int32_t ConvertTimeFormat(int64_t* target, zylTimeFormat targetFormat, int64_t value,
                             zylTimeFormat sourceFormat) override {
-    if (sourceFormat == targetFormat) {
-      *target = value;
-      return 0;
-    }
-    if (sourceFormat == zylTimeFormatMediaTime && targetFormat == zylTimeFormatFrame) {
-      *target = llround(double(value) / kMediaTimeUnits * fps_);
-      return 0;
-    }
-    if (sourceFormat == zylTimeFormatFrame && targetFormat == zylTimeFormatMediaTime) {
-      *target = int64_t(double(value) / fps_ * kMediaTimeUnits);
-      return 0;
-    }
-    return -1;
+    return ConvertStreamTime(target, targetFormat, value, sourceFormat, zylTimeFormatFrame, fps_);
   }
 
   double fps() const { return fps_; }
@@ -659,19 +667,8 @@ class AudioStream final : public StreamThread {
   }
   int32_t ConvertTimeFormat(int64_t* target, zylTimeFormat targetFormat, int64_t value,
                             zylTimeFormat sourceFormat) override {
-    if (sourceFormat == targetFormat) {
-      *target = value;
-      return 0;
-    }
-    if (sourceFormat == zylTimeFormatMediaTime && targetFormat == zylTimeFormatSample) {
-      *target = llround(double(value) * rate_ / kMediaTimeUnits);
-      return 0;
-    }
-    if (sourceFormat == zylTimeFormatSample && targetFormat == zylTimeFormatMediaTime) {
-      *target = int64_t(double(value) * kMediaTimeUnits / rate_);
-      return 0;
-    }
-    return -1;
+    return ConvertStreamTime(target, targetFormat, value, sourceFormat, zylTimeFormatSample,
+                             rate_);
   }
 
   int32_t channels() const { return channels_; }
