@@ -12,9 +12,15 @@ std::u16string zycUtf16(const std::string& name);
 // is accepted and has no further meaning here.
 FILE* zycOpenFile(const char16_t* name, const char* mode);
 
-// Holds the main output of a job; closes it when dropped.
+// Holds the main output of a job; closes it when dropped. Writers that see a write, seek or
+// flush fail record the system's reason with NoteError; the job reads `error` after every frame
+// and ends the job on the first failure.
 struct zycFileHolder {
   FILE* file = nullptr;
+  int error = 0;  // errno of the first failed operation on `file`, 0 while all went well
+  void NoteError(int reason) {
+    if (error == 0) error = reason != 0 ? reason : 5;  // EIO when the library gave no reason
+  }
   zycFileHolder() = default;
   zycFileHolder(const zycFileHolder&) = delete;
   zycFileHolder& operator=(const zycFileHolder&) = delete;
