@@ -101,6 +101,7 @@ struct PhotoCase {
 // 240 under a 512 root, 328 x 184 padded) to 1280 x 720 at the I-frame budget of "RATI" 100.
 const PhotoCase kPhotos[] = {
     {"photo_astronaut_512x512.png", 0, 0, 8, 8, 64, 30, 12, 15.0},  // 12: the root alone
+    {"photo_astronaut_512x512.png", 100, 100, 30, 22, 4, 300, 290, 29.0},  // leaves cut by the edge
     {"photo_coffee_600x400.png", 140, 80, 320, 240, 1, 20000, 19400, 34.0},
     {"photo_flower_2268x1512.png", 40, 60, 328, 184, 4, 12000, 11640, 29.0},
     {"photo_flower_2268x1512.png", 300, 200, 1280, 720, 1, 373248, 362000, 38.0},
