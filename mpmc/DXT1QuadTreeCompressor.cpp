@@ -7,36 +7,19 @@
 #include "mpmc/quadTreeWriter.h"
 #include "stream/quadTreeFormat.h"
 
-void DXT1QuadTreeCompressor::Evaluate(Node& node, uint32_t i, uint32_t j, uint32_t size) {
-  if (uint64_t(i + 1) * size > width || uint64_t(j + 1) * size > height) {
-    node.partial = 1;
-    node.outside = uint64_t(i) * size >= width || uint64_t(j) * size >= height;
-  } else {
-    node.partial = 0;
-    node.outside = 0;
-    // A leaf of 4 pixels is a leaf whatever its error, so its block waits until it is written.
-    if (size > kQuadTreeMinSize && !node.blockDone) MakeBlock(node, i, j, size);
-  }
-  node.evaluated = 1;
-}
-
-// The square's 4 x 4 cell averages ((sum + 0.5) / (c * c), truncated) go through squish as one
-// DXT1 block; `error` is the squared distance of every source pixel to its cell's decoded pixel.
-// A 4-pixel square across the picture's edge is coded from its pixels inside, the others masked.
-void DXT1QuadTreeCompressor::MakeBlock(Node& node, uint32_t i, uint32_t j, uint32_t size) {
+void DXT1QuadTreeCompressor::SumCells(uint32_t i, uint32_t j, uint32_t size,
+                                      uint64_t sums[16][3], uint64_t* squares, int* mask) const {
   const uint32_t c = size / 4, x0 = i * size, y0 = j * size;
-  const uint64_t area = uint64_t(c) * c;
-  uint8_t rgba[64] = {};
-  uint64_t sums[16][3] = {}, squares = 0;
-  int mask = 0;
+  *squares = 0;
+  *mask = 0;
   for (uint32_t cell = 0; cell < 16; ++cell) {
+    sums[cell][0] = sums[cell][1] = sums[cell][2] = 0;
     const uint32_t cx = x0 + (cell % 4) * c, cy = y0 + (cell / 4) * c;
     if (cx >= width || cy >= height) continue;  // only for a 4-pixel square across the edge
-    mask |= 1 << cell;
+    *mask |= 1 << cell;
     for (uint32_t y = cy; y < cy + c; ++y) {
       const uint8_t* p = pixels + (size_t(y) * width + cx) * 3;
-      uint32_t b = 0, g = 0, r = 0;
-      uint64_t q = 0;
+      uint32_t b = 0, g = 0, r = 0, q = 0;
       for (uint32_t x = 0; x < c; ++x, p += 3) {
         b += p[0];
         g += p[1];
@@ -46,8 +29,49 @@ void DXT1QuadTreeCompressor::MakeBlock(Node& node, uint32_t i, uint32_t j, uint3
       sums[cell][0] += r;
       sums[cell][1] += g;
       sums[cell][2] += b;
-      squares += q;
+      *squares += q;
     }
+  }
+}
+
+// Evaluating a whole square only measures the spread of its pixels around their cell means,
+// which bounds `error` from below: the block is made when a pass needs the exact error, that
+// is when the bound does not already exceed the threshold. A leaf of 4 pixels is a leaf
+// whatever its error, so its block waits until it is written. Each square is averaged and
+// compressed at most once all the same.
+void DXT1QuadTreeCompressor::Evaluate(Node& node, uint32_t i, uint32_t j, uint32_t size) {
+  if (uint64_t(i + 1) * size > width || uint64_t(j + 1) * size > height) {
+    node.partial = 1;
+    node.outside = uint64_t(i) * size >= width || uint64_t(j) * size >= height;
+  } else {
+    node.partial = 0;
+    node.outside = 0;
+    if (size > kQuadTreeMinSize && !node.blockDone) {
+      uint64_t sums[16][3], squares;
+      int mask;
+      SumCells(i, j, size, sums, &squares, &mask);
+      // sum (x - mean)^2 = sum x^2 - S^2 / n per cell and channel; S^2 / n rounded up.
+      const uint64_t area = uint64_t(size / 4) * (size / 4);
+      uint64_t spread = squares;
+      for (uint32_t cell = 0; cell < 16; ++cell)
+        for (int ch = 0; ch < 3; ++ch) spread -= (sums[cell][ch] * sums[cell][ch] + area - 1) / area;
+      node.lowerBound = spread;
+    }
+  }
+  node.evaluated = 1;
+}
+
+// The square's 4 x 4 cell averages ((sum + 0.5) / (c * c), truncated) go through squish as one
+// DXT1 block; `error` is the squared distance of every source pixel to its cell's decoded pixel.
+// A 4-pixel square across the picture's edge is coded from its pixels inside, the others masked.
+void DXT1QuadTreeCompressor::MakeBlock(Node& node, uint32_t i, uint32_t j, uint32_t size) {
+  const uint64_t area = uint64_t(size / 4) * (size / 4);
+  uint64_t sums[16][3], squares;
+  int mask;
+  SumCells(i, j, size, sums, &squares, &mask);
+  uint8_t rgba[64] = {};
+  for (uint32_t cell = 0; cell < 16; ++cell) {
+    if (!(mask & (1 << cell))) continue;
     for (int ch = 0; ch < 3; ++ch) rgba[4 * cell + ch] = uint8_t((2 * sums[cell][ch] + 1) / (2 * area));
     rgba[4 * cell + 3] = 255;
   }
@@ -67,6 +91,18 @@ void DXT1QuadTreeCompressor::MakeBlock(Node& node, uint32_t i, uint32_t j, uint3
   node.error = uint64_t(error);
 }
 
+// A whole square stays a leaf when its error is within the threshold; a square of 4 always.
+bool DXT1QuadTreeCompressor::IsLeaf(Node& node, uint32_t i, uint32_t j, uint32_t size,
+                                    uint64_t errorMax) {
+  if (size == kQuadTreeMinSize) return true;
+  if (node.partial) return false;
+  if (!node.blockDone) {
+    if (node.lowerBound > errorMax) return false;
+    MakeBlock(node, i, j, size);
+  }
+  return node.error <= errorMax;
+}
+
 DXT1QuadTreeCompressor::Tally DXT1QuadTreeCompressor::Visit(uint32_t level, uint32_t i,
                                                             uint32_t j, uint32_t size,
                                                             uint64_t errorMax) {
@@ -76,7 +112,7 @@ DXT1QuadTreeCompressor::Tally DXT1QuadTreeCompressor::Visit(uint32_t level, uint
   tally.nodes = 1;
   node.split = 0;
   if (node.outside) return tally;
-  if (size == kQuadTreeMinSize || (!node.partial && node.error <= errorMax)) {
+  if (IsLeaf(node, i, j, size, errorMax)) {
     tally.dataBytes = kQuadTreeLeafBytes;
     return tally;
   }

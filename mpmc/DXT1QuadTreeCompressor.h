@@ -38,7 +38,8 @@ class DXT1QuadTreeCompressor {
     uint8_t partial;    // the square is not wholly inside the picture
     uint8_t outside;    // its top left corner is outside the picture
     uint8_t block[8];
-    uint64_t error;  // squared error of the square as a leaf of flat cells
+    uint64_t error;       // squared error of the square as a leaf of flat cells
+    uint64_t lowerBound;  // what `error` cannot go below: the spread of the pixels in their cells
   };
   struct Tally {
     uint32_t nodes = 0;
@@ -47,8 +48,13 @@ class DXT1QuadTreeCompressor {
   };
 
   Node& At(uint32_t level, uint32_t i, uint32_t j) { return levels[level][j * levelWide[level] + i]; }
+  // Channel sums (R, G, B) of the 16 cells and the sum of all squared channel values; cells
+  // outside the picture are left out of `mask` and of the sums.
+  void SumCells(uint32_t i, uint32_t j, uint32_t size, uint64_t sums[16][3], uint64_t* squares,
+                int* mask) const;
   void Evaluate(Node& node, uint32_t i, uint32_t j, uint32_t size);
   void MakeBlock(Node& node, uint32_t i, uint32_t j, uint32_t size);
+  bool IsLeaf(Node& node, uint32_t i, uint32_t j, uint32_t size, uint64_t errorMax);
   Tally Visit(uint32_t level, uint32_t i, uint32_t j, uint32_t size, uint64_t errorMax);
   void Emit(uint32_t level, uint32_t i, uint32_t j, uint32_t size, zycQuadTreeWriter& writer);
 
