@@ -9,6 +9,8 @@
 
 namespace {
 
+constexpr uint32_t kMaxSide = 1u << 15;  // far beyond any movie; keeps the sizes in 32 bits
+
 uint32_t Log2(uint32_t value) {
   uint32_t log = 0;
   while ((1u << log) < value) ++log;
@@ -231,6 +233,7 @@ void zycDecodeQuadTreeBlock(const uint8_t block[8], uint32_t out[16]) {
 
 bool zycQuadTreeReader::Setup(uint32_t width, uint32_t height) {
   Release();
+  if (width > kMaxSide || height > kMaxSide) return false;
   const uint32_t cells = ((width + 3) / 4) * ((height + 3) / 4);
   const uint32_t span = 3 * zycQuadTreeRootSize(width, height) / 4;
   leafLog = static_cast<uint8_t*>(malloc(cells ? cells : 1));

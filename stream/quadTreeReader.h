@@ -8,7 +8,8 @@
 #include <cstdint>
 
 struct zycQuadTreeReader {
-  // Sizes the scratch for pictures up to width x height; once per movie. false if out of memory.
+  // Sizes the scratch for pictures up to width x height; once per movie. false if out of memory
+  // (or a side is above 32768).
   bool Setup(uint32_t width, uint32_t height);
   // Decodes the quad-tree image of `bytes` bytes into `pixels` (32-bit B,G,R,255, `pitch`
   // bytes per row) for a picture of width x height (the size that was compressed). Returns
