@@ -25,7 +25,6 @@ struct zycQuadTreeReader {
   uint8_t* leafLog = nullptr;     // log2 of the leaf's side over each 4 x 4 cell of the picture
   uint32_t leafLogBytes = 0;
   uint32_t* centreRows = nullptr;  // a leaf's four block rows interpolated along x
-  int32_t* columnSteps = nullptr;  // per column and channel: the running value and its step
   uint32_t spanCapacity = 0;       // pixels of one interpolated row that the scratch holds
 };
 
