@@ -6,6 +6,7 @@
 
 #include "base/byteIo.h"
 #include "stream/quadTreeFormat.h"
+#include "stream/quadTreeLerp.h"
 
 namespace {
 
@@ -26,27 +27,6 @@ uint32_t Unpack565(uint32_t value) {
 }
 
 uint32_t Channel(uint32_t word, int shift) { return (word >> shift) & 0xFF; }
-
-// `count` pixels from `from` towards `to`, `shift` = log2 of the distance between them: with
-// d = ((to - from) * 65536) >> shift per channel, the first pixel is from + d / 2 and each next
-// one d further, in 16.16 fixed point. Pixel k goes to dst + k * stride.
-void Lerp(uint32_t from, uint32_t to, uint32_t shift, uint32_t count, uint8_t* dst,
-          ptrdiff_t stride) {
-  int32_t value[3], step[3];
-  for (int c = 0; c < 3; ++c) {
-    const int32_t a = int32_t(Channel(from, 8 * c));
-    const int32_t b = int32_t(Channel(to, 8 * c));
-    step[c] = ((b - a) * 65536) >> shift;
-    value[c] = a * 65536 + step[c] / 2;
-  }
-  for (uint32_t k = 0; k < count; ++k, dst += stride) {
-    zycStore32(dst, uint32_t(value[0] >> 16) | uint32_t(value[1] >> 16) << 8 |
-                        uint32_t(value[2] >> 16) << 16 | 0xFF000000u);
-    value[0] += step[0];
-    value[1] += step[1];
-    value[2] += step[2];
-  }
-}
 
 // (l + r) >> 1 in each byte.
 uint32_t Mid(uint32_t l, uint32_t r) { return (l & r) + (((l ^ r) & 0xFEFEFEFEu) >> 1); }
@@ -126,12 +106,12 @@ void Walk::Leaf(uint32_t x0, uint32_t y0, uint32_t size, const uint8_t* block) {
   uint32_t* rows = reader->centreRows;
   for (uint32_t r = 0; r < 4; ++r)
     for (uint32_t k = 0; k < 3; ++k)
-      Lerp(p[4 * r + k], p[4 * r + k + 1], logC, c,
+      zycQuadTreeLerp(p[4 * r + k], p[4 * r + k + 1], logC, c,
            reinterpret_cast<uint8_t*>(rows + r * span + k * c), 4);
   for (uint32_t r = 0; r < 3; ++r) {
     uint8_t* top = at(x0 + h, y0 + h + r * c);
     for (uint32_t t = 0; t < span; ++t)
-      Lerp(rows[r * span + t], rows[(r + 1) * span + t], logC, c, top + 4 * t, ptrdiff_t(stride));
+      zycQuadTreeLerp(rows[r * span + t], rows[(r + 1) * span + t], logC, c, top + 4 * t, ptrdiff_t(stride));
   }
 
   // Bands: every row and column of them repeats the nearest interpolated pixel. The seam
@@ -173,8 +153,8 @@ void Walk::Seams(uint32_t x, uint32_t y, uint32_t size) {
       for (uint32_t row = cy * 4; row < yEnd; ++row) {
         const uint32_t l = Word(seamX - 1 - hA, row), r = Word(seamX + hB, row);
         const uint32_t m = Mid(l, r);
-        if (a > 2) Lerp(l, m, a - 3, hA, At(seamX - hA, row), 4);
-        if (b > 2) Lerp(m, r, b - 3, hB, At(seamX, row), 4);
+        if (a > 2) zycQuadTreeLerp(l, m, a - 3, hA, At(seamX - hA, row), 4);
+        if (b > 2) zycQuadTreeLerp(m, r, b - 3, hB, At(seamX, row), 4);
       }
     }
   }
@@ -190,14 +170,32 @@ void Walk::Seams(uint32_t x, uint32_t y, uint32_t size) {
       for (uint32_t col = cx * 4; col < xEnd; ++col) {
         const uint32_t l = Word(col, seamY - 1 - hA), r = Word(col, seamY + hB);
         const uint32_t m = Mid(l, r);
-        if (a > 2) Lerp(l, m, a - 3, hA, At(col, seamY - hA), down);
-        if (b > 2) Lerp(m, r, b - 3, hB, At(col, seamY), down);
+        if (a > 2) zycQuadTreeLerp(l, m, a - 3, hA, At(col, seamY - hA), down);
+        if (b > 2) zycQuadTreeLerp(m, r, b - 3, hB, At(col, seamY), down);
       }
     }
   }
 }
 
 }  // namespace
+
+void zycQuadTreeLerpPlain(uint32_t from, uint32_t to, uint32_t shift, uint32_t count, uint8_t* dst,
+                          ptrdiff_t stride) {
+  int32_t value[3], step[3];
+  for (int c = 0; c < 3; ++c) {
+    const int32_t a = int32_t(Channel(from, 8 * c));
+    const int32_t b = int32_t(Channel(to, 8 * c));
+    step[c] = ((b - a) * 65536) >> shift;
+    value[c] = a * 65536 + step[c] / 2;
+  }
+  for (uint32_t k = 0; k < count; ++k, dst += stride) {
+    zycStore32(dst, uint32_t(value[0] >> 16) | uint32_t(value[1] >> 16) << 8 |
+                        uint32_t(value[2] >> 16) << 16 | 0xFF000000u);
+    value[0] += step[0];
+    value[1] += step[1];
+    value[2] += step[2];
+  }
+}
 
 void zycDecodeQuadTreeBlock(const uint8_t block[8], uint32_t out[16]) {
   const uint32_t a = zycLoad16(block), b = zycLoad16(block + 2);
