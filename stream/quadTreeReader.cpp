@@ -57,6 +57,9 @@ struct Walk {
   void Seams(uint32_t x, uint32_t y, uint32_t size);
 };
 
+// One bit a square, depth first. A square whose corner lies outside the picture has a 0 bit
+// and no block. A square across the picture's edge is always split by the coder unless it is
+// 4 pixels across; such a leaf writes only its pixels inside the picture.
 const char* Walk::Square(uint32_t x, uint32_t y, uint32_t size) {
   if (bit >= treeBits) return "tree bits past L";
   const bool split = (tree[bit >> 3] >> (7 - (bit & 7))) & 1;
