@@ -501,7 +501,8 @@ TEST_F(ZylTool, AFullDiskFailsEachCommandAndKeepsEveryInput) {
   const struct {
     const char* command;
     uint64_t room;  // bytes the command may still write
-  } commands[] = {{"encode", 30000}, {"append", 4000}, {"replace", 4000}, {"decode", 4000}};
+  } commands[] = {{"encode", 30000}, {"append", 4000}, {"replace", 4000},
+                  {"decode", 4000},  {"png", 4000},    {"wav", 4000}};
   for (const bool tmpfs : {true, false}) {
     const std::string dir = Dir() + (tmpfs ? "tmpfs/" : "limited/");
     mkdir(dir.c_str(), 0755);
@@ -522,8 +523,12 @@ TEST_F(ZylTool, AFullDiskFailsEachCommandAndKeepsEveryInput) {
       } else if (command == "replace") {
         WriteFile(file1, ReadFile(movie_));
         args = {"replace", file1, movie_, "--start", "0"};
-      } else {
+      } else if (command == "decode") {
         args = {"decode", movie_, dir + "d.y4m"};
+      } else if (command == "png") {
+        args = {"decode", movie_, dir + "f%02d.png", "--png"};
+      } else {
+        args = {"decode", movie_, "--audio", dir + "s.wav"};
       }
       std::vector<std::string> inputs = {args[1]};
       if (command == "append" || command == "replace") inputs.push_back(args[2]);
