@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -20,20 +21,25 @@ const char kUsage[] =
     "usage: zyl repair FILE\n"
     "\n"
     "Cuts a movie that a killed encode or a full disk left short to its last whole frame, in\n"
-    "place, and brings its header's size and frame count up to date. Whole sections are kept\n"
-    "as far as every frame in them checks out; bytes behind them go. A movie that is whole is\n"
-    "left as it is.\n";
+    "place, and brings its headers up to date: the longest start of the movie in which every\n"
+    "frame checks out is kept, and the bytes behind it go. A section packed with LZMA is one\n"
+    "stream and is kept whole or not at all. A movie that is whole is left as it is.\n";
 
-// A place where the movie could end: behind a whole section, with the frames before it.
+// A place where the movie could end: behind a whole section, or inside the section the file
+// cut short, behind its last whole frame (that section's header is then patched too).
 struct Cut {
   uint64_t end;
-  uint32_t frames;
+  uint32_t frames;  // in the whole movie
+  bool inside;      // the end lies inside the section at `sectionAt`
+  uint64_t sectionAt;
+  zycSectionHeader section;  // its header with the frames and bytes kept
 };
 
 // Every section boundary the bytes reach, from the first section on, as far as each section's
-// header and data lie inside the file. The header's counts are not trusted: a job can be
-// stopped between writing a frame and patching them.
-std::vector<Cut> SectionEnds(const std::vector<uint8_t>& bytes, const zycStreamHeader& header) {
+// header and data lie inside the file, and then every frame end inside the section that runs
+// past the end. The header's counts are not trusted: a job can be stopped between writing a
+// frame and patching them. Longest first.
+std::vector<Cut> Cuts(const std::vector<uint8_t>& bytes, const zycStreamHeader& header) {
   const bool zyl1 = header.magic == kMagicZyl1;
   const uint64_t sectionBytes = zycSectionHeaderSize(header.magic);
   std::vector<Cut> cuts;
@@ -42,20 +48,58 @@ std::vector<Cut> SectionEnds(const std::vector<uint8_t>& bytes, const zycStreamH
   while (position + sectionBytes <= bytes.size()) {
     const zycSectionHeader section =
         zyl1 ? zycLoadSectionZyl1(&bytes[position]) : zycLoadSectionZyl0(&bytes[position]);
+    if (section.frames == 0 || frames + section.frames > 0xFFFFFFFFu) break;
     const uint64_t end = position + sectionBytes + section.size;
-    if (section.frames == 0 || end > bytes.size() || frames + section.frames > 0xFFFFFFFFu) break;
+    if (end > bytes.size()) {
+      const uint64_t data = position + sectionBytes;
+      for (const zycSectionPrefix& prefix :
+           zycWholeFramePrefixes(header, &bytes[data], bytes.size() - data, uint64_t(1) << 30)) {
+        if (prefix.frames >= section.frames) break;
+        Cut cut{data + prefix.bytes, uint32_t(frames + prefix.frames), true, position, section};
+        cut.section.frames = prefix.frames;
+        cut.section.size = prefix.bytes;
+        cuts.push_back(cut);
+      }
+      break;
+    }
     frames += section.frames;
     position = end;
-    cuts.push_back({end, uint32_t(frames)});
+    cuts.push_back({end, uint32_t(frames), false, 0, section});
   }
+  std::sort(cuts.begin(), cuts.end(), [](const Cut& a, const Cut& b) { return a.end > b.end; });
   return cuts;
 }
 
-// The movie cut at `cut`, with its header's size and frame count set to match.
+// The bytes a cut changes before its end: the header's size and frame count, and the header of
+// a section cut inside.
+struct Patch {
+  uint64_t at;
+  std::vector<uint8_t> bytes;
+};
+std::vector<Patch> Patches(const Cut& cut, bool zyl1) {
+  std::vector<Patch> patches;
+  uint8_t word[4];
+  zycStore32(word, uint32_t(cut.end));
+  patches.push_back({zyl1 ? 12u : 8u, std::vector<uint8_t>(word, word + 4)});
+  zycStore32(word, cut.frames);
+  patches.push_back({16, std::vector<uint8_t>(word, word + 4)});
+  if (cut.inside) {
+    uint8_t section[kSectionHeaderSizeZyl1];
+    if (zyl1) {
+      zycStoreSectionZyl1(cut.section, section);
+    } else {
+      zycStoreSectionZyl0(cut.section, section);
+    }
+    patches.push_back({cut.sectionAt, std::vector<uint8_t>(section, section + (zyl1 ? 8 : 6))});
+  }
+  return patches;
+}
+
+// The movie cut at `cut`, patched to match.
 std::vector<uint8_t> CutMovie(const std::vector<uint8_t>& bytes, bool zyl1, const Cut& cut) {
   std::vector<uint8_t> movie(bytes.begin(), bytes.begin() + long(cut.end));
-  zycStore32(&movie[zyl1 ? 12 : 8], uint32_t(cut.end));
-  zycStore32(&movie[16], cut.frames);
+  for (const Patch& patch : Patches(cut, zyl1))
+    std::copy(patch.bytes.begin(), patch.bytes.end(), movie.begin() + long(patch.at));
   return movie;
 }
 
@@ -109,25 +153,24 @@ int RunRepair(const CommandArgs& words) {
 
   // The longest cut at which every frame checks out.
   const bool zyl1 = header.magic == kMagicZyl1;
-  const std::vector<Cut> cuts = SectionEnds(bytes, header);
+  const std::vector<Cut> cuts = Cuts(bytes, header);
   const Cut* chosen = nullptr;
-  for (size_t i = cuts.size(); i-- > 0 && !chosen;) {
+  for (size_t i = 0; i < cuts.size() && !chosen; ++i) {
     if (Whole(CutMovie(bytes, zyl1, cuts[i]), path)) chosen = &cuts[i];
   }
   if (!chosen) {
     return Fail(kExitInput, "%s holds no whole frame to keep; nothing was changed", path.c_str());
   }
 
-  // The header first, then the cut: stopped in between, the file is a whole movie with bytes
+  // The headers first, then the cut: stopped in between, the file is a whole movie with bytes
   // behind its end, which a second repair removes.
   const int fd = open(path.c_str(), O_WRONLY);
   if (fd < 0)
     return Fail(kExitOutput, "%s: can't open for writing (%s)", path.c_str(), std::strerror(errno));
-  uint8_t word[4];
-  zycStore32(word, uint32_t(chosen->end));
-  bool ok = WriteAt(fd, word, 4, zyl1 ? 12 : 8);
-  zycStore32(word, chosen->frames);
-  ok = ok && WriteAt(fd, word, 4, 16) && fsync(fd) == 0 && ftruncate(fd, off_t(chosen->end)) == 0;
+  bool ok = true;
+  for (const Patch& patch : Patches(*chosen, zyl1))
+    ok = ok && WriteAt(fd, patch.bytes.data(), patch.bytes.size(), off_t(patch.at));
+  ok = ok && fsync(fd) == 0 && ftruncate(fd, off_t(chosen->end)) == 0;
   int reason = ok ? 0 : errno;
   if (close(fd) != 0 && reason == 0) reason = errno;
   if (reason != 0) {

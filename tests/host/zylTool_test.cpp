@@ -473,21 +473,31 @@ TEST_F(ZylTool, AKilledEncodeLeavesAStagedMovieThatRepairMakesWhole) {
   std::remove(part.c_str());
 }
 
-// A movie cut short inside its header's counts (the header patched, the section not) and one
-// with a frame's bytes behind its end: repair keeps the whole sections and patches the header.
-TEST_F(ZylTool, RepairCutsToTheLastWholeSection) {
+// Movies left short three ways: the header patched ahead of its section, a frame's bytes
+// behind the end, and the last frame cut inside its section. Repair gives back exactly the
+// movie of the whole frames an encode of that many frames writes.
+TEST_F(ZylTool, RepairCutsToTheLastWholeFrame) {
   ASSERT_EQ(encode_.exit, 0) << encode_.err;
   const std::string whole = ReadFile(movie_);
-  std::string patchedAhead = whole, trailing = whole + std::string(100, '\x55');
+  const std::string fourPath = Dir() + "four.zyl";
+  ASSERT_EQ(RunTool({"encode", ExampleClip(), fourPath, "--count", "4", "--ratio", "40"}).exit, 0);
+  const std::string four = ReadFile(fourPath);
+  std::string patchedAhead = whole;
   zycStore32(&patchedAhead[16], zycLoad32(whole.data() + 16) + 1);
   zycStore32(&patchedAhead[8], uint32_t(whole.size() + 500));
-  for (const std::string* bytes : {&patchedAhead, &trailing}) {
+  const struct {
+    std::string bytes;
+    const std::string* repaired;
+  } cases[] = {{patchedAhead, &whole},
+               {whole + std::string(100, '\x55'), &whole},
+               {whole.substr(0, whole.size() - 10), &four}};
+  for (const auto& c : cases) {
     const std::string path = Dir() + "repairMe.zyl";
-    WriteFile(path, *bytes);
+    WriteFile(path, c.bytes);
     EXPECT_EQ(RunTool({"info", path}).exit, 2);
     const Result repair = RunTool({"repair", path});
     EXPECT_EQ(repair.exit, 0) << repair.err;
-    EXPECT_TRUE(ReadFile(path) == whole);
+    EXPECT_TRUE(ReadFile(path) == *c.repaired) << repair.err;
   }
 }
 
