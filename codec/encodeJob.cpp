@@ -161,6 +161,7 @@ int32_t RunJob(zycCodec& codec, zycJobEncoder* encoder, zylSource* source,
         *reason = FailedWrite(&output, outputName);
       } else {
         output.Close();
+        *reason = output.error;  // the numbered outputs are left as they are
       }
       image.Release();
       return 3;
@@ -211,8 +212,8 @@ int32_t RunJob(zycCodec& codec, zycJobEncoder* encoder, zylSource* source,
   output.Close();  // a close that fails to write the last bytes counts as a failed write
   CloseExtraOutputs(extra);
   image.Release();
-  if (output.error != 0 && !embedOnly) {
-    *reason = FailedWrite(&output, outputName);
+  if (output.error != 0) {
+    *reason = embedOnly ? output.error : FailedWrite(&output, outputName);
     return 3;
   }
   return aborted ? 1 : 0;
