@@ -420,10 +420,10 @@ int32_t AppendIn(const char16_t* file1, const char16_t* file2, int* reason) {
   // brings it back to.
   zycWholeState before;
   before.set = true;
-  before.headBytes = kHeaderSizeZyl0;
-  const bool measured = std::fseek(f1, 0, SEEK_SET) == 0 &&
-                        std::fread(before.head, 1, kHeaderSizeZyl0, f1) == kHeaderSizeZyl0 &&
-                        std::fseek(f1, 0, SEEK_END) == 0;
+  // A header cut short is taken as it is, as the fields were read.
+  bool measured = std::fseek(f1, 0, SEEK_SET) == 0;
+  if (measured) before.headBytes = uint32_t(std::fread(before.head, 1, kHeaderSizeZyl0, f1));
+  measured = measured && std::fseek(f1, 0, SEEK_END) == 0;
   const long oldSize = measured ? std::ftell(f1) : -1;
   if (oldSize < 0) {
     *reason = errno != 0 ? errno : EIO;
