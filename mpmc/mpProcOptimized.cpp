@@ -27,6 +27,10 @@ int16_t* residual16;     // with a zero margin of 8 that is never written
 int32_t* best32;
 uint16_t* bestIndex;
 int16_t* firstPass;
+// Per row of innerProducts: the largest square and the first column holding it, so that a
+// whole-picture scan reads one value a row.
+double* rowBestSquare;
+int32_t* rowBestX;
 double cachedBest = -1.0;
 int32_t cachedX = 0, cachedY = 0;
 McRect area;  // the area of the last search
@@ -174,11 +178,17 @@ void mpProcOptimized::buildWorkBuffers(int32_t w, int32_t h) {
   std::memset(residual16, 0, cells * sizeof(int16_t));
   std::memset(best32, 0, cells * sizeof(int32_t));
   std::memset(bestIndex, 0, cells * sizeof(uint16_t));
+  rowBestSquare = static_cast<double*>(mpmcAlloc(sizeof(double) * h));
+  rowBestX = static_cast<int32_t*>(mpmcAlloc(sizeof(int32_t) * h));
   cachedBest = -1.0;
   cachedX = cachedY = 0;
 }
 
 void mpProcOptimized::freeWorkBuffers() {
+  mpmcFree(rowBestX);
+  mpmcFree(rowBestSquare);
+  rowBestX = nullptr;
+  rowBestSquare = nullptr;
   mpmcFree(bestIndex);
   mpmcFree(best32);
   mpmcFree(firstPass);
@@ -194,6 +204,10 @@ void mpProcOptimized::reset() {
   fillMatrix(innerProducts, 0.0);
   fillMatrix(residual, 0.0);
   clearLabel(mpImage);
+  for (int32_t y = 0; y < height; ++y) {
+    rowBestSquare[y] = 0.0;
+    rowBestX[y] = 0;
+  }
   atomCount = 0;
   atomBitsTotal = 0;
 }
@@ -237,6 +251,15 @@ void mpProcOptimized::mpSearch() {
       ip[x] = b[x] * scale;
       index[x] = bi[x];
     }
+    double best = ip[0] * ip[0];
+    int32_t bestX = 0;
+    for (int32_t x = 1; x < width; ++x)
+      if (ip[x] * ip[x] > best) {
+        best = ip[x] * ip[x];
+        bestX = x;
+      }
+    rowBestSquare[y] = best;
+    rowBestX[y] = bestX;
   }
 }
 
@@ -249,7 +272,16 @@ double nextAtom(const McRect& changedRect, const mpmcParam* p) {
     cachedBest = -1.0;
     cachedX = cachedY = 0;
   }
-  if (cachedBest < 0) scan = {0, 0, width, height};
+  if (cachedBest < 0) {
+    // The first pixel in raster order with the largest square.
+    for (int32_t y = 0; y < height; ++y)
+      if (rowBestSquare[y] > cachedBest) {
+        cachedBest = rowBestSquare[y];
+        cachedX = rowBestX[y];
+        cachedY = y;
+      }
+    scan = {0, 0, 0, 0};
+  }
   for (int32_t y = scan.y0; y < scan.y1; ++y) {
     const double* ip = innerProducts->rows[y];
     for (int32_t x = scan.x0; x < scan.x1; ++x)
