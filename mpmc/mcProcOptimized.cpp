@@ -139,7 +139,8 @@ void mcProcOptimized::init(int32_t w, int32_t h) {
   gridW = w / 4;
   gridH = h / 4;
   refStride = w + 2 * kRefMargin;
-  refBytes = static_cast<uint8_t*>(mpmcAlloc(static_cast<size_t>(refStride) * (h + 2 * kRefMargin)));
+  // 64 bytes beyond the last row: the fast SAD kernels read whole 16-byte pieces.
+  refBytes = static_cast<uint8_t*>(mpmcAlloc(static_cast<size_t>(refStride) * (h + 2 * kRefMargin) + 64));
   targetBytes = static_cast<uint8_t*>(mpmcAlloc(static_cast<size_t>(w) * h));
   for (int32_t k = 0; k < 4; ++k) {
     positionsX[k] = std::max(gridW - (1 << k) + 1, 0);

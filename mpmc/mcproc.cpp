@@ -11,6 +11,7 @@
 #include "mpmc/afProcOptimized.h"
 #include "mpmc/mcProcOptimized.h"
 #include "mpmc/mpProcOptimized.h"
+#include "mpmc/planeKernels.h"
 #include "stream/mpmcTables.h"
 
 McBlock* blockList = nullptr;
@@ -310,6 +311,7 @@ double chooseQuantStep(double minGain) {
 
 void mpmcafBeginJob(uint32_t width, uint32_t height) {
   setDefaultParam();
+  zycSelectPlaneKernels(zycBestPlaneKernels());
   param.width = static_cast<int32_t>(width);
   param.height = static_cast<int32_t>(height);
   buildPlaneBuffers();

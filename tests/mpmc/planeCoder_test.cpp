@@ -7,6 +7,7 @@
 #include "mpmc/afProcOptimized.h"
 #include "mpmc/mcproc.h"
 #include "mpmc/mpProcOptimized.h"
+#include "mpmc/planeKernels.h"
 #include "stream/planeReader.h"
 #include "tests/mpmc/planeTestSupport.h"
 
@@ -82,6 +83,31 @@ TEST(PlaneCoder, ReaderRebuildsTheCodersReconstructionOnRealPlanes) {
   }
   mpmcafEndJob();
   EXPECT_EQ(allocCount, 0u);
+}
+
+TEST(PlaneCoder, FastKernelsWriteThePlainStreams) {
+  // 168 x 120: the chroma planes are 84 wide, 4 modulo 8, which takes the last column's path.
+  const auto frames = zylClipPlanes("tree_320x240_15fps_cinepak.avi", 3, 168, 120);
+  ASSERT_EQ(frames.size(), 3u);
+  testing::internal::CaptureStdout();
+  mpmcafBeginJob(168, 120);
+  testing::internal::GetCapturedStdout();
+  struct Plane { const std::vector<uint8_t>* source; const std::vector<uint8_t>* reference; uint32_t w, h, bits; };
+  const Plane planes[] = {{&frames[2].y, &frames[0].y, 168, 120, 2400},
+                          {&frames[2].u, &frames[0].u, 84, 60, 600}};
+  for (const Plane& plane : planes) {
+    mpmcafPlaneSize(plane.w, plane.h);
+    ASSERT_TRUE(zycSelectPlaneKernels(kPlaneKernelsPlain));
+    const Coded plain = CodePlane(*plane.source, *plane.reference, plane.bits);
+    for (zycPlaneKernelSet set : {kPlaneKernelsSse2, kPlaneKernelsAvx2}) {
+      if (!zycSelectPlaneKernels(set)) continue;
+      SCOPED_TRACE(set);
+      const Coded fast = CodePlane(*plane.source, *plane.reference, plane.bits);
+      EXPECT_EQ(fast.stream, plain.stream);
+      EXPECT_EQ(fast.recon, plain.recon);
+    }
+  }
+  mpmcafEndJob();
 }
 
 TEST(PlaneCoder, PlaneEqualToItsReferenceCodesNothing) {

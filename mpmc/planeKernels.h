@@ -1,0 +1,23 @@
+// The plane coder's kernel sets: the level-0 SAD tables and the 64-filter bank, plain and with
+// SSE2 or AVX2. Every set gives the plain results bit for bit; which one runs is chosen once per
+// job from the processor's features, or by a test or benchmark.
+#pragma once
+
+#include <cstdint>
+
+#include "mpmc/mcProcOptimized.h"
+#include "mpmc/mpProcOptimized.h"
+
+enum zycPlaneKernelSet : int32_t { kPlaneKernelsPlain = 0, kPlaneKernelsSse2 = 1, kPlaneKernelsAvx2 = 2 };
+
+// Selects a set; false (and the plain set) when this build or this processor lacks it.
+bool zycSelectPlaneKernels(zycPlaneKernelSet set);
+// The fastest set this processor runs.
+zycPlaneKernelSet zycBestPlaneKernels();
+
+// Defined only in builds with SIMD.
+void zycSadTable4x4Sse2(const uint8_t* target, int32_t targetStride, const uint8_t* ref,
+                        int32_t refStride, uint16_t* out);
+void zycSadTable4x4Avx2(const uint8_t* target, int32_t targetStride, const uint8_t* ref,
+                        int32_t refStride, uint16_t* out);
+void zycFilterBankSse2(const zycFilterArea& area, const int16_t* dict);
