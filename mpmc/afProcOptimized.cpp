@@ -27,6 +27,21 @@ Sums* sums[4];
 uint32_t* packedFit[4];
 int32_t* gain[4];
 int32_t positionsX[4], positionsY[4];
+// Per level and grid row: the row's largest gain and the first position holding it, so that the
+// selection reads one value a row.
+int32_t* rowBestGain[4];
+int32_t* rowBestPos[4];
+
+void RowBests(int32_t k, int32_t gy0, int32_t gy1) {
+  for (int32_t gy = gy0; gy < gy1; ++gy) {
+    const int32_t* g = gain[k] + static_cast<size_t>(gy) * positionsX[k];
+    int32_t best = 0;
+    for (int32_t gx = 1; gx < positionsX[k]; ++gx)
+      if (g[gx] > g[best]) best = gx;
+    rowBestGain[k][gy] = g[best];
+    rowBestPos[k][gy] = gy * positionsX[k] + best;
+  }
+}
 McRect work;
 Label *mcIn, *mpIn;
 Pic* sourceIn;
@@ -106,11 +121,19 @@ void afProcOptimized::init(int32_t w, int32_t h) {
     std::memset(sums[k], 0, positions * sizeof(Sums));
     std::memset(packedFit[k], 0, positions * sizeof(uint32_t));
     std::memset(gain[k], 0, positions * sizeof(int32_t));
+    const size_t rows = std::max<size_t>(positionsY[k], 1);
+    rowBestGain[k] = static_cast<int32_t*>(mpmcAlloc(rows * sizeof(int32_t)));
+    rowBestPos[k] = static_cast<int32_t*>(mpmcAlloc(rows * sizeof(int32_t)));
+    std::memset(rowBestGain[k], 0, rows * sizeof(int32_t));
+    for (size_t r = 0; r < rows; ++r) rowBestPos[k][r] = static_cast<int32_t>(r) * positionsX[k];
   }
 }
 
 void afProcOptimized::release() {
   for (int32_t k = 3; k >= 0; --k) {
+    mpmcFree(rowBestPos[k]);
+    mpmcFree(rowBestGain[k]);
+    rowBestPos[k] = rowBestGain[k] = nullptr;
     mpmcFree(gain[k]);
     mpmcFree(packedFit[k]);
     mpmcFree(sums[k]);
@@ -184,6 +207,7 @@ void afProcOptimized::afSearchMonoThread() {
       packedFit[0][pos] = zycAffineFit(s.sr, s.st, s.srr, s.srt, 16);
       gain[0][pos] = PositionGain(x, y, 4, packedFit[0][pos]);
     }
+  RowBests(0, work.y0 / 4, work.y1 / 4);
   for (int32_t k = 1; k < 4; ++k) {
     const int32_t size = 4 << k;
     const int32_t half = 1 << (k - 1);
@@ -204,6 +228,7 @@ void afProcOptimized::afSearchMonoThread() {
         packedFit[k][pos] = zycAffineFit(s.sr, s.st, s.srr, s.srt, static_cast<uint32_t>(size * size));
         gain[k][pos] = PositionGain(x, y, size, packedFit[k][pos]);
       }
+    if (ys < ye) RowBests(k, ys / 4, ye / 4);
   }
   for (int32_t k = 0; k < 4; ++k) {
     const int32_t count = positionsX[k] * positionsY[k];
@@ -213,9 +238,10 @@ void afProcOptimized::afSearchMonoThread() {
       levelBestX[k] = levelBestY[k] = 0;
       continue;
     }
-    int32_t best = 0;
-    for (int32_t pos = 1; pos < count; ++pos)
-      if (gain[k][pos] > gain[k][best]) best = pos;
+    // The first position in raster order with the largest gain.
+    int32_t best = rowBestPos[k][0];
+    for (int32_t gy = 1; gy < positionsY[k]; ++gy)
+      if (rowBestGain[k][gy] > gain[k][best]) best = rowBestPos[k][gy];
     levelBestGain[k] = gain[k][best];
     levelBestFit[k] = packedFit[k][best];
     levelBestX[k] = (best % positionsX[k]) * 4;

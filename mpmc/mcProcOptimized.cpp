@@ -31,6 +31,21 @@ uint32_t* sadTable[4]; // levels 1..3
 uint16_t* bestVector[4];
 int32_t* gain[4];
 int32_t positionsX[4], positionsY[4];
+// Per level and grid row: the row's largest gain and the first position holding it, so that the
+// selection reads one value a row.
+int32_t* rowBestGain[4];
+int32_t* rowBestPos[4];
+
+void RowBests(int32_t k, int32_t gy0, int32_t gy1) {
+  for (int32_t gy = gy0; gy < gy1; ++gy) {
+    const int32_t* g = gain[k] + static_cast<size_t>(gy) * positionsX[k];
+    int32_t best = 0;
+    for (int32_t gx = 1; gx < positionsX[k]; ++gx)
+      if (g[gx] > g[best]) best = gx;
+    rowBestGain[k][gy] = g[best];
+    rowBestPos[k][gy] = gy * positionsX[k] + best;
+  }
+}
 McRect work;  // aligned to 4
 Label *mcIn, *mpIn;
 Pic* sourceIn;
@@ -154,11 +169,19 @@ void mcProcOptimized::init(int32_t w, int32_t h) {
     gain[k] = static_cast<int32_t*>(mpmcAlloc(positions * sizeof(int32_t), 64));
     std::memset(bestVector[k], 0, positions * sizeof(uint16_t));
     std::memset(gain[k], 0, positions * sizeof(int32_t));
+    const size_t rows = std::max<size_t>(positionsY[k], 1);
+    rowBestGain[k] = static_cast<int32_t*>(mpmcAlloc(rows * sizeof(int32_t)));
+    rowBestPos[k] = static_cast<int32_t*>(mpmcAlloc(rows * sizeof(int32_t)));
+    std::memset(rowBestGain[k], 0, rows * sizeof(int32_t));
+    for (size_t r = 0; r < rows; ++r) rowBestPos[k][r] = static_cast<int32_t>(r) * positionsX[k];
   }
 }
 
 void mcProcOptimized::release() {
   for (int32_t k = 3; k >= 0; --k) {
+    mpmcFree(rowBestPos[k]);
+    mpmcFree(rowBestGain[k]);
+    rowBestPos[k] = rowBestGain[k] = nullptr;
     mpmcFree(gain[k]);
     mpmcFree(bestVector[k]);
     if (k == 0)
@@ -224,6 +247,7 @@ void mcProcOptimized::mcSearchMonoThread() {
       const int32_t pos = (y / 4) * gridW + x / 4;
       gain[0][pos] = PositionGain(x, y, 4, bestVector[0][pos]);
     }
+  RowBests(0, work.y0 / 4, work.y1 / 4);
   for (int32_t k = 1; k < 4; ++k) {
     const int32_t size = 4 << k;
     const int32_t xs = std::max(work.x0 - size + 4, 0), xe = std::min(width - size + 4, work.x1);
@@ -235,6 +259,7 @@ void mcProcOptimized::mcSearchMonoThread() {
         const int32_t pos = (y / 4) * positionsX[k] + x / 4;
         gain[k][pos] = PositionGain(x, y, size, bestVector[k][pos]);
       }
+    RowBests(k, ys / 4, ye / 4);
   }
   for (int32_t k = 0; k < 4; ++k) {
     const int32_t count = positionsX[k] * positionsY[k];
@@ -244,9 +269,10 @@ void mcProcOptimized::mcSearchMonoThread() {
       levelBestX[k] = levelBestY[k] = 0;
       continue;
     }
-    int32_t best = 0;
-    for (int32_t pos = 1; pos < count; ++pos)
-      if (gain[k][pos] > gain[k][best]) best = pos;
+    // The first position in raster order with the largest gain.
+    int32_t best = rowBestPos[k][0];
+    for (int32_t gy = 1; gy < positionsY[k]; ++gy)
+      if (rowBestGain[k][gy] > gain[k][best]) best = rowBestPos[k][gy];
     levelBestGain[k] = gain[k][best];
     levelBestVector[k] = bestVector[k][best];
     levelBestX[k] = (best % positionsX[k]) * 4;

@@ -29,7 +29,7 @@ double chooseQuantStep(double minGain);
 extern McBlock* blockList;
 extern int32_t blockCount;
 
-// Where the last plane's time went, in microseconds, and how it ended.
+// Where the last plane's processor time went, in microseconds, and how it ended.
 struct mpmcafPlaneReport {
   uint64_t firstSearch;  // the first iteration's searches: SAD tables and every gain
   uint64_t iterations;   // the other iterations
