@@ -30,6 +30,9 @@ int32_t positionsX[4], positionsY[4];
 // Per level and grid row: the row's largest gain and the first position holding it, so that the
 // selection reads one value a row.
 int32_t* rowBestGain[4];
+// Per level and position: the block's squared error now, sum of (o - clamp(mc + mp))^2, built
+// from the four half-size blocks like the SAD tables.
+int32_t* errorSum[4];
 int32_t* rowBestPos[4];
 
 void RowBests(int32_t k, int32_t gy0, int32_t gy1) {
@@ -46,6 +49,32 @@ McRect work;
 Label *mcIn, *mpIn;
 Pic* sourceIn;
 
+void ErrorSums(int32_t k, int32_t xs, int32_t xe, int32_t ys, int32_t ye) {
+  for (int32_t y = ys; y < ye; y += 4)
+    for (int32_t x = xs; x < xe; x += 4) {
+      const int32_t pos = (y / 4) * positionsX[k] + x / 4;
+      if (k == 0) {
+        int32_t e = 0;
+        for (int32_t j = 0; j < 4; ++j) {
+          const int32_t* mc = mcIn->rows[y + j] + x;
+          const int32_t* mp = mpIn->rows[y + j] + x;
+          const uint8_t* o = sourceIn->rows[y + j] + x;
+          for (int32_t i = 0; i < 4; ++i) {
+            const int32_t t = mc[i] + mp[i];
+            const int32_t d = o[i] - (t < 0 ? 0 : (t > 255 ? 255 : t));
+            e += d * d;
+          }
+        }
+        errorSum[0][pos] = e;
+      } else {
+        const int32_t half = 1 << (k - 1), stride = positionsX[k - 1];
+        const int32_t child = (y / 4) * stride + x / 4;
+        const int32_t* c = errorSum[k - 1];
+        errorSum[k][pos] = c[child] + c[child + half] + c[child + half * stride] + c[child + half * stride + half];
+      }
+    }
+}
+
 inline int32_t Clamp255(int32_t v) { return v < 0 ? 0 : (v > 255 ? 255 : v); }
 
 // trunc(v) cut to 16 bits; values beyond any integer saturate before the cut.
@@ -56,19 +85,17 @@ int16_t TruncTo16(float v) {
   return static_cast<int16_t>(static_cast<uint16_t>(static_cast<uint64_t>(i)));
 }
 
-int32_t PositionGain(int32_t x, int32_t y, int32_t size, uint32_t fit) {
+int32_t PositionGain(int32_t x, int32_t y, int32_t size, uint32_t fit, int32_t error) {
   const int32_t a = static_cast<int32_t>(fit & 0xfff) - 1024;
   const int32_t b = static_cast<int32_t>(fit >> 12) - 256;
-  int32_t g = 0;
+  int32_t g = error;
   for (int32_t j = 0; j < size; ++j) {
-    const int32_t* mc = mcIn->rows[y + j] + x;
     const int32_t* mp = mpIn->rows[y + j] + x;
     const uint8_t* o = sourceIn->rows[y + j] + x;
     const int32_t* r = paddedRef->rows[y + j + kPadMargin] + x + kPadMargin;
     for (int32_t i = 0; i < size; ++i) {
-      const int32_t e0 = o[i] - Clamp255(mc[i] + mp[i]);
       const int32_t e1 = o[i] - Clamp255(mp[i] + ((a * r[i]) >> 8) + b);
-      g += e0 * e0 - e1 * e1;
+      g -= e1 * e1;
     }
   }
   return g;
@@ -121,6 +148,8 @@ void afProcOptimized::init(int32_t w, int32_t h) {
     std::memset(sums[k], 0, positions * sizeof(Sums));
     std::memset(packedFit[k], 0, positions * sizeof(uint32_t));
     std::memset(gain[k], 0, positions * sizeof(int32_t));
+    errorSum[k] = static_cast<int32_t*>(mpmcAlloc(positions * sizeof(int32_t), 64));
+    std::memset(errorSum[k], 0, positions * sizeof(int32_t));
     const size_t rows = std::max<size_t>(positionsY[k], 1);
     rowBestGain[k] = static_cast<int32_t*>(mpmcAlloc(rows * sizeof(int32_t)));
     rowBestPos[k] = static_cast<int32_t*>(mpmcAlloc(rows * sizeof(int32_t)));
@@ -131,6 +160,8 @@ void afProcOptimized::init(int32_t w, int32_t h) {
 
 void afProcOptimized::release() {
   for (int32_t k = 3; k >= 0; --k) {
+    mpmcFree(errorSum[k]);
+    errorSum[k] = nullptr;
     mpmcFree(rowBestPos[k]);
     mpmcFree(rowBestGain[k]);
     rowBestPos[k] = rowBestGain[k] = nullptr;
@@ -189,6 +220,7 @@ void afProcOptimized::afSearch() {
 }
 
 void afProcOptimized::afSearchMonoThread() {
+  ErrorSums(0, work.x0, work.x1, work.y0, work.y1);
   for (int32_t y = work.y0; y < work.y1; y += 4)
     for (int32_t x = work.x0; x < work.x1; x += 4) {
       Sums s{0, 0, 0, 0};
@@ -205,7 +237,7 @@ void afProcOptimized::afSearchMonoThread() {
       const int32_t pos = (y / 4) * gridW + x / 4;
       sums[0][pos] = s;
       packedFit[0][pos] = zycAffineFit(s.sr, s.st, s.srr, s.srt, 16);
-      gain[0][pos] = PositionGain(x, y, 4, packedFit[0][pos]);
+      gain[0][pos] = PositionGain(x, y, 4, packedFit[0][pos], errorSum[0][pos]);
     }
   RowBests(0, work.y0 / 4, work.y1 / 4);
   for (int32_t k = 1; k < 4; ++k) {
@@ -214,6 +246,7 @@ void afProcOptimized::afSearchMonoThread() {
     const int32_t xs = std::max(work.x0 - size + 4, 0), xe = std::min(width - size + 4, work.x1);
     const int32_t ys = std::max(work.y0 - size + 4, 0), ye = std::min(height - size + 4, work.y1);
     const int32_t stride = positionsX[k - 1];
+    ErrorSums(k, xs, xe, ys, ye);
     for (int32_t y = ys; y < ye; y += 4)
       for (int32_t x = xs; x < xe; x += 4) {
         const int32_t child = (y / 4) * stride + x / 4;
@@ -226,7 +259,7 @@ void afProcOptimized::afSearchMonoThread() {
         const int32_t pos = (y / 4) * positionsX[k] + x / 4;
         sums[k][pos] = s;
         packedFit[k][pos] = zycAffineFit(s.sr, s.st, s.srr, s.srt, static_cast<uint32_t>(size * size));
-        gain[k][pos] = PositionGain(x, y, size, packedFit[k][pos]);
+        gain[k][pos] = PositionGain(x, y, size, packedFit[k][pos], errorSum[k][pos]);
       }
     if (ys < ye) RowBests(k, ys / 4, ye / 4);
   }

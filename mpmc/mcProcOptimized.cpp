@@ -34,6 +34,9 @@ int32_t positionsX[4], positionsY[4];
 // Per level and grid row: the row's largest gain and the first position holding it, so that the
 // selection reads one value a row.
 int32_t* rowBestGain[4];
+// Per level and position: the block's squared error now, sum of (o - clamp(mc + mp))^2, built
+// from the four half-size blocks like the SAD tables.
+int32_t* errorSum[4];
 int32_t* rowBestPos[4];
 
 void RowBests(int32_t k, int32_t gy0, int32_t gy1) {
@@ -49,6 +52,32 @@ void RowBests(int32_t k, int32_t gy0, int32_t gy1) {
 McRect work;  // aligned to 4
 Label *mcIn, *mpIn;
 Pic* sourceIn;
+
+void ErrorSums(int32_t k, int32_t xs, int32_t xe, int32_t ys, int32_t ye) {
+  for (int32_t y = ys; y < ye; y += 4)
+    for (int32_t x = xs; x < xe; x += 4) {
+      const int32_t pos = (y / 4) * positionsX[k] + x / 4;
+      if (k == 0) {
+        int32_t e = 0;
+        for (int32_t j = 0; j < 4; ++j) {
+          const int32_t* mc = mcIn->rows[y + j] + x;
+          const int32_t* mp = mpIn->rows[y + j] + x;
+          const uint8_t* o = sourceIn->rows[y + j] + x;
+          for (int32_t i = 0; i < 4; ++i) {
+            const int32_t t = mc[i] + mp[i];
+            const int32_t d = o[i] - (t < 0 ? 0 : (t > 255 ? 255 : t));
+            e += d * d;
+          }
+        }
+        errorSum[0][pos] = e;
+      } else {
+        const int32_t half = 1 << (k - 1), stride = positionsX[k - 1];
+        const int32_t child = (y / 4) * stride + x / 4;
+        const int32_t* c = errorSum[k - 1];
+        errorSum[k][pos] = c[child] + c[child + half] + c[child + half * stride] + c[child + half * stride + half];
+      }
+    }
+}
 
 inline int32_t Clamp255(int32_t v) { return v < 0 ? 0 : (v > 255 ? 255 : v); }
 
@@ -66,18 +95,16 @@ int32_t BestEntry(const T* table) {
 }
 
 // Gain of moving the reference at whole-pixel (dx, dy) into the block at (x, y), no window.
-int32_t PositionGain(int32_t x, int32_t y, int32_t size, int32_t vector) {
+int32_t PositionGain(int32_t x, int32_t y, int32_t size, int32_t vector, int32_t error) {
   const int32_t dx = (vector & 31) - 16, dy = (vector >> 5) - 16;
-  int32_t g = 0;
+  int32_t g = error;
   for (int32_t j = 0; j < size; ++j) {
-    const int32_t* mc = mcIn->rows[y + j] + x;
     const int32_t* mp = mpIn->rows[y + j] + x;
     const uint8_t* o = sourceIn->rows[y + j] + x;
     const int32_t* r = paddedRef->rows[y + j + dy + kPadMargin] + x + dx + kPadMargin;
     for (int32_t i = 0; i < size; ++i) {
-      const int32_t e0 = o[i] - Clamp255(mc[i] + mp[i]);
       const int32_t e1 = o[i] - Clamp255(mp[i] + r[i]);
-      g += e0 * e0 - e1 * e1;
+      g -= e1 * e1;
     }
   }
   return g;
@@ -169,6 +196,8 @@ void mcProcOptimized::init(int32_t w, int32_t h) {
     gain[k] = static_cast<int32_t*>(mpmcAlloc(positions * sizeof(int32_t), 64));
     std::memset(bestVector[k], 0, positions * sizeof(uint16_t));
     std::memset(gain[k], 0, positions * sizeof(int32_t));
+    errorSum[k] = static_cast<int32_t*>(mpmcAlloc(positions * sizeof(int32_t), 64));
+    std::memset(errorSum[k], 0, positions * sizeof(int32_t));
     const size_t rows = std::max<size_t>(positionsY[k], 1);
     rowBestGain[k] = static_cast<int32_t*>(mpmcAlloc(rows * sizeof(int32_t)));
     rowBestPos[k] = static_cast<int32_t*>(mpmcAlloc(rows * sizeof(int32_t)));
@@ -179,6 +208,8 @@ void mcProcOptimized::init(int32_t w, int32_t h) {
 
 void mcProcOptimized::release() {
   for (int32_t k = 3; k >= 0; --k) {
+    mpmcFree(errorSum[k]);
+    errorSum[k] = nullptr;
     mpmcFree(rowBestPos[k]);
     mpmcFree(rowBestGain[k]);
     rowBestPos[k] = rowBestGain[k] = nullptr;
@@ -242,10 +273,11 @@ void mcProcOptimized::mcSearch() {
 
 void mcProcOptimized::mcSearchMonoThread() {
   if (lastMethod == 0) LevelZeroTables();
+  ErrorSums(0, work.x0, work.x1, work.y0, work.y1);
   for (int32_t y = work.y0; y < work.y1; y += 4)
     for (int32_t x = work.x0; x < work.x1; x += 4) {
       const int32_t pos = (y / 4) * gridW + x / 4;
-      gain[0][pos] = PositionGain(x, y, 4, bestVector[0][pos]);
+      gain[0][pos] = PositionGain(x, y, 4, bestVector[0][pos], errorSum[0][pos]);
     }
   RowBests(0, work.y0 / 4, work.y1 / 4);
   for (int32_t k = 1; k < 4; ++k) {
@@ -254,10 +286,11 @@ void mcProcOptimized::mcSearchMonoThread() {
     const int32_t ys = std::max(work.y0 - size + 4, 0), ye = std::min(height - size + 4, work.y1);
     if (xs >= xe || ys >= ye) continue;
     if (lastMethod == 0) LargerTables(k, xs / 4, xe / 4, ys / 4, ye / 4);
+    ErrorSums(k, xs, xe, ys, ye);
     for (int32_t y = ys; y < ye; y += 4)
       for (int32_t x = xs; x < xe; x += 4) {
         const int32_t pos = (y / 4) * positionsX[k] + x / 4;
-        gain[k][pos] = PositionGain(x, y, size, bestVector[k][pos]);
+        gain[k][pos] = PositionGain(x, y, size, bestVector[k][pos], errorSum[k][pos]);
       }
     RowBests(k, ys / 4, ye / 4);
   }
