@@ -26,7 +26,10 @@ int32_t width, height, gridW, gridH;
 int32_t refStride;
 uint8_t* refBytes;     // (width + 36) x (height + 36), margin 18, edges repeated
 uint8_t* targetBytes;  // clamp(source - mpImage)
-uint16_t* sadTable0;   // level 0: 1024 entries per position
+// SAD tables, 1024 entries per block position, kept for the last kRing grid rows of each level
+// (one table for level 3): a table is read only to make the next level and its best vector.
+constexpr int32_t kRing = 8;
+uint16_t* sadTable0;   // level 0
 uint32_t* sadTable[4]; // levels 1..3
 uint16_t* bestVector[4];
 int32_t* gain[4];
@@ -110,46 +113,57 @@ int32_t PositionGain(int32_t x, int32_t y, int32_t size, int32_t vector, int32_t
   return g;
 }
 
-void LevelZeroTables() {
-  const bool lastSingle = (work.x1 - work.x0) % 8 != 0;
-  for (int32_t y = work.y0; y < work.y1; y += 4) {
-    for (int32_t x = work.x0; x < work.x1; x += 4) {
-      const int32_t pos = (y / 4) * gridW + x / 4;
-      uint16_t* table = sadTable0 + static_cast<size_t>(pos) * 1024;
-      zycSadTable4x4(targetBytes + static_cast<size_t>(y) * width + x, width,
-                     refBytes + static_cast<size_t>(y + kRefMargin - 16) * refStride + x +
-                         kRefMargin - 16,
-                     refStride, table);
-      int32_t best = BestEntry(table);
-      // The single-block pass of the last column records the entry after the best one.
-      if (lastSingle && x + 4 == work.x1) best = std::min(best + 1, 1023);
-      bestVector[0][pos] = static_cast<uint16_t>(best);
-    }
+// The SAD tables of one grid row of level 0, for the whole width, and their best vectors.
+void LevelZeroRow(int32_t gy) {
+  const int32_t y = gy * 4;
+  const bool lastSingle = width % 8 != 0;
+  uint16_t* ring = sadTable0 + static_cast<size_t>(gy % kRing) * gridW * 1024;
+  for (int32_t x = 0; x < width; x += 4) {
+    uint16_t* table = ring + static_cast<size_t>(x / 4) * 1024;
+    zycSadTable4x4(targetBytes + static_cast<size_t>(y) * width + x, width,
+                   refBytes + static_cast<size_t>(y + kRefMargin - 16) * refStride + x + kRefMargin - 16,
+                   refStride, table);
+    int32_t best = BestEntry(table);
+    // The single-block pass of the last column records the entry after the best one.
+    if (lastSingle && x + 4 == width) best = std::min(best + 1, 1023);
+    bestVector[0][gy * gridW + x / 4] = static_cast<uint16_t>(best);
   }
 }
 
-void LargerTables(int32_t k, int32_t px0, int32_t px1, int32_t py0, int32_t py1) {
-  const int32_t half = 1 << (k - 1);  // child offset in grid steps
-  for (int32_t gy = py0; gy < py1; ++gy) {
-    for (int32_t gx = px0; gx < px1; ++gx) {
-      const int32_t pos = gy * positionsX[k] + gx;
-      uint32_t* out = sadTable[k] + static_cast<size_t>(pos) * 1024;
-      if (k == 1) {
-        const uint16_t* a = sadTable0 + static_cast<size_t>(gy * gridW + gx) * 1024;
-        const uint16_t* b = a + 1024;
-        const uint16_t* c = a + static_cast<size_t>(gridW) * 1024;
-        const uint16_t* d = c + 1024;
-        for (int32_t i = 0; i < 1024; ++i)
-          out[i] = static_cast<uint16_t>(a[i] + b[i] + c[i] + d[i]);
-      } else {
-        const int32_t stride = positionsX[k - 1];
-        const uint32_t* a = sadTable[k - 1] + static_cast<size_t>(gy * stride + gx) * 1024;
-        const uint32_t* b = a + static_cast<size_t>(half) * 1024;
-        const uint32_t* c = a + static_cast<size_t>(half) * stride * 1024;
-        const uint32_t* d = c + static_cast<size_t>(half) * 1024;
-        for (int32_t i = 0; i < 1024; ++i) out[i] = a[i] + b[i] + c[i] + d[i];
-      }
-      bestVector[k][pos] = static_cast<uint16_t>(BestEntry(out));
+// The tables of one grid row of level k from four tables of level k - 1 at half the block's
+// size apart, and their best vectors.
+void LargerRow(int32_t k, int32_t gy) {
+  const int32_t half = 1 << (k - 1);
+  const int32_t stride = positionsX[k - 1];
+  uint32_t* ring = k == 3 ? sadTable[3] : sadTable[k] + static_cast<size_t>(gy % kRing) * positionsX[k] * 1024;
+  for (int32_t gx = 0; gx < positionsX[k]; ++gx) {
+    uint32_t* out = k == 3 ? ring : ring + static_cast<size_t>(gx) * 1024;
+    if (k == 1) {
+      const uint16_t* a = sadTable0 + (static_cast<size_t>(gy % kRing) * stride + gx) * 1024;
+      const uint16_t* b = a + 1024;
+      const uint16_t* c = sadTable0 + (static_cast<size_t>((gy + 1) % kRing) * stride + gx) * 1024;
+      const uint16_t* d = c + 1024;
+      // Formed in 16 bits, stored in 32.
+      for (int32_t i = 0; i < 1024; ++i) out[i] = static_cast<uint16_t>(a[i] + b[i] + c[i] + d[i]);
+    } else {
+      const uint32_t* a = sadTable[k - 1] + (static_cast<size_t>(gy % kRing) * stride + gx) * 1024;
+      const uint32_t* b = a + static_cast<size_t>(half) * 1024;
+      const uint32_t* c = sadTable[k - 1] + (static_cast<size_t>((gy + half) % kRing) * stride + gx) * 1024;
+      const uint32_t* d = c + static_cast<size_t>(half) * 1024;
+      for (int32_t i = 0; i < 1024; ++i) out[i] = a[i] + b[i] + c[i] + d[i];
+    }
+    bestVector[k][gy * positionsX[k] + gx] = static_cast<uint16_t>(BestEntry(out));
+  }
+}
+
+// Every table of the plane, row by row: a level's row is made as soon as the rows of the level
+// below that it adds up exist, so that only the last kRing rows of each level are kept.
+void AllTables() {
+  for (int32_t r = 0; r < gridH + 7; ++r) {
+    if (r < gridH) LevelZeroRow(r);
+    for (int32_t k = 1; k < 4; ++k) {
+      const int32_t gy = r - ((1 << k) - 1);
+      if (gy >= 0 && gy < positionsY[k]) LargerRow(k, gy);
     }
   }
 }
@@ -188,10 +202,11 @@ void mcProcOptimized::init(int32_t w, int32_t h) {
     positionsX[k] = std::max(gridW - (1 << k) + 1, 0);
     positionsY[k] = std::max(gridH - (1 << k) + 1, 0);
     const size_t positions = std::max<size_t>(static_cast<size_t>(positionsX[k]) * positionsY[k], 1);
+    const size_t ringTables = k == 3 ? 1 : std::max<size_t>(static_cast<size_t>(positionsX[k]) * kRing, 1);
     if (k == 0)
-      sadTable0 = static_cast<uint16_t*>(mpmcAlloc(positions * 1024 * sizeof(uint16_t), 64));
+      sadTable0 = static_cast<uint16_t*>(mpmcAlloc(ringTables * 1024 * sizeof(uint16_t), 64));
     else
-      sadTable[k] = static_cast<uint32_t*>(mpmcAlloc(positions * 1024 * sizeof(uint32_t), 64));
+      sadTable[k] = static_cast<uint32_t*>(mpmcAlloc(ringTables * 1024 * sizeof(uint32_t), 64));
     bestVector[k] = static_cast<uint16_t*>(mpmcAlloc(positions * sizeof(uint16_t), 64));
     gain[k] = static_cast<int32_t*>(mpmcAlloc(positions * sizeof(int32_t), 64));
     std::memset(bestVector[k], 0, positions * sizeof(uint16_t));
@@ -272,7 +287,7 @@ void mcProcOptimized::mcSearch() {
 }
 
 void mcProcOptimized::mcSearchMonoThread() {
-  if (lastMethod == 0) LevelZeroTables();
+  if (lastMethod == 0) AllTables();
   ErrorSums(0, work.x0, work.x1, work.y0, work.y1);
   for (int32_t y = work.y0; y < work.y1; y += 4)
     for (int32_t x = work.x0; x < work.x1; x += 4) {
@@ -285,7 +300,6 @@ void mcProcOptimized::mcSearchMonoThread() {
     const int32_t xs = std::max(work.x0 - size + 4, 0), xe = std::min(width - size + 4, work.x1);
     const int32_t ys = std::max(work.y0 - size + 4, 0), ye = std::min(height - size + 4, work.y1);
     if (xs >= xe || ys >= ye) continue;
-    if (lastMethod == 0) LargerTables(k, xs / 4, xe / 4, ys / 4, ye / 4);
     ErrorSums(k, xs, xe, ys, ye);
     for (int32_t y = ys; y < ye; y += 4)
       for (int32_t x = xs; x < xe; x += 4) {
