@@ -11,6 +11,7 @@
 
 extern "C" int zylFuzz_container(const uint8_t* data, size_t size);
 extern "C" int zylFuzz_safeDecode(const uint8_t* data, size_t size);
+extern "C" int zylFuzz_quadTree(const uint8_t* data, size_t size);
 extern "C" int zylFuzz_planeStream(const uint8_t* data, size_t size);
 
 namespace {
@@ -46,4 +47,5 @@ TEST(FuzzReplay, ContainerInputsRunClean) { EXPECT_GE(Replay("container", zylFuz
 
 TEST(FuzzReplay, SafeDecodeInputsRunClean) { EXPECT_GE(Replay("safeDecode", zylFuzz_safeDecode), 3u); }
 
+TEST(FuzzReplay, QuadTreeInputsRunClean) { EXPECT_GE(Replay("quadTree", zylFuzz_quadTree), 3u); }
 TEST(FuzzReplay, PlaneStreamInputsRunClean) { EXPECT_GE(Replay("planeStream", zylFuzz_planeStream), 3u); }
