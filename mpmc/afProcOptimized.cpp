@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "base/consoleLog.h"
+#include "mpmc/mcProcOptimized.h"
 
 int32_t afProcOptimized::levelBestGain[4];
 uint32_t afProcOptimized::levelBestFit[4];
@@ -88,17 +89,9 @@ int16_t TruncTo16(float v) {
 int32_t PositionGain(int32_t x, int32_t y, int32_t size, uint32_t fit, int32_t error) {
   const int32_t a = static_cast<int32_t>(fit & 0xfff) - 1024;
   const int32_t b = static_cast<int32_t>(fit >> 12) - 256;
-  int32_t g = error;
-  for (int32_t j = 0; j < size; ++j) {
-    const int32_t* mp = mpIn->rows[y + j] + x;
-    const uint8_t* o = sourceIn->rows[y + j] + x;
-    const int32_t* r = paddedRef->rows[y + j + kPadMargin] + x + kPadMargin;
-    for (int32_t i = 0; i < size; ++i) {
-      const int32_t e1 = o[i] - Clamp255(mp[i] + ((a * r[i]) >> 8) + b);
-      g -= e1 * e1;
-    }
-  }
-  return g;
+  return error - zycAffineError(sourceIn->rows[y] + x, width, mpIn->rows[y] + x, mpIn->width,
+                                paddedRef->rows[y + kPadMargin] + x + kPadMargin, paddedRef->width,
+                                size, a, b);
 }
 
 }  // namespace

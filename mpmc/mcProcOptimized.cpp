@@ -14,6 +14,8 @@ int32_t mcProcOptimized::levelBestX[4];
 int32_t mcProcOptimized::levelBestY[4];
 
 zycSadTableFn zycSadTable4x4 = zycSadTable4x4Plain;
+zycMovedErrorFn zycMotionError = zycMotionErrorPlain;
+zycMovedErrorFn zycAffineError = zycAffineErrorPlain;
 Label* omcWindows[4];
 
 namespace {
@@ -100,17 +102,9 @@ int32_t BestEntry(const T* table) {
 // Gain of moving the reference at whole-pixel (dx, dy) into the block at (x, y), no window.
 int32_t PositionGain(int32_t x, int32_t y, int32_t size, int32_t vector, int32_t error) {
   const int32_t dx = (vector & 31) - 16, dy = (vector >> 5) - 16;
-  int32_t g = error;
-  for (int32_t j = 0; j < size; ++j) {
-    const int32_t* mp = mpIn->rows[y + j] + x;
-    const uint8_t* o = sourceIn->rows[y + j] + x;
-    const int32_t* r = paddedRef->rows[y + j + dy + kPadMargin] + x + dx + kPadMargin;
-    for (int32_t i = 0; i < size; ++i) {
-      const int32_t e1 = o[i] - Clamp255(mp[i] + r[i]);
-      g -= e1 * e1;
-    }
-  }
-  return g;
+  return error - zycMotionError(sourceIn->rows[y] + x, width, mpIn->rows[y] + x, mpIn->width,
+                                paddedRef->rows[y + dy + kPadMargin] + x + dx + kPadMargin,
+                                paddedRef->width, size, 256, 0);
 }
 
 // The SAD tables of one grid row of level 0, for the whole width, and their best vectors.
@@ -169,6 +163,28 @@ void AllTables() {
 }
 
 }  // namespace
+
+int32_t zycMotionErrorPlain(const uint8_t* o, int32_t oStride, const int32_t* mp, int32_t mpStride,
+                            const int32_t* r, int32_t rStride, int32_t size, int32_t, int32_t) {
+  int32_t e = 0;
+  for (int32_t j = 0; j < size; ++j, o += oStride, mp += mpStride, r += rStride)
+    for (int32_t i = 0; i < size; ++i) {
+      const int32_t d = o[i] - Clamp255(mp[i] + r[i]);
+      e += d * d;
+    }
+  return e;
+}
+
+int32_t zycAffineErrorPlain(const uint8_t* o, int32_t oStride, const int32_t* mp, int32_t mpStride,
+                            const int32_t* r, int32_t rStride, int32_t size, int32_t a, int32_t b) {
+  int32_t e = 0;
+  for (int32_t j = 0; j < size; ++j, o += oStride, mp += mpStride, r += rStride)
+    for (int32_t i = 0; i < size; ++i) {
+      const int32_t d = o[i] - Clamp255(mp[i] + ((a * r[i]) >> 8) + b);
+      e += d * d;
+    }
+  return e;
+}
 
 void zycSadTable4x4Plain(const uint8_t* target, int32_t targetStride, const uint8_t* ref,
                          int32_t refStride, uint16_t* out) {

@@ -5,15 +5,21 @@
 bool zycSelectPlaneKernels(zycPlaneKernelSet set) {
   zycSadTable4x4 = zycSadTable4x4Plain;
   zycFilterBank = zycFilterBankPlain;
+  zycMotionError = zycMotionErrorPlain;
+  zycAffineError = zycAffineErrorPlain;
 #if !defined(ZYL_NO_SIMD) && defined(__x86_64__)
   if (set == kPlaneKernelsSse2 && zycCpuHasSse2()) {
     zycSadTable4x4 = zycSadTable4x4Sse2;
     zycFilterBank = zycFilterBankSse2;
+    zycMotionError = zycMotionErrorSse2;
+    zycAffineError = zycAffineErrorSse2;
     return true;
   }
   if (set == kPlaneKernelsAvx2 && zycCpuHasAvx2()) {
     zycSadTable4x4 = zycSadTable4x4Avx2;
     zycFilterBank = zycFilterBankSse2;
+    zycMotionError = zycMotionErrorSse2;
+    zycAffineError = zycAffineErrorSse2;
     return true;
   }
 #endif

@@ -39,6 +39,69 @@ void zycSadTable4x4Sse2(const uint8_t* target, int32_t targetStride, const uint8
   }
 }
 
+namespace {
+
+// Eight (or, with `four`, four) pixels of a row: o, mp and r widened or narrowed to 16 bits.
+template <bool kAffine>
+inline __m128i RowError(const uint8_t* o, const int32_t* mp, const int32_t* r, bool four, __m128i a,
+                        __m128i b) {
+  const __m128i zero = _mm_setzero_si128();
+  __m128i ov, mv, rv;
+  if (four) {
+    ov = _mm_unpacklo_epi8(Load4(o), zero);
+    mv = _mm_packs_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(mp)), zero);
+    rv = _mm_packs_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(r)), zero);
+  } else {
+    ov = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(o)), zero);
+    mv = _mm_packs_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(mp)),
+                         _mm_loadu_si128(reinterpret_cast<const __m128i*>(mp + 4)));
+    rv = _mm_packs_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(r)),
+                         _mm_loadu_si128(reinterpret_cast<const __m128i*>(r + 4)));
+  }
+  if constexpr (kAffine) {
+    // (a * r) >> 8 in 32 bits, back to 16: a is 12 bits and r 8 bits, the result fits.
+    const __m128i lo = _mm_mullo_epi16(rv, a), hi = _mm_mulhi_epi16(rv, a);
+    const __m128i p0 = _mm_srai_epi32(_mm_unpacklo_epi16(lo, hi), 8);
+    const __m128i p1 = _mm_srai_epi32(_mm_unpackhi_epi16(lo, hi), 8);
+    rv = _mm_add_epi16(_mm_packs_epi32(p0, p1), b);
+    if (four) rv = _mm_unpacklo_epi64(rv, zero);
+  }
+  __m128i t = _mm_add_epi16(mv, rv);
+  t = _mm_min_epi16(_mm_max_epi16(t, zero), _mm_set1_epi16(255));
+  const __m128i d = _mm_sub_epi16(ov, t);
+  return _mm_madd_epi16(d, d);
+}
+
+template <bool kAffine>
+int32_t MovedError(const uint8_t* o, int32_t oStride, const int32_t* mp, int32_t mpStride,
+                   const int32_t* r, int32_t rStride, int32_t size, int32_t a, int32_t b) {
+  const __m128i av = _mm_set1_epi16(static_cast<int16_t>(a)), bv = _mm_set1_epi16(static_cast<int16_t>(b));
+  __m128i acc = _mm_setzero_si128();
+  for (int32_t j = 0; j < size; ++j, o += oStride, mp += mpStride, r += rStride) {
+    if (size == 4) {
+      acc = _mm_add_epi32(acc, RowError<kAffine>(o, mp, r, true, av, bv));
+    } else {
+      for (int32_t i = 0; i < size; i += 8)
+        acc = _mm_add_epi32(acc, RowError<kAffine>(o + i, mp + i, r + i, false, av, bv));
+    }
+  }
+  acc = _mm_add_epi32(acc, _mm_srli_si128(acc, 8));
+  acc = _mm_add_epi32(acc, _mm_srli_si128(acc, 4));
+  return _mm_cvtsi128_si32(acc);
+}
+
+}  // namespace
+
+int32_t zycMotionErrorSse2(const uint8_t* o, int32_t oStride, const int32_t* mp, int32_t mpStride,
+                           const int32_t* r, int32_t rStride, int32_t size, int32_t a, int32_t b) {
+  return MovedError<false>(o, oStride, mp, mpStride, r, rStride, size, a, b);
+}
+
+int32_t zycAffineErrorSse2(const uint8_t* o, int32_t oStride, const int32_t* mp, int32_t mpStride,
+                           const int32_t* r, int32_t rStride, int32_t size, int32_t a, int32_t b) {
+  return MovedError<true>(o, oStride, mp, mpStride, r, rStride, size, a, b);
+}
+
 void zycFilterBankSse2(const zycFilterArea& a, const int16_t* dict) {
   const int32_t areaW = a.x1 - a.x0;
   const int32_t areaH = a.y1 - a.y0;
