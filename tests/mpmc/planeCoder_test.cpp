@@ -149,6 +149,26 @@ TEST(PlaneCoder, LevelCostsCarryTheSwapFromOneParameterToTheNext) {
   for (int32_t c = 0; c < 16; ++c) EXPECT_EQ(costs[c], expected[c]) << c;
 }
 
+TEST(PlaneCoder, RunningAtomBitsMatchAScanOfAllAtoms) {
+  testing::internal::CaptureStdout();
+  mpmcafBeginJob(64, 48);
+  testing::internal::GetCapturedStdout();
+  mpProcOptimized::reset();
+  // (x, y, level): ties, level 0 atoms, new smallest magnitudes, atoms before the first and
+  // after the last, negative levels.
+  const int32_t list[][3] = {{10, 10, 3},  {5, 2, -7},  {10, 10, 2}, {0, 0, 0},   {63, 47, 1},
+                             {30, 20, 0},  {31, 20, -1}, {0, 0, 12}, {12, 10, 5}, {30, 20, 4},
+                             {11, 10, -2}, {62, 47, 9},  {1, 0, 1},  {40, 5, 100}};
+  for (const auto& a : list) {
+    atoms[atomCount] = mpAtom{a[0], a[1], 0, 0, 0.0, a[2]};
+    sortedAtoms[atomCount] = &atoms[atomCount];
+    EXPECT_EQ(atomBits(atomCount), zycAtomBitsScan(atomCount)) << a[0] << "," << a[1];
+    sortInAtom();
+  }
+  EXPECT_EQ(atomBitsTotal, zycAtomBitsScan(atomCount - 1));
+  mpmcafEndJob();
+}
+
 TEST(PlaneCoder, AffineFitsOfFlatAndSteepBlocks) {
   // (sums over n pixels) -> packed (b + 256) * 4096 + (a + 1024)
   const struct { uint32_t sr, st, srr, srt, n, packed; } cases[] = {
