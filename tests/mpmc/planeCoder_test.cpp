@@ -8,6 +8,7 @@
 #include "mpmc/mcproc.h"
 #include "mpmc/mpProcOptimized.h"
 #include "mpmc/planeKernels.h"
+#include "mpmc/planeWriter.h"
 #include "stream/planeReader.h"
 #include "tests/mpmc/planeTestSupport.h"
 
