@@ -15,6 +15,8 @@ int32_t mcProcOptimized::levelBestY[4];
 
 zycSadTableFn zycSadTable4x4 = zycSadTable4x4Plain;
 zycMovedErrorFn zycMotionError = zycMotionErrorPlain;
+zycBestEntry16Fn zycBestEntry16 = zycBestEntry16Plain;
+zycBestEntry32Fn zycBestEntry32 = zycBestEntry32Plain;
 zycMovedErrorFn zycAffineError = zycAffineErrorPlain;
 Label* omcWindows[4];
 
@@ -117,7 +119,7 @@ void LevelZeroRow(int32_t gy) {
     zycSadTable4x4(targetBytes + static_cast<size_t>(y) * width + x, width,
                    refBytes + static_cast<size_t>(y + kRefMargin - 16) * refStride + x + kRefMargin - 16,
                    refStride, table);
-    int32_t best = BestEntry(table);
+    int32_t best = zycBestEntry16(table);
     // The single-block pass of the last column records the entry after the best one.
     if (lastSingle && x + 4 == width) best = std::min(best + 1, 1023);
     bestVector[0][gy * gridW + x / 4] = static_cast<uint16_t>(best);
@@ -146,7 +148,7 @@ void LargerRow(int32_t k, int32_t gy) {
       const uint32_t* d = c + static_cast<size_t>(half) * 1024;
       for (int32_t i = 0; i < 1024; ++i) out[i] = a[i] + b[i] + c[i] + d[i];
     }
-    bestVector[k][gy * positionsX[k] + gx] = static_cast<uint16_t>(BestEntry(out));
+    bestVector[k][gy * positionsX[k] + gx] = static_cast<uint16_t>(zycBestEntry32(out));
   }
 }
 
@@ -163,6 +165,9 @@ void AllTables() {
 }
 
 }  // namespace
+
+int32_t zycBestEntry16Plain(const uint16_t* table) { return BestEntry(table); }
+int32_t zycBestEntry32Plain(const uint32_t* table) { return BestEntry(table); }
 
 int32_t zycMotionErrorPlain(const uint8_t* o, int32_t oStride, const int32_t* mp, int32_t mpStride,
                             const int32_t* r, int32_t rStride, int32_t size, int32_t, int32_t) {

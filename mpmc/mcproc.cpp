@@ -131,6 +131,13 @@ double mcaf_proc(const mpmcParam* p, const McRect& changedRect) {
               blockBits(blockCount);
   if (entry.type == 0) {
     if (p->halfPel) {
+      // Ratios already found, by half-pel offset from the first centre (-2 .. 2 each way): a
+      // position tried twice gives the same ratio, so it is looked up instead.
+      double tried[5][5];
+      bool known[5][5] = {};
+      tried[2][2] = bestRatio;
+      known[2][2] = true;
+      const float startX = entry.dx, startY = entry.dy;
       float centreX = entry.dx, centreY = entry.dy;
       for (int32_t round = 0; round < 2; ++round) {
         float bestX = centreX, bestY = centreY;
@@ -140,12 +147,17 @@ double mcaf_proc(const mpmcParam* p, const McRect& changedRect) {
             if (nx < -p->searchRange || nx >= p->searchRange || ny < -p->searchRange ||
                 ny >= p->searchRange)
               continue;
-            entry.dx = nx;
-            entry.dy = ny;
-            const double ratio = static_cast<double>(applyBlock(&entry, mcImage, nullptr, nullptr, &rect, -1)) /
-                                 blockBits(blockCount);
-            if (ratio > bestRatio) {
-              bestRatio = ratio;
+            const int32_t ix = static_cast<int32_t>((nx - startX) * 2.0f) + 2;
+            const int32_t iy = static_cast<int32_t>((ny - startY) * 2.0f) + 2;
+            if (!known[iy][ix]) {
+              entry.dx = nx;
+              entry.dy = ny;
+              tried[iy][ix] = static_cast<double>(applyBlock(&entry, mcImage, nullptr, nullptr, &rect, -1)) /
+                              blockBits(blockCount);
+              known[iy][ix] = true;
+            }
+            if (tried[iy][ix] > bestRatio) {
+              bestRatio = tried[iy][ix];
               bestX = nx;
               bestY = ny;
             }

@@ -7,12 +7,16 @@ bool zycSelectPlaneKernels(zycPlaneKernelSet set) {
   zycFilterBank = zycFilterBankPlain;
   zycMotionError = zycMotionErrorPlain;
   zycAffineError = zycAffineErrorPlain;
+  zycBestEntry16 = zycBestEntry16Plain;
+  zycBestEntry32 = zycBestEntry32Plain;
 #if !defined(ZYL_NO_SIMD) && defined(__x86_64__)
   if (set == kPlaneKernelsSse2 && zycCpuHasSse2()) {
     zycSadTable4x4 = zycSadTable4x4Sse2;
     zycFilterBank = zycFilterBankSse2;
     zycMotionError = zycMotionErrorSse2;
     zycAffineError = zycAffineErrorSse2;
+    zycBestEntry16 = zycBestEntry16Sse2;
+    zycBestEntry32 = zycBestEntry32Sse2;
     return true;
   }
   if (set == kPlaneKernelsAvx2 && zycCpuHasAvx2()) {
@@ -20,6 +24,8 @@ bool zycSelectPlaneKernels(zycPlaneKernelSet set) {
     zycFilterBank = zycFilterBankSse2;
     zycMotionError = zycMotionErrorSse2;
     zycAffineError = zycAffineErrorSse2;
+    zycBestEntry16 = zycBestEntry16Sse2;
+    zycBestEntry32 = zycBestEntry32Sse2;
     return true;
   }
 #endif

@@ -102,6 +102,40 @@ int32_t zycAffineErrorSse2(const uint8_t* o, int32_t oStride, const int32_t* mp,
   return MovedError<true>(o, oStride, mp, mpStride, r, rStride, size, a, b);
 }
 
+// The smallest value by vector minima, then its first index by comparison masks.
+int32_t zycBestEntry16Sse2(const uint16_t* table) {
+  const __m128i* t = reinterpret_cast<const __m128i*>(table);
+  __m128i m = _mm_loadu_si128(t);
+  for (int32_t i = 1; i < 128; ++i) m = _mm_min_epi16(m, _mm_loadu_si128(t + i));  // values < 2^15
+  m = _mm_min_epi16(m, _mm_srli_si128(m, 8));
+  m = _mm_min_epi16(m, _mm_srli_si128(m, 4));
+  m = _mm_min_epi16(m, _mm_srli_si128(m, 2));
+  const __m128i lowest = _mm_set1_epi16(static_cast<int16_t>(_mm_cvtsi128_si32(m)));
+  for (int32_t i = 0; i < 128; ++i) {
+    const int32_t mask = _mm_movemask_epi8(_mm_cmpeq_epi16(_mm_loadu_si128(t + i), lowest));
+    if (mask) return i * 8 + __builtin_ctz(static_cast<uint32_t>(mask)) / 2;
+  }
+  return 0;
+}
+
+int32_t zycBestEntry32Sse2(const uint32_t* table) {
+  const __m128i* t = reinterpret_cast<const __m128i*>(table);
+  auto min32 = [](__m128i a, __m128i b) {  // signed: values < 2^31
+    const __m128i greater = _mm_cmpgt_epi32(a, b);
+    return _mm_or_si128(_mm_and_si128(greater, b), _mm_andnot_si128(greater, a));
+  };
+  __m128i m = _mm_loadu_si128(t);
+  for (int32_t i = 1; i < 256; ++i) m = min32(m, _mm_loadu_si128(t + i));
+  m = min32(m, _mm_srli_si128(m, 8));
+  m = min32(m, _mm_srli_si128(m, 4));
+  const __m128i lowest = _mm_shuffle_epi32(m, 0);
+  for (int32_t i = 0; i < 256; ++i) {
+    const int32_t mask = _mm_movemask_epi8(_mm_cmpeq_epi32(_mm_loadu_si128(t + i), lowest));
+    if (mask) return i * 4 + __builtin_ctz(static_cast<uint32_t>(mask)) / 4;
+  }
+  return 0;
+}
+
 void zycFilterBankSse2(const zycFilterArea& a, const int16_t* dict) {
   const int32_t areaW = a.x1 - a.x0;
   const int32_t areaH = a.y1 - a.y0;
