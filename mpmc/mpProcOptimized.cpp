@@ -214,6 +214,7 @@ void mpProcOptimized::freeOptimizedDict() {
 
 void mpProcOptimized::buildAtomArrays(int32_t count) {
   atoms = static_cast<mpAtom*>(mpmcAlloc(static_cast<size_t>(count) * sizeof(mpAtom)));
+  std::memset(atoms, 0, static_cast<size_t>(count) * sizeof(mpAtom));
   sortedAtoms = static_cast<mpAtom**>(mpmcAlloc(static_cast<size_t>(count) * sizeof(mpAtom*)));
   bitsPositions = static_cast<int32_t*>(mpmcAlloc(static_cast<size_t>(count + 1) * sizeof(int32_t)));
   bitsMagnitudes = static_cast<int32_t*>(mpmcAlloc(static_cast<size_t>(count + 1) * sizeof(int32_t)));
