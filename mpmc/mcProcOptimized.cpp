@@ -389,6 +389,38 @@ int32_t applyBlock(const McBlock* block, Label* mc, Label* mp, const mpmcParam* 
     fy = hy & 1;
   }
   int32_t g = 0;
+  // The estimate over all pixels of a block whose reads stay inside paddedRef, as the loop below
+  // computes it, in tight loops: mcImage holds blends of pixels, 0..255, so 32 bits suffice.
+  if (!applying && label < 0 &&
+      (block->type != 0 || (y0 + kPadMargin + iy >= 0 && y1 - 1 + kPadMargin + iy + fy < padH &&
+                            x0 + kPadMargin + ix >= 0 && x1 - 1 + kPadMargin + ix + fx < padW))) {
+    for (int32_t y = y0; y < y1; ++y) {
+      const int32_t* wrow = window->rows[y - (block->y - ov)] - (block->x - ov);
+      const int32_t* c = mc->rows[y];
+      const int32_t* t = targetImage->rows[y];
+      const int32_t* e = errorImage->rows[y];
+      if (block->type == 0) {
+        const int32_t* r0 = paddedRef->rows[y + kPadMargin + iy] + kPadMargin + ix;
+        const int32_t* r1 = paddedRef->rows[y + kPadMargin + iy + fy] + kPadMargin + ix;
+        for (int32_t x = x0; x < x1; ++x) {
+          const int32_t v = (r0[x] + r0[x + fx] + r1[x] + r1[x + fx] + 2) >> 2;
+          const int32_t blended = (v * wrow[x] + (65536 - wrow[x]) * c[x] + 32768) >> 16;
+          const int32_t d = blended - t[x];
+          g += e[x] - d * d;
+        }
+      } else {
+        const int32_t* r = paddedRef->rows[y + kPadMargin] + kPadMargin;
+        const int32_t a = block->a, b = block->b;
+        for (int32_t x = x0; x < x1; ++x) {
+          const int32_t v = Clamp255(((a * r[x]) >> 8) + b);
+          const int32_t blended = static_cast<int16_t>((v * wrow[x] + (65536 - wrow[x]) * c[x] + 32768) >> 16);
+          const int32_t d = blended - t[x];
+          g += e[x] - d * d;
+        }
+      }
+    }
+    return g;
+  }
   for (int32_t y = y0; y < y1; ++y) {
     const int32_t* wrow = window->rows[y - (block->y - ov)] - (block->x - ov);
     int32_t* c = mc->rows[y];
