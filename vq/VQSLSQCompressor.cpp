@@ -366,6 +366,7 @@ VQSLSQCompressor::VQSLSQCompressor(bool sse)
 }
 
 VQSLSQCompressor::~VQSLSQCompressor() {
+  clearChain();
   std::free(currentImage);
   std::free(scratch);
 }
@@ -377,9 +378,7 @@ uint32_t VQSLSQCompressor::compress(const uint8_t* image, uint32_t width, uint32
 
   // Powers, a fresh chain, working arrays.
   slsqFillPowers(powers.get());
-  tableCount = 0;
-  tableBytes = 0;
-  droppedBytes = 0;
+  clearChain();
   pendingReset = 0;
   const uint32_t blocksX = width / 8, blocksY = height / 8;
   const uint32_t blockCount = blocksX * blocksY;
@@ -547,8 +546,12 @@ uint32_t VQSLSQCompressor::compress(const uint8_t* image, uint32_t width, uint32
   std::memcpy(currentImage, out, total);
   currentImageSize = total;
 
-  // The chain restarts at this image: its codebook is the first table of the ring.
+  // The chain restarts at this image: its codebook is the first table of the ring, which the
+  // decoder fills from its start.
   tableBytes = codebookTableBytes;
+  stillInChain = true;
+  ringBytes = tableLimit;
+  ringWritePos = codebookTableBytes;
 
   stats.blockCount = blockCount;
   stats.slsqBlocks = slsqBlocks;

@@ -12,6 +12,7 @@
 #include "encoder/zycEncoder.h"
 #include "stream/container.h"
 #include "stream/framePayload.h"
+#include "stream/safeReader.h"
 #include "tests/encoder/movieCheck.h"
 #include "tests/support/imageLoad.h"
 #include "tests/support/testMedia.h"
@@ -544,13 +545,65 @@ TEST(Encoder, CodesWithoutAnOpenOutput) {
   image.pixels = nullptr;
 }
 
-TEST(Encoder, RefusesTableBlocksWithoutWriting) {
-  zylTestPicture p = Crop(Coffee(), 0, 0, 32, 32);
-  EncodeRun run("refuseTable");
-  run.encoder.pFrameFormat = 1;
-  EXPECT_NE(run.Begin(p), 0);
-  EXPECT_TRUE(run.FileBytes().empty());
+// Reads a movie with the reader for foreign files: no problem anywhere, and its last picture is
+// `reconstructed`.
+void ExpectSafeReaderAgrees(const std::vector<uint8_t>& bytes, const uint8_t* reconstructed,
+                            size_t pictureBytes) {
+  zycSafeReader reader;
+  ASSERT_TRUE(reader.OpenMemory(bytes.data(), bytes.size(), "table.zyl")) << reader.error();
+  std::vector<uint8_t> last;
+  for (;;) {
+    const zycSafeStatus status = reader.NextFrame();
+    if (status == zycSafeStatus::end) break;
+    ASSERT_EQ(status, zycSafeStatus::decoded) << reader.frameError();
+    last = reader.picture();
+  }
+  ASSERT_EQ(last.size(), pictureBytes);
+  for (size_t i = 0; i < pictureBytes; i += 4)
+    ASSERT_EQ(0, std::memcmp(&last[i], reconstructed + i, 3)) << "pixel " << i / 4;
 }
+
+struct TableCase {
+  const char* clip;
+  uint32_t ratio;
+  uint32_t iFrameFormat;
+  uint32_t packing;
+};
+
+class TableFrames : public ::testing::TestWithParam<TableCase> {};
+
+// Table frames of real clips: every frame decodes to the encoder's reconstruction after every
+// frame, the colour blocks come from the table item and the tree holds no fade node.
+TEST_P(TableFrames, RealClipDecodesToTheReconstruction) {
+  const TableCase& c = GetParam();
+  auto frames = Clip(c.clip, 6, 160, 120);
+  ASSERT_EQ(frames.size(), 6u);
+  EncodeRun run("table");
+  run.encoder.pFrameFormat = 1;
+  run.encoder.ratio = c.ratio;
+  run.encoder.iFrameFormat = c.iFrameFormat;
+  run.encoder.packing = c.packing;
+  run.encoder.vqLimit = 230400;
+  ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
+  uint32_t tableFrames = 0;
+  for (size_t i = 1; i < frames.size(); ++i) {
+    run.Next(frames[i]);
+    if (HasFatalFailure()) return;
+    const uint8_t flags = run.movie.frameFlags.back();
+    EXPECT_FALSE(flags & (kFrameFlagColour | kFrameFlagFade)) << "frame " << i;
+    if (flags & kFrameFlagTable) ++tableFrames;
+  }
+  EXPECT_GE(tableFrames, 3u);
+  ExpectSafeReaderAgrees(run.FileBytes(), run.encoder.Reconstructed(),
+                         size_t(run.encoder.PaddedWidth()) * run.encoder.PaddedHeight() * 4);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Encoder, TableFrames,
+    ::testing::Values(TableCase{"walkers_768x576_10fps_120f.mkv", 100, 0, 0},
+                      TableCase{"walkers_768x576_10fps_120f.mkv", 30, 1, 0},
+                      TableCase{"tree_320x240_15fps_cinepak.avi", 30, 0, 1},
+                      TableCase{"handheld_box_640x480_30fps_sound.mp4", 100, 1, 1}));
 
 TEST(Encoder, RefusesLzmaWithPhoneSoundWithoutWriting) {
   zylTestPicture p = Crop(Coffee(), 0, 0, 32, 32);
