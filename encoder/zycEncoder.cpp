@@ -545,14 +545,6 @@ int32_t zycEncoder::Begin(zycStreamHeader& header, const zylFrameImage& image,
                           zylProgress* progress, const zylKeyframeRange* plan) {
   End();
   State& s = *state_;
-  if (iFrameFormat != 0 && ((header.width + 15) & ~15u) > 1024) {
-    if (verbose) zycLog("Still image key frames are at most 1024 pixels wide or high\n");
-    return 1;
-  }
-  if (iFrameFormat != 0 && ((header.height + 15) & ~15u) > 1024) {
-    if (verbose) zycLog("Still image key frames are at most 1024 pixels wide or high\n");
-    return 1;
-  }
   // Headers of versions 1 to 3 carry two words where the packing byte stands, so a reader
   // takes their sections as deflate.
   if (packing != 0 && zycTailHoldsWords(header.version)) {

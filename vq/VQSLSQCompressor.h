@@ -43,7 +43,7 @@ class VQSLSQCompressor {
   VQSLSQCompressor& operator=(const VQSLSQCompressor&) = delete;
 
   // Compresses `image` (packed 3-byte pixels, width x height, rows top first; width and height
-  // multiples of 8 and at most 1024) into one image block of about `targetSize` bytes, written
+  // multiples of 8; surfaces take positions modulo 1024 as the decoder does) into one image block of about `targetSize` bytes, written
   // to `result`. Returns the size. The object keeps its own copy (imageBlock()), and the table
   // chain restarts at it: tableLimit rises to at least codebookCount * 48 + 480.
   uint32_t compress(const uint8_t* image, uint32_t width, uint32_t height, int32_t targetSize,
@@ -98,6 +98,9 @@ class VQSLSQCompressor {
     uint32_t rounds = 0;
     uint32_t oldHits = 0;     // blocks served by old vectors in the end
     uint32_t totalBytes = 0;
+    // Sum over the blocks of the squared distance to the vector each index means, as the
+    // compressor sees the ring.
+    double squaredError = 0.0;
   };
   const PFrameStatistics& pFrameStatistics() const { return pStats; }
 
@@ -122,7 +125,7 @@ class VQSLSQCompressor {
   uint32_t currentImageSize = 0;
   uint8_t* scratch = nullptr;       // 131072 bytes
   bool useSse;
-  std::unique_ptr<double[]> powers;  // powers[i * 5 + k] = i^k, i < 1024, k < 5
+  std::vector<double> powers;  // powers[i * 5 + k] = (i mod 1024)^k, k < 5
   std::unique_ptr<VQCodebook> vqCodebook;
   VQSLSQStatistics stats;
   PFrameStatistics pStats;

@@ -215,6 +215,7 @@ uint32_t VQSLSQCompressor::compressPFrame(const uint8_t* blocks, uint32_t blockC
   // on what really needs it, and lets them back step by step.
   std::vector<uint8_t> matched(blockCount, 0);
   std::vector<uint32_t> index(blockCount, 0);
+  std::vector<float> chosenDistance(blockCount, 0.0f);
   std::vector<float> training;
   std::vector<uint8_t> newDxt;       // the new entries as DXT1 blocks
   std::unique_ptr<VQCodebook> newBook;  // the new entries as the decoder expands them
@@ -292,16 +293,19 @@ uint32_t VQSLSQCompressor::compressPFrame(const uint8_t* blocks, uint32_t blockC
       float best = haveBest ? oldDistance[b] * scale : 0.0f;
       uint32_t bestIndex = oldIndex[b];
       bool bestOld = haveBest;
+      float newDistance = 0.0f;
       if (newCount) {
         // The codebook's tie rule, the lower number, is the rule among new vectors too.
         float d;
         const uint32_t k = newBook->nearest(v, &d);
         if (!haveBest || d < best) {
+          newDistance = d;
           bestIndex = oldCount + k;
           bestOld = false;
         }
       }
       index[b] = bestIndex;
+      chosenDistance[b] = bestOld ? oldDistance[b] : newDistance;
       if (bestOld) {
         ++hits;
         if (!matched[b]) {
@@ -367,6 +371,7 @@ uint32_t VQSLSQCompressor::compressPFrame(const uint8_t* blocks, uint32_t blockC
   pStats.rounds = rounds;
   pStats.oldHits = finalHits;
   pStats.totalBytes = total;
+  for (uint32_t b = 0; b < blockCount; ++b) pStats.squaredError += chosenDistance[b];
 
   if (verbose) {
     const uint32_t raw = blockCount * kEntryBytes;
