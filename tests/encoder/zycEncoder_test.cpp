@@ -130,6 +130,24 @@ std::vector<zylTestPicture> Clip(const char* name, int count, int w, int h) {
   return zylDecodeVideoFrames(zylMediaPath(name), count, w, h);
 }
 
+// Reads a movie with the reader for foreign files: no problem anywhere, and its last picture is
+// `reconstructed`.
+void ExpectSafeReaderAgrees(const std::vector<uint8_t>& bytes, const uint8_t* reconstructed,
+                            size_t pictureBytes) {
+  zycSafeReader reader;
+  ASSERT_TRUE(reader.OpenMemory(bytes.data(), bytes.size(), "table.zyl")) << reader.error();
+  std::vector<uint8_t> last;
+  for (;;) {
+    const zycSafeStatus status = reader.NextFrame();
+    if (status == zycSafeStatus::end) break;
+    ASSERT_EQ(status, zycSafeStatus::decoded) << reader.frameError();
+    last = reader.picture();
+  }
+  ASSERT_EQ(last.size(), pictureBytes);
+  for (size_t i = 0; i < pictureBytes; i += 4)
+    ASSERT_EQ(0, std::memcmp(&last[i], reconstructed + i, 3)) << "pixel " << i / 4;
+}
+
 TEST(Encoder, RealClipDecodesToTheReconstructionAfterEveryFrame) {
   auto frames = Clip("tree_320x240_15fps_cinepak.avi", 6, 160, 120);
   ASSERT_EQ(frames.size(), 6u);
@@ -469,6 +487,32 @@ TEST(Encoder, HeaderTailHoldsPackingAndParametersOrTheTwoWords) {
   }
 }
 
+// Headers of versions 1 to 3 have no packing byte, so readers take their sections as deflate:
+// the encoder refuses LZMA with them before writing anything; every other pair is read back by
+// both readers.
+TEST(Encoder, EveryHeaderVersionAndPackingIsReadBackOrRefused) {
+  auto frames = Clip("tree_320x240_15fps_cinepak.avi", 2, 64, 48);
+  ASSERT_EQ(frames.size(), 2u);
+  for (uint32_t version = 0; version <= 4; ++version) {
+    for (uint32_t packing = 0; packing <= 1; ++packing) {
+      SCOPED_TRACE("version " + std::to_string(version) + " packing " + std::to_string(packing));
+      EncodeRun run("version" + std::to_string(version) + "_" + std::to_string(packing));
+      run.version = version;
+      run.encoder.packing = packing;
+      const bool refused = packing == 1 && version >= 1 && version <= 3;
+      if (refused) {
+        EXPECT_NE(run.Begin(frames[0], 15.0), 0);
+        EXPECT_TRUE(run.FileBytes().empty());
+        continue;
+      }
+      ASSERT_EQ(run.Begin(frames[0], 15.0), 0);
+      run.Next(frames[1]);
+      ExpectSafeReaderAgrees(run.FileBytes(), run.encoder.Reconstructed(),
+                             size_t(run.encoder.PaddedWidth()) * run.encoder.PaddedHeight() * 4);
+    }
+  }
+}
+
 TEST(Encoder, TwoByteMotionIndicesSetTheHeaderFlagAndDecode) {
   auto frames = Clip("walkers_768x576_10fps_120f.mkv", 2, 32, 32);
   ASSERT_EQ(frames.size(), 2u);
@@ -547,24 +591,6 @@ TEST(Encoder, CodesWithoutAnOpenOutput) {
   image.pixels = nullptr;
 }
 
-// Reads a movie with the reader for foreign files: no problem anywhere, and its last picture is
-// `reconstructed`.
-void ExpectSafeReaderAgrees(const std::vector<uint8_t>& bytes, const uint8_t* reconstructed,
-                            size_t pictureBytes) {
-  zycSafeReader reader;
-  ASSERT_TRUE(reader.OpenMemory(bytes.data(), bytes.size(), "table.zyl")) << reader.error();
-  std::vector<uint8_t> last;
-  for (;;) {
-    const zycSafeStatus status = reader.NextFrame();
-    if (status == zycSafeStatus::end) break;
-    ASSERT_EQ(status, zycSafeStatus::decoded) << reader.frameError();
-    last = reader.picture();
-  }
-  ASSERT_EQ(last.size(), pictureBytes);
-  for (size_t i = 0; i < pictureBytes; i += 4)
-    ASSERT_EQ(0, std::memcmp(&last[i], reconstructed + i, 3)) << "pixel " << i / 4;
-}
-
 struct TableCase {
   const char* clip;
   uint32_t ratio;
@@ -606,6 +632,45 @@ INSTANTIATE_TEST_SUITE_P(
                       TableCase{"walkers_768x576_10fps_120f.mkv", 30, 1, 0},
                       TableCase{"tree_320x240_15fps_cinepak.avi", 30, 0, 1},
                       TableCase{"handheld_box_640x480_30fps_sound.mp4", 100, 1, 1}));
+
+// A small block table over a longer clip with a hard cut: the ring fills and wraps, old
+// entries fall out, and every frame still decodes to the encoder's reconstruction.
+TEST(Encoder, TableRingWrapsThroughAHardCut) {
+  auto frames = Clip("walkers_768x576_10fps_120f.mkv", 10, 160, 120);
+  ASSERT_EQ(frames.size(), 10u);
+  frames.insert(frames.begin() + 5, Crop(Coffee(), 100, 100, 160, 120));
+  EncodeRun run("tableRing");
+  run.encoder.pFrameFormat = 1;
+  run.encoder.iFrameFormat = 1;
+  run.encoder.ratio = 30;
+  run.encoder.vqLimit = 48 * 300;
+  ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
+  for (size_t i = 1; i < frames.size(); ++i) {
+    run.Next(frames[i]);
+    if (HasFatalFailure()) return;
+  }
+  // The cut came too soon for a key frame: a P-frame of table blocks.
+  EXPECT_EQ(run.movie.sectionFrames.size(), 1u);
+  EXPECT_TRUE(run.movie.frameFlags[5] & kFrameFlagTable);
+  uint64_t written = 0;
+  uint32_t ring = 0, origins = 0;
+  for (size_t f = 1; f < run.movie.frames.size(); ++f) {
+    const std::vector<uint8_t>& frame = run.movie.frames[f];
+    zycFrameItems items;
+    ASSERT_TRUE(zycSplitFrame(frame.data(), frame.size(), &items));
+    if (!items.table.present) continue;
+    const uint8_t* image = frame.data() + items.table.offset;
+    EXPECT_EQ(image[1], 0);  // no reset after a still image
+    ring = zycLoad32(image + 4);
+    written += uint64_t(zycLoad32(image + 16)) * 48;
+    if (zycLoad32(image + 8) != 0) ++origins;
+  }
+  EXPECT_GE(ring, 48u * 300);  // raised where a frame or the still image needs more
+  EXPECT_GT(written, 2u * ring);
+  EXPECT_GT(origins, 0u);
+  ExpectSafeReaderAgrees(run.FileBytes(), run.encoder.Reconstructed(),
+                         size_t(run.encoder.PaddedWidth()) * run.encoder.PaddedHeight() * 4);
+}
 
 TEST(Encoder, RefusesLzmaWithPhoneSoundWithoutWriting) {
   zylTestPicture p = Crop(Coffee(), 0, 0, 32, 32);
