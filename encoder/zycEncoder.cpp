@@ -320,6 +320,18 @@ int32_t zycEncoder::TryTree(bool key, uint32_t threshold, uint32_t& errorNext, b
   return s.packer.FinishSize(size);
 }
 
+// The frame's sound item. Frames for the phone sound outputs put a record of two 16-bit words
+// before the chunk: 4, and 2 for 16000 samples a second, else 1.
+int32_t zycEncoder::PackSound() {
+  State& s = *state_;
+  if (!embedded) return s.packer.PackItem(s.sound.chunk.data(), s.sound.soundSize);
+  std::vector<uint8_t> item(4 + size_t(s.sound.soundSize));
+  zycStore16(item.data(), 4);
+  zycStore16(item.data() + 2, s.header.soundRate == 16000 ? 2 : 1);
+  if (s.sound.soundSize) std::memcpy(item.data() + 4, s.sound.chunk.data(), s.sound.soundSize);
+  return s.packer.PackItem(item.data(), uint32_t(item.size()));
+}
+
 // The final write of a block tree frame after the last try was restored: the same items, the
 // sound between the colour and fade items, committed to the file.
 int32_t zycEncoder::WriteTree(bool hasSound) {
@@ -329,7 +341,7 @@ int32_t zycEncoder::WriteTree(bool hasSound) {
   int32_t size = p.PackItem(l.opcodes.data(), s.opcodeLength);
   if (l.motionBytes.size()) size += p.PackItem(l.motionBytes.data(), l.motionBytes.size());
   if (l.dxtList.size()) size += p.PackItem(s.colourItem.data(), l.dxtList.size() * 8);
-  if (hasSound) size += p.PackItem(s.sound.chunk.data(), s.sound.soundSize);
+  if (hasSound) size += PackSound();
   if (s.fadeLength) size += p.PackItem(l.fadeBytes.data(), s.fadeLength);
   size = p.FinishSize(size);
   p.Commit();
@@ -461,7 +473,7 @@ int32_t zycEncoder::WriteStill(int32_t wantedSize, bool hasSound) {
   s.stillTarget = uint32_t(target);
   int32_t size = p.PackItem(s.lists.opcodes.data(), 1);
   size += p.PackItem(s.stillImage.data(), uint32_t(s.stillImage.size()));
-  if (hasSound) size += p.PackItem(s.sound.chunk.data(), s.sound.soundSize);
+  if (hasSound) size += PackSound();
   size = p.FinishSize(size);
   p.Commit();
   s.sectionSize += uint32_t(size);

@@ -100,6 +100,7 @@ class zycEncoder : public zycJobEncoder {
                            uint32_t& errorNext, uint32_t& passes, bool hasSound);
   int32_t WriteTable(bool key, int32_t budget, bool hasSound);
   bool FadesSearched() const;
+  int32_t PackSound();
   void NoteTable();
   void Rebuild();
   void BuildReferences();
