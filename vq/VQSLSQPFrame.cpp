@@ -99,7 +99,8 @@ VQSLSQCompressor::TableBudget VQSLSQCompressor::tableBudget(uint32_t oldCount,
 namespace {
 
 // New vectors a frame trains: the budget's count as a multiple of 4 (the codebook works four
-// vectors at a time), at least 4.
+// vectors at a time), at least 4. Where that passes the budget's count (a room of 1 to 3), the
+// index width grows to hold every index, and the ring's capacity counts the trained vectors.
 uint32_t trainedCount(uint32_t newCount) {
   const uint32_t n = newCount & ~3u;
   return n ? n : 4;
@@ -189,9 +190,11 @@ uint32_t VQSLSQCompressor::compressPFrame(const uint8_t* blocks, uint32_t blockC
   std::vector<float> vectors(size_t(blockCount) * kVqComponents);
   for (size_t i = 0; i < vectors.size(); ++i) vectors[i] = float(blocks[i]);
 
-  // Nearest old vector of every block, once: the factor scales all old distances alike. The
-  // old vectors stand in reverse order in the codebook, so that its tie rule (the lower
-  // number) keeps the newest of equally near old vectors.
+  // Nearest old vector of every block, once: the factor scales all old distances alike, so the
+  // nearest stays the nearest in every round (two raw distances that differ only in their last
+  // bit could round to one scaled value; such a pair is not told apart). The old vectors stand
+  // in reverse order in the codebook, so that its tie rule (the lower number) keeps the newest
+  // of equally near old vectors, as a search that takes any old vector not farther would.
   std::vector<uint32_t> oldIndex(blockCount, 0);
   std::vector<float> oldDistance(blockCount, 0.0f);
   if (oldCount) {
