@@ -596,6 +596,7 @@ struct TableCase {
   uint32_t ratio;
   uint32_t iFrameFormat;
   uint32_t packing;
+  uint32_t vqLimit;  // "uFMT"; 0 leaves the ring to grow frame by frame
 };
 
 class TableFrames : public ::testing::TestWithParam<TableCase> {};
@@ -611,7 +612,7 @@ TEST_P(TableFrames, RealClipDecodesToTheReconstruction) {
   run.encoder.ratio = c.ratio;
   run.encoder.iFrameFormat = c.iFrameFormat;
   run.encoder.packing = c.packing;
-  run.encoder.vqLimit = 230400;
+  run.encoder.vqLimit = c.vqLimit;
   ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
   uint32_t tableFrames = 0;
   for (size_t i = 1; i < frames.size(); ++i) {
@@ -628,10 +629,11 @@ TEST_P(TableFrames, RealClipDecodesToTheReconstruction) {
 
 INSTANTIATE_TEST_SUITE_P(
     Encoder, TableFrames,
-    ::testing::Values(TableCase{"walkers_768x576_10fps_120f.mkv", 100, 0, 0},
-                      TableCase{"walkers_768x576_10fps_120f.mkv", 30, 1, 0},
-                      TableCase{"tree_320x240_15fps_cinepak.avi", 30, 0, 1},
-                      TableCase{"handheld_box_640x480_30fps_sound.mp4", 100, 1, 1}));
+    ::testing::Values(TableCase{"walkers_768x576_10fps_120f.mkv", 100, 0, 0, 230400},
+                      TableCase{"walkers_768x576_10fps_120f.mkv", 30, 1, 0, 230400},
+                      TableCase{"tree_320x240_15fps_cinepak.avi", 30, 0, 1, 230400},
+                      TableCase{"handheld_box_640x480_30fps_sound.mp4", 100, 1, 1, 230400},
+                      TableCase{"coin_pen_568x320_30fps_sound.mov", 30, 0, 0, 0}));
 
 // A small block table over a longer clip with a hard cut: the ring fills and wraps, old
 // entries fall out, and every frame still decodes to the encoder's reconstruction.
