@@ -122,6 +122,7 @@ uint32_t VQSLSQCompressor::compressPFrame(const uint8_t* blocks, uint32_t blockC
     chain.used = tableBytes;
     chain.dropped = droppedBytes;
   } else {
+    chain.first = tableCount;  // a new chain: nothing old
     writePos = 0;
   }
   const uint32_t stillBytes = stillCodebookBytes();

@@ -613,7 +613,10 @@ TEST_P(TableFrames, RealClipDecodesToTheReconstruction) {
   run.encoder.iFrameFormat = c.iFrameFormat;
   run.encoder.packing = c.packing;
   run.encoder.vqLimit = c.vqLimit;
-  ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
+  // Frame 3 opens a second section: a still image, or a table frame that restarts the ring.
+  const uint32_t forced[] = {3};
+  zylKeyframeRange plan{0, 0, forced, 1, nullptr};
+  ASSERT_EQ(run.Begin(frames[0], 10.0, &plan), 0);
   uint32_t tableFrames = 0;
   for (size_t i = 1; i < frames.size(); ++i) {
     run.Next(frames[i]);
@@ -625,6 +628,16 @@ TEST_P(TableFrames, RealClipDecodesToTheReconstruction) {
                            size_t(run.encoder.PaddedWidth()) * run.encoder.PaddedHeight() * 4);
   }
   EXPECT_GE(tableFrames, 3u);
+  ASSERT_EQ(run.movie.sectionFrames, (std::vector<uint32_t>{3, 3}));
+  if (c.iFrameFormat == 0) {
+    zycFrameItems items;
+    const std::vector<uint8_t>& key = run.movie.frames[3];
+    ASSERT_TRUE(zycSplitFrame(key.data(), key.size(), &items));
+    ASSERT_TRUE(items.table.present);
+    EXPECT_EQ(key[items.table.offset + 1], 1);  // reset
+  } else {
+    EXPECT_EQ(run.movie.frameFlags[3], kFrameFlagAlways | kFrameFlagImage);
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -166,8 +166,8 @@ TEST(TableFrames, EqualDistanceKeepsTheOldVector) {
 }
 
 // A pan over a photograph in a small ring: the still image's codebook drops out before any
-// table, the ring wraps several times, and every frame's indices, read from a ring kept from
-// the headers alone, mean exactly the vectors the compressor chose.
+// table, the ring wraps several times, a reset restarts it, and every frame's indices, read
+// from a ring kept from the headers alone, mean exactly the vectors the compressor chose.
 TEST(TableFrames, ChainFollowsThePlayersRing) {
   VQSLSQCompressor c(true);
   c.verbose = false;
@@ -185,7 +185,13 @@ TEST(TableFrames, ChainFollowsThePlayersRing) {
   bool stillDroppedFirst = false, wrapped = false;
   for (uint32_t f = 1; f <= 12; ++f) {
     const std::vector<uint8_t> blocks = PhotoBlocks(4 * f, 3 * f, 64, 64);
-    c.compressPFrame(blocks.data(), 256, false, 1200, image);
+    // Frame 9 restarts the chain, as a key frame made of blocks does.
+    const bool reset = f == 9;
+    c.compressPFrame(blocks.data(), 256, reset, 1200, image);
+    EXPECT_EQ(image[1], reset ? 1 : 0);
+    if (reset) {
+      EXPECT_EQ(c.pFrameStatistics().oldCount, 0u);
+    }
     const auto s = c.pFrameStatistics();
     EXPECT_EQ(SquaredError(blocks, ring.Read(image)), s.squaredError) << "frame " << f;
     EXPECT_LE(load32(&image[8]), load32(&image[4]));
