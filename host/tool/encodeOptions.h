@@ -1,0 +1,38 @@
+// The encode command's option values that need more than a number: times, rates, sizes and
+// the key frame interval, and the choice of "RATI" for a data rate.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// "90", "12.5", "1:30" or "0:01:30.5": seconds. False for anything else.
+bool ParseTime(const std::string& text, double* seconds);
+
+// "800k", "1.5M", "64000": a count with an optional decimal k, M or G. A trailing `unit`
+// ("B" for sizes, "bit/s" or "bps" is not taken) may follow.
+bool ParseAmount(const std::string& text, const char* unit, double* value);
+
+// "WxH" with each side a whole number above 0.
+bool ParseSize(const std::string& text, uint32_t* width, uint32_t* height);
+
+// "N" (frames) or "Ns" (seconds), above 0.
+struct KeyInterval {
+  double frames = 0;  // whole frames, or 0
+  double seconds = 0; // or a time
+};
+bool ParseKeyInterval(const std::string& text, KeyInterval* interval);
+
+// What the movie's data holds apart from pictures, for the rate it is asked to reach.
+struct RateInputs {
+  uint32_t paddedWidth = 0;
+  uint32_t paddedHeight = 0;
+  double frameRate = 0;
+  uint32_t frames = 0;        // the frames of the job
+  uint32_t soundRate = 0;     // 0: no sound in the movie
+  uint32_t soundChannels = 0;
+};
+
+// The "RATI" whose pictures take `bytes` in all for the job, with the sound and the file's
+// own structure counted; at least 1.
+int32_t RatioForBytes(const RateInputs& inputs, double bytes);
