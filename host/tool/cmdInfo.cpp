@@ -76,6 +76,14 @@ int RunInfo(const CommandArgs& words) {
   if (files.size() != 1) return Fail(kExitUsage, "info takes one FILE (see zyl info --help)");
   const std::string& path = files[0];
 
+  std::string reason;
+  if (!LooksLikeMovie(path, &reason)) {
+    if (json) {
+      std::fprintf(ToolOut(), "{\"file\": %s, \"problems\": [%s]}\n", JsonString(path).c_str(),
+                   JsonString(reason).c_str());
+    }
+    return Fail(kExitInput, "%s", reason.c_str());
+  }
   zycSafeReader reader;
   const bool opened = reader.Open(path);
   std::vector<std::string> problems = reader.problems();

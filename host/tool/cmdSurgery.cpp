@@ -26,6 +26,11 @@ const char kReplaceUsage[] =
 
 // Opens and fully checks a movie. False after reporting why.
 bool CheckMovie(zycSafeReader* reader, const std::string& path, bool decodeFrames) {
+  std::string reason;
+  if (!LooksLikeMovie(path, &reason)) {
+    Fail(kExitInput, "%s; nothing was changed", reason.c_str());
+    return false;
+  }
   if (!reader->Open(path)) {
     Fail(kExitInput, "%s; nothing was changed", reader->error().c_str());
     return false;

@@ -104,12 +104,13 @@ bool ParseKeyInterval(const std::string& text, KeyInterval* interval) {
 int32_t RatioForBytes(const RateInputs& in, double bytes) {
   constexpr double kHeaderBytes = 64;
   if (in.frames == 0 || in.frameRate <= 0) return 1;
-  // Two-bit ADPCM: a quarter byte a sample and channel.
-  const double soundPerFrame =
-      in.soundRate > 0 ? double(in.soundRate) * in.soundChannels / 4 / in.frameRate : 0;
-  const double picturePerFrame = (bytes - kHeaderBytes) / in.frames - soundPerFrame;
-  const double raw = double(in.paddedWidth) * in.paddedHeight * 3;
-  if (picturePerFrame <= 0) return 0x7FFFFFFF;
-  const double ratio = std::round(raw / picturePerFrame);
+  // A frame's budget, sound included, is the padded picture's RGB bytes and the frame's share
+  // of 16-bit sound, divided by the ratio; the encoder keeps the frame's two-bit sound inside.
+  const double perFrame = (bytes - kHeaderBytes) / in.frames;
+  const double soundPcm =
+      in.soundRate > 0 ? std::ceil(in.soundRate / in.frameRate) * in.soundChannels * 2 : 0;
+  const double raw = double(in.paddedWidth) * in.paddedHeight * 3 + soundPcm;
+  if (perFrame <= 0) return 0x7FFFFFFF;
+  const double ratio = std::round(raw / perFrame);
   return ratio < 1 ? 1 : ratio > 0x7FFFFFFF ? 0x7FFFFFFF : int32_t(ratio);
 }

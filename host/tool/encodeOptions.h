@@ -23,7 +23,7 @@ struct KeyInterval {
 };
 bool ParseKeyInterval(const std::string& text, KeyInterval* interval);
 
-// What the movie's data holds apart from pictures, for the rate it is asked to reach.
+// What the rate a movie is asked to reach depends on.
 struct RateInputs {
   uint32_t paddedWidth = 0;
   uint32_t paddedHeight = 0;

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "base/fileIo.h"
+#include "stream/zylFormat.h"
 
 FILE* ToolOut() {
   static FILE* out = [] {
@@ -324,6 +325,39 @@ std::string TagText(uint32_t tag) {
     if (c) text += c;
   }
   return text;
+}
+
+bool Readable(const std::string& path, std::string* reason) {
+  const int fd = open(path.c_str(), O_RDONLY);
+  if (fd < 0) {
+    *reason = path + ": " + std::strerror(errno);
+    return false;
+  }
+  char byte;
+  const ssize_t got = read(fd, &byte, 1);
+  const int error = errno;
+  close(fd);
+  if (got < 0) {
+    *reason = path + ": " + std::strerror(error);
+    return false;
+  }
+  return true;
+}
+
+bool LooksLikeMovie(const std::string& path, std::string* reason) {
+  if (!Readable(path, reason)) return false;
+  uint8_t magic[4] = {};
+  FILE* file = std::fopen(path.c_str(), "rb");
+  const size_t got = file ? std::fread(magic, 1, 4, file) : 0;
+  if (file) std::fclose(file);
+  const uint32_t word = uint32_t(magic[0]) | uint32_t(magic[1]) << 8 | uint32_t(magic[2]) << 16 |
+                        uint32_t(magic[3]) << 24;
+  // Files too short for a magic are left to the reader, which tells their size.
+  if (got == 4 && word != kMagicZyl0 && word != kMagicZyl1) {
+    *reason = path + ": not a movie (no ZYL0 or ZYL1 magic)";
+    return false;
+  }
+  return true;
 }
 
 std::u16string Utf16(const std::string& text) { return zycUtf16(text); }

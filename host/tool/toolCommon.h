@@ -103,6 +103,12 @@ const ToolParam* FindToolParam(const std::string& name);
 // The four characters of a tag for messages, "SND\0" shown as "SND".
 std::string TagText(uint32_t tag);
 
+// True when `path` can be opened and read as a file; otherwise `reason` is
+// "PATH: the system's reason".
+bool Readable(const std::string& path, std::string* reason);
+// Readable, and starting with a movie's magic; otherwise `reason` says which is wrong.
+bool LooksLikeMovie(const std::string& path, std::string* reason);
+
 // UTF-16 file names for the codec.
 std::u16string Utf16(const std::string& text);
 
