@@ -24,7 +24,9 @@ const char kUsage[] =
     "  1  usage error (unknown command or option, bad value, bad parameter tag)\n"
     "  2  input error (missing, unreadable, not a video, or a damaged movie)\n"
     "  3  output error (can't write, or the encoder refused the job)\n"
-    "  4  stopped by Ctrl-C; the movie holds the frames done so far\n";
+    "  4  stopped by Ctrl-C; the movie holds the frames done so far\n"
+    "  5  append, replace: the two movies differ in a field they must share\n"
+    "  6  replace: the frame range does not fit the movie's key frames or length\n";
 
 }  // namespace
 

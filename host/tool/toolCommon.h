@@ -15,6 +15,8 @@ constexpr int kExitUsage = 1;    // bad command line
 constexpr int kExitInput = 2;    // an input is missing, unreadable or damaged
 constexpr int kExitOutput = 3;   // an output can't be written, or the job failed
 constexpr int kExitStopped = 4;  // stopped by Ctrl-C; the movie holds the frames done
+constexpr int kExitMismatch = 5; // append, replace: the two movies don't fit together
+constexpr int kExitRange = 6;    // replace: the frame range is not one the movie can take
 
 // The tool's own standard output: a copy of file descriptor 1 made at start-up, so that it
 // still reaches the terminal or pipe while the library's console is silenced.
