@@ -33,6 +33,7 @@ const char kUsage[] =
     "  --tree-view  paint the block tree of each ZYL0 frame instead of its picture\n"
     "  --audio W    write the movie's sound (of the same frames) to the WAV file W, \"-\" for\n"
     "               standard output (16-bit PCM)\n"
+    "  -q, --quiet  no summary; only warnings and errors\n"
     "  --           ends the options: what follows are file names\n"
     "\n"
     "A frame the checked reader finds damaged is reported and the picture before it repeats;\n"
@@ -62,6 +63,7 @@ int RunDecode(const CommandArgs& words) {
   args.Flag("--png", &pngAt);
   args.Flag("--444", &fullAt);
   const bool treeView = args.Flag("--tree-view");
+  const bool quiet = args.Flag("-q") | args.Flag("--quiet");
   bool audioGiven = false, firstGiven = false, countGiven = false;
   const std::string audioName = args.Value("--audio", &audioGiven);
   const std::string firstText = args.Value("--first", &firstGiven);
@@ -223,14 +225,14 @@ int RunDecode(const CommandArgs& words) {
     ++written;
   }
   if (writer && !writer->Finish()) return Fail(kExitOutput, "%s", writer->error().c_str());
-  if (pictures) {
+  if (pictures && !quiet) {
     Note("decoded %s of %s, %ux%u, as %s%s", Count(written, "frame", "frames").c_str(),
          path.c_str(), h.width, h.height, kindText,
          treeView ? " with the block tree painted" : "");
   }
   if (audioGiven) {
     if (!wav.Finish()) return Fail(kExitOutput, "%s", wav.error().c_str());
-    Note("wrote %s: %.3f s of sound, %s at %u Hz",
+    if (!quiet) Note("wrote %s: %.3f s of sound, %s at %u Hz",
          audioName == "-" ? "standard output" : audioName.c_str(),
          double(soundSamples) / h.soundRate, Count(channels, "channel", "channels").c_str(),
          h.soundRate);

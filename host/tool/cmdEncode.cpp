@@ -1,4 +1,5 @@
 // zyl encode: a media file in, a movie out, through the codec's interface alone.
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -499,7 +500,13 @@ int RunEncode(const CommandArgs& words) {
   if (!rateText.empty()) startLine += ", " + rateText;
   for (const std::string& change : media.changes()) startLine += "; " + change;
   gStartLine = quiet ? std::string() : startLine;
-  ProgressBar bar(stderr, !noProgress && !quiet && isatty(STDERR_FILENO), jobFrames, frameBudget);
+  const bool drawProgress = !noProgress && !quiet && isatty(STDERR_FILENO);
+  struct winsize window = {};
+  const size_t columns =
+      drawProgress && ioctl(STDERR_FILENO, TIOCGWINSZ, &window) == 0 && window.ws_col > 0
+          ? window.ws_col
+          : 80;
+  ProgressBar bar(stderr, drawProgress, jobFrames, frameBudget, std::min<size_t>(columns, 80));
   gBar = &bar;
   gInterrupted = false;
   std::signal(SIGINT, OnInterrupt);

@@ -9,15 +9,20 @@ namespace {
 
 const char kUsage[] =
     "usage: zyl COMMAND [arguments]   (zyl COMMAND --help for more)\n"
+    "       zyl --version\n"
     "\n"
     "commands:\n"
     "  encode INPUT OUTPUT.zyl     encode any video file into a movie\n"
     "  info FILE                   header, sections, duration, data rate and problems\n"
-    "  decode FILE OUT             decoded pictures as Y4M, raw RGB or PNG files\n"
+    "  decode FILE OUT             decoded pictures as Y4M, raw RGB or PNG files, sound as WAV\n"
     "  append A.zyl B.zyl          append movie B to movie A\n"
     "  replace FILE REPLACEMENT --start N [--count M]\n"
     "                              replace a stretch of key-frame-aligned frames\n"
     "  params                      the parameter tags, their defaults and meanings\n"
+    "\n"
+    "encode and decode: -o OUT names the output, -q keeps quiet but for warnings and\n"
+    "errors, \"-\" is standard input or output. Every command: -- ends the options; of two\n"
+    "options that set the same thing, the last counts, with a warning.\n"
     "\n"
     "exit status:\n"
     "  0  success\n"
@@ -40,6 +45,10 @@ int main(int argc, char** argv) {
   const CommandArgs args(argv + 2, argv + argc);
   if (command == "--help" || command == "-h" || command == "help") {
     std::fputs(kUsage, ToolOut());
+    return kExitOk;
+  }
+  if (command == "--version" || command == "-V") {
+    std::fprintf(ToolOut(), "zyl %s (ZYL0 and ZYL1 movies; ZYL0 encoding)\n", ZYL_VERSION);
     return kExitOk;
   }
   if (command == "encode") return RunEncode(args);

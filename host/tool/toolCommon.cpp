@@ -256,8 +256,8 @@ constexpr int32_t kMin() { return -kMax - 1; }
 const std::vector<ToolParam>& ToolParams() {
   static const std::vector<ToolParam> params = {
       {"DXTC", Tag("DXTC"), 0, 6, false, 0,
-       "DXT1 back end, 0..6 (see the ladder below); 0 asks for a graphics device, which does "
-       "not exist here, so 3 runs"},
+       "DXT1 back end, 0..6 (see the ladder below); zyl encode uses 6 unless given; 0 asks for "
+       "a graphics device, which does not exist here, so 3 runs"},
       {"RATI", Tag("RATI"), 1, kMax, false, 0,
        "target compression ratio: the frame budget is padded width x padded height x 3 / RATI"},
       {"SND", Tag("SND\0"), 0, 1, false, 0, "sound wanted at all (0: the movie has no sound)"},
