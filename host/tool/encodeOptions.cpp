@@ -1,5 +1,6 @@
 #include "host/tool/encodeOptions.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -101,16 +102,40 @@ bool ParseKeyInterval(const std::string& text, KeyInterval* interval) {
   return true;
 }
 
+namespace {
+
+// 16-bit sound bytes of a frame, as the encoder rounds them.
+double SoundPcm(const RateInputs& in) {
+  if (in.soundRate == 0 || in.frameRate <= 0) return 0;
+  return std::ceil(in.soundRate / in.frameRate) * in.soundChannels * 2;
+}
+
+double RawBytes(const RateInputs& in) {
+  return double(in.paddedWidth) * in.paddedHeight * 3 + SoundPcm(in);
+}
+
+int32_t ClampRatio(double ratio) {
+  return ratio < 1 ? 1 : ratio > 0x7FFFFFFF ? 0x7FFFFFFF : int32_t(ratio);
+}
+
+}  // namespace
+
+double FrameBudget(const RateInputs& in, int32_t ratio) {
+  return RawBytes(in) / std::max(ratio, 1);
+}
+
+double PictureBudget(const RateInputs& in, int32_t ratio) {
+  return FrameBudget(in, ratio) - SoundPcm(in) / 8;  // two bits of every 16
+}
+
+int32_t RatioForPictureBudget(const RateInputs& in, double bytes) {
+  return ClampRatio(std::floor(RawBytes(in) / (bytes + SoundPcm(in) / 8)));
+}
+
 int32_t RatioForBytes(const RateInputs& in, double bytes) {
   constexpr double kHeaderBytes = 64;
   if (in.frames == 0 || in.frameRate <= 0) return 1;
-  // A frame's budget, sound included, is the padded picture's RGB bytes and the frame's share
-  // of 16-bit sound, divided by the ratio; the encoder keeps the frame's two-bit sound inside.
   const double perFrame = (bytes - kHeaderBytes) / in.frames;
-  const double soundPcm =
-      in.soundRate > 0 ? std::ceil(in.soundRate / in.frameRate) * in.soundChannels * 2 : 0;
-  const double raw = double(in.paddedWidth) * in.paddedHeight * 3 + soundPcm;
   if (perFrame <= 0) return 0x7FFFFFFF;
-  const double ratio = std::round(raw / perFrame);
-  return ratio < 1 ? 1 : ratio > 0x7FFFFFFF ? 0x7FFFFFFF : int32_t(ratio);
+  return ClampRatio(std::round(RawBytes(in) / perFrame));
 }

@@ -33,6 +33,14 @@ struct RateInputs {
   uint32_t soundChannels = 0;
 };
 
-// The "RATI" whose pictures take `bytes` in all for the job, with the sound and the file's
-// own structure counted; at least 1.
+// A frame's budget, sound included, is the padded picture's RGB bytes and the frame's share of
+// 16-bit sound, divided by the ratio; the encoder keeps the frame's two-bit sound inside it.
+double FrameBudget(const RateInputs& inputs, int32_t ratio);
+// What of it is left to the picture.
+double PictureBudget(const RateInputs& inputs, int32_t ratio);
+// The largest ratio that leaves the picture at least `bytes` a frame; at least 1.
+int32_t RatioForPictureBudget(const RateInputs& inputs, double bytes);
+
+// The "RATI" whose frames take `bytes` in all for the job, with the sound and the file's own
+// structure counted; at least 1.
 int32_t RatioForBytes(const RateInputs& inputs, double bytes);
