@@ -120,7 +120,8 @@ int RunDecode(const CommandArgs& words) {
   std::string reason;
   if (!LooksLikeMovie(path, &reason)) return Fail(kExitInput, "%s", reason.c_str());
   zycSafeReader reader;
-  if (!reader.Open(path)) {
+  const bool whole = reader.Open(path);
+  if (!whole) {
     // A movie cut short still gives the frames that are whole.
     if (reader.frames().empty()) return Fail(kExitInput, "%s", reader.error().c_str());
     Warn("%s; decoding the %s that are whole", reader.error().c_str(),
@@ -244,6 +245,11 @@ int RunDecode(const CommandArgs& words) {
   if (damaged > 0) {
     return Fail(kExitInput, "%s damaged in %s", Count(damaged, "frame", "frames").c_str(),
                 path.c_str());
+  }
+  if (!whole) {
+    return Fail(kExitInput, "%s is damaged or cut short: %s of the %u its header gives could be "
+                "decoded", path.c_str(), Count(available, "frame", "frames").c_str(),
+                h.frameCount);
   }
   return kExitOk;
 }
