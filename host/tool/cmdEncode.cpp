@@ -28,9 +28,10 @@ const char kUsage[] =
     "reads standard input (Y4M, Matroska, NUT and other formats that stream).\n"
     "\n"
     "rate (the last of these given counts):\n"
-    "  --ratio N              target compression ratio, the same as --param RATI=N: each\n"
-    "                         frame's budget is the padded picture's 24-bit RGB size (width\n"
-    "                         and height rounded up to 16) divided by N; sound comes on top\n"
+    "  --ratio N              target compression ratio, the same as --param RATI=N (100),\n"
+    "                         measured against the frame's 24-bit RGB picture, its width and\n"
+    "                         height rounded up to 16, and its share of 16-bit sound: a\n"
+    "                         frame's budget, its sound included, is that size divided by N\n"
     "  --bitrate RATE         aim at a data rate, such as 800k or 1.5M (bits a second)\n"
     "  --size BYTES           aim at a file size, such as 5M or 300k (k = 1000, M = 10^6)\n"
     "                         (both choose RATI from the picture size, frame rate and count)\n"
@@ -385,7 +386,9 @@ int RunEncode(const CommandArgs& words) {
     }
     return Fail(kExitInput, "%s", error.c_str());
   }
-  if (!media.note().empty()) Note("%s (the movie will have no sound)", media.note().c_str());
+  if (!media.note().empty() && !quiet) {
+    Note("%s (the movie will have no sound)", media.note().c_str());
+  }
   for (const std::string& warning : media.warnings()) Warn("%s", warning.c_str());
   zylSource* source = media.source();
   const double frameRate = source->frameRate;

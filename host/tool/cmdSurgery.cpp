@@ -57,8 +57,11 @@ bool CheckMovie(zycSafeReader* reader, const std::string& path, bool decodeFrame
 std::string Fps(const zycStreamHeader& h) {
   if (h.frameDuration == 0) return "no frame rate";
   char text[32];
-  std::snprintf(text, sizeof(text), "%.6g fps", double(h.timeScale) / h.frameDuration);
-  return text;
+  std::snprintf(text, sizeof(text), "%.3f", double(h.timeScale) / h.frameDuration);
+  std::string rate = text;
+  while (rate.back() == '0') rate.pop_back();
+  if (rate.back() == '.') rate.pop_back();
+  return rate + " fps";
 }
 
 std::string Sound(const zycStreamHeader& h) {
