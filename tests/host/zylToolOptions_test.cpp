@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdlib>
 
 #include <string>
@@ -244,6 +245,51 @@ TEST(ZylToolOptions, SoundOfSixChannelsIsDownmixedToStereo) {
     if (sample > 2000 || sample < -2000) ++loud;
   }
   EXPECT_GT(loud, int(wav.out.size() / 8));  // not silence
+}
+
+TEST(ZylToolOptions, SoundThatMissesThePicturesIsWarnedOf) {
+  SyntheticClip clip;
+  clip.frames = 10;  // 1 s of pictures; the sound starts 2 s later
+  clip.soundDelay = 2;
+  const std::string input = Dir() + "late.nut";
+  ASSERT_EQ(WriteSyntheticClip(clip, input), "");
+  const ToolResult result = RunTool({"encode", input, Dir() + "late.zyl", "-q"});
+  EXPECT_EQ(result.exit, 0) << result.err;
+  EXPECT_TRUE(Has(result.err, "do not overlap in time: the movie will be silent")) << result.err;
+}
+
+// A file whose player turns the pictures gives the movie upright pictures.
+TEST(ZylToolOptions, RotationOfTheFileIsApplied) {
+  SyntheticClip clip;
+  clip.width = 32;
+  clip.height = 16;
+  clip.frames = 2;
+  clip.channels = 0;
+  clip.rotation = 90;
+  const std::string input = Dir() + "turned.mov", movie = Dir() + "turned.zyl";
+  ASSERT_EQ(WriteSyntheticClip(clip, input), "");
+  const ToolResult result = RunTool({"encode", input, movie, "--ratio", "1", "--count", "1"});
+  ASSERT_EQ(result.exit, 0) << result.err;
+  EXPECT_TRUE(Has(result.err, "pictures turned 90 degrees clockwise")) << result.err;
+  const std::string rgb = Dir() + "turned.rgb";
+  ASSERT_EQ(RunTool({"decode", movie, rgb, "-q"}).exit, 0);
+  const std::string bytes = ReadFile(rgb);
+  ASSERT_EQ(bytes.size(), 16u * 32 * 3);  // 16 wide, 32 high
+  // Turned clockwise, the picture's bottom-left pixel is the upright picture's top-left.
+  const std::vector<uint8_t> source = SyntheticPicture(clip, 0);  // B, G, R
+  double clockwise = 0, anticlockwise = 0;
+  for (int y = 0; y < 32; ++y) {
+    for (int x = 0; x < 16; ++x) {
+      const uint8_t* cw = &source[(size_t(15 - x) * 32 + y) * 3];
+      const uint8_t* acw = &source[(size_t(x) * 32 + (31 - y)) * 3];
+      for (int c = 0; c < 3; ++c) {
+        const double got = uint8_t(bytes[(size_t(y) * 16 + x) * 3 + c]);
+        clockwise += std::abs(got - cw[2 - c]);
+        anticlockwise += std::abs(got - acw[2 - c]);
+      }
+    }
+  }
+  EXPECT_LT(clockwise * 3, anticlockwise);
 }
 
 TEST(ZylToolOptions, PicturesTimesAndKeyFramesReachTheMovie) {
