@@ -204,8 +204,8 @@ int RunInfo(const CommandArgs& words) {
                    section.packedBytes, (unsigned long long)section.unpackedBytes);
     }
     if (reader.undecodableFrames() > 0) {
-      std::fprintf(out, "  note           %u frames use codings this build can't decode\n",
-                   reader.undecodableFrames());
+      std::fprintf(out, "  note           %s use codings this build can't decode\n",
+                   Count(reader.undecodableFrames(), "frame", "frames").c_str());
     }
     for (const std::string& note : reader.notes()) {
       std::fprintf(out, "  note           %s\n", note.c_str());

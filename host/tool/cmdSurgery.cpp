@@ -15,7 +15,10 @@ const char kAppendUsage[] =
     "\n"
     "Appends movie B behind movie A, in place. Both must be ZYL0 movies of the same picture\n"
     "size, frame rate, sound, packing and flags, and A's version must not be below B's.\n"
-    "Both files are checked first; a damaged file is refused and nothing changes.\n";
+    "Both files are checked first; a damaged file is refused and nothing changes.\n"
+    "\n"
+    "A refusal names the first field that differs, as \"frame rate differs: 30 fps against\n"
+    "25 fps\", with exit status 5. --verbose shows the codec's messages on stderr.\n";
 
 const char kReplaceUsage[] =
     "usage: zyl replace FILE.zyl REPLACEMENT.zyl --start N [--count M] [--verbose]\n"
@@ -23,7 +26,11 @@ const char kReplaceUsage[] =
     "Replaces frames N to N+M-1 of FILE by the frames of REPLACEMENT, which must hold exactly\n"
     "M frames (M defaults to its frame count). Frame N must start a section of FILE (a key\n"
     "frame), and so must frame N+M unless it is the end. Both files are checked first; a\n"
-    "damaged file is refused and nothing changes. FILE is rewritten through FILEtmp.zyl.\n";
+    "damaged file is refused and nothing changes. FILE is rewritten through FILEtmp.zyl.\n"
+    "\n"
+    "Movies that differ in a field they must share are refused with exit status 5, naming\n"
+    "the field; a range that is not key-frame aligned or runs past the end, with 6.\n"
+    "--verbose shows the codec's messages on stderr.\n";
 
 // Opens and fully checks a movie. False after reporting why.
 bool CheckMovie(zycSafeReader* reader, const std::string& path, bool decodeFrames) {
@@ -123,7 +130,9 @@ std::string FirstDifference(const zycStreamHeader& a, const zycStreamHeader& b, 
   return "";
 }
 
-int SurgeryStatus(int32_t status, const std::string& file1, const std::string& file2) {
+// `console`: what the codec printed, whose last line names a refused range.
+int SurgeryStatus(int32_t status, const std::string& file1, const std::string& file2,
+                  const std::string& console) {
   switch (status) {
     case 0:
       return kExitOk;
@@ -134,7 +143,8 @@ int SurgeryStatus(int32_t status, const std::string& file1, const std::string& f
       return Fail(kExitOutput, "%s could not be opened for writing, or is not a ZYL0 movie",
                   file1.c_str());
     case 4:
-      return Fail(kExitRange, "the frame range was refused (--verbose shows the reason)");
+      return Fail(kExitRange, "the frame range was refused: %s",
+                  LastConsoleLine(console).c_str());
     case 5:
       return Fail(kExitMismatch,
                   "%s and %s don't match (packing, version, flags, frame rate or sound)",
@@ -179,14 +189,17 @@ int RunAppend(const CommandArgs& words) {
   zylCodec* codec = zylInitCodec(nullptr, 0);
   if (!codec) return Fail(kExitOutput, "out of memory making the codec");
   int32_t status;
+  std::string console;
   {
     QuietConsole quiet(verbose);
     status = codec->Append(Utf16(first).c_str(), Utf16(second).c_str());
+    console = quiet.Stop();
   }
   codec->Destroy();
-  if (status != 0) return SurgeryStatus(status, first, second);
-  Note("appended %s (%u frames) to %s: now %u frames", second.c_str(), b.header().frameCount,
-       first.c_str(), before + b.header().frameCount);
+  if (status != 0) return SurgeryStatus(status, first, second, console);
+  Note("appended %s (%s) to %s: now %s", second.c_str(),
+       Count(b.header().frameCount, "frame", "frames").c_str(), first.c_str(),
+       Count(before + b.header().frameCount, "frame", "frames").c_str());
   return kExitOk;
 }
 
@@ -269,13 +282,15 @@ int RunReplace(const CommandArgs& words) {
   if (!codec) return Fail(kExitOutput, "out of memory making the codec");
   codec->SetCodecMode(a.isZyl1() ? 1 : 0);
   int32_t status;
+  std::string console;
   {
     QuietConsole quiet(verbose);
     status = codec->ReplaceSection(Utf16(target).c_str(), Utf16(replacement).c_str(), start,
                                    count);
+    console = quiet.Stop();
   }
   codec->Destroy();
-  if (status != 0) return SurgeryStatus(status, target, replacement);
+  if (status != 0) return SurgeryStatus(status, target, replacement, console);
   Note("replaced frames %u to %u of %s by %s", start, start + count - 1, target.c_str(),
        replacement.c_str());
   return kExitOk;

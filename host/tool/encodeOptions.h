@@ -9,8 +9,8 @@
 // "90", "12.5", "1:30" or "0:01:30.5": seconds. False for anything else.
 bool ParseTime(const std::string& text, double* seconds);
 
-// "800k", "1.5M", "64000": a count with an optional decimal k, M or G. A trailing `unit`
-// ("B" for sizes, "bit/s" or "bps" is not taken) may follow.
+// "800k", "1.5M", "64000": an amount above 0 with an optional decimal k, M or G, and then
+// `unit` (such as "B") or nothing.
 bool ParseAmount(const std::string& text, const char* unit, double* value);
 
 // "WxH" with each side a whole number above 0.
