@@ -25,7 +25,9 @@ const char kUsage[] =
     "       zyl encode INPUT -o OUTPUT.zyl [options]\n"
     "\n"
     "Encodes the picture (and the sound) of any file FFmpeg reads into a movie. INPUT \"-\"\n"
-    "reads standard input (Y4M, Matroska, NUT and other formats that stream).\n"
+    "reads standard input (Y4M, Matroska, NUT and other formats that stream), kept in a\n"
+    "temporary file while the job runs. The movie itself is a file: its header is written\n"
+    "last, so it can't go to standard output.\n"
     "\n"
     "rate (the last of these given counts):\n"
     "  --ratio N              target compression ratio, the same as --param RATI=N (100),\n"
@@ -215,6 +217,10 @@ int RunEncode(const CommandArgs& words) {
   }
   const std::string& input = files[0];
   const std::string& output = files[1];
+  if (output == "-") {
+    return Fail(kExitUsage, "the movie can't go to standard output (its header is written "
+                "last); give a file name");
+  }
   const size_t quietPlace = quietAt == std::string::npos ? quietLongAt
                             : quietLongAt == std::string::npos ? quietAt
                                                                 : std::max(quietAt, quietLongAt);

@@ -75,6 +75,7 @@ TEST(ZylToolOptions, RefusalsAndWarningsOfTheCommandLine) {
        "the encoder refused the job: Still image key frames are at most 1024 pixels wide or "
        "high", false},
       {{"encode", "--", "-no-such-clip.mp4", "OUT"}, 2, "-no-such-clip.mp4: No input!", false},
+      {{"encode", clip, "-"}, 1, "the movie can't go to standard output", false},
       {{"info", Dir() + "no-such-movie.zyl"}, 2, "no-such-movie.zyl: No such file or directory",
        false},
       {{"info", Dir()}, 2, ": Is a directory", false},
