@@ -664,7 +664,9 @@ class VideoStream final : public StreamThread {
 
   void Convert() {
     const AVFrame* frame = Filtered();
-    if (!frame || frame->width != width_ || frame->height != height_) {
+    // A filter that holds a picture back leaves the last one in place.
+    if (!frame) return;
+    if (frame->width != width_ || frame->height != height_) {
       std::fill(picture_.begin(), picture_.end(), 0);
       return;
     }

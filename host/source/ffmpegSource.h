@@ -36,8 +36,8 @@ struct zycSourceOptions {
   bool wantSound = true;  // false: the sound stream is left closed
   double frameRate = 0;   // pictures are sampled at this rate instead of the file's (0: its own)
   // A filter graph of the FFmpeg filter library that takes one picture and gives one, such as
-  // "scale=320:240" or "crop=iw/2:ih:0:0"; empty for none. The file's rotation is applied
-  // before it.
+  // "scale=320:240" or "crop=iw/2:ih:0:0"; empty for none. Where it gives none, the picture
+  // before repeats. The file's rotation is applied before it.
   std::string filters;
   bool autoRotate = true;  // turn pictures upright by the stream's display matrix
 };

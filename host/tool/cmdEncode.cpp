@@ -41,7 +41,7 @@ const char kUsage[] =
     "pictures and time:\n"
     "  --scale WxH            scale the pictures to W by H\n"
     "  --vf FILTERS           FFmpeg picture filters, such as crop=320:240:0:0 (one picture\n"
-    "                         in, one out); the file's rotation is applied first\n"
+    "                         in, one out: timing is --fps's); the file's rotation comes first\n"
     "  --fps N                take N pictures a second (repeating or dropping pictures)\n"
     "  --first N              first source frame to encode (default 0)\n"
     "  --start TIME           the same, as a time: 12.5, 1:30 or 0:01:30\n"
