@@ -5,6 +5,7 @@
 // searches against that picture and its 16 fades.
 #include "encoder/zycEncoder.h"
 
+#include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -44,9 +45,10 @@ struct Picture {
   ~Picture() { std::free(data); }
 };
 
-void WriteZeros(FILE* file, size_t count) {
+// True when the bytes went out (or there is no file).
+bool WriteZeros(FILE* file, size_t count) {
   static const uint8_t kZeros[8] = {};
-  if (file) std::fwrite(kZeros, 1, count, file);
+  return !file || std::fwrite(kZeros, 1, count, file) == count;
 }
 
 }  // namespace
@@ -105,6 +107,10 @@ struct zycEncoder::State {
   FrameInfo last;
 
   FILE* file() const { return output ? output->file : nullptr; }
+  // Notes a failed write, seek or flush of any output with the system's reason.
+  void Check(bool ok) {
+    if (!ok && output) output->NoteError(errno);
+  }
   size_t PictureBytes() const { return size_t(paddedWidth) * paddedHeight * 4; }
 };
 
@@ -407,25 +413,35 @@ void zycEncoder::Rebuild() {
 
 void zycEncoder::PatchFile() {
   State& s = *state_;
+  if (s.packer.writeError && s.output) s.output->NoteError(s.packer.writeError);
   FILE* f = s.file();
   if (!f || embedded) return;
-  std::fseek(f, 0, SEEK_END);
-  s.header.fileSize = uint32_t(std::ftell(f));
+  bool ok = std::fseek(f, 0, SEEK_END) == 0;
+  const long end = std::ftell(f);
+  s.header.fileSize = uint32_t(end);
   uint8_t section[6];
   zycStore16(section, uint16_t(s.frameIndex - s.lastKeyFrame));
   zycStore32(section + 2, s.sectionSize);
-  std::fseek(f, s.sectionStart, SEEK_SET);
-  std::fwrite(section, 1, 6, f);
+  ok = ok && end >= 0 && std::fseek(f, s.sectionStart, SEEK_SET) == 0 &&
+       std::fwrite(section, 1, 6, f) == 6;
   s.header.frameCount = s.frameIndex;
   uint8_t word[4];
   zycStore32(word, s.header.fileSize);
-  std::fseek(f, 8, SEEK_SET);
-  std::fwrite(word, 1, 4, f);
+  ok = ok && std::fseek(f, 8, SEEK_SET) == 0 && std::fwrite(word, 1, 4, f) == 4;
   zycStore32(word, s.header.frameCount);
-  std::fseek(f, 16, SEEK_SET);
-  std::fwrite(word, 1, 4, f);
-  std::fseek(f, 0, SEEK_END);
-  std::fflush(f);
+  ok = ok && std::fseek(f, 16, SEEK_SET) == 0 && std::fwrite(word, 1, 4, f) == 4;
+  ok = ok && std::fseek(f, 0, SEEK_END) == 0;
+  ok = ok && std::fflush(f) == 0;
+  s.Check(ok);
+  // The file is a whole movie of the frames so far: the job can come back to this moment.
+  if (ok && s.output->error == 0) {
+    uint8_t head[kHeaderSizeZyl0];
+    zycStoreHeaderZyl0(s.header, head);
+    const bool rewritten = s.packer.packing() == 1 && !s.packer.committed().empty();
+    s.output->MarkWhole(uint64_t(end), head, kHeaderSizeZyl0, uint64_t(s.sectionStart), section, 6,
+                        rewritten ? uint64_t(s.packer.committedAt()) : 0,
+                        rewritten ? &s.packer.committed() : nullptr);
+  }
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -525,8 +541,7 @@ int32_t zycEncoder::Begin(zycStreamHeader& header, const zylFrameImage& image,
   if (extraOutputs && !embedRequest) {
     for (int i = 0; i < 4; ++i) {
       if ((soundFlags & (1u << i)) && s.extra[i]) {
-        std::fseek(s.extra[i], 0, SEEK_SET);
-        WriteZeros(s.extra[i], 4);
+        s.Check(std::fseek(s.extra[i], 0, SEEK_SET) == 0 && WriteZeros(s.extra[i], 4));
       }
     }
   }
@@ -541,16 +556,14 @@ int32_t zycEncoder::Begin(zycStreamHeader& header, const zylFrameImage& image,
   zycStoreHeaderZyl0(s.header, head);
   if (!embedded) {
     if (FILE* f = s.file()) {
-      std::fseek(f, 0, SEEK_SET);
-      std::fwrite(head, 1, sizeof head, f);
-      WriteZeros(f, 6);
+      s.Check(std::fseek(f, 0, SEEK_SET) == 0 &&
+              std::fwrite(head, 1, sizeof head, f) == sizeof head && WriteZeros(f, 6));
     }
   } else {
     for (FILE* f : s.extra) {
       if (!f) continue;
-      std::fseek(f, 0, SEEK_SET);
-      std::fwrite(head, 1, sizeof head, f);
-      WriteZeros(f, 6);
+      s.Check(std::fseek(f, 0, SEEK_SET) == 0 &&
+              std::fwrite(head, 1, sizeof head, f) == sizeof head && WriteZeros(f, 6));
     }
   }
   header = s.header;  // the job's record, completed
@@ -677,7 +690,7 @@ int32_t zycEncoder::Next(const zylFrameImage& image, zylProgress* progress) {
     if (verbose) zycLog("--- Start a new keyframe ---\n");
     if (FILE* f = s.file(); f && !embedded) {
       s.sectionStart = std::ftell(f);
-      WriteZeros(f, 6);
+      s.Check(s.sectionStart >= 0 && WriteZeros(f, 6));
     }
     s.sectionSize = 0;
     // The levels of this picture are already made; only the tree is searched again.

@@ -1,4 +1,5 @@
 // zyl decode: a movie's pictures as Y4M, raw RGB or PNG files, through the checked reader.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,6 +9,7 @@
 
 #include "host/tool/commands.h"
 #include "host/tool/frameWriters.h"
+#include "host/tool/outputFiles.h"
 #include "host/tool/toolCommon.h"
 #include "stream/adpcmDecoder.h"
 #include "stream/safeReader.h"
@@ -34,8 +36,13 @@ const char kUsage[] =
     "  --audio W    write the movie's sound (of the same frames) to the WAV file W, \"-\" for\n"
     "               standard output (16-bit PCM)\n"
     "  -q, --quiet  no summary; only warnings and errors\n"
+    "  -y, --overwrite  replace outputs that exist (without -y a terminal is asked, anything\n"
+    "               else refused)\n"
+    "  -n           never replace an output; refuse at once if one exists\n"
     "  --           ends the options: what follows are file names\n"
     "\n"
+    "Each output is written beside its name and renamed into place once it is complete; an\n"
+    "output that is the movie itself is refused.\n"
     "A frame the checked reader finds damaged is reported and the picture before it repeats;\n"
     "the exit status is then 2. A movie cut short gives its whole frames, with a warning.\n";
 
@@ -69,6 +76,8 @@ int RunDecode(const CommandArgs& words) {
   const std::string firstText = args.Value("--first", &firstGiven);
   const std::string countText = args.Value("--count", &countGiven);
   const std::string outputOption = args.Value("-o", nullptr, &outputAt);
+  OverwritePolicy overwrite;
+  if (!TakeOverwritePolicy(&args, &overwrite)) return kExitUsage;
   if (!args.missingValue().empty()) {
     return Fail(kExitUsage, "%s needs a value (see zyl decode --help)",
                 args.missingValue().c_str());
@@ -117,6 +126,18 @@ int RunDecode(const CommandArgs& words) {
     return Fail(kExitUsage, "PNG pictures are files of their own; give a pattern, not \"-\"");
   }
 
+  // No output may be the movie, or the other output, even through a link.
+  for (const std::string* out : {&outName, &audioName}) {
+    if (out->empty() || *out == "-") continue;
+    if (SameFile(*out, path)) {
+      return Fail(kExitUsage, "%s is the movie being decoded; choose another output", out->c_str());
+    }
+  }
+  if (pictures && audioGiven && outName != "-" &&
+      (outName == audioName || SameFile(outName, audioName))) {
+    return Fail(kExitUsage, "the pictures and the sound can't both go to %s", outName.c_str());
+  }
+
   std::string reason;
   if (!LooksLikeMovie(path, &reason)) return Fail(kExitInput, "%s", reason.c_str());
   zycSafeReader reader;
@@ -146,6 +167,26 @@ int RunDecode(const CommandArgs& words) {
                 std::to_string(end - first).c_str(), outName.c_str());
   }
 
+  // Outputs that exist are replaced only when the user allows it.
+  const bool pngPattern = kind == Kind::png && !(singlePicture && !IsFramePattern(outName));
+  if (audioGiven && audioName != "-" && !MayWrite(audioName, overwrite)) return kExitOutput;
+  if (pictures && pngPattern) {
+    for (uint32_t frame = first; frame < end; ++frame) {
+      char name[4096];
+      std::snprintf(name, sizeof name, outName.c_str(), int(frame - first));
+      if (SameFile(name, path)) {
+        return Fail(kExitUsage, "%s is the movie being decoded; choose another output", name);
+      }
+      struct stat st = {};
+      if (lstat(name, &st) == 0) {
+        if (!MayWrite(name, overwrite)) return kExitOutput;
+        break;  // one answer covers the whole pattern
+      }
+    }
+  } else if (pictures && outName != "-" && !MayWrite(outName, overwrite)) {
+    return kExitOutput;
+  }
+
   std::string error;
   std::unique_ptr<FrameWriter> writer;
   const char* kindText = "nothing";
@@ -168,7 +209,7 @@ int RunDecode(const CommandArgs& words) {
     writer = MakeRgbWriter(outName, &error);
     kindText = "raw RGB";
   } else if (kind == Kind::png) {
-    writer = MakePngWriter(outName, &error, singlePicture && !IsFramePattern(outName));
+    writer = MakePngWriter(outName, &error, !pngPattern);
     kindText = "PNG";
   } else {
     const bool full = kind == Kind::y4m444;

@@ -1,5 +1,6 @@
 // zyl encode: a media file in, a movie out, through the codec's interface alone.
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,12 +10,12 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <sys/stat.h>
 
 #include "codec/zylCodec.h"
 #include "host/source/ffmpegSource.h"
 #include "host/tool/commands.h"
 #include "host/tool/encodeOptions.h"
+#include "host/tool/outputFiles.h"
 #include "host/tool/progressBar.h"
 #include "host/tool/toolCommon.h"
 
@@ -64,11 +65,20 @@ const char kUsage[] =
     "  --no-progress          no progress line on stderr\n"
     "  --                     ends the options: what follows are file names\n"
     "\n"
+    "output:\n"
+    "  -o OUTPUT              the movie's name, instead of the second file name\n"
+    "  -y, --overwrite        replace OUTPUT if it exists (without -y a terminal is asked,\n"
+    "                         anything else refused)\n"
+    "  -n                     never replace OUTPUT; refuse at once if it exists\n"
+    "\n"
     "The progress line shows the frames done of those wanted, the encoding speed in frames a\n"
     "second, the bytes written against the budget of the frames done so far, the key frames\n"
     "so far and the time left. Sound of more than two channels is downmixed to stereo.\n"
+    "The movie is written as OUTPUT.partXXXXXX beside OUTPUT and renamed into place when the\n"
+    "job ends, so a refused or failed job leaves an existing OUTPUT as it was. A full disk ends\n"
+    "the job with status 3; a new OUTPUT then holds the whole frames that fitted.\n"
     "Ctrl-C stops between two frames; the movie then holds the frames done so far and the\n"
-    "exit status is 4.\n";
+    "exit status is 4. A killed job leaves OUTPUT.partXXXXXX: `zyl repair` makes it whole.\n";
 
 std::atomic<bool> gInterrupted{false};
 ProgressBar* gBar = nullptr;
@@ -203,6 +213,8 @@ int RunEncode(const CommandArgs& words) {
   args.Flag("-q", &quietAt);
   args.Flag("--quiet", &quietLongAt);
   const bool noProgress = args.Flag("--no-progress");
+  OverwritePolicy overwrite;
+  if (!TakeOverwritePolicy(&args, &overwrite)) return kExitUsage;
   if (!args.missingValue().empty()) {
     return Fail(kExitUsage, "%s needs a value (see zyl encode --help)",
                 args.missingValue().c_str());
@@ -364,12 +376,10 @@ int RunEncode(const CommandArgs& words) {
                              std::to_string(width) + ":" + std::to_string(height);
   }
 
-  struct stat inputStat = {}, outputStat = {};
-  if (input != "-" && stat(input.c_str(), &inputStat) == 0 &&
-      stat(output.c_str(), &outputStat) == 0 && inputStat.st_dev == outputStat.st_dev &&
-      inputStat.st_ino == outputStat.st_ino) {
+  if (input != "-" && SameFile(input, output)) {
     return Fail(kExitUsage, "%s is both the input and the output", input.c_str());
   }
+  if (!MayWrite(output, overwrite)) return kExitOutput;
 
   SpooledInput spooled;
   std::string sourcePath = input;
@@ -489,11 +499,9 @@ int RunEncode(const CommandArgs& words) {
   }
   const double frameBudget = FrameBudget(rateInputs, ratioValue);
 
-  // The library opens the output itself and only says that it could not; try it here first
-  // so that the message can say why.
-  if (FILE* probe = std::fopen(output.c_str(), "wb")) {
-    std::fclose(probe);
-  } else {
+  // The movie is written beside its final name; the library opens that file by its name.
+  StagedFile staged;
+  if (!staged.Create(output, false)) {
     codec->Destroy();
     return Fail(kExitOutput, "%s: can't create the movie (%s)", output.c_str(),
                 std::strerror(errno));
@@ -521,13 +529,16 @@ int RunEncode(const CommandArgs& words) {
   gBar = &bar;
   gInterrupted = false;
   std::signal(SIGINT, OnInterrupt);
-  const std::u16string name = Utf16(output);
+  const std::u16string name = Utf16(staged.path());
   int32_t status;
+  int reason;  // the system's reason of a failed open or write; 0 after a refusal
   std::string console;
   {
     QuietConsole quietConsole(verbose);
+    errno = 0;  // what the job leaves here tells a failed write from a refusal
     status = codec->Encode(source, 0, name.c_str(), firstFrame, frameCount,
                            keyFrames.empty() ? nullptr : &plan, nullptr);
+    reason = errno;
     console = quietConsole.Stop();
   }
   std::signal(SIGINT, SIG_DFL);
@@ -538,20 +549,37 @@ int RunEncode(const CommandArgs& words) {
   media.Close();
 
   if (status == 2) return Fail(kExitInput, "%s: the codec got no source", inputName.c_str());
-  if (status == 3) {
-    std::remove(output.c_str());  // a refused job leaves no movie behind
-    const std::string reason = LastConsoleLine(console);
-    if (!reason.empty()) {
-      return Fail(kExitOutput, "%s: the encoder refused the job: %s", output.c_str(),
-                  reason.c_str());
+  if (status == 3 && reason != 0) {
+    // A write failed: the library cut the movie back to its last whole frame. It takes the
+    // final name only where no older file stands.
+    struct stat cut = {}, old = {};
+    const bool kept = stat(staged.path().c_str(), &cut) == 0 && cut.st_size > 0 &&
+                      lstat(output.c_str(), &old) != 0 && staged.Commit();
+    const uint32_t framesKept = kept ? bar.frames() : 0;
+    Fail(kExitOutput, "%s: can't write the movie (%s)", output.c_str(), std::strerror(reason));
+    if (kept) {
+      Note("%s holds the %s that fitted", output.c_str(),
+           Count(framesKept, "whole frame", "whole frames").c_str());
+    } else {
+      Note("%s was not changed", output.c_str());
     }
-    return Fail(kExitOutput,
-                "%s: the encoder refused the job (the output could not be opened, or the "
-                "first frame failed)",
+    return kExitOutput;
+  }
+  if (status == 3) {
+    const std::string why = LastConsoleLine(console);
+    if (!why.empty()) {
+      return Fail(kExitOutput, "%s: the encoder refused the job: %s; nothing was written",
+                  output.c_str(), why.c_str());
+    }
+    return Fail(kExitOutput, "%s: the encoder refused the job; nothing was written",
                 output.c_str());
   }
   if (status != 0 && status != 1) {
     return Fail(kExitOutput, "%s: the codec answered status %d", output.c_str(), status);
+  }
+  if (!staged.Commit()) {
+    staged.Keep();
+    return Fail(kExitOutput, "%s; the movie stays there", staged.error().c_str());
   }
   struct stat written = {};
   const double fileBytes = stat(output.c_str(), &written) == 0 ? double(written.st_size) : 0;
