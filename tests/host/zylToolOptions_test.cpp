@@ -161,8 +161,9 @@ TEST(ZylToolOptions, BitrateAndSizeLandNearTheirTarget) {
       {zylMediaPath("tree_320x240_15fps_cinepak.avi"),
        {"--count", "30", "--scale", "160x120", "--size", "40k"}, 40e3},
   };
+  int n = 0;
   for (const Case& c : cases) {
-    const std::string movie = Dir() + "rate.zyl";
+    const std::string movie = Dir() + "rate" + std::to_string(n++) + ".zyl";
     std::vector<std::string> args = {"encode", c.clip, movie};
     args.insert(args.end(), c.args.begin(), c.args.end());
     const ToolResult result = RunTool(args);
@@ -189,8 +190,9 @@ TEST(ZylToolOptions, StandardInputAndOutputCarryMovies) {
     std::vector<std::string> extra;
     long soundRate;
   } cases[] = {{y4m, {}, 0}, {Speech(), {"--count", "4", "--scale", "96x72"}, 16000}};
+  std::string movie;
   for (const auto& c : cases) {
-    const std::string movie = Dir() + "piped.zyl";
+    movie = Dir() + "piped" + std::to_string(c.soundRate) + ".zyl";
     std::vector<std::string> args = {"encode", "-", movie};
     args.insert(args.end(), c.extra.begin(), c.extra.end());
     result = RunTool(args, c.input);
@@ -203,7 +205,7 @@ TEST(ZylToolOptions, StandardInputAndOutputCarryMovies) {
     EXPECT_EQ(JsonNumber(info.out, "soundRate"), c.soundRate);
   }
   // The sound of the Matroska movie as WAV on standard output, with its sizes right.
-  result = RunTool({"decode", Dir() + "piped.zyl", "--audio", "-", "-q"});
+  result = RunTool({"decode", movie, "--audio", "-", "-q"});
   ASSERT_EQ(result.exit, 0) << result.err;
   ASSERT_GT(result.out.size(), 44u);
   EXPECT_EQ(Le32(result.out, 4), result.out.size() - 8);
