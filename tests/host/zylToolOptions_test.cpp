@@ -71,9 +71,9 @@ TEST(ZylToolOptions, RefusalsAndWarningsOfTheCommandLine) {
        "part of this build", false},
       {{"encode", clip, "OUT", "--count", "2", "--format", "zyl1"}, 3,
        "the encoder refused the job: ZYL1 encoding is not available in this build", false},
-      {{"encode", clip, "OUT", "--count", "1", "--param", "iFMT=1", "--scale", "1040x64"}, 3,
-       "the encoder refused the job: Still image key frames are at most 1024 pixels wide or "
-       "high", false},
+      {{"encode", clip, "OUT", "--count", "1", "--param", "HXTC=1", "--param", "nFMT=1"}, 3,
+       "the encoder refused the job: Lzma packing needs a header version other than 1, 2 or 3",
+       false},
       {{"encode", "--", "-no-such-clip.mp4", "OUT"}, 2, "-no-such-clip.mp4: No input!", false},
       {{"encode", clip, "-"}, 1, "the movie can't go to standard output", false},
       {{"info", Dir() + "no-such-movie.zyl"}, 2, "no-such-movie.zyl: No such file or directory",
