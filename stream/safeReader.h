@@ -67,6 +67,7 @@ enum class zycSafeStatus : uint8_t {
 
 struct zycFrameDecoder;
 class myDecoder;
+class zycZyl1Decoder;
 
 class zycSafeReader {
  public:
@@ -151,6 +152,7 @@ class zycSafeReader {
 
   std::unique_ptr<myDecoder> io_;
   std::unique_ptr<zycFrameDecoder> decoder_;
+  std::unique_ptr<zycZyl1Decoder> zyl1_;  // ZYL1 frames
   int8_t largeMotion_[4096][2];
   bool largeMotionReady_ = false;
   uint32_t pictureWidth_ = 0, pictureHeight_ = 0;
