@@ -22,6 +22,10 @@ const char kUsage[] =
     "\n"
     "options:\n"
     "  --format zyl0|zyl1     stream format (default zyl0)\n"
+    "  --key-format still|quadtree\n"
+    "                         zyl1 key frames: still images (VQ and surfaces, pictures up to\n"
+    "                         1024 x 1024) or DXT1 quad trees (any size); the default is still\n"
+    "                         where the picture fits, else quadtree (the same as --param iFMT)\n"
     "  --param TAG=VALUE      set a codec parameter; repeatable; `zyl params` lists them\n"
     "                         (\"SND\\0\" and \"YUV\\0\" are written SND and YUV)\n"
     "  --ratio N              target compression ratio, the same as --param RATI=N\n"
@@ -77,6 +81,8 @@ int RunEncode(const CommandArgs& words) {
   }
   bool formatGiven = false;
   const std::string format = args.Value("--format", &formatGiven);
+  bool keyFormatGiven = false;
+  const std::string keyFormat = args.Value("--key-format", &keyFormatGiven);
   const std::vector<std::string> params = args.Values("--param");
   bool ratioGiven = false, firstGiven = false, countGiven = false, keysGiven = false;
   const std::string ratio = args.Value("--ratio", &ratioGiven);
@@ -110,6 +116,18 @@ int RunEncode(const CommandArgs& words) {
     } else {
       return Fail(kExitUsage, "unknown format '%s': use zyl0 or zyl1", format.c_str());
     }
+  }
+  int32_t keyFormatValue = -1;  // -1: chosen by the picture's size
+  if (keyFormatGiven) {
+    if (keyFormat == "still") {
+      keyFormatValue = 1;
+    } else if (keyFormat == "quadtree") {
+      keyFormatValue = 0;
+    } else {
+      return Fail(kExitUsage, "unknown key frame format '%s': use still or quadtree",
+                  keyFormat.c_str());
+    }
+    if (mode != 1) return Fail(kExitUsage, "--key-format is for --format zyl1");
   }
 
   // The settings in the order given: the aliases first, then every --param.
@@ -205,7 +223,14 @@ int RunEncode(const CommandArgs& words) {
   codec->SetCodecMode(mode);
   // Still images need a block table; the ZYL1 encoder has no key frame format of its own.
   codec->SetParam(zylTag('u', 'F', 'M', 'T'), 230400);
-  if (mode == 1) codec->SetParam(zylTag('i', 'F', 'M', 'T'), 1);
+  // ZYL1 key frames: still images where the padded picture fits the still coder, else quad
+  // trees; --key-format or --param iFMT decide otherwise.
+  if (mode == 1) {
+    const bool fits = ((uint32_t(source->width) + 7) & ~7u) <= 1024 &&
+                      ((uint32_t(source->height) + 7) & ~7u) <= 1024;
+    codec->SetParam(zylTag('i', 'F', 'M', 'T'),
+                    keyFormatValue >= 0 ? keyFormatValue : fits ? 1 : 0);
+  }
   // Sound goes into the frames only with "EXTC" set.
   if (source->audioSampleRate > 0) codec->SetParam(zylTag('E', 'X', 'T', 'C'), 1);
   for (const Setting& setting : settings) codec->SetParam(setting.param->tag, setting.value);
@@ -222,10 +247,16 @@ int RunEncode(const CommandArgs& words) {
   const double paddedHeight = double((uint32_t(source->height) + align - 1) / align * align);
   const double frameBudget = paddedWidth * paddedHeight * 3 / ratioValue;
 
-  Note("encoding %s (%s) to %s as %s, frames %u to %u", input.c_str(),
-       media.description().c_str(), output.c_str(), mode == 1 ? "ZYL1" : "ZYL0", firstFrame,
-       firstFrame + jobFrames - 1);
+  const char* keyText = "";
+  if (mode == 1) {
+    keyText = codec->GetParam(zylTag('i', 'F', 'M', 'T')) == 1 ? " with still-image key frames"
+                                                               : " with quad-tree key frames";
+  }
+  Note("encoding %s (%s) to %s as %s%s, frames %u to %u", input.c_str(),
+       media.description().c_str(), output.c_str(), mode == 1 ? "ZYL1" : "ZYL0", keyText,
+       firstFrame, firstFrame + jobFrames - 1);
   ProgressBar bar(stderr, !noProgress && isatty(STDERR_FILENO), jobFrames, frameBudget);
+  bar.ShowFrameModes(mode == 1);
   gBar = &bar;
   gInterrupted = false;
   std::signal(SIGINT, OnInterrupt);

@@ -19,7 +19,17 @@ double ProgressBar::seconds() const {
 
 void ProgressBar::Update(const zylProgress& progress) {
   frames_ = progress.frameIndex + 1;
-  if (progress.keyFrame) ++keyFrames_;
+  if (progress.keyFrame) {
+    ++keyFrames_;
+    lastMode_ = "key";
+  } else if (progress.size == int32_t(8 + (progress.soundSize ? 8 + progress.soundSize : 0))) {
+    // A ZYL1 record with no picture stream: its first word, firstSize, and a sound entry.
+    ++repeats_;
+    lastMode_ = "repeat";
+  } else {
+    ++pFrames_;
+    lastMode_ = "P";
+  }
   bytes_ += std::max(progress.size, 0);
   credit_ = progress.credit;
   Draw(false);
@@ -54,8 +64,12 @@ void ProgressBar::Draw(bool force) {
   } else if (total_ > 0 && frames_ >= total_) {
     std::snprintf(eta, sizeof(eta), "0:00");
   }
-  std::fprintf(out_, "\r%s%s frames  %.1f fps  %s  credit %+d B  key %u  ETA %s\033[K",
-               bar.c_str(), counts, fps, size.c_str(), credit_, keyFrames_, eta);
+  char modes[96] = "";
+  if (showModes_) {
+    std::snprintf(modes, sizeof(modes), "  P %u  repeat %u  (%s)", pFrames_, repeats_, lastMode_);
+  }
+  std::fprintf(out_, "\r%s%s frames  %.1f fps  %s  credit %+d B  key %u%s  ETA %s\033[K",
+               bar.c_str(), counts, fps, size.c_str(), credit_, keyFrames_, modes, eta);
   std::fflush(out_);
 }
 

@@ -15,6 +15,8 @@ class ProgressBar {
   ProgressBar(FILE* out, bool enabled, uint32_t totalFrames, double frameBudget);
   // After every coded frame.
   void Update(const zylProgress& progress);
+  // ZYL1 movies: the line also counts P-frames and repeats.
+  void ShowFrameModes(bool on) { showModes_ = on; }
   // Ends the line so that later messages start on their own.
   void Finish();
 
@@ -32,6 +34,10 @@ class ProgressBar {
   double frameBudget_;
   uint32_t frames_ = 0;
   uint32_t keyFrames_ = 0;
+  bool showModes_ = false;
+  uint32_t pFrames_ = 0;
+  uint32_t repeats_ = 0;
+  const char* lastMode_ = "";
   double bytes_ = 0;
   int32_t credit_ = 0;
   std::chrono::steady_clock::time_point start_;
