@@ -172,11 +172,11 @@ TEST(ZylToolInput, FileWithoutPictureIsAnInputError) {
 }
 
 TEST(ZylToolInput, RefusedJobIsAnOutputErrorAndLeavesNoFile) {
-  // The ZYL1 encoder of this build refuses every job.
+  // Still-image key frames take pictures up to 1024 x 1024 only.
   const std::string movie = Dir() + "refused.zyl";
-  const Result result = RunTool({"encode", ExampleClip(), movie, "--format", "zyl1", "--count",
-                                 "2", "--no-sound"});
-  if (result.exit == 0) GTEST_SKIP() << "this build's ZYL1 encoder takes the job";
+  const Result result =
+      RunTool({"encode", std::string(ZYL_MEDIA_DIR) + "/photo_flower_2268x1512.png", movie,
+               "--format", "zyl1", "--key-format", "still", "--no-sound"});
   EXPECT_EQ(result.exit, 3);
   EXPECT_NE(result.err.find("the encoder refused the job"), std::string::npos) << result.err;
   EXPECT_FALSE(Exists(movie));
@@ -403,29 +403,71 @@ TEST_F(ZylTool, CtrlCStopsBetweenFramesAndLeavesAValidMovie) {
   EXPECT_EQ(info.exit, 0) << info.out;
 }
 
+// Both formats: a killed encode leaves the frames whose headers were patched, and nothing
+// that a reader takes for a damaged frame.
 TEST_F(ZylTool, AKilledEncodeLeavesAMovieOfWholeFrames) {
-  const std::string movie = Dir() + "killed.zyl";
-  const std::string out = Dir() + "kill_out.txt", err = Dir() + "kill_err.txt";
-  const pid_t pid = Start({"encode", ExampleClip(), movie, "--count", "100"}, out, err);
-  ASSERT_GT(pid, 0);
-  // Let a few frames reach the disk (the header counts them), then end the process with no
-  // chance to tidy up: most likely in the middle of a frame.
-  auto framesOnDisk = [&] {
-    const std::string bytes = ReadFile(movie);
-    return bytes.size() < 20 ? 0u : zycLoad32(bytes.data() + 16);
-  };
-  for (int i = 0; i < 6000 && framesOnDisk() < 3; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  const std::vector<std::vector<std::string>> formats = {{}, {"--format", "zyl1"}};
+  for (const std::vector<std::string>& format : formats) {
+    SCOPED_TRACE(format.empty() ? "zyl0" : "zyl1");
+    const std::string movie = Dir() + "killed.zyl";
+    const std::string out = Dir() + "kill_out.txt", err = Dir() + "kill_err.txt";
+    std::vector<std::string> args = {"encode", ExampleClip(), movie, "--count", "100"};
+    args.insert(args.end(), format.begin(), format.end());
+    const pid_t pid = Start(args, out, err);
+    ASSERT_GT(pid, 0);
+    // Let a few frames reach the disk (the header counts them), then end the process with no
+    // chance to tidy up: most likely in the middle of a frame.
+    auto framesOnDisk = [&] {
+      const std::string bytes = ReadFile(movie);
+      return bytes.size() < 20 ? 0u : zycLoad32(bytes.data() + 16);
+    };
+    for (int i = 0; i < 6000 && framesOnDisk() < 3; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    kill(pid, SIGKILL);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    ASSERT_TRUE(WIFSIGNALED(status));
+    const Result info = RunTool({"info", movie});
+    EXPECT_EQ(info.exit, 0) << info.out;
+    EXPECT_NE(info.out.find("problems       none"), std::string::npos) << info.out;
+    const Result decode = RunTool({"decode", movie, Dir() + "killed.y4m"});
+    EXPECT_EQ(decode.exit, 0) << decode.err;
   }
-  kill(pid, SIGKILL);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  ASSERT_TRUE(WIFSIGNALED(status));
-  const Result info = RunTool({"info", movie});
+}
+
+// A ZYL1 movie with sound and two sections: info tells its frame kinds, decode writes every
+// frame and the sound, and replace swaps its second section for a movie of the same kind.
+TEST(ZylToolZyl1, EncodeInfoDecodeAndReplace) {
+  const std::string movie = Dir() + "zyl1.zyl";
+  const Result encode = RunTool({"encode", ExampleClip(), movie, "--format", "zyl1", "--count",
+                                 "6", "--key-frames", "3", "--ratio", "20"});
+  ASSERT_EQ(encode.exit, 0) << encode.err;
+  EXPECT_NE(encode.err.find("as ZYL1 with still-image key frames"), std::string::npos)
+      << encode.err;
+  const Result info = RunTool({"info", movie, "--frames"});
   EXPECT_EQ(info.exit, 0) << info.out;
+  EXPECT_NE(info.out.find("frames         6 (2 key frames, 2 sections)"), std::string::npos)
+      << info.out;
+  EXPECT_NE(info.out.find("frame kinds    2 still, 0 quadtree, "), std::string::npos) << info.out;
   EXPECT_NE(info.out.find("problems       none"), std::string::npos) << info.out;
-  const Result decode = RunTool({"decode", movie, Dir() + "killed.y4m"});
-  EXPECT_EQ(decode.exit, 0) << decode.err;
+  const std::string rgb = Dir() + "zyl1.rgb", wav = Dir() + "zyl1.wav";
+  EXPECT_EQ(RunTool({"decode", movie, rgb, "--rgb"}).exit, 0);
+  EXPECT_EQ(ReadFile(rgb).size(), size_t(284) * 160 * 3 * 6);
+  EXPECT_EQ(RunTool({"decode", movie, "--audio", wav}).exit, 0);
+  EXPECT_GT(ReadFile(wav).size(), 44u);
+
+  const std::string part = Dir() + "zyl1_part.zyl";
+  ASSERT_EQ(RunTool({"encode", ExampleClip(), part, "--format", "zyl1", "--first", "3",
+                     "--count", "3", "--ratio", "20"})
+                .exit,
+            0);
+  const Result replace = RunTool({"replace", movie, part, "--start", "3"});
+  ASSERT_EQ(replace.exit, 0) << replace.err;
+  const Result after = RunTool({"info", movie});
+  EXPECT_EQ(after.exit, 0) << after.out;
+  EXPECT_NE(after.out.find("frames         6 (2 key frames, 2 sections)"), std::string::npos)
+      << after.out;
 }
 
 }  // namespace
