@@ -189,41 +189,47 @@ INSTANTIATE_TEST_SUITE_P(Cases, Zyl1FrameModes, testing::ValuesIn(kModeCases),
                            return std::string(info.param.name);
                          });
 
+// The wanted size printed for a frame: `wanted` moved by a sixteenth of the bonus `bonus`, at
+// most half of it upward and a third downward.
+std::string CreditLine(uint32_t count, uint32_t used, int32_t wanted, int32_t bonus) {
+  int32_t adjustment = bonus >> 4;
+  if (adjustment >= 0 && adjustment > wanted * 0.5) adjustment = int32_t(wanted * 0.5);
+  if (adjustment < 0 && -adjustment > wanted * 0.33333334) {
+    adjustment = int32_t(-wanted * 0.33333334);
+  }
+  char line[200];
+  std::snprintf(line, sizeof line,
+                "---IFrameCreditCount:%d  IFrameCreditToBeUsed:%d   --> wantedSize:%d (bonus "
+                "Size: %d, adjustment size:%d)\n",
+                int32_t(count), int32_t(used), wanted + adjustment, bonus - adjustment,
+                adjustment);
+  return line;
+}
+
 // 320 x 240 with no sound at "RATI" 100: a frame budget of 320 * 240 * 3 / 100 = 2304 bytes.
 // At 10 frames a second the first I-frame spends the full 2500 ms of credit:
-// 2.5 * 10 * 2304 * 0.18 = 10368 bytes. Each further frame adds 100 ms; a repeat wants
-// 2304 - trunc(2304 * 0.18) = 1890 bytes. A forced key with 200 ms spends the minimum of
-// 1000 ms (4147 bytes) and wraps the unsigned credit to 2^32 - 800.
-TEST_F(Zyl1Movie, DISABLED_CreditArithmetic) {
+// 2.5 * 10 * 2304 * 0.18 = 10368 bytes. Each further frame adds 100 ms. A forced key with
+// 100 ms spends the minimum of 1000 ms (4147 bytes) and wraps the unsigned credit to
+// 2^32 - 900; the next forced key then has "plenty" and spends the maximum again.
+TEST_F(Zyl1Movie, CreditArithmetic) {
   codec_->SetParam(Tag("iFMT"), 1);
   codec_->SetParam(Tag("wFMT"), 1);
-  const uint32_t keys[] = {2};
-  const zylKeyframeRange plan = {0, 0, keys, 1, nullptr};
+  const uint32_t keys[] = {1, 2};
+  const zylKeyframeRange plan = {0, 0, keys, 2, nullptr};
   std::string printed;
-  ASSERT_EQ(Encode(Clip(4, 320, 240, true), false, &plan, &printed), 0);
+  ASSERT_EQ(Encode(Clip(3, 320, 240, true), false, &plan, &printed), 0);
+  EXPECT_EQ(encoder().frameBudget, 2304u);
   EXPECT_NE(printed.find("---IFrameCreditCount:2500  IFrameCreditToBeUsed:2500   --> "
                          "wantedSize:10368 (bonus Size: -60)\n"),
             std::string::npos)
       << printed;
-  EXPECT_EQ(encoder().frameBudget, 2304u);
-  // Frame 1 repeats: 1890 bytes wanted, less a sixteenth of the debt (at most a third).
-  const int32_t bonus0 = shown_.credits[0];
-  int32_t adjustment = bonus0 >> 4;
-  if (adjustment < 0 && -adjustment > 1890 / 3) adjustment = -630;
-  char line[200];
-  std::snprintf(line, sizeof line,
-                "---IFrameCreditCount:100  IFrameCreditToBeUsed:0   --> wantedSize:%d (bonus "
-                "Size: %d, adjustment size:%d)\n",
-                1890 + adjustment, bonus0 - adjustment, adjustment);
-  EXPECT_NE(printed.find(line), std::string::npos) << line << printed;
-  // A repeat costs only its 8-byte record: the bonus gains what the frame wanted.
-  EXPECT_EQ(shown_.credits[1], bonus0 + 1890 - 8);
-  EXPECT_NE(printed.find("IFrameCreditCount:200  IFrameCreditToBeUsed:1000   --> "
-                         "wantedSize:4147"),
-            std::string::npos);
-  EXPECT_EQ(shown_.keyFrames, (std::vector<uint8_t>{1, 0, 1, 0}));
-  // 200 - 1000 wraps; the next frame adds its 100 ms to the wrapped count.
-  EXPECT_EQ(encoder().IFrameCreditCount, uint32_t(200 - 1000 + 100));
+  const std::string second = CreditLine(100, 1000, 4147, shown_.credits[0]);
+  EXPECT_NE(printed.find(second), std::string::npos) << second << printed;
+  const std::string third = CreditLine(100u - 1000u + 100u, 2500, 10368, shown_.credits[1]);
+  EXPECT_NE(printed.find(third), std::string::npos) << third << printed;
+  EXPECT_EQ(encoder().IFrameCreditCount, 100u - 1000u + 100u - 2500u);
+  EXPECT_EQ(shown_.keyFrames, (std::vector<uint8_t>{1, 1, 1}));
+  CheckDecodes(320, 240, nullptr);
 }
 
 TEST_F(Zyl1Movie, DISABLED_NoSoundFlagMeansABudgetOfNothing) {
