@@ -11,6 +11,8 @@
 
 extern "C" int zylFuzz_container(const uint8_t* data, size_t size);
 extern "C" int zylFuzz_safeDecode(const uint8_t* data, size_t size);
+extern "C" int zylFuzz_quadTree(const uint8_t* data, size_t size);
+extern "C" int zylFuzz_planeStream(const uint8_t* data, size_t size);
 
 namespace {
 
@@ -44,3 +46,6 @@ size_t Replay(const std::string& target, int (*run)(const uint8_t*, size_t)) {
 TEST(FuzzReplay, ContainerInputsRunClean) { EXPECT_GE(Replay("container", zylFuzz_container), 3u); }
 
 TEST(FuzzReplay, SafeDecodeInputsRunClean) { EXPECT_GE(Replay("safeDecode", zylFuzz_safeDecode), 3u); }
+
+TEST(FuzzReplay, QuadTreeInputsRunClean) { EXPECT_GE(Replay("quadTree", zylFuzz_quadTree), 3u); }
+TEST(FuzzReplay, PlaneStreamInputsRunClean) { EXPECT_GE(Replay("planeStream", zylFuzz_planeStream), 3u); }

@@ -1,0 +1,454 @@
+#include "mpmc/mcproc.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "base/clock.h"
+#include "base/consoleLog.h"
+#include "mpmc/afProcOptimized.h"
+#include "mpmc/mcProcOptimized.h"
+#include "mpmc/mpProcOptimized.h"
+#include "stream/mpmcTables.h"
+
+McBlock* blockList = nullptr;
+int32_t* blockSizeWords = nullptr;
+int32_t blockCount = 0;
+mpmcafPlaneReport planeReport;
+
+namespace {
+
+// Copies of the lists for the writer.
+struct AtomCopy {
+  int32_t x, y, atomH, atomV;
+  double coefficient;
+};
+static_assert(sizeof(AtomCopy) == 24);
+static_assert(sizeof(McBlock) == 28);
+
+int32_t SignificantBits(uint32_t v) {
+  int32_t n = 0;
+  while (v) {
+    ++n;
+    v >>= 1;
+  }
+  return n;
+}
+
+inline int32_t Clamp255(int32_t v) { return v < 0 ? 0 : (v > 255 ? 255 : v); }
+
+int32_t LevelOf(int32_t size) { return size == 4 ? 0 : size == 8 ? 1 : size == 16 ? 2 : 3; }
+
+// Bits of |d| for the vector cost estimate, sign included: index 0..32.
+constexpr int32_t kVectorCost[33] = {1,  3,  4,  5,  7,  8,  8,  8,  10, 10, 10,
+                                     11, 11, 11, 11, 11, 11, 11, 11, 11, 11, 11,
+                                     11, 11, 11, 12, 12, 12, 12, 12, 12, 13, 13};
+
+// Most significant bit first into bytes; a value of n bits is cut to its low n bits.
+struct BitWriter {
+  uint8_t* out;
+  uint32_t bytes = 0;
+  uint32_t partial = 0;
+  int32_t freeBits = 8;
+
+  void Put(uint32_t value, int32_t n) {
+    for (int32_t i = n - 1; i >= 0; --i) {
+      partial = (partial << 1) | ((value >> i) & 1u);
+      if (--freeBits == 0) {
+        out[bytes++] = static_cast<uint8_t>(partial);
+        partial = 0;
+        freeBits = 8;
+      }
+    }
+  }
+  void PutRice(uint32_t value, int32_t k) {
+    for (uint32_t z = value >> k; z > 0; --z) Put(0, 1);
+    Put(1, 1);
+    Put(value, k);
+  }
+  void Pad() {
+    if (freeBits != 8) Put(0, freeBits);
+  }
+};
+
+void WriteBlockSection(BitWriter& bits, const McBlock* blocks, int32_t count, int32_t posBits) {
+  bits.Put(static_cast<uint32_t>(count), 12);
+  for (int32_t k = 0; k < 4; ++k) bits.Put(1, 1);
+  for (int32_t k = 0; k < 4; ++k) bits.Put(static_cast<uint32_t>(k), k + 1);
+  int32_t previous[2] = {0, 0};
+  for (int32_t i = 0; i < count; ++i) {
+    const McBlock& b = blocks[i];
+    bits.Put(b.type, 1);
+    bits.Put(static_cast<uint32_t>(((b.y * param.width) >> 4) + (b.x >> 2)), posBits);
+    bits.Put(static_cast<uint32_t>(LevelOf(b.size)), 2);
+    if (b.type == 0) {
+      const int32_t v[2] = {quantRound(b.dx * 2.0), quantRound(b.dy * 2.0)};
+      for (int32_t axis = 0; axis < 2; ++axis) {
+        int32_t d = v[axis] - previous[axis];
+        if (d < -32) d += 64;
+        if (d > 31) d -= 64;
+        const int32_t magnitude = std::abs(d);
+        bits.Put(zycVectorCode(magnitude), zycVectorCodeBits(magnitude));
+        if (magnitude) bits.Put(d < 0 ? 1 : 0, 1);
+        previous[axis] = v[axis];
+      }
+    } else {
+      bits.Put(static_cast<uint32_t>(std::clamp(b.a + 1024, 0, 4095)), 12);
+      bits.Put(static_cast<uint32_t>(std::clamp(b.b + 256, 0, 511)), 9);
+    }
+  }
+}
+
+void WriteAtomSection(BitWriter& bits, const AtomCopy* list, int32_t count, double step) {
+  bits.Put(static_cast<uint32_t>(count), 12);
+  if (count == 0) return;
+  int32_t* positions = static_cast<int32_t*>(mpmcAlloc(sizeof(int32_t) * count));
+  int32_t* magnitudes = static_cast<int32_t*>(mpmcAlloc(sizeof(int32_t) * count));
+  int32_t minLevel = 0;
+  for (int32_t i = 0; i < count; ++i) {
+    positions[i] = list[i].y * param.width + list[i].x;
+    magnitudes[i] = std::abs(quantRound(list[i].coefficient / step));
+    if (i == 0 || magnitudes[i] < minLevel) minLevel = magnitudes[i];
+  }
+  if (minLevel > 1023) {
+    zycLog("!! offset overflow = %d\n", minLevel);
+    std::fflush(stdout);
+    std::exit(1);
+  }
+  int32_t kPos = 0;
+  int64_t bestPos = 0;
+  for (int32_t k = 0; k < 16; ++k) {
+    int64_t sum = 0;
+    int32_t previous = 0;
+    for (int32_t i = 0; i < count; ++i) {
+      sum += ((positions[i] - previous) >> k) + 1 + k;
+      previous = positions[i];
+    }
+    if (k == 0 || sum < bestPos) {
+      bestPos = sum;
+      kPos = k;
+    }
+  }
+  int64_t costs[16];
+  zycLevelCosts(magnitudes, count, minLevel, costs);
+  int32_t choice = 0;
+  for (int32_t c = 1; c < 16; ++c)
+    if (costs[c] < costs[choice]) choice = c;
+  const int32_t kLevel = choice & 7;
+  const uint32_t swap = choice >= 8 ? 1 : 0;
+  const uint32_t mask = 1u << kLevel;
+  bits.Put(static_cast<uint32_t>(kPos), 4);
+  bits.Put(swap, 1);
+  bits.Put(static_cast<uint32_t>(kLevel), 3);
+  bits.Put(static_cast<uint32_t>(step) / 4 - 1, 4);
+  bits.Put(static_cast<uint32_t>(minLevel), 10);
+  int32_t previous = 0;
+  for (int32_t i = 0; i < count; ++i) {
+    bits.PutRice(static_cast<uint32_t>(positions[i] - previous), kPos);
+    previous = positions[i];
+    bits.Put(static_cast<uint32_t>(list[i].atomV), 4);
+    bits.Put(static_cast<uint32_t>(list[i].atomH), 4);
+    uint32_t n = static_cast<uint32_t>(magnitudes[i] - minLevel);
+    if (swap) n = n == 0 ? mask : (n == mask ? 0 : n);
+    bits.PutRice(n, kLevel);
+    bits.Put(list[i].coefficient > 0 ? 0 : 1, 1);
+  }
+  mpmcFree(magnitudes);
+  mpmcFree(positions);
+}
+
+}  // namespace
+
+int32_t zycVectorCodeBits(int32_t magnitude) {
+  static constexpr int32_t kBits[11] = {1, 2, 3, 4, 6, 7, 7, 7, 9, 9, 9};
+  if (magnitude <= 10) return kBits[magnitude];
+  if (magnitude <= 24) return 10;
+  if (magnitude <= 30) return 11;
+  return 12;
+}
+
+uint32_t zycVectorCode(int32_t magnitude) {
+  static constexpr uint32_t kCodes[11] = {1, 1, 1, 1, 3, 5, 4, 3, 11, 10, 9};
+  if (magnitude <= 10) return kCodes[magnitude];
+  if (magnitude <= 24) return static_cast<uint32_t>(17 - (magnitude - 11));
+  if (magnitude <= 30) return static_cast<uint32_t>(7 - (magnitude - 25));
+  return magnitude == 31 ? 3 : 2;
+}
+
+int32_t blockBits(int32_t index) {
+  const McBlock& entry = blockList[index];
+  int32_t bits = SignificantBits(static_cast<uint32_t>(param.width * param.height / 16 - 1)) + 1;
+  bits += SignificantBits(3);
+  if (entry.type == 0) {
+    const float vector[2] = {entry.dx, entry.dy};
+    const float before[2] = {index > 0 ? blockList[index - 1].dx : 0.0f,
+                             index > 0 ? blockList[index - 1].dy : 0.0f};
+    for (int32_t axis = 0; axis < 2; ++axis) {
+      const int32_t v = quantRound(vector[axis] * 2.0);
+      const int32_t p = index > 0 ? quantRound(before[axis] * 2.0) : 0;
+      int32_t d = v - p;
+      if (d < -32) d += 64;
+      if (d >= 32) d -= 64;
+      bits += kVectorCost[std::abs(d)];
+    }
+  } else {
+    bits += 21;
+  }
+  return bits;
+}
+
+double mcaf_proc(const mpmcParam* p, const McRect& changedRect) {
+  constexpr int32_t reach = (4 << 3) - 4;
+  const int32_t x0 = std::max((changedRect.x0 / 4) * 4 - reach, 0);
+  const int32_t y0 = std::max((changedRect.y0 / 4) * 4 - reach, 0);
+  const int32_t x1 = std::min((changedRect.x1 + 3) / 4 * 4 + reach, p->width);
+  const int32_t y1 = std::min((changedRect.y1 + 3) / 4 * 4 + reach, p->height);
+  for (int32_t y = y0; y < y1; ++y) {
+    const uint8_t* o = sourcePic.rows[y];
+    const int32_t* c = mcImage->rows[y];
+    const int32_t* m = mpImage->rows[y];
+    int32_t* t = targetImage->rows[y];
+    int32_t* e = errorImage->rows[y];
+    for (int32_t x = x0; x < x1; ++x) {
+      t[x] = o[x] - m[x];
+      const int32_t d = o[x] - c[x] - m[x];
+      e[x] = d * d;
+    }
+  }
+  mcProcOptimized::initSearchFromProfessorData(mcImage, &sourcePic, mpImage, changedRect);
+  mcProcOptimized::mcSearch();
+  afProcOptimized::initSearchFromProfessorData(mcImage, &sourcePic, mpImage, changedRect);
+  afProcOptimized::afSearch();
+
+  McBlock& entry = blockList[blockCount];
+  McBlock best = entry;
+  double bestRatio = -1e19;
+  McRect rect;
+  for (int32_t k = 0; k < 4; ++k) {
+    if (mcProcOptimized::levelBestGain[k] != INT32_MIN) {
+      const int32_t vector = mcProcOptimized::levelBestVector[k];
+      entry.x = mcProcOptimized::levelBestX[k];
+      entry.y = mcProcOptimized::levelBestY[k];
+      entry.size = 4 << k;
+      entry.dx = static_cast<float>((vector & 31) - 16);
+      entry.dy = static_cast<float>((vector >> 5) - 16);
+      entry.type = 0;
+      const double ratio =
+          static_cast<double>(applyBlock(&entry, mcImage, nullptr, nullptr, &rect, -1)) / blockBits(blockCount);
+      if (ratio > bestRatio) {
+        bestRatio = ratio;
+        best = entry;
+      }
+    }
+    if (afProcOptimized::levelBestGain[k] != INT32_MIN) {
+      const uint32_t fit = afProcOptimized::levelBestFit[k];
+      entry.x = afProcOptimized::levelBestX[k];
+      entry.y = afProcOptimized::levelBestY[k];
+      entry.size = 4 << k;
+      entry.a = static_cast<int16_t>(static_cast<int32_t>(fit & 0xfff) - 1024);
+      entry.b = static_cast<int16_t>(static_cast<int32_t>(fit >> 12) - 256);
+      entry.type = 1;
+      const double ratio =
+          static_cast<double>(applyBlock(&entry, mcImage, nullptr, nullptr, &rect, -1)) / blockBits(blockCount);
+      if (ratio > bestRatio) {
+        bestRatio = ratio;
+        best = entry;
+      }
+    }
+  }
+  entry = best;
+  bestRatio = static_cast<double>(applyBlock(&entry, mcImage, nullptr, nullptr, &rect, -1)) /
+              blockBits(blockCount);
+  if (entry.type == 0) {
+    if (p->halfPel) {
+      float centreX = entry.dx, centreY = entry.dy;
+      for (int32_t round = 0; round < 2; ++round) {
+        float bestX = centreX, bestY = centreY;
+        for (int32_t oy = -1; oy <= 1; ++oy)
+          for (int32_t ox = -1; ox <= 1; ++ox) {
+            const float nx = centreX + 0.5f * ox, ny = centreY + 0.5f * oy;
+            if (nx < -p->searchRange || nx >= p->searchRange || ny < -p->searchRange ||
+                ny >= p->searchRange)
+              continue;
+            entry.dx = nx;
+            entry.dy = ny;
+            const double ratio = static_cast<double>(applyBlock(&entry, mcImage, nullptr, nullptr, &rect, -1)) /
+                                 blockBits(blockCount);
+            if (ratio > bestRatio) {
+              bestRatio = ratio;
+              bestX = nx;
+              bestY = ny;
+            }
+          }
+        centreX = bestX;
+        centreY = bestY;
+      }
+      entry.dx = centreX;
+      entry.dy = centreY;
+    }
+  } else if (entry.type != 1) {
+    zycLog("MC TYPE UNKNOWN !!!\n");
+  }
+  return bestRatio;
+}
+
+double chooseQuantStep(double minGain) {
+  double bestCost = 1e10;
+  int32_t bestJ = 1;
+  for (int32_t j = 1; j <= 16; ++j) {
+    const int32_t cost = requantize(4.0 * j, minGain);
+    if (cost < bestCost) {
+      bestCost = cost;
+      bestJ = j;
+    }
+  }
+  requantize(4.0 * bestJ, minGain);
+  return 4.0 * bestJ;
+}
+
+void mpmcafBeginJob(uint32_t width, uint32_t height) {
+  setDefaultParam();
+  param.width = static_cast<int32_t>(width);
+  param.height = static_cast<int32_t>(height);
+  buildPlaneBuffers();
+  buildJobBuffers();
+}
+
+void mpmcafPlaneSize(uint32_t width, uint32_t height) {
+  freePlaneBuffers();
+  param.width = static_cast<int32_t>(width);
+  param.height = static_cast<int32_t>(height);
+  buildPlaneBuffers();
+}
+
+void mpmcafEndJob() { freeJobBuffers(); }
+
+void encodePlane(const uint8_t* source, const uint8_t* reference, uint8_t* recon,
+                 uint32_t targetBits, uint8_t* out, uint32_t* outSize) {
+  param.targetBits = static_cast<int32_t>(targetBits);
+  const int32_t w = param.width, h = param.height;
+  planeReport = {};
+  uint64_t clock = zycClockMicroseconds();
+  AtomCopy* atomCopies = static_cast<AtomCopy*>(mpmcAlloc(sizeof(AtomCopy) * param.maxIterations));
+  McBlock* blockCopies = static_cast<McBlock*>(mpmcAlloc(sizeof(McBlock) * param.maxIterations));
+
+  for (int32_t y = 0; y < h; ++y) {
+    sourcePic.rows[y] = const_cast<uint8_t*>(source) + static_cast<size_t>(y) * w;
+    referencePic.rows[y] = const_cast<uint8_t*>(reference) + static_cast<size_t>(y) * w;
+    reconPic.rows[y] = recon + static_cast<size_t>(y) * w;
+  }
+  clearLabel(mcImage);
+  clearLabel(mpImage);
+  mpProcOptimized::reset();
+  blockCount = 0;
+  const int32_t margin = param.searchRange + 8;
+  for (int32_t y = 0; y < paddedRef->height; ++y) {
+    const uint8_t* row = referencePic.rows[std::clamp(y - margin, 0, h - 1)];
+    int32_t* padded = paddedRef->rows[y];
+    for (int32_t x = 0; x < paddedRef->width; ++x) padded[x] = row[std::clamp(x - margin, 0, w - 1)];
+  }
+  for (int32_t y = 0; y < h; ++y)
+    for (int32_t x = 0; x < w; ++x) mcImage->rows[y][x] = referencePic.rows[y][x];
+  clearLabel(labelMap);
+  clearLabel(targetImage);
+  clearLabel(errorImage);
+
+  double sse = 0.0;
+  planeSnr(&sse, &reconPic);
+  McRect changedRect{0, 0, w, h};
+  int32_t bits = 44;
+  double minGain = 1e10;
+  int32_t mcCount = 0, afCount = 0;
+  lastMethod = 0;
+  int32_t stall = 0;
+  int32_t iteration = 1;
+  for (; iteration <= param.maxIterations; ++iteration) {
+    const double mcGain = mcaf_proc(&param, changedRect);
+    const double mpGain = nextAtom(changedRect, &param);
+    if (iteration == 1) {
+      const uint64_t now = zycClockMicroseconds();
+      planeReport.firstSearch = now - clock;
+      clock = now;
+    }
+    if (mcGain < 1.0 && mpGain < 1.0) {
+      zycLog("Early exit: gains<0\n");
+      --iteration;
+      break;
+    }
+    int32_t realGain;
+    if (mcGain > mpGain) {
+      realGain = applyBlock(&blockList[blockCount], mcImage, mpImage, &param, &changedRect, -1);
+      bits += blockBits(blockCount);
+      if (blockList[blockCount].type == 0) {
+        ++mcCount;
+        lastMethod = 1;
+      } else {
+        ++afCount;
+        lastMethod = 3;
+      }
+      ++blockCount;
+      minGain = std::min(minGain, mcGain);
+    } else {
+      lastMethod = 2;
+      bits += applyAtom(&realGain, &changedRect, &param);
+      minGain = std::min(minGain, mpGain);
+    }
+    sse -= realGain;
+    if (param.gainFloor > 0) {
+      if (minGain < param.gainFloor) {
+        if (++stall > 2) break;
+      } else {
+        stall = 0;
+      }
+      continue;
+    }
+    const double snr = 10.0 * std::log10(65025.0 / (sse / (static_cast<double>(w) * h)));
+    if (snr > param.targetSnr) {
+      zycLog("Early exit: SNR>%f\n", snr);
+      break;
+    }
+    if (bits > param.targetBits) {
+      zycLog("Normal exit: bit rate reached: bit=%d > target=%d\n", bits, param.targetBits);
+      break;
+    }
+    if (realGain < 8) {
+      zycLog("Early exit: DSSE = %d < 8\n", realGain);
+      break;
+    }
+  }
+  if (iteration > param.maxIterations) iteration = param.maxIterations;
+  uint64_t now = zycClockMicroseconds();
+  planeReport.iterations = now - clock;
+  clock = now;
+
+  clearLabel(labelMap);  // no element carries a label: every block and atom takes all pixels
+  const double step = chooseQuantStep(minGain);
+  now = zycClockMicroseconds();
+  planeReport.quantiser = now - clock;
+  clock = now;
+
+  double realSse = 0.0;
+  const double snr = planeSnr(&realSse, &reconPic);
+  const double incrementalSnr = 10.0 * std::log10(65025.0 / (sse / (static_cast<double>(w) * h)));
+  zycLog("------- MPMCAF iteration count: %d + %d + %d = %d (snr %.2f)(incremental snr %.2f)\n",
+         atomCount, mcCount, afCount, iteration, snr, incrementalSnr);
+
+  for (int32_t i = 0; i < atomCount; ++i) {
+    const mpAtom* a = sortedAtoms[i];
+    atomCopies[i] = {a->x, a->y, a->atomH, a->atomV, a->level * step};
+  }
+  std::memcpy(blockCopies, blockList, sizeof(McBlock) * blockCount);
+  BitWriter writer{out};
+  const int32_t posBits = SignificantBits(static_cast<uint32_t>(w * h / 16));
+  WriteBlockSection(writer, blockCopies, blockCount, posBits);
+  WriteAtomSection(writer, atomCopies, atomCount, step);
+  writer.Pad();
+  *outSize = writer.bytes;
+  mpmcFree(blockCopies);
+  mpmcFree(atomCopies);
+  planeReport.writing = zycClockMicroseconds() - clock;
+  planeReport.iterationCount = iteration;
+  planeReport.snr = snr;
+}

@@ -1,0 +1,178 @@
+// The plane coder against its reader on real planes, and the support layer's buffer plan.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "mpmc/afProcOptimized.h"
+#include "mpmc/mcproc.h"
+#include "mpmc/mpProcOptimized.h"
+#include "stream/planeReader.h"
+#include "tests/mpmc/planeTestSupport.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+// The failed-allocation test needs the allocator to return null rather than report.
+extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+#endif
+
+namespace {
+
+struct Coded {
+  std::vector<uint8_t> stream;
+  std::vector<uint8_t> recon;
+  std::string log;
+};
+
+Coded CodePlane(const std::vector<uint8_t>& source, const std::vector<uint8_t>& reference,
+                uint32_t bits) {
+  Coded coded;
+  coded.recon = reference;  // the coder writes over its reference, as the encoder has it
+  coded.stream.resize(source.size() * 8 + 10240);
+  uint32_t size = 0;
+  testing::internal::CaptureStdout();
+  encodePlane(source.data(), coded.recon.data(), coded.recon.data(), bits, coded.stream.data(), &size);
+  coded.log = testing::internal::GetCapturedStdout();
+  coded.stream.resize(size);
+  return coded;
+}
+
+std::vector<uint8_t> ReadPlane(const Coded& coded, const std::vector<uint8_t>& reference,
+                               uint32_t width, uint32_t height) {
+  zycPlaneReader reader;
+  EXPECT_TRUE(reader.Setup(width, height));
+  std::vector<uint8_t> plane = reference;
+  const char* problem = reader.Decode(coded.stream.data(), static_cast<uint32_t>(coded.stream.size()),
+                                      width, height, plane.data());
+  EXPECT_EQ(problem, nullptr) << problem;
+  return plane;
+}
+
+TEST(PlaneCoder, ReaderRebuildsTheCodersReconstructionOnRealPlanes) {
+  const auto frames = zylClipPlanes("tree_320x240_15fps_cinepak.avi", 3, 160, 120);
+  ASSERT_EQ(frames.size(), 3u);
+  const zylTestPlanes& previous = frames[0];
+  const zylTestPlanes& current = frames[2];
+  testing::internal::CaptureStdout();
+  mpmcafBeginJob(160, 120);
+  testing::internal::GetCapturedStdout();
+  for (uint32_t bits : {0u, 250u, 1500u}) {
+    SCOPED_TRACE(bits);
+    mpmcafPlaneSize(160, 120);
+    const Coded y = CodePlane(current.y, previous.y, bits * 6);
+    EXPECT_EQ(ReadPlane(y, previous.y, 160, 120), y.recon);
+    mpmcafPlaneSize(80, 60);
+    for (const auto* planes : {&current.u, &current.v}) {
+      const auto& reference = planes == &current.u ? previous.u : previous.v;
+      const Coded c = CodePlane(*planes, reference, bits);
+      EXPECT_EQ(ReadPlane(c, reference, 80, 60), c.recon);
+    }
+    if (bits == 250) {
+      // Every strict prefix of a real stream is refused, each read from a buffer of its own.
+      zycPlaneReader reader;
+      ASSERT_TRUE(reader.Setup(160, 120));
+      for (size_t length = 0; length < y.stream.size(); ++length) {
+        std::vector<uint8_t> prefix(y.stream.begin(), y.stream.begin() + length);
+        std::vector<uint8_t> plane = previous.y;
+        EXPECT_NE(reader.Decode(prefix.data(), static_cast<uint32_t>(length), 160, 120, plane.data()), nullptr);
+      }
+    }
+    if (bits == 0) {
+      EXPECT_NE(y.log.find("Normal exit: bit rate reached: bit="), std::string::npos) << y.log;
+    }
+  }
+  mpmcafEndJob();
+  EXPECT_EQ(allocCount, 0u);
+}
+
+TEST(PlaneCoder, PlaneEqualToItsReferenceCodesNothing) {
+  const auto frames = zylClipPlanes("tree_320x240_15fps_cinepak.avi", 1, 64, 48);
+  ASSERT_EQ(frames.size(), 1u);
+  testing::internal::CaptureStdout();
+  mpmcafBeginJob(64, 48);
+  testing::internal::GetCapturedStdout();
+  const Coded coded = CodePlane(frames[0].y, frames[0].y, 10000);
+  mpmcafEndJob();
+  EXPECT_EQ(coded.log,
+            "Early exit: gains<0\n"
+            "------- MPMCAF iteration count: 0 + 0 + 0 = 0 (snr inf)(incremental snr inf)\n");
+  // Block count 0, the four overlaps, atom count 0: 38 bits.
+  EXPECT_EQ(coded.stream, (std::vector<uint8_t>{0x00, 0x0F, 0x28, 0xC0, 0x00}));
+  EXPECT_EQ(coded.recon, frames[0].y);
+}
+
+TEST(PlaneCoder, VectorCodesFollowTheTable) {
+  // magnitude: code, bits
+  const uint32_t table[33][2] = {{1, 1},  {1, 2},  {1, 3},  {1, 4},  {3, 6},  {5, 7},  {4, 7},
+                                 {3, 7},  {11, 9}, {10, 9}, {9, 9},  {17, 10}, {16, 10}, {15, 10},
+                                 {14, 10}, {13, 10}, {12, 10}, {11, 10}, {10, 10}, {9, 10}, {8, 10},
+                                 {7, 10}, {6, 10}, {5, 10}, {4, 10}, {7, 11}, {6, 11}, {5, 11},
+                                 {4, 11}, {3, 11}, {2, 11}, {3, 12}, {2, 12}};
+  for (int32_t m = 0; m <= 32; ++m) {
+    EXPECT_EQ(zycVectorCode(m), table[m][0]) << m;
+    EXPECT_EQ(zycVectorCodeBits(m), static_cast<int32_t>(table[m][1])) << m;
+  }
+}
+
+TEST(PlaneCoder, LevelCostsCarryTheSwapFromOneParameterToTheNext) {
+  // Magnitudes 5 and 7 over a minimum of 5: n = 0 and 2. Worked by hand; the value 2 is swapped
+  // to 0 at k = 1 and carried, so at k = 2 it is swapped to 4 and costs 5 instead of 4.
+  const int32_t magnitudes[] = {5, 7};
+  int64_t costs[16];
+  zycLevelCosts(magnitudes, 2, 5, costs);
+  const int64_t expected[16] = {6, 7, 8, 10, 12, 14, 16, 18, 7, 6, 9, 10, 12, 14, 16, 18};
+  for (int32_t c = 0; c < 16; ++c) EXPECT_EQ(costs[c], expected[c]) << c;
+}
+
+TEST(PlaneCoder, AffineFitsOfFlatAndSteepBlocks) {
+  // (sums over n pixels) -> packed (b + 256) * 4096 + (a + 1024)
+  const struct { uint32_t sr, st, srr, srt, n, packed; } cases[] = {
+      // Flat reference of 100: D = 0, a = 0, b = the rounded mean of the target.
+      {1600, 16 * 50 + 7, 160000, 80700, 16, (50 + 256) * 4096 + 1024},
+      {6400, 64 * 90 + 32, 640000, 0, 64, (91 + 256) * 4096 + 1024},
+      // Target = 2 * reference + 3 over references 10 and 20 (8 pixels each): a = 512, b = 3.
+      {240, 16 * 3 + 2 * 240, 8 * 100 + 8 * 400, 2 * 4000 + 3 * 240, 16, (3 + 256) * 4096 + 1024 + 512},
+      // Target spread 20 times the reference's: a 4x4 block falls back to the mean (mean 120),
+      // an 8x8 block saturates a at 4095 - 1024.
+      {16 * 100, 16 * 120, 8 * 99 * 99 + 8 * 101 * 101, 8 * 99 * 100 + 8 * 101 * 140, 16,
+       (120 + 256) * 4096 + 1024},
+      {64 * 100, 64 * 120, 32 * 99 * 99 + 32 * 101 * 101, 32 * 99 * 100 + 32 * 101 * 140, 64, 4095},
+  };
+  for (const auto& c : cases) EXPECT_EQ(zycAffineFit(c.sr, c.st, c.srr, c.srt, c.n), c.packed) << c.st;
+}
+
+TEST(PlaneCoder, BuffersAreAllFreedAfterTwoPlaneSizes) {
+  testing::internal::CaptureStdout();
+  mpmcafBeginJob(64, 48);
+  const uint32_t fullSize = allocCount;
+  EXPECT_GT(fullSize, 0u);
+  mpmcafPlaneSize(32, 24);
+  EXPECT_EQ(allocCount, fullSize);
+  mpmcafPlaneSize(64, 48);
+  mpmcafEndJob();
+  const std::string log = testing::internal::GetCapturedStdout();
+  EXPECT_EQ(allocCount, 0u);
+  // The windows and the dictionary say what they made: 6 + 12 + 22 + 40 rows, 64 taps.
+  size_t windows = 0, taps = 0;
+  for (size_t at = 0; (at = log.find("init_omc_window: ", at)) != std::string::npos; ++at) ++windows;
+  for (size_t at = 0; (at = log.find("make_dictionary[", at)) != std::string::npos; ++at) ++taps;
+  EXPECT_EQ(windows, 80u);
+  EXPECT_EQ(taps, 64u);
+  EXPECT_NE(log.find("init_omc_window: 0.146447\n"), std::string::npos);
+}
+
+TEST(PlaneCoder, NullFreesSayWhatWentWrong) {
+  testing::internal::CaptureStdout();
+  free_label(nullptr);
+  free_matrix(nullptr);
+  mpmcFree(nullptr);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "Null pointer free_label()\nNull free_matrix()\nCan't free memory\n");
+  EXPECT_EQ(allocCount, 0u);
+}
+
+TEST(PlaneCoderDeathTest, FailedAllocationEndsTheProcessWithItsMessage) {
+  // The message goes to standard output with the rest of the coder's console.
+  EXPECT_EXIT(mpmcAlloc(static_cast<size_t>(1) << 62), testing::ExitedWithCode(1), "");
+}
+
+}  // namespace
