@@ -14,16 +14,8 @@
 #include "stream/zyl1Decoder.h"
 #include "vq/VQSLSQCompressor.h"
 
-#if __has_include("mpmc/mcproc.h")
-#include "mpmc/mcproc.h"
-#define ZYC_HAVE_PLANE_CODER 1
-#endif
-#if __has_include("mpmc/DXT1QuadTreeCompressor.h")
 #include "mpmc/DXT1QuadTreeCompressor.h"
-#define ZYC_HAVE_QUAD_TREE 1
-#else
-class DXT1QuadTreeCompressor {};
-#endif
+#include "mpmc/mcproc.h"
 
 namespace {
 
@@ -144,12 +136,6 @@ int32_t zycMpmcEncoder::Begin(zycStreamHeader& jobHeader, const zylFrameImage& i
     if (verbose) zycLog("Still image key frames are at most 1024 pixels wide or high\n");
     return 1;
   }
-#if !ZYC_HAVE_QUAD_TREE
-  if (iFrameFormat != 1) {
-    zycLog("Quad-tree key frames are not available in this build\n");
-    return 1;
-  }
-#endif
 
   // 1. The compressor's limit, the plan, the quality and the credit.
   compressor->tableLimit = (vqSectionLimit / 48) * 48;
@@ -178,12 +164,8 @@ int32_t zycMpmcEncoder::Begin(zycStreamHeader& jobHeader, const zylFrameImage& i
   if (height_ > paddedHeight) height_ = paddedHeight;
 
   // 3. The plane coder's buffers and the embedded decoder.
-#if ZYC_HAVE_PLANE_CODER
   mpmcafBeginJob(paddedWidth, paddedHeight);
-#endif
-#if ZYC_HAVE_QUAD_TREE
-  quadTree_ = std::make_unique<DXT1QuadTreeCompressor>();
-#endif
+  if (!quadTree_) quadTree_ = std::make_unique<DXT1QuadTreeCompressor>();
   decoder = std::make_unique<zycZyl1Decoder>();
   decoder->Setup(paddedWidth, paddedHeight);
   begun_ = true;
@@ -413,10 +395,8 @@ void zycMpmcEncoder::Compress(uint32_t frameMode, int32_t wantedSize) {
       if (image.size() > outY_.size()) outY_.resize(image.size());
       std::memcpy(outY_.data(), image.data(), size);
     } else {
-#if ZYC_HAVE_QUAD_TREE
       quadTree_->compress(packed_.data(), paddedWidth, paddedHeight, uint32_t(wantedSize),
                           outY_.data(), &size);
-#endif
     }
     sizeY_ = size;
     if (verbose) zycLog("Size IFrame compress: %d\n", int32_t(size));
@@ -441,7 +421,6 @@ void zycMpmcEncoder::Compress(uint32_t frameMode, int32_t wantedSize) {
     if (frameMode == modePFrame) {
       zycPlanesFromPicture(CurrentBitmapColor.data(), paddedWidth * 4, paddedWidth, paddedHeight,
                            CurrentY.data(), CurrentU.data(), CurrentV.data());
-#if ZYC_HAVE_PLANE_CODER
       // Y gets three quarters of the budget, U and V an eighth each.
       mpmcafPlaneSize(paddedWidth, paddedHeight);
       encodePlane(CurrentY.data(), TryY.data(), TryY.data(), uint32_t(wantedSize) * 6,
@@ -451,9 +430,6 @@ void zycMpmcEncoder::Compress(uint32_t frameMode, int32_t wantedSize) {
                   &sizeU_);
       encodePlane(CurrentV.data(), TryV.data(), TryV.data(), uint32_t(wantedSize), outV_.data(),
                   &sizeV_);
-#else
-      ZYC_ASSERT(false, "zycMpmcEncoder::Compress", "the plane coder is missing\n");
-#endif
     }
     const int32_t total = int32_t(sizeY_ + sizeU_ + sizeV_);
     bonus += wantedSize - total;
@@ -467,8 +443,6 @@ void zycMpmcEncoder::Compress(uint32_t frameMode, int32_t wantedSize) {
       TryBitmapColor = OldBitmapColor;
     }
   }
-  (void)halfWidth;
-  (void)halfHeight;
   tryBonus_ = bonus;
   tryMeasure_ = Compare(CurrentBitmapColor, TryBitmapColor);
   zycLog("OutputFrameTry: ErrorMaxAvg:%f ErrorMaxAvgSq:%f color SNR: %.2f\n",
@@ -553,9 +527,7 @@ void zycMpmcEncoder::Write(zylProgress* progress) {
 
 void zycMpmcEncoder::End() {
   if (begun_) {
-#if ZYC_HAVE_PLANE_CODER
     mpmcafEndJob();
-#endif
     if (decoder) decoder->Release();
     begun_ = false;
   }

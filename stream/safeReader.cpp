@@ -811,21 +811,24 @@ zycSafeStatus zycSafeReader::NextFrame() {
       }
       break;
     }
-    case kFrameKindRepeat:
-      if (pictureValid_) return zycSafeStatus::decoded;
-      frameError_ = FramePlace(current_) + "repeats a frame that was not decoded";
-      ++undecodable_;
-      return zycSafeStatus::undecodable;
     case kFrameKindQuadTree:
-      frameError_ = FramePlace(current_) + "quad-tree key frames can't be decoded in this build";
-      pictureValid_ = false;
-      ++undecodable_;
-      return zycSafeStatus::undecodable;
+      if (!record.first.present) {
+        frameError_ = FramePlace(current_) + "a key frame without an image";
+        pictureValid_ = false;
+        return zycSafeStatus::damaged;
+      }
+      break;
     default:
-      frameError_ = FramePlace(current_) + "plane frames can't be decoded in this build";
-      pictureValid_ = false;
-      ++undecodable_;
-      return zycSafeStatus::undecodable;
+      // Repeats and P-frames build on the picture before them.
+      if (!pictureValid_) {
+        frameError_ = FramePlace(current_) + (f.kind == kFrameKindRepeat
+                                                  ? "repeats a frame that was not decoded"
+                                                  : "builds on a frame that was not decoded");
+        ++undecodable_;
+        return zycSafeStatus::undecodable;
+      }
+      if (f.kind == kFrameKindRepeat) return zycSafeStatus::decoded;
+      break;
   }
   if (const char* why = zyl1_->Decode(f.kind, streams)) {
     frameError_ = FramePlace(current_) + why;

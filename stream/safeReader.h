@@ -60,7 +60,7 @@ struct zycSafeFrame {
 
 enum class zycSafeStatus : uint8_t {
   decoded,      // the picture holds the frame
-  undecodable,  // a valid frame that this build can't decode (ZYL1 quad-tree and plane frames)
+  undecodable,  // a frame that builds on one that was not decoded (a repeat, a ZYL1 P-frame)
   damaged,      // the frame fails its checks; the picture is unchanged; see frameError()
   end,          // no frame left
 };

@@ -4,6 +4,8 @@
 #include <cstring>
 
 #include "base/byteIo.h"
+#include "stream/planeReader.h"
+#include "stream/quadTreeReader.h"
 #include "stream/zycDecoder.h"
 #include "stream/zylFormat.h"
 
@@ -74,12 +76,23 @@ bool zycZyl1Decoder::Setup(uint32_t width, uint32_t height) {
   if (!still_) still_ = std::make_unique<zycFrameDecoder>();
   still_->Setup(paddedWidth_, paddedHeight_, 32, 0, 1);
   still_->io = io_.get();
+  if (!quadTree_) quadTree_ = std::make_unique<zycQuadTreeReader>();
+  if (!planes_) planes_ = std::make_unique<zycPlaneReader>();
   ready_ = true;
+  if (!quadTree_->Setup(paddedWidth_, paddedHeight_) ||
+      !planes_->Setup(paddedWidth_, paddedHeight_)) {
+    Release();
+    return false;
+  }
   return true;
 }
 
 void zycZyl1Decoder::Release() {
-  if (still_ && ready_) still_->Release();
+  if (ready_) {
+    still_->Release();
+    quadTree_->Release();
+    planes_->Release();
+  }
   ready_ = false;
 }
 
@@ -97,9 +110,37 @@ const char* zycZyl1Decoder::Decode(uint8_t kind, const zycZyl1Streams& streams) 
       planesFromPicture_ = true;
       return nullptr;
     }
+    case kZyl1QuadTree: {
+      if (const char* why = quadTree_->Decode(streams.first, streams.firstSize, paddedWidth_,
+                                              paddedHeight_, picture_.data(), pitch())) {
+        return why;
+      }
+      planesFromPicture_ = true;
+      return nullptr;
+    }
+    case kZyl1Planes: {
+      // After a key frame the reference planes come from its picture; otherwise they are the
+      // planes of the last P-frame (a repeat keeps them).
+      if (planesFromPicture_) {
+        zycPlanesFromPicture(picture_.data(), pitch(), paddedWidth_, paddedHeight_, y_.data(),
+                             u_.data(), v_.data());
+        planesFromPicture_ = false;
+      }
+      const uint32_t halfWidth = paddedWidth_ / 2, halfHeight = paddedHeight_ / 2;
+      const char* why = planes_->Decode(streams.first, streams.firstSize, paddedWidth_,
+                                        paddedHeight_, y_.data());
+      if (!why) why = planes_->Decode(streams.second, streams.secondSize, halfWidth, halfHeight,
+                                      u_.data());
+      if (!why) why = planes_->Decode(streams.third, streams.thirdSize, halfWidth, halfHeight,
+                                      v_.data());
+      if (why) return why;
+      zycPictureFromPlanes(y_.data(), u_.data(), v_.data(), paddedWidth_, paddedHeight_,
+                           picture_.data(), pitch());
+      return nullptr;
+    }
     case kZyl1Repeat:
       return nullptr;
     default:
-      return "this frame kind can't be decoded yet";
+      return "unknown frame kind";
   }
 }

@@ -11,6 +11,8 @@
 
 struct zycFrameDecoder;
 class myDecoder;
+struct zycQuadTreeReader;
+struct zycPlaneReader;
 
 // Frame kinds of a ZYL1 record.
 constexpr uint8_t kZyl1Still = 0;
@@ -50,7 +52,7 @@ class zycZyl1Decoder {
 
   // A movie of `width` x `height` pixels as its header gives them; the picture and the planes
   // are that rounded up to multiples of 8. The picture starts black with pad bytes 255.
-  // False when a reader can't be set up.
+  // False when a reader can't get its memory.
   bool Setup(uint32_t width, uint32_t height);
   // Decodes one record. Null when the picture holds the frame, else a text saying what is
   // wrong; the picture is then not to be trusted until the next key frame. A repeat needs no
@@ -71,5 +73,7 @@ class zycZyl1Decoder {
   bool planesFromPicture_ = true;  // the last picture came from a key frame
   std::unique_ptr<myDecoder> io_;
   std::unique_ptr<zycFrameDecoder> still_;
+  std::unique_ptr<zycQuadTreeReader> quadTree_;
+  std::unique_ptr<zycPlaneReader> planes_;
   bool ready_ = false;
 };
