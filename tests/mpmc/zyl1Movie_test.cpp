@@ -205,7 +205,7 @@ TEST_F(Zyl1Movie, QualityLimitIsLooserRightBehindAnIFrame) {
 // Frame modes on sources and plans chosen to force them; pictures of 100 x 60 (padded to
 // 104 x 64). Sources: the clip's first frame, then four times the picture
 // the encoder made of it (so the source is unchanged against what a player shows); two frames
-// of one clip and then three of another (a hard cut).
+// of one clip and then three times a photograph (a hard cut).
 enum class Source { unchanged, cut };
 constexpr uint8_t kAny = 9;  // a kind the case does not decide
 
