@@ -153,7 +153,7 @@ int RunDecode(const CommandArgs& words) {
          double(soundSamples) / h.soundRate, channels, channels == 1 ? "" : "s", h.soundRate);
   }
   if (undecodable > 0) {
-    Note("%u frames use codings this build can't decode; the picture before each repeats",
+    Note("%u frames build on a damaged frame and were not decoded; the picture before each repeats",
          undecodable);
   }
   if (damaged > 0) {

@@ -240,7 +240,8 @@ int RunInfo(const CommandArgs& words) {
       }
     }
     if (reader.undecodableFrames() > 0) {
-      std::fprintf(out, "  note           %u frames use codings this build can't decode\n",
+      std::fprintf(out,
+                   "  note           %u frames build on a damaged frame and were not decoded\n",
                    reader.undecodableFrames());
     }
     for (const std::string& note : reader.notes()) {
