@@ -5,6 +5,7 @@
 // ZYL1 frame decoder, P-frames through the planes the plane coder reconstructs.
 #include "mpmc/zycMpmcEncoder.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -25,6 +26,13 @@ int32_t TruncSaturated(double v) {
   if (v >= 2147483647.0) return INT32_MAX;
   if (v <= -2147483648.0) return INT32_MIN;
   return int32_t(v);
+}
+
+// a + b in 32 bits, stopping at the ends of the range: a wrapped credit can ask for sizes
+// beyond it.
+int32_t AddSaturated(int32_t a, int64_t b) {
+  const int64_t sum = int64_t(a) + b;
+  return sum > INT32_MAX ? INT32_MAX : sum < INT32_MIN ? INT32_MIN : int32_t(sum);
 }
 
 bool IsIFrameMode(uint32_t mode) {
@@ -301,8 +309,9 @@ int32_t zycMpmcEncoder::Next(const zylFrameImage& image, zylProgress* progress) 
                  TruncSaturated(double(frameBudget) * double(iFrameWeight));
     if (IFrameCreditCount > iFrameCreditCap) {
       surplus = IFrameCreditCount - iFrameCreditCap;
-      wantedSize += TruncSaturated(double(surplus) / 1000.0 * fps * double(frameBudget) *
-                                   double(iFrameWeight));
+      wantedSize = AddSaturated(wantedSize, TruncSaturated(double(surplus) / 1000.0 * fps *
+                                                           double(frameBudget) *
+                                                           double(iFrameWeight)));
     }
   }
 
@@ -315,8 +324,8 @@ int32_t zycMpmcEncoder::Next(const zylFrameImage& image, zylProgress* progress) 
   } else if (adjustment < 0 && -double(adjustment) > wantedSize * double(0.33333334f)) {
     adjustment = TruncSaturated(-wantedSize * double(0.33333334f));
   }
-  bonusSize -= adjustment;
-  wantedSize += adjustment;
+  bonusSize = AddSaturated(bonusSize, -int64_t(adjustment));
+  wantedSize = AddSaturated(wantedSize, adjustment);
   if (wantedSize < 0) wantedSize = 0;
   if (verbose) {
     zycLog("---IFrameCreditCount:%d  IFrameCreditToBeUsed:%d   --> wantedSize:%d (bonus Size: "
@@ -384,7 +393,7 @@ void zycMpmcEncoder::Compress(uint32_t frameMode, int32_t wantedSize) {
   sizeY_ = sizeU_ = sizeV_ = 0;
   const uint32_t halfWidth = paddedWidth / 2, halfHeight = paddedHeight / 2;
   if (IsIFrameMode(frameMode)) {
-    bonus -= 8;  // the section header
+    bonus = AddSaturated(bonus, -8);  // the section header
     const size_t pixels = size_t(paddedWidth) * paddedHeight;
     packed_.resize(pixels * 3);
     for (size_t i = 0; i < pixels; ++i) std::memcpy(&packed_[3 * i], &CurrentBitmapColor[4 * i], 3);
@@ -400,7 +409,7 @@ void zycMpmcEncoder::Compress(uint32_t frameMode, int32_t wantedSize) {
     }
     sizeY_ = size;
     if (verbose) zycLog("Size IFrame compress: %d\n", int32_t(size));
-    bonus += wantedSize - int32_t(size);
+    bonus = AddSaturated(bonus, int64_t(wantedSize) - int64_t(size));
     zycZyl1Streams streams;
     streams.first = outY_.data();
     streams.firstSize = size;
@@ -423,7 +432,8 @@ void zycMpmcEncoder::Compress(uint32_t frameMode, int32_t wantedSize) {
                            CurrentY.data(), CurrentU.data(), CurrentV.data());
       // Y gets three quarters of the budget, U and V an eighth each.
       mpmcafPlaneSize(paddedWidth, paddedHeight);
-      encodePlane(CurrentY.data(), TryY.data(), TryY.data(), uint32_t(wantedSize) * 6,
+      const uint32_t yBits = uint32_t(std::min<int64_t>(int64_t(wantedSize) * 6, INT32_MAX));
+      encodePlane(CurrentY.data(), TryY.data(), TryY.data(), yBits,
                   outY_.data(), &sizeY_);
       mpmcafPlaneSize(halfWidth, halfHeight);
       encodePlane(CurrentU.data(), TryU.data(), TryU.data(), uint32_t(wantedSize), outU_.data(),
@@ -432,7 +442,7 @@ void zycMpmcEncoder::Compress(uint32_t frameMode, int32_t wantedSize) {
                   &sizeV_);
     }
     const int32_t total = int32_t(sizeY_ + sizeU_ + sizeV_);
-    bonus += wantedSize - total;
+    bonus = AddSaturated(bonus, int64_t(wantedSize) - total);
     zycLog("-- PFrame compression:\n");
     zycLog("   wantedSize: %d\n", wantedSize);
     zycLog("   compressed size: %d\n", total);
@@ -496,7 +506,7 @@ void zycMpmcEncoder::Write(zylProgress* progress) {
   if (file && std::fwrite(record_.data(), 1, record_.size(), file) != record_.size()) Fail();
 
   // 5. The bonus pays the record's head; the quality is kept; the progress record.
-  bonusSize -= int32_t(4 + tablePart);
+  bonusSize = AddSaturated(bonusSize, -int64_t(4 + tablePart));
   lastQuality = float(tryMeasure_.errorMaxAvg);
   lastQualitySq = tryMeasure_.errorMaxAvgSq;
   if (progress) {
