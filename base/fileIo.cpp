@@ -1,5 +1,10 @@
 #include "base/fileIo.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstring>
+
 std::string zycUtf8(const char16_t* name) {
   std::string out;
   if (!name) return out;
@@ -54,4 +59,77 @@ FILE* zycOpenFile(const char16_t* name, const char* mode) {
     if (*p != 'c') m += *p;
   std::string path = zycUtf8(name);
   return std::fopen(path.c_str(), m.c_str());
+}
+
+bool zycFileHolder::Check(bool ok) {
+  if (!ok) NoteError(errno);
+  return ok;
+}
+
+void zycFileHolder::MarkWhole(uint64_t size, const uint8_t* head, uint32_t headBytes,
+                              uint64_t sectionAt, const uint8_t* section, uint32_t sectionBytes,
+                              uint64_t tailAt, const std::vector<uint8_t>* tail) {
+  whole.set = true;
+  whole.size = size;
+  whole.headBytes = headBytes < sizeof whole.head ? headBytes : sizeof whole.head;
+  std::memcpy(whole.head, head, whole.headBytes);
+  whole.sectionAt = sectionAt;
+  whole.sectionBytes = sectionBytes < sizeof whole.section ? sectionBytes : sizeof whole.section;
+  std::memcpy(whole.section, section, whole.sectionBytes);
+  whole.tailAt = tailAt;
+  if (tail) {
+    whole.tail = *tail;
+  } else {
+    whole.tail.clear();
+  }
+}
+
+namespace {
+
+bool WriteAllAt(int fd, const uint8_t* bytes, size_t count, uint64_t at) {
+  while (count > 0) {
+    const ssize_t done = pwrite(fd, bytes, count, off_t(at));
+    if (done < 0 && errno == EINTR) continue;
+    if (done <= 0) return false;
+    bytes += done;
+    count -= size_t(done);
+    at += uint64_t(done);
+  }
+  return true;
+}
+
+int Restore(int fd, const zycWholeState& w) {
+  // Shortening first frees the room the header patches may need.
+  bool ok = ftruncate(fd, off_t(w.set ? w.size : 0)) == 0;
+  if (ok && w.set) {
+    ok = WriteAllAt(fd, w.tail.data(), w.tail.size(), w.tailAt) &&
+         WriteAllAt(fd, w.section, w.sectionBytes, w.sectionAt) &&
+         WriteAllAt(fd, w.head, w.headBytes, 0);
+  }
+  int reason = ok ? 0 : (errno != 0 ? errno : EIO);
+  if (close(fd) != 0 && reason == 0) reason = errno;
+  return reason;
+}
+
+}  // namespace
+
+int zycCloseAndRestore(FILE* file, const zycWholeState& state) {
+  // The stream may still hold bytes it could not write; closing it may place some of them, and
+  // the cut that follows removes them again.
+  const int fd = dup(fileno(file));
+  const int dupReason = errno;
+  std::fclose(file);
+  if (fd < 0) return dupReason;
+  return Restore(fd, state);
+}
+
+int zycCutToWhole(zycFileHolder* holder, const char16_t* name) {
+  if (holder->file) {
+    FILE* file = holder->file;
+    holder->file = nullptr;
+    return zycCloseAndRestore(file, holder->whole);
+  }
+  const int fd = open(zycUtf8(name).c_str(), O_WRONLY);
+  if (fd < 0) return errno;
+  return Restore(fd, holder->whole);
 }

@@ -1,7 +1,9 @@
 #include "codec/encodeJob.h"
 
+#include <cerrno>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "base/clock.h"
@@ -53,11 +55,22 @@ void CloseExtraOutputs(FILE** extra) {
 
 float Seconds(uint64_t microseconds) { return float(double(microseconds) / 1000000.0); }
 
-}  // namespace
+// A write to the main output failed: the movie is cut back to the last frame that reached the
+// file whole, and the job ends with the system's reason.
+int FailedWrite(zycFileHolder* output, const char16_t* outputName) {
+  const int reason = output->error;
+  const int cut = zycCutToWhole(output, outputName);
+  const std::string name = zycUtf8(outputName);
+  zycLog("Could not write %s: %s\n", name.c_str(), std::strerror(reason));
+  if (cut != 0) {
+    zycLog("Could not cut %s back to its last whole frame: %s\n", name.c_str(), std::strerror(cut));
+  }
+  return reason;
+}
 
-int32_t RunEncodeJob(zycCodec& codec, zycJobEncoder* encoder, zylSource* source,
-                     const char16_t* outputName, uint32_t firstFrame, uint32_t frameCount,
-                     const zylKeyframeRange* keyframePlan, char16_t* outputNameBuffer) {
+int32_t RunJob(zycCodec& codec, zycJobEncoder* encoder, zylSource* source,
+               const char16_t* outputName, uint32_t firstFrame, uint32_t frameCount,
+               const zylKeyframeRange* keyframePlan, char16_t* outputNameBuffer, int* reason) {
   codec.source = source;
   if (!source) return 2;
 
@@ -90,6 +103,7 @@ int32_t RunEncodeJob(zycCodec& codec, zycJobEncoder* encoder, zylSource* source,
       extra[index - 1] = zycOpenFile(name.c_str(), "wbc");
       if (!extra[index - 1]) {
         // Outputs opened so far stay open.
+        *reason = errno;
         std::free(extra);
         return 3;
       }
@@ -101,6 +115,7 @@ int32_t RunEncodeJob(zycCodec& codec, zycJobEncoder* encoder, zylSource* source,
   if (!embedOnly) {
     output.file = zycOpenFile(outputName, "wbc");
     if (!output.file) {
+      *reason = errno;
       if (extra) std::free(extra);
       return 3;
     }
@@ -139,10 +154,15 @@ int32_t RunEncodeJob(zycCodec& codec, zycJobEncoder* encoder, zylSource* source,
                                    &progress, keyframePlan);
     progress.reconstructed = encoder->Reconstructed();
     progress.pitch = encoder->Pitch();
-    if (begun != 0) {
+    if (begun != 0 || output.error != 0) {
       encoder->End();
       CloseExtraOutputs(extra);
-      output.Close();
+      if (output.error != 0 && !embedOnly) {
+        *reason = FailedWrite(&output, outputName);
+      } else {
+        output.Close();
+        *reason = output.error;  // the numbered outputs are left as they are
+      }
       image.Release();
       return 3;
     }
@@ -167,6 +187,8 @@ int32_t RunEncodeJob(zycCodec& codec, zycJobEncoder* encoder, zylSource* source,
     if (encoder) {
       encoder->Next(image, &progress);
       progress.reconstructed = encoder->Reconstructed();
+      // A frame that did not reach the file ends the job; it is not reported.
+      if (output.error != 0) break;
     }
     progress.pixels = image.pixels;
     if (codec.progressCallback && codec.progressCallback(&progress, codec.progressUser) == 0) {
@@ -177,16 +199,34 @@ int32_t RunEncodeJob(zycCodec& codec, zycJobEncoder* encoder, zylSource* source,
     previous = now;
   }
 
-  now = zycClockMicroseconds();
-  zycLog("------------------------------------------------------\n");
-  zycLog("Encoding done...\n");
-  zycLog("Total timings (sec):%0.3f\n", Seconds(now - start));
-  zycLog("~~~~~~~~~~~~~~~\n");
-  TimerReport(1);
+  if (output.error == 0) {
+    now = zycClockMicroseconds();
+    zycLog("------------------------------------------------------\n");
+    zycLog("Encoding done...\n");
+    zycLog("Total timings (sec):%0.3f\n", Seconds(now - start));
+    zycLog("~~~~~~~~~~~~~~~\n");
+    TimerReport(1);
+  }
 
   if (encoder) encoder->End();
-  output.Close();
+  output.Close();  // a close that fails to write the last bytes counts as a failed write
   CloseExtraOutputs(extra);
   image.Release();
+  if (output.error != 0) {
+    *reason = embedOnly ? output.error : FailedWrite(&output, outputName);
+    return 3;
+  }
   return aborted ? 1 : 0;
+}
+
+}  // namespace
+
+int32_t RunEncodeJob(zycCodec& codec, zycJobEncoder* encoder, zylSource* source,
+                     const char16_t* outputName, uint32_t firstFrame, uint32_t frameCount,
+                     const zylKeyframeRange* keyframePlan, char16_t* outputNameBuffer) {
+  int reason = 0;
+  const int32_t status = RunJob(codec, encoder, source, outputName, firstFrame, frameCount,
+                                keyframePlan, outputNameBuffer, &reason);
+  errno = reason;
+  return status;
 }

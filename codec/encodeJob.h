@@ -13,8 +13,10 @@
 
 // Runs a job on `codec` with `encoder` as the encoder of the codec's mode (null: the mode has no
 // encoder, and no Begin, Next or End runs). Returns the codec status code: 0 done, 1 stopped by
-// the callback, 2 no source, 3 an output could not be opened, Begin failed, or extra sound
-// outputs were asked for outside ZYL0.
+// the callback, 2 no source, 3 an output could not be opened or written, Begin failed, or extra
+// sound outputs were asked for outside ZYL0. With 3, errno holds the system's reason when a
+// file could not be opened or written, and 0 when the job was refused. A write that failed
+// mid-job leaves the movie cut back to its last whole frame.
 int32_t RunEncodeJob(zycCodec& codec, zycJobEncoder* encoder, zylSource* source,
                      const char16_t* outputName, uint32_t firstFrame, uint32_t frameCount,
                      const zylKeyframeRange* keyframePlan, char16_t* outputNameBuffer);

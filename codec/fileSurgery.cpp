@@ -23,11 +23,28 @@ void ReadU32(FILE* file, uint32_t* value) {
   if (std::fread(b, 1, 4, file) == 4) *value = zycLoad32(b);
 }
 
-void WriteU32(FILE* file, uint32_t value) {
+bool WriteU32(FILE* file, uint32_t value) {
   uint8_t b[4];
   zycStore32(b, value);
-  std::fwrite(b, 1, 4, file);
+  return std::fwrite(b, 1, 4, file) == 4;
 }
+
+// The output of a piece of surgery: every write, seek, flush and close is checked, and the
+// errno of the first one that failed is kept.
+struct CheckedOutput {
+  FILE* file = nullptr;
+  int error = 0;
+  bool Check(bool ok) {
+    if (!ok && error == 0) error = errno != 0 ? errno : EIO;
+    return ok;
+  }
+  void Write(const void* bytes, size_t count) {
+    if (error == 0) Check(std::fwrite(bytes, 1, count, file) == count);
+  }
+  void Seek(long position, int whence) {
+    if (error == 0) Check(std::fseek(file, position, whence) == 0);
+  }
+};
 
 // The ZYL0 header after its magic, field by field, as the file holds it.
 void ReadHeaderZyl0Rest(FILE* file, zycStreamHeader* h) {
@@ -77,12 +94,12 @@ bool CompatibleZyl1(const zycStreamHeader& a, const zycStreamHeader& b) {
 }
 
 // Copies `count` bytes from `in` to `out` in pieces of the buffer's size. Read errors are not
-// looked for: a short read passes on what the buffer holds.
-void CopyBytes(FILE* in, FILE* out, uint64_t count, uint8_t* buffer) {
-  while (count > 0) {
+// looked for: a short read passes on what the buffer holds. Stops at the first failed write.
+void CopyBytes(FILE* in, CheckedOutput* out, uint64_t count, uint8_t* buffer) {
+  while (count > 0 && out->error == 0) {
     const size_t piece = count < kCopyBufferBytes ? size_t(count) : kCopyBufferBytes;
     (void)std::fread(buffer, 1, piece, in);
-    std::fwrite(buffer, 1, piece, out);
+    out->Write(buffer, piece);
     count -= piece;
   }
 }
@@ -119,24 +136,24 @@ struct SectionReader {
       stalled = got < kSectionHeaderSizeZyl0 && frames == 0;
     }
   }
-  void Write(FILE* file) {
+  void Write(CheckedOutput* out) {
     if (format.zyl1) {
-      std::fwrite(raw, 1, kSectionHeaderSizeZyl1, file);
+      out->Write(raw, kSectionHeaderSizeZyl1);
     } else {
       uint8_t b[kSectionHeaderSizeZyl0];
       zycStore16(b, frames);
       zycStore32(b + 2, size);
-      std::fwrite(b, 1, kSectionHeaderSizeZyl0, file);
+      out->Write(b, kSectionHeaderSizeZyl0);
     }
   }
 };
 
 // Copies whole sections from `in` to `out` until `done` reaches `target`. Adds each section's
 // bytes to `fileSize`. False if the walk can no longer advance (the end of the file was reached
-// with a section of no frames).
-bool CopySections(FILE* in, FILE* out, SectionReader* reader, uint32_t* done, uint32_t target,
-                  uint32_t* fileSize, uint8_t* buffer) {
-  while (*done < target) {
+// with a section of no frames). A failed write ends the copy; `out` keeps the reason.
+bool CopySections(FILE* in, CheckedOutput* out, SectionReader* reader, uint32_t* done,
+                  uint32_t target, uint32_t* fileSize, uint8_t* buffer) {
+  while (*done < target && out->error == 0) {
     reader->Read(in);
     if (reader->stalled) return false;
     reader->Write(out);
@@ -175,8 +192,8 @@ void CloseAll(FILE* a, FILE* b, FILE* c) {
   if (c) std::fclose(c);
 }
 
-int32_t ReplaceSectionIn(const SectionFormat& format, const char16_t* file1,
-                         const char16_t* file2, uint32_t frameStart, uint32_t frameCount) {
+int32_t ReplaceSectionIn(const SectionFormat& format, const char16_t* file1, const char16_t* file2,
+                         uint32_t frameStart, uint32_t frameCount, int* reason) {
   const uint32_t magicWanted = format.zyl1 ? kMagicZyl1 : kMagicZyl0;
   zycLog(format.zyl1 ? "ReplaceSection ZYL1. frameStart:%d; frameCount:%d\n"
                      : "ReplaceSection. frameStart:%d; frameCount:%d\n",
@@ -190,7 +207,10 @@ int32_t ReplaceSectionIn(const SectionFormat& format, const char16_t* file1,
   }
 
   FILE* f1 = zycOpenFile(file1, "r+bc");
-  if (!f1) return 2;
+  if (!f1) {
+    *reason = errno;
+    return 2;
+  }
   zycStreamHeader h1;
   if (format.zyl1) {
     uint8_t b[kHeaderSizeZyl1] = {};
@@ -221,6 +241,7 @@ int32_t ReplaceSectionIn(const SectionFormat& format, const char16_t* file1,
 
   FILE* f2 = zycOpenFile(file2, "rb");
   if (!f2) {
+    *reason = errno;
     std::fclose(f1);
     return 2;
   }
@@ -249,16 +270,24 @@ int32_t ReplaceSectionIn(const SectionFormat& format, const char16_t* file1,
     return 5;
   }
 
+  // The temporary file is made only where no file of its name stands: an unrelated file of
+  // that name is never overwritten or removed.
   const std::u16string tmpName = TemporaryName(file1);
-  FILE* tmp = tmpName.empty() ? nullptr : zycOpenFile(tmpName.c_str(), "wbc");
-  if (!tmp) {
+  const std::string tmpPath = zycUtf8(tmpName.c_str());
+  CheckedOutput tmp;
+  tmp.file = tmpName.empty() ? nullptr : zycOpenFile(tmpName.c_str(), "wbxc");
+  if (!tmp.file) {
+    *reason = tmpName.empty() ? ENAMETOOLONG : errno;
+    if (!tmpName.empty())
+      zycLog("Could not create %s: %s\n", tmpPath.c_str(), std::strerror(*reason));
     CloseAll(f1, f2, nullptr);
     return 2;
   }
   uint8_t* buffer = static_cast<uint8_t*>(std::calloc(kCopyBufferBytes, 1));
   if (!buffer) {
-    CloseAll(f1, f2, tmp);
-    std::remove(zycUtf8(tmpName.c_str()).c_str());
+    CloseAll(f1, f2, tmp.file);
+    std::remove(tmpPath.c_str());
+    *reason = ENOMEM;
     return 2;
   }
 
@@ -271,14 +300,20 @@ int32_t ReplaceSectionIn(const SectionFormat& format, const char16_t* file1,
       zycStoreHeaderZyl1(work, b);
     else
       zycStoreHeaderZyl0(work, b);
-    std::fseek(tmp, 0, SEEK_SET);
-    std::fwrite(b, 1, format.headerBytes, tmp);
+    tmp.Seek(0, SEEK_SET);
+    tmp.Write(b, format.headerBytes);
   };
   auto fail = [&](int32_t code) {
-    CloseAll(f1, f2, tmp);
-    std::remove(zycUtf8(tmpName.c_str()).c_str());
+    CloseAll(f1, f2, tmp.file);
+    std::remove(tmpPath.c_str());
     std::free(buffer);
     return code;
+  };
+  // A write that failed: nothing was changed but the temporary file, which goes.
+  auto failedWrite = [&]() {
+    *reason = tmp.error;
+    zycLog("Could not write %s: %s\n", tmpPath.c_str(), std::strerror(tmp.error));
+    return fail(3);
   };
 
   writeWorkingHeader();
@@ -287,7 +322,8 @@ int32_t ReplaceSectionIn(const SectionFormat& format, const char16_t* file1,
   SectionReader reader1{format};
   uint32_t done = 0;
   const bool headCopied =
-      CopySections(f1, tmp, &reader1, &done, frameStart, &work.fileSize, buffer);
+      CopySections(f1, &tmp, &reader1, &done, frameStart, &work.fileSize, buffer);
+  if (tmp.error) return failedWrite();
   if (!headCopied || done > frameStart) {
     zycLog("frame frameStart (%d) is not a keyFrame of file 1\n", int32_t(frameStart));
     return fail(4);
@@ -296,7 +332,10 @@ int32_t ReplaceSectionIn(const SectionFormat& format, const char16_t* file1,
   std::fseek(f2, long(format.headerBytes), SEEK_SET);
   SectionReader reader2{format};
   uint32_t done2 = 0;
-  if (!CopySections(f2, tmp, &reader2, &done2, frameCount, &work.fileSize, buffer)) {
+  const bool middleCopied =
+      CopySections(f2, &tmp, &reader2, &done2, frameCount, &work.fileSize, buffer);
+  if (tmp.error) return failedWrite();
+  if (!middleCopied) {
     zycLog("frame frameStart (%d) + frameCount (%d) is not a keyFrame of file1\n",
            int32_t(frameStart), int32_t(frameCount));
     return fail(4);
@@ -308,22 +347,33 @@ int32_t ReplaceSectionIn(const SectionFormat& format, const char16_t* file1,
     return fail(4);
   }
 
-  if (!CopySections(f1, tmp, &reader1, &done, h1.frameCount, &work.fileSize, buffer)) {
+  const bool tailCopied =
+      CopySections(f1, &tmp, &reader1, &done, h1.frameCount, &work.fileSize, buffer);
+  if (tmp.error) return failedWrite();
+  if (!tailCopied) {
     zycLog("frame frameStart (%d) + frameCount (%d) is not a keyFrame of file1\n",
            int32_t(frameStart), int32_t(frameCount));
     return fail(4);
   }
 
   writeWorkingHeader();
+  if (tmp.error == 0) tmp.Check(std::fflush(tmp.file) == 0);
+  if (tmp.error) return failedWrite();
   std::fclose(f1);
   std::fclose(f2);
-  std::fclose(tmp);
+  f1 = f2 = nullptr;
   std::free(buffer);
+  buffer = nullptr;
+  const bool closed = std::fclose(tmp.file) == 0;
+  tmp.file = nullptr;
+  if (!tmp.Check(closed)) return failedWrite();
 
-  const std::string name1 = zycUtf8(file1);
-  if (std::remove(name1.c_str()) != 0) zycLog("Coult not remove file1. errno:%d\n", errno);
-  if (std::rename(zycUtf8(tmpName.c_str()).c_str(), name1.c_str()) != 0) {
-    zycLog("Coult not rename tmpFile to file1. errno:%d\n", errno);
+  // The finished file takes file1's place in one step: there is no moment without a file1,
+  // and a failed rename leaves file1 as it was.
+  if (std::rename(tmpPath.c_str(), zycUtf8(file1).c_str()) != 0) {
+    *reason = errno;
+    zycLog("Coult not rename tmpFile to file1. errno:%d\n", *reason);
+    std::remove(tmpPath.c_str());
     return 3;
   }
   return 0;
@@ -331,9 +381,14 @@ int32_t ReplaceSectionIn(const SectionFormat& format, const char16_t* file1,
 
 }  // namespace
 
-int32_t Append(const char16_t* file1, const char16_t* file2) {
+namespace {
+
+int32_t AppendIn(const char16_t* file1, const char16_t* file2, int* reason) {
   FILE* f1 = zycOpenFile(file1, "r+bc");
-  if (!f1) return 3;
+  if (!f1) {
+    *reason = errno;
+    return 3;
+  }
   zycStreamHeader h1;
   ReadU32(f1, &h1.magic);
   if (h1.magic != kMagicZyl0) {
@@ -344,6 +399,7 @@ int32_t Append(const char16_t* file1, const char16_t* file2) {
 
   FILE* f2 = zycOpenFile(file2, "rb");
   if (!f2) {
+    *reason = errno;
     std::fclose(f1);
     return 2;
   }
@@ -360,36 +416,90 @@ int32_t Append(const char16_t* file1, const char16_t* file2) {
     return 5;
   }
 
+  // file1 is written in place: its size and header as they are now are what a failed write
+  // brings it back to.
+  zycWholeState before;
+  before.set = true;
+  // A header cut short is taken as it is, as the fields were read.
+  bool measured = std::fseek(f1, 0, SEEK_SET) == 0;
+  if (measured) before.headBytes = uint32_t(std::fread(before.head, 1, kHeaderSizeZyl0, f1));
+  measured = measured && std::fseek(f1, 0, SEEK_END) == 0;
+  const long oldSize = measured ? std::ftell(f1) : -1;
+  if (oldSize < 0) {
+    *reason = errno != 0 ? errno : EIO;
+    CloseAll(f1, f2, nullptr);
+    return 3;
+  }
+  before.size = uint64_t(oldSize);
+
   // Both fields wrap in 32 bits, as the format stores them.
   const uint32_t appended = h2.fileSize - kHeaderSizeZyl0;
   h1.frameCount += h2.frameCount;
   h1.fileSize += appended;
-  std::fseek(f1, 8, SEEK_SET);
-  WriteU32(f1, h1.fileSize);
-  std::fseek(f1, 16, SEEK_SET);
-  WriteU32(f1, h1.frameCount);
-  std::fseek(f1, 0, SEEK_END);
+  CheckedOutput out;
+  out.file = f1;
+  out.Seek(8, SEEK_SET);
+  if (out.error == 0) out.Check(WriteU32(f1, h1.fileSize));
+  out.Seek(16, SEEK_SET);
+  if (out.error == 0) out.Check(WriteU32(f1, h1.frameCount));
+  out.Seek(0, SEEK_END);
 
   uint8_t* buffer = static_cast<uint8_t*>(std::calloc(kCopyBufferBytes, 1));
-  if (buffer) {
+  if (!buffer && out.error == 0) {
+    out.error = ENOMEM;
+  } else if (buffer) {
     // file2 stands at offset 64, where its header ended.
-    CopyBytes(f2, f1, uint64_t(appended), buffer);
+    CopyBytes(f2, &out, uint64_t(appended), buffer);
     std::free(buffer);
   }
-  CloseAll(f1, f2, nullptr);
+  std::fclose(f2);
+  if (out.error == 0) out.Check(std::fflush(f1) == 0);
+  if (out.error != 0) {
+    *reason = out.error;
+    const int restored = zycCloseAndRestore(f1, before);
+    const std::string name = zycUtf8(file1);
+    zycLog("Could not write %s: %s\n", name.c_str(), std::strerror(out.error));
+    if (restored != 0) {
+      zycLog("Could not bring %s back to its old size: %s\n", name.c_str(),
+             std::strerror(restored));
+    }
+    return 3;
+  }
+  if (std::fclose(f1) != 0) {
+    // The last bytes did not reach the file: bring it back by its name.
+    *reason = errno;
+    zycLog("Could not write %s: %s\n", zycUtf8(file1).c_str(), std::strerror(*reason));
+    if (FILE* again = zycOpenFile(file1, "r+b")) zycCloseAndRestore(again, before);
+    return 3;
+  }
   return 0;
+}
+
+}  // namespace
+
+int32_t Append(const char16_t* file1, const char16_t* file2) {
+  int reason = 0;
+  const int32_t status = AppendIn(file1, file2, &reason);
+  errno = reason;
+  return status;
 }
 
 int32_t ReplaceSectionZyl0(const char16_t* file1, const char16_t* file2, uint32_t frameStart,
                            uint32_t frameCount) {
-  return ReplaceSectionIn({false, kHeaderSizeZyl0, kSectionHeaderSizeZyl0}, file1, file2,
-                          frameStart, frameCount);
+  int reason = 0;
+  const int32_t status = ReplaceSectionIn({false, kHeaderSizeZyl0, kSectionHeaderSizeZyl0}, file1,
+                                          file2, frameStart, frameCount, &reason);
+  errno = reason;
+  return status;
 }
 
 int32_t ReplaceSectionZyl1(const char16_t* file1, const char16_t* file2, uint32_t frameStart,
                            uint32_t frameCount) {
-  return ReplaceSectionIn({true, kHeaderSizeZyl1, kSectionHeaderSizeZyl1}, file1, file2,
-                          frameStart, frameCount);
+  int reason = 0;
+  const int32_t status = ReplaceSectionIn({true, kHeaderSizeZyl1, kSectionHeaderSizeZyl1}, file1,
+                                          file2, frameStart, frameCount, &reason);
+  errno = reason;
+  return status;
 }
 
 int32_t ReplaceSection(const char16_t* file1, const char16_t* file2, uint32_t frameStart,

@@ -306,7 +306,12 @@ inline int32_t zylAudioGrabber::BufferCB(double, const uint8_t* buffer, int32_t 
 //   0 success; 1 the progress callback stopped the job (the movie is valid up to that frame);
 //   2 no source / a file can't be opened / file2 has the wrong magic;
 //   3 an output can't be opened, the first frame failed, or Append's file1 is wrong;
-//     ReplaceSection: the temporary file could not be renamed;
+//     ReplaceSection: the temporary file could not be renamed; any of the three: a write, seek,
+//     flush or close of an output failed. When a file could not be opened or written, errno
+//     holds the system's reason on return (ENOSPC, EFBIG, ...); after a refusal it is 0.
+//     A failed encode leaves its movie cut back to the last whole frame that fitted (no frame:
+//     an empty file); a failed Append leaves file1 as it was; a failed ReplaceSection leaves
+//     both files as they were and no temporary file;
 //   4 frame range refused; 5 headers not compatible; 6 ReplaceSection in an unknown mode;
 //   7 ReplaceSection: file1 has the wrong magic.
 

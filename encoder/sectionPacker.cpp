@@ -1,11 +1,11 @@
 #include "encoder/sectionPacker.h"
 
+#include <unistd.h>
 #include <zlib.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
-
-#include <unistd.h>
 
 #include "base/byteIo.h"
 #include "base/consoleLog.h"
@@ -66,6 +66,11 @@ void zycSectionPacker::EndStream(z_stream* stream) {
   deflateEnd(stream);
 }
 
+bool zycSectionPacker::Check(bool ok) {
+  if (!ok && writeError == 0) writeError = errno != 0 ? errno : EIO;
+  return ok;
+}
+
 void zycSectionPacker::Open(uint32_t packing, uint32_t bufferBytes, uint32_t lzmaDictionary,
                             FILE* file) {
   Close();
@@ -73,6 +78,8 @@ void zycSectionPacker::Open(uint32_t packing, uint32_t bufferBytes, uint32_t lzm
   file_ = file;
   open_ = true;
   sectionPackedSize = 0;
+  writeError = 0;
+  committed_.clear();
   if (packing_ == 0) {
     pool_ = new zycZlibPool;
     zipBuffer_.assign(bufferBytes, 0);
@@ -139,7 +146,7 @@ uint32_t zycSectionPacker::Pack(const void* data, uint32_t count, bool commit) {
   const uint32_t grown = uint32_t(zip_->total_out - before);
   zipPending_ += grown;
   if (commit && zipPending_) {
-    if (file_) std::fwrite(zipBuffer_.data(), 1, zipPending_, file_);
+    if (file_) Check(std::fwrite(zipBuffer_.data(), 1, zipPending_, file_) == zipPending_);
     zip_->next_out = zipBuffer_.data();
     zip_->avail_out = uInt(zipBuffer_.size());
     zipPending_ = 0;
@@ -185,22 +192,27 @@ int32_t zycSectionPacker::PackLzma(const void* data, uint32_t count, bool commit
     uint8_t size8[8];
     zycStore64(size8, lzmaInputSize_);
     if (sectionPackedSize == 0) {
-      std::fwrite(lzmaProperties_, 1, 5, file_);
+      Check(std::fwrite(lzmaProperties_, 1, 5, file_) == 5);
       lzmaSizePosition_ = std::ftell(file_);
-      std::fwrite(size8, 1, 8, file_);
+      Check(lzmaSizePosition_ >= 0 && std::fwrite(size8, 1, 8, file_) == 8);
     } else {
-      std::fseek(file_, lzmaSizePosition_, SEEK_SET);
-      std::fwrite(size8, 1, 8, file_);
+      Check(std::fseek(file_, lzmaSizePosition_, SEEK_SET) == 0 &&
+            std::fwrite(size8, 1, 8, file_) == 8);
     }
-    std::fwrite(lzmaOutput_.data(), 1, packed, file_);
+    Check(std::fwrite(lzmaOutput_.data(), 1, packed, file_) == packed);
     // A section packed afresh may come out shorter than before: cut what stood behind it.
     const long end = std::ftell(file_);
-    std::fflush(file_);
-    std::fseek(file_, 0, SEEK_END);
+    Check(end >= 0 && std::fflush(file_) == 0 && std::fseek(file_, 0, SEEK_END) == 0);
     if (std::ftell(file_) > end && ftruncate(fileno(file_), end) != 0) {
+      Check(false);
       zycLog("Could not shorten the LZMA section\n");
     }
-    std::fseek(file_, end, SEEK_SET);
+    Check(std::fseek(file_, end, SEEK_SET) == 0);
+    if (writeError == 0) {
+      committedAt_ = lzmaSizePosition_;
+      committed_.assign(size8, size8 + 8);
+      committed_.insert(committed_.end(), lzmaOutput_.data(), lzmaOutput_.data() + packed);
+    }
     return int32_t(packed + 13);
   }
   if (estimate && lzmaInputSize_) return int32_t(Compress() + 13);

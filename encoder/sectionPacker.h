@@ -38,9 +38,15 @@ class zycSectionPacker {
   // The trial or final size of what was packed since the last restore or commit: with LZMA
   // the section's packed size less what earlier frames took.
   int32_t FinishSize(int32_t roughSum);
-  // Writes what the frame produced. Returns false when a file write failed.
+  // Writes what the frame produced. A failed write, seek or flush leaves its errno in
+  // `writeError` (the first one stays).
   void Commit();
   void Close();
+
+  // LZMA: what the last commit that went well wrote from its file position on (the unpacked
+  // size and the packed data); later commits of the section write over it.
+  const std::vector<uint8_t>& committed() const { return committed_; }
+  long committedAt() const { return committedAt_; }
 
   FILE* file() const { return file_; }
   void SetFile(FILE* file) { file_ = file; }
@@ -48,11 +54,14 @@ class zycSectionPacker {
   bool open() const { return open_; }
 
   uint32_t sectionPackedSize = 0;  // what the section has cost so far (LZMA)
+  int writeError = 0;              // errno of the first failed file operation, 0 while none
 
  private:
   void InitStream();
   void EndStream(z_stream* stream);
   size_t Compress();
+  // Notes errno when `ok` is false; returns `ok`.
+  bool Check(bool ok);
 
   uint32_t packing_ = 0;
   bool open_ = false;
@@ -73,4 +82,6 @@ class zycSectionPacker {
   uint32_t lzmaCachedSize_ = 0;
   uint8_t lzmaProperties_[5] = {};
   long lzmaSizePosition_ = 0;
+  std::vector<uint8_t> committed_;
+  long committedAt_ = 0;
 };

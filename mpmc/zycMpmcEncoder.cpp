@@ -139,11 +139,6 @@ int32_t zycMpmcEncoder::Begin(zycStreamHeader& jobHeader, const zylFrameImage& i
                               zylAudioSupplierFn audioSupplier, void* audioUser,
                               zylProgress* progress, const zylKeyframeRange* plan) {
   End();
-  if (iFrameFormat == 1 &&
-      (((jobHeader.width + 7) & ~7u) > 1024 || ((jobHeader.height + 7) & ~7u) > 1024)) {
-    if (verbose) zycLog("Still image key frames are at most 1024 pixels wide or high\n");
-    return 1;
-  }
 
   // 1. The compressor's limit, the plan, the quality and the credit.
   compressor->tableLimit = (vqSectionLimit / 48) * 48;

@@ -30,8 +30,7 @@ class zycMpmcEncoder : public zycJobEncoder {
 
   // zycJobEncoder
   void SetJobRange(uint32_t first, uint32_t total) override;
-  // Writes the header and the first I-frame. Refuses (1) a still-image job wider or higher
-  // than the still-image coder takes (1024 padded pixels).
+  // Writes the header and the first I-frame. Returns 0.
   int32_t Begin(zycStreamHeader& header, const zylFrameImage& image, zycFileHolder* output,
                 FILE** extraOutputs, zylAudioSupplierFn audioSupplier, void* audioUser,
                 zylProgress* progress, const zylKeyframeRange* keyframePlan) override;

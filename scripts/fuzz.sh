@@ -7,7 +7,7 @@
 set -uo pipefail
 cd "$(dirname "$0")/.."
 seconds="${1:-60}"
-targets=(container safeDecode quadTree)
+targets=(container safeDecode quadTree planeStream)
 
 cmake --preset fuzz >/dev/null || exit 2
 cmake --build build-fuzz --target "${targets[@]/%/_fuzzer}" -j2 || exit 2

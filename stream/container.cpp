@@ -1,5 +1,6 @@
 #include "stream/container.h"
 
+#include <cerrno>
 #include <cstring>
 
 #include "base/byteIo.h"
@@ -408,4 +409,25 @@ bool zycPatchAfterFrame(FILE* file, zycStreamHeader* header, const zycOpenSectio
   ok = ok && std::fseek(file, 0, SEEK_END) == 0;
   ok = ok && std::fflush(file) == 0;
   return ok;
+}
+
+bool zycPatchAfterFrame(zycFileHolder* output, zycStreamHeader* header,
+                        const zycOpenSectionState& section) {
+  const bool patched =
+      output->Check(output->file && zycPatchAfterFrame(output->file, header, section));
+  // After any failure, this frame's or an earlier one's, the last whole state stands.
+  if (!patched || output->error != 0) return false;
+  const bool zyl1 = header->magic == kMagicZyl1;
+  uint8_t head[kHeaderSizeZyl0];
+  uint8_t sectionBytes[kSectionHeaderSizeZyl1];
+  if (zyl1) {
+    zycStoreHeaderZyl1(*header, head);
+    zycStoreSectionZyl1(section.header, sectionBytes);
+  } else {
+    zycStoreHeaderZyl0(*header, head);
+    zycStoreSectionZyl0(section.header, sectionBytes);
+  }
+  output->MarkWhole(header->fileSize, head, zycHeaderSize(header->magic), uint64_t(section.start),
+                    sectionBytes, zycSectionHeaderSize(header->magic));
+  return true;
 }

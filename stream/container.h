@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "base/fileIo.h"
 #include "stream/zylFormat.h"
 
 // ---------------------------------------------------------------------------------------------
@@ -177,4 +178,10 @@ bool zycOpenSection(FILE* file, uint32_t magic, uint8_t keyType, zycOpenSectionS
 // fileSize and frameCount (ZYL0: section header first, then offsets 8 and 16; ZYL1: offsets 12
 // and 16 first, then the section header); seeks to the end; flushes.
 bool zycPatchAfterFrame(FILE* file, zycStreamHeader* header,
+                        const zycOpenSectionState& section);
+// The same on the job's output holder: a failure is noted in it with the system's reason, and a
+// file patched whole becomes the holder's last whole state, which the job cuts back to when a
+// later frame fails. Writers that rewrite bytes in place (behind `tailAt`) say so to the holder
+// themselves.
+bool zycPatchAfterFrame(zycFileHolder* output, zycStreamHeader* header,
                         const zycOpenSectionState& section);

@@ -853,3 +853,63 @@ std::vector<std::string> zycSafeReader::CheckAll() {
   undecodable_ = undecodable;
   return all;
 }
+
+std::vector<zycSectionPrefix> zycWholeFramePrefixes(const zycStreamHeader& header,
+                                                    const uint8_t* data, size_t available,
+                                                    uint64_t maxUnpacked) {
+  std::vector<zycSectionPrefix> prefixes;
+  if (header.magic == kMagicZyl1) {
+    // Records one behind the other: a u8 of flags, then 24 bits of the length behind the first
+    // word.
+    size_t position = 0;
+    while (position + 4 <= available) {
+      const uint32_t length = uint32_t(data[position + 1]) << 16 | zycLoad16(data + position + 2);
+      if (position + 4 + length > available) break;
+      position += 4 + length;
+      prefixes.push_back({uint32_t(prefixes.size() + 1), uint32_t(position)});
+    }
+    return prefixes;
+  }
+  if (header.magic != kMagicZyl0 || zycPacking(header) != kPackingDeflate) return prefixes;
+
+  // Inflate block by block, noting where a block ends on a byte boundary: the sync flush that
+  // ends a frame is such a place.
+  struct Point {
+    uint64_t in, out;
+  };
+  std::vector<Point> points;
+  std::vector<uint8_t> out(4096);
+  z_stream z{};
+  if (inflateInit2(&z, -15) != Z_OK) return prefixes;
+  z.next_in = const_cast<Bytef*>(data);
+  z.avail_in = uInt(std::min<size_t>(available, 1u << 30));
+  for (;;) {
+    if (z.total_out == out.size()) {
+      if (out.size() >= maxUnpacked) break;
+      out.resize(size_t(std::min<uint64_t>(maxUnpacked, uint64_t(out.size()) * 2)));
+    }
+    z.next_out = out.data() + z.total_out;
+    z.avail_out = uInt(out.size() - z.total_out);
+    const uLong inBefore = z.total_in, outBefore = z.total_out;
+    const int result = inflate(&z, Z_BLOCK);
+    if ((z.data_type & 128) && (z.data_type & 7) == 0) points.push_back({z.total_in, z.total_out});
+    if (result != Z_OK) break;
+    if (z.total_in == inBefore && z.total_out == outBefore) break;
+  }
+  inflateEnd(&z);
+
+  // Frame ends in the unpacked bytes, each matched with the last clean block end that leaves
+  // exactly those bytes unpacked.
+  size_t position = 0;
+  const size_t unpacked = points.empty() ? 0 : size_t(points.back().out);
+  for (uint32_t frames = 1;; ++frames) {
+    zycFrameItems items;
+    if (!zycSplitFrame(out.data() + position, unpacked - position, &items)) break;
+    position += items.frameBytes;
+    uint64_t bytes = 0;
+    for (const Point& p : points)
+      if (p.out == position) bytes = p.in;
+    if (bytes > 0) prefixes.push_back({frames, uint32_t(bytes)});
+  }
+  return prefixes;
+}

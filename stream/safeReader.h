@@ -166,3 +166,16 @@ class zycSafeReader {
   uint32_t soundBytes_ = 0;
   uint32_t undecodable_ = 0;
 };
+
+// Where a section that a stopped job or a full disk cut short can end with whole frames: for
+// each count of frames from its start that lie whole in the `available` bytes behind its
+// header, the bytes they take there. A ZYL0 deflate section ends each frame with a sync flush,
+// so its cuts fall on the flushes that end frames; a ZYL1 section's fall on record ends. A ZYL0
+// LZMA section is packed as one stream and has none. At most `maxUnpacked` bytes are unpacked.
+struct zycSectionPrefix {
+  uint32_t frames = 0;
+  uint32_t bytes = 0;
+};
+std::vector<zycSectionPrefix> zycWholeFramePrefixes(const zycStreamHeader& header,
+                                                    const uint8_t* data, size_t available,
+                                                    uint64_t maxUnpacked);

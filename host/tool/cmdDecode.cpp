@@ -1,8 +1,11 @@
 // zyl decode: a movie's pictures as Y4M, raw RGB or PNG files, through the checked reader.
+#include <sys/stat.h>
+
 #include <string>
 
 #include "host/tool/commands.h"
 #include "host/tool/frameWriters.h"
+#include "host/tool/outputFiles.h"
 #include "host/tool/toolCommon.h"
 #include "stream/adpcmDecoder.h"
 #include "stream/safeReader.h"
@@ -22,7 +25,12 @@ const char kUsage[] =
     "  --png        numbered PNG files; OUT is a pattern such as frame%04d.png\n"
     "  --tree-view  paint the block tree of each ZYL0 frame instead of its picture\n"
     "  --audio W    write the movie's sound to the WAV file W (16-bit PCM)\n"
+    "  -y, --overwrite  replace outputs that exist (without -y a terminal is asked, anything\n"
+    "               else refused)\n"
+    "  -n           never replace an output; refuse at once if one exists\n"
     "\n"
+    "Each output is written beside its name and renamed into place once it is complete; an\n"
+    "output that is the movie itself is refused.\n"
     "A frame the checked reader finds damaged is reported and the picture before it repeats;\n"
     "the exit status is then 2.\n";
 
@@ -40,6 +48,8 @@ int RunDecode(const CommandArgs& words) {
   const bool treeView = args.Flag("--tree-view");
   bool audioGiven = false;
   const std::string audioName = args.Value("--audio", &audioGiven);
+  OverwritePolicy overwrite;
+  if (!TakeOverwritePolicy(&args, &overwrite)) return kExitUsage;
   if (!args.missingValue().empty()) {
     return Fail(kExitUsage, "%s needs a value (see zyl decode --help)",
                 args.missingValue().c_str());
@@ -62,12 +72,43 @@ int RunDecode(const CommandArgs& words) {
                 outName.c_str());
   }
 
+  // No output may be the movie, or the other output, even through a link.
+  for (const std::string* out : {&outName, &audioName}) {
+    if (out->empty() || *out == "-") continue;
+    if (SameFile(*out, path)) {
+      return Fail(kExitUsage, "%s is the movie being decoded; choose another output", out->c_str());
+    }
+  }
+  if (pictures && audioGiven && outName != "-" &&
+      (outName == audioName || SameFile(outName, audioName))) {
+    return Fail(kExitUsage, "the pictures and the sound can't both go to %s", outName.c_str());
+  }
+
   zycSafeReader reader;
   if (!reader.Open(path)) return Fail(kExitInput, "%s", reader.error().c_str());
   reader.SetTreeView(treeView);
   const zycStreamHeader& h = reader.header();
   if (h.width == 0 || h.height == 0) {
     return Fail(kExitInput, "%s: the movie has no picture size", path.c_str());
+  }
+
+  // Outputs that exist are replaced only when the user allows it.
+  if (audioGiven && !MayWrite(audioName, overwrite)) return kExitOutput;
+  if (pictures && png) {
+    for (uint32_t frame = 0; frame < h.frameCount; ++frame) {
+      char name[4096];
+      std::snprintf(name, sizeof name, outName.c_str(), int(frame));
+      if (SameFile(name, path)) {
+        return Fail(kExitUsage, "%s is the movie being decoded; choose another output", name);
+      }
+      struct stat st = {};
+      if (lstat(name, &st) == 0) {
+        if (!MayWrite(name, overwrite)) return kExitOutput;
+        break;  // one answer covers the whole pattern
+      }
+    }
+  } else if (pictures && !MayWrite(outName, overwrite)) {
+    return kExitOutput;
   }
 
   std::string error;

@@ -1,15 +1,16 @@
 // zyl encode: a media file in, a movie out, through the codec's interface alone.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <sys/stat.h>
 
 #include "codec/zylCodec.h"
 #include "host/source/ffmpegSource.h"
 #include "host/tool/commands.h"
+#include "host/tool/outputFiles.h"
 #include "host/tool/progressBar.h"
 #include "host/tool/toolCommon.h"
 
@@ -23,9 +24,8 @@ const char kUsage[] =
     "options:\n"
     "  --format zyl0|zyl1     stream format (default zyl0)\n"
     "  --key-format still|quadtree\n"
-    "                         zyl1 key frames: still images (VQ and surfaces, pictures up to\n"
-    "                         1024 x 1024) or DXT1 quad trees (any size); the default is still\n"
-    "                         where the picture fits, else quadtree (the same as --param iFMT)\n"
+    "                         zyl1 key frames: still images (VQ and surfaces; the default) or\n"
+    "                         DXT1 quad trees (faster to make); the same as --param iFMT=1|0\n"
     "  --param TAG=VALUE      set a codec parameter; repeatable; `zyl params` lists them\n"
     "                         (\"SND\\0\" and \"YUV\\0\" are written SND and YUV)\n"
     "  --ratio N              target compression ratio, the same as --param RATI=N\n"
@@ -36,9 +36,15 @@ const char kUsage[] =
     "  --count N              frames to encode (default 0: to the end)\n"
     "  --verbose              show the library's own console messages\n"
     "  --no-progress          no progress line on stderr\n"
+    "  -y, --overwrite        replace OUTPUT if it exists (without -y a terminal is asked,\n"
+    "                         anything else refused)\n"
+    "  -n                     never replace OUTPUT; refuse at once if it exists\n"
     "\n"
+    "The movie is written as OUTPUT.partXXXXXX beside OUTPUT and renamed into place when the\n"
+    "job ends, so a refused or failed job leaves an existing OUTPUT as it was. A full disk ends\n"
+    "the job with status 3; a new OUTPUT then holds the whole frames that fitted.\n"
     "Ctrl-C stops between two frames; the movie then holds the frames done so far and the\n"
-    "exit status is 4.\n";
+    "exit status is 4. A killed job leaves OUTPUT.partXXXXXX: `zyl repair` makes it whole.\n";
 
 std::atomic<bool> gInterrupted{false};
 ProgressBar* gBar = nullptr;
@@ -93,6 +99,8 @@ int RunEncode(const CommandArgs& words) {
   const bool noSound = args.Flag("--no-sound");
   const bool verbose = args.Flag("--verbose");
   const bool noProgress = args.Flag("--no-progress");
+  OverwritePolicy overwrite;
+  if (!TakeOverwritePolicy(&args, &overwrite)) return kExitUsage;
   if (!args.missingValue().empty()) {
     return Fail(kExitUsage, "%s needs a value (see zyl encode --help)",
                 args.missingValue().c_str());
@@ -117,7 +125,7 @@ int RunEncode(const CommandArgs& words) {
       return Fail(kExitUsage, "unknown format '%s': use zyl0 or zyl1", format.c_str());
     }
   }
-  int32_t keyFormatValue = -1;  // -1: chosen by the picture's size
+  int32_t keyFormatValue = 1;  // still images
   if (keyFormatGiven) {
     if (keyFormat == "still") {
       keyFormatValue = 1;
@@ -188,11 +196,10 @@ int RunEncode(const CommandArgs& words) {
                 keyList.c_str());
   }
 
-  struct stat inputStat = {}, outputStat = {};
-  if (stat(input.c_str(), &inputStat) == 0 && stat(output.c_str(), &outputStat) == 0 &&
-      inputStat.st_dev == outputStat.st_dev && inputStat.st_ino == outputStat.st_ino) {
+  if (SameFile(input, output)) {
     return Fail(kExitUsage, "%s is both the input and the output", input.c_str());
   }
+  if (!MayWrite(output, overwrite)) return kExitOutput;
 
   bool soundWanted = !noSound;
   for (const Setting& setting : settings) {
@@ -209,11 +216,9 @@ int RunEncode(const CommandArgs& words) {
   uint32_t jobFrames = source->frameCount - firstFrame;
   if (frameCount > 0) jobFrames = std::min(jobFrames, frameCount);
 
-  // The library opens the output itself and only says that it could not; try it here first
-  // so that the message can say why.
-  if (FILE* probe = std::fopen(output.c_str(), "wb")) {
-    std::fclose(probe);
-  } else {
+  // The movie is written beside its final name; the library opens that file by its name.
+  StagedFile staged;
+  if (!staged.Create(output, false)) {
     return Fail(kExitOutput, "%s: can't create the movie (%s)", output.c_str(),
                 std::strerror(errno));
   }
@@ -223,14 +228,8 @@ int RunEncode(const CommandArgs& words) {
   codec->SetCodecMode(mode);
   // Still images need a block table; the ZYL1 encoder has no key frame format of its own.
   codec->SetParam(zylTag('u', 'F', 'M', 'T'), 230400);
-  // ZYL1 key frames: still images where the padded picture fits the still coder, else quad
-  // trees; --key-format or --param iFMT decide otherwise.
-  if (mode == 1) {
-    const bool fits = ((uint32_t(source->width) + 7) & ~7u) <= 1024 &&
-                      ((uint32_t(source->height) + 7) & ~7u) <= 1024;
-    codec->SetParam(zylTag('i', 'F', 'M', 'T'),
-                    keyFormatValue >= 0 ? keyFormatValue : fits ? 1 : 0);
-  }
+  // ZYL1 key frames: still images unless --key-format or --param iFMT say otherwise.
+  if (mode == 1) codec->SetParam(zylTag('i', 'F', 'M', 'T'), keyFormatValue);
   // Sound goes into the frames only with "EXTC" set.
   if (source->audioSampleRate > 0) codec->SetParam(zylTag('E', 'X', 'T', 'C'), 1);
   for (const Setting& setting : settings) codec->SetParam(setting.param->tag, setting.value);
@@ -261,12 +260,14 @@ int RunEncode(const CommandArgs& words) {
   gInterrupted = false;
   std::signal(SIGINT, OnInterrupt);
   const double frameRate = source->frameRate;
-  const std::u16string name = Utf16(output);
+  const std::u16string name = Utf16(staged.path());
   int32_t status;
+  int reason;  // the system's reason of a failed open or write; 0 after a refusal
   {
     QuietConsole quiet(verbose);
     status = codec->Encode(source, 0, name.c_str(), firstFrame, frameCount,
                            keyFrames.empty() ? nullptr : &plan, nullptr);
+    reason = errno;
   }
   std::signal(SIGINT, SIG_DFL);
   bar.Finish();
@@ -275,15 +276,34 @@ int RunEncode(const CommandArgs& words) {
   media.Close();
 
   if (status == 2) return Fail(kExitInput, "%s: the codec got no source", input.c_str());
+  if (status == 3 && reason != 0) {
+    // A write failed: the library cut the movie back to its last whole frame. It takes the
+    // final name only where no older file stands.
+    struct stat cut = {}, old = {};
+    const bool kept = stat(staged.path().c_str(), &cut) == 0 && cut.st_size > 0 &&
+                      lstat(output.c_str(), &old) != 0 && staged.Commit();
+    const uint32_t framesKept = kept ? bar.frames() : 0;
+    Fail(kExitOutput, "%s: can't write the movie (%s)", output.c_str(), std::strerror(reason));
+    if (kept) {
+      Note("%s holds the %u whole frame%s that fitted", output.c_str(), framesKept,
+           framesKept == 1 ? "" : "s");
+    } else {
+      Note("%s was not changed", output.c_str());
+    }
+    return kExitOutput;
+  }
   if (status == 3) {
-    std::remove(output.c_str());  // a refused job leaves no movie behind
     return Fail(kExitOutput,
-                "%s: the encoder refused the job (the output could not be opened, or the "
-                "first frame failed; --verbose shows the encoder's messages)",
+                "%s: the encoder refused the job (--verbose shows the encoder's messages); "
+                "nothing was written",
                 output.c_str());
   }
   if (status != 0 && status != 1) {
     return Fail(kExitOutput, "%s: the codec answered status %d", output.c_str(), status);
+  }
+  if (!staged.Commit()) {
+    staged.Keep();
+    return Fail(kExitOutput, "%s; the movie stays there", staged.error().c_str());
   }
   struct stat written = {};
   const double fileBytes = stat(output.c_str(), &written) == 0 ? double(written.st_size) : 0;

@@ -104,6 +104,11 @@ int RunInfo(const CommandArgs& words) {
   }
   if (!opened && problems.empty() && !reader.error().empty()) problems.push_back(reader.error());
   if (opened && !quick) problems = reader.CheckAll();
+  // Bytes behind the movie's end are a problem here as they are to append and replace, which
+  // would carry them into the middle of a movie.
+  for (const std::string& note : reader.notes()) {
+    problems.push_back(note + "; `zyl repair` cuts them");
+  }
 
   const zycStreamHeader& h = reader.header();
   const bool zyl1 = reader.isZyl1();
@@ -244,14 +249,12 @@ int RunInfo(const CommandArgs& words) {
                    "  note           %u frames build on a damaged frame and were not decoded\n",
                    reader.undecodableFrames());
     }
-    for (const std::string& note : reader.notes()) {
-      std::fprintf(out, "  note           %s\n", note.c_str());
-    }
     if (problems.empty()) {
       std::fprintf(out, "  problems       none%s\n", quick ? " in the container" : "");
     } else {
       std::fprintf(out, "  problems       %zu\n", problems.size());
       for (const std::string& problem : problems) std::fprintf(out, "    %s\n", problem.c_str());
+      std::fprintf(out, "  (zyl repair cuts a movie left short to its last whole frame)\n");
     }
   }
   std::fflush(out);

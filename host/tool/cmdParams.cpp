@@ -65,8 +65,8 @@ int RunParams(const CommandArgs& words) {
   codec->Destroy();
   std::fprintf(out,
                "\n\"-\": not used by that format. (n): set only, the codec can't read it back.\n"
-               "zyl encode sets uFMT=230400, and for zyl1 iFMT=1 (still-image key frames) where\n"
-               "the picture fits 1024 x 1024, else iFMT=0 (quad trees), unless given.\n\n%s",
+               "zyl encode sets uFMT=230400, and iFMT=1 (still-image key frames) for zyl1,\n"
+               "unless given (--key-format quadtree sets iFMT=0).\n\n%s",
                kDxtLadder);
   return kExitOk;
 }

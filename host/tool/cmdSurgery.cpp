@@ -1,5 +1,7 @@
 // zyl append and zyl replace: file surgery on finished movies through the codec, after both
 // files passed the checked reader.
+#include <cerrno>
+#include <cstring>
 #include <string>
 
 #include "codec/zylCodec.h"
@@ -22,7 +24,8 @@ const char kReplaceUsage[] =
     "Replaces frames N to N+M-1 of FILE by the frames of REPLACEMENT, which must hold exactly\n"
     "M frames (M defaults to its frame count). Frame N must start a section of FILE (a key\n"
     "frame), and so must frame N+M unless it is the end. Both files are checked first; a\n"
-    "damaged file is refused and nothing changes. FILE is rewritten through FILEtmp.zyl.\n";
+    "damaged file is refused and nothing changes. FILE is rewritten through FILEtmp.zyl, which\n"
+    "must not exist, and the finished file takes FILE's place in one rename.\n";
 
 // Opens and fully checks a movie. False after reporting why.
 bool CheckMovie(zycSafeReader* reader, const std::string& path, bool decodeFrames) {
@@ -33,8 +36,9 @@ bool CheckMovie(zycSafeReader* reader, const std::string& path, bool decodeFrame
   // Surgery copies whole files by their headers: bytes an interrupted job left behind the end
   // would land inside the result.
   if (!reader->notes().empty()) {
-    Fail(kExitInput, "%s; cut the file to its header's size first; nothing was changed",
-         reader->notes().front().c_str());
+    Fail(kExitInput,
+         "%s; `zyl repair %s` cuts the movie to its last whole frame; nothing was changed",
+         reader->notes().front().c_str(), path.c_str());
     return false;
   }
   if (decodeFrames) {
@@ -48,7 +52,19 @@ bool CheckMovie(zycSafeReader* reader, const std::string& path, bool decodeFrame
   return true;
 }
 
-int SurgeryStatus(int32_t status, const std::string& file1, const std::string& file2) {
+// `reason` is errno as the codec left it: the system's reason when a file could not be opened
+// or written.
+int SurgeryStatus(int32_t status, int reason, const std::string& file1, const std::string& file2) {
+  if (status == 3 && reason != 0) {
+    return Fail(kExitOutput, "%s: can't write (%s); %s and %s were not changed", file1.c_str(),
+                std::strerror(reason), file1.c_str(), file2.c_str());
+  }
+  if (status == 2 && reason == EEXIST) {
+    return Fail(kExitOutput,
+                "%stmp.zyl exists: replace writes through that name and leaves another file "
+                "of it alone; nothing was changed",
+                file1.substr(0, file1.size() - 4).c_str());
+  }
   switch (status) {
     case 0:
       return kExitOk;
@@ -106,12 +122,14 @@ int RunAppend(const CommandArgs& words) {
   zylCodec* codec = zylInitCodec(nullptr, 0);
   if (!codec) return Fail(kExitOutput, "out of memory making the codec");
   int32_t status;
+  int reason;
   {
     QuietConsole quiet(verbose);
     status = codec->Append(Utf16(first).c_str(), Utf16(second).c_str());
+    reason = errno;
   }
   codec->Destroy();
-  if (status != 0) return SurgeryStatus(status, first, second);
+  if (status != 0) return SurgeryStatus(status, reason, first, second);
   Note("appended %s (%u frames) to %s: now %u frames", second.c_str(), b.header().frameCount,
        first.c_str(), before + b.header().frameCount);
   return kExitOk;
@@ -190,13 +208,15 @@ int RunReplace(const CommandArgs& words) {
   if (!codec) return Fail(kExitOutput, "out of memory making the codec");
   codec->SetCodecMode(a.isZyl1() ? 1 : 0);
   int32_t status;
+  int reason;
   {
     QuietConsole quiet(verbose);
     status = codec->ReplaceSection(Utf16(target).c_str(), Utf16(replacement).c_str(), start,
                                    count);
+    reason = errno;
   }
   codec->Destroy();
-  if (status != 0) return SurgeryStatus(status, target, replacement);
+  if (status != 0) return SurgeryStatus(status, reason, target, replacement);
   Note("replaced frames %u to %u of %s by %s", start, start + count - 1, target.c_str(),
        replacement.c_str());
   return kExitOk;

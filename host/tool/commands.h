@@ -13,3 +13,4 @@ int RunDecode(const CommandArgs& args);
 int RunAppend(const CommandArgs& args);
 int RunReplace(const CommandArgs& args);
 int RunParams(const CommandArgs& args);
+int RunRepair(const CommandArgs& args);

@@ -6,37 +6,49 @@
 #include <cerrno>
 #include <cstring>
 
+#include "host/tool/outputFiles.h"
 #include "host/tool/toolCommon.h"
 
 namespace {
 
-// A file opened for writing, or the tool's standard output for "-".
+std::string Reason(int error) { return std::string(" (") + std::strerror(error) + ")"; }
+
+// A file written beside its final name and renamed into place by Close, or the tool's standard
+// output for "-". A file that was not closed well is removed: no output is left that looks
+// whole and is not.
 struct OutFile {
   FILE* file = nullptr;
-  bool owned = false;
+  bool toStdout = false;
   std::string name;
+  StagedFile staged;
 
   bool Open(const std::string& path, std::string* error) {
     name = path == "-" ? "standard output" : path;
     if (path == "-") {
       file = ToolOut();
+      toStdout = true;
       return true;
     }
-    file = std::fopen(path.c_str(), "wb");
-    owned = file != nullptr;
-    if (!file) *error = path + ": can't create (" + std::strerror(errno) + ")";
-    return file != nullptr;
+    if (!staged.Create(path, true)) {
+      *error = staged.error();
+      return false;
+    }
+    file = staged.file();
+    return true;
   }
   bool Close(std::string* error) {
     if (!file) return true;
-    const bool ok = owned ? std::fclose(file) == 0 : std::fflush(file) == 0;
     file = nullptr;
-    if (!ok) *error = name + ": write failed (" + std::strerror(errno) + ")";
-    return ok;
+    if (toStdout) {
+      if (std::fflush(ToolOut()) == 0) return true;
+      *error = name + ": write failed" + Reason(errno);
+      return false;
+    }
+    if (staged.Commit()) return true;
+    *error = staged.error();
+    return false;
   }
-  ~OutFile() {
-    if (file && owned) std::fclose(file);
-  }
+  std::string WriteFailed() const { return name + ": write failed" + Reason(errno); }
 };
 
 class Y4mWriter final : public FrameWriter {
@@ -46,8 +58,12 @@ class Y4mWriter final : public FrameWriter {
 
   bool Start(const std::string& path, uint32_t rateNum, uint32_t rateDen) {
     if (!out_.Open(path, &error_)) return false;
-    std::fprintf(out_.file, "YUV4MPEG2 W%u H%u F%u:%u Ip A1:1 %s XCOLORRANGE=LIMITED\n", width_,
-                 height_, rateNum, rateDen, chroma_ == Y4mChroma::k444 ? "C444" : "C420jpeg");
+    if (std::fprintf(out_.file, "YUV4MPEG2 W%u H%u F%u:%u Ip A1:1 %s XCOLORRANGE=LIMITED\n", width_,
+                     height_, rateNum, rateDen,
+                     chroma_ == Y4mChroma::k444 ? "C444" : "C420jpeg") < 0) {
+      error_ = out_.WriteFailed();
+      return false;
+    }
     return true;
   }
 
@@ -92,7 +108,7 @@ class Y4mWriter final : public FrameWriter {
                        planes[p].size();
       }
     }
-    if (!ok) error_ = out_.name + ": write failed (" + std::strerror(errno) + ")";
+    if (!ok) error_ = out_.WriteFailed();
     return ok;
   }
 
@@ -119,7 +135,7 @@ class RgbWriter final : public FrameWriter {
         row_[x * 3 + 2] = in[x * 4 + 0];
       }
       if (std::fwrite(row_.data(), 1, row_.size(), out_.file) != row_.size()) {
-        error_ = out_.name + ": write failed (" + std::strerror(errno) + ")";
+        error_ = out_.WriteFailed();
         return false;
       }
     }
@@ -140,14 +156,18 @@ class PngWriter final : public FrameWriter {
   bool Write(const PictureView& picture) override {
     char name[4096];
     std::snprintf(name, sizeof(name), pattern_.c_str(), index_++);
-    FILE* file = std::fopen(name, "wb");
-    if (!file) {
-      error_ = std::string(name) + ": can't create (" + std::strerror(errno) + ")";
+    StagedFile staged;
+    if (!staged.Create(name, true)) {
+      error_ = staged.error();
       return false;
     }
-    const bool ok = WritePng(file, picture);
-    if (std::fclose(file) != 0 || !ok) {
-      error_ = std::string(name) + ": write failed";
+    errno = 0;
+    if (!WritePng(staged.file(), picture)) {
+      error_ = std::string(name) + ": write failed" + Reason(errno != 0 ? errno : EIO);
+      return false;  // the staged file goes
+    }
+    if (!staged.Commit()) {
+      error_ = staged.error();
       return false;
     }
     return true;
@@ -261,11 +281,11 @@ void Put16(uint8_t* at, uint32_t value) {
 
 bool WavWriter::Open(const std::string& path, uint32_t channels, uint32_t rate) {
   path_ = path;
-  file_ = std::fopen(path.c_str(), "wb");
-  if (!file_) {
-    error_ = path + ": can't create (" + std::strerror(errno) + ")";
+  if (!staged_.Create(path, true)) {
+    error_ = staged_.error();
     return false;
   }
+  file_ = staged_.file();
   uint8_t header[44] = {'R', 'I', 'F', 'F', 0, 0, 0, 0, 'W', 'A', 'V', 'E',
                         'f', 'm', 't', ' ', 16, 0, 0, 0};
   Put16(header + 20, 1);
@@ -276,7 +296,7 @@ bool WavWriter::Open(const std::string& path, uint32_t channels, uint32_t rate) 
   Put16(header + 34, 16);
   std::memcpy(header + 36, "data", 4);
   if (std::fwrite(header, 1, 44, file_) != 44) {
-    error_ = path + ": write failed";
+    error_ = path + ": write failed" + Reason(errno);
     return false;
   }
   return true;
@@ -305,12 +325,16 @@ bool WavWriter::Finish() {
   bool ok = std::fseek(file_, 4, SEEK_SET) == 0 && std::fwrite(size, 1, 4, file_) == 4;
   Put32(size, uint32_t(dataBytes_));
   ok = ok && std::fseek(file_, 40, SEEK_SET) == 0 && std::fwrite(size, 1, 4, file_) == 4;
-  ok = std::fclose(file_) == 0 && ok;
   file_ = nullptr;
-  if (!ok) error_ = path_ + ": write failed";
-  return ok;
+  if (!ok) {
+    error_ = path_ + ": write failed" + Reason(errno);
+    return false;  // the staged file goes with the writer
+  }
+  if (!staged_.Commit()) {
+    error_ = staged_.error();
+    return false;
+  }
+  return true;
 }
 
-WavWriter::~WavWriter() {
-  if (file_) std::fclose(file_);
-}
+WavWriter::~WavWriter() = default;

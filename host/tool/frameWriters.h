@@ -1,5 +1,7 @@
 // The decode command's outputs: Y4M (4:4:4 or 4:2:0), raw RGB, numbered PNG files and WAV.
-// Pictures come in as 32-bit B, G, R, X pixels with a row stride and leave cropped.
+// Pictures come in as 32-bit B, G, R, X pixels with a row stride and leave cropped. Every file
+// is written beside its name and renamed into place once it is complete and closed; a write
+// that fails gives an error with the system's reason and leaves no file behind.
 #pragma once
 
 #include <cstdint>
@@ -7,6 +9,8 @@
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "host/tool/outputFiles.h"
 
 struct PictureView {
   const uint8_t* pixels;  // B, G, R, X
@@ -44,7 +48,8 @@ bool IsFramePattern(const std::string& pattern);
 // BT.601 limited range, as Y4M players expect.
 void RgbToYuv601(uint8_t r, uint8_t g, uint8_t b, uint8_t* y, uint8_t* u, uint8_t* v);
 
-// A 16-bit PCM WAV file whose sizes are written at the end.
+// A 16-bit PCM WAV file whose sizes are written at the end. It is written beside its name and
+// renamed into place by Finish; a writer dropped before that leaves no file.
 class WavWriter {
  public:
   bool Open(const std::string& path, uint32_t channels, uint32_t rate);
@@ -54,7 +59,8 @@ class WavWriter {
   ~WavWriter();
 
  private:
-  FILE* file_ = nullptr;
+  StagedFile staged_;
+  FILE* file_ = nullptr;  // the staged file's stream
   std::string path_;
   uint64_t dataBytes_ = 0;
   std::string error_;

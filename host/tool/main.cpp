@@ -17,6 +17,8 @@ const char kUsage[] =
     "  append A.zyl B.zyl          append movie B to movie A\n"
     "  replace FILE REPLACEMENT --start N [--count M]\n"
     "                              replace a stretch of key-frame-aligned frames\n"
+    "  repair FILE                 cut a movie left short (killed job, full disk) to its last\n"
+    "                              whole frame\n"
     "  params                      the parameter tags, their defaults and meanings\n"
     "\n"
     "exit status:\n"
@@ -46,6 +48,7 @@ int main(int argc, char** argv) {
   if (command == "append") return RunAppend(args);
   if (command == "replace") return RunReplace(args);
   if (command == "params") return RunParams(args);
+  if (command == "repair") return RunRepair(args);
   return Fail(kExitUsage, "unknown command '%s' (zyl --help lists the commands)",
               command.c_str());
 }

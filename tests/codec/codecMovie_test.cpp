@@ -2,7 +2,10 @@
 // real clip, read back by the safe reader.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -10,6 +13,7 @@
 #include "codec/zycCodec.h"
 #include "stream/safeReader.h"
 #include "tests/support/audioSamples.h"
+#include "tests/support/fileSizeLimit.h"
 #include "tests/support/memorySource.h"
 #include "tests/support/testMedia.h"
 #include "tests/support/videoFrames.h"
@@ -92,6 +96,26 @@ class CodecMovie : public testing::Test {
     return status;
   }
 
+  // The same job, its console caught through a pipe (a file would meet the file size limit);
+  // `reason` is errno as the job left it.
+  int32_t EncodeCaught(std::string* console, int* reason) {
+    zycMemorySource media(pictures_, 10.0, sound_.samples, 1, 16000, 1600);
+    std::u16string name = zycUtf16(file_.string());
+    zycPipedStdout caught;
+    errno = 0;
+    const int32_t status = codec_->Encode(media.source(), 0, name.c_str());
+    *console = caught.Take();
+    *reason = errno;
+    return status;
+  }
+
+  std::string Bytes() const {
+    std::ifstream in(file_, std::ios::binary);
+    std::stringstream bytes;
+    bytes << in.rdbuf();
+    return bytes.str();
+  }
+
   std::vector<zycTestPicture> pictures_;
   zylTestSound sound_;
   fs::path file_;
@@ -151,6 +175,46 @@ TEST_F(CodecMovie, AStoppedJobLeavesAValidMovieOfTheFramesDone) {
   ASSERT_TRUE(reader.Open(file_.string())) << reader.error();
   EXPECT_EQ(reader.header().frameCount, 3u);
   EXPECT_TRUE(reader.CheckAll().empty());
+}
+
+// The disk fills up in the fourth frame (or before the header): the job ends with status 3
+// and the system's reason, and the movie is cut back to exactly the movie of a job stopped
+// after the last frame that fitted. LZMA rewrites its section in place, so its cut puts the
+// old section back.
+TEST_F(CodecMovie, AFullDiskCutsTheMovieBackToItsLastWholeFrame) {
+  codec_->SetParam(Tag("EXTC"), 1);
+  const struct {
+    int packing;
+    int framesThatFit;
+  } cases[] = {{0, 3}, {1, 3}, {0, 0}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << "packing " << c.packing << ", " << c.framesThatFit);
+    codec_->SetParam(Tag("nFMT"), c.packing);
+    std::string whole;  // the movie of the frames that fit
+    if (c.framesThatFit > 0) {
+      shown_ = Shown();
+      shown_.stopAt = c.framesThatFit - 1;
+      ASSERT_EQ(Encode(), 1);
+      whole = Bytes();
+    }
+    shown_ = Shown();
+    std::string console;
+    int reason = 0;
+    int32_t status;
+    {
+      // Not a byte more: an LZMA section packed afresh with one more frame grows only a little.
+      zycFileSizeLimit limit(whole.empty() ? 10 : whole.size());
+      ASSERT_TRUE(limit.ok());
+      status = EncodeCaught(&console, &reason);
+    }
+    EXPECT_EQ(status, 3);
+    EXPECT_EQ(reason, EFBIG);
+    EXPECT_NE(console.find("Could not write " + file_.string() + ": File too large\n"),
+              std::string::npos)
+        << console;
+    EXPECT_EQ(shown_.pictures.size(), size_t(c.framesThatFit));  // the failed frame is not shown
+    EXPECT_TRUE(Bytes() == whole) << Bytes().size() << " bytes against " << whole.size();
+  }
 }
 
 TEST_F(CodecMovie, ASecondJobOnTheSameCodecWritesTheSameMovie) {

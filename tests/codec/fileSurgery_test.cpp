@@ -1,14 +1,13 @@
 #include "codec/fileSurgery.h"
 
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -18,6 +17,7 @@
 #include "base/fileIo.h"
 #include "stream/container.h"
 #include "stream/safeReader.h"
+#include "tests/support/fileSizeLimit.h"
 #include "tests/support/movieBuilder.h"
 
 namespace {
@@ -62,15 +62,15 @@ class FileSurgery : public ::testing::Test {
 
 std::u16string U16(const std::string& s) { return zycUtf16(s); }
 
-// Sets or clears the immutable attribute of a folder; false where the file system or the user
-// can't.
-bool SetImmutable(const std::string& dir, bool on) {
+// Sets or clears an attribute of a folder (FS_APPEND_FL: files can be made in it, but none
+// removed or renamed over); false where the file system or the user can't.
+bool SetFolderFlag(const std::string& dir, int flag, bool on) {
   const int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY);
   if (fd < 0) return false;
   int flags = 0;
   bool ok = ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
   if (ok) {
-    flags = on ? flags | FS_IMMUTABLE_FL : flags & ~FS_IMMUTABLE_FL;
+    flags = on ? flags | flag : flags & ~flag;
     ok = ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
   }
   close(fd);
@@ -84,9 +84,9 @@ int32_t RunAppend(const std::string& a, const std::string& b) {
 // Runs ReplaceSection and returns its code; `output` receives what it printed.
 int32_t RunReplace(const std::string& a, const std::string& b, uint32_t start, uint32_t count,
                    uint32_t mode, std::string* output) {
-  ::testing::internal::CaptureStdout();
+  zycPipedStdout caught;
   const int32_t code = ReplaceSection(U16(a).c_str(), U16(b).c_str(), start, count, mode);
-  *output = ::testing::internal::GetCapturedStdout();
+  *output = caught.Take();  // errno stays as ReplaceSection left it
   return code;
 }
 
@@ -295,15 +295,19 @@ TEST_F(FileSurgery, ReplaceComparesTheHeadersAndTheChunkLimit) {
   EXPECT_FALSE(Exists(dir_ + "/movietmp.zyl"));
 }
 
-TEST_F(FileSurgery, TheTemporaryNameReplacesTheLastFourCharacters) {
+TEST_F(FileSurgery, AFileWithTheTemporaryNameIsNeverTouched) {
   const auto a = Zyl0Movie({2, 2}), b = Zyl0Movie({2}, 7);
   const std::string pa = Make("movie.zyl", a), pb = Make("other.zyl", b);
-  // A folder of that name stands in the way: the temporary file can't be made.
-  ASSERT_EQ(mkdir((dir_ + "/movietmp.zyl").c_str(), 0700), 0);
+  // The temporary name replaces the last four characters; a file of that name stands there.
+  const std::vector<uint8_t> unrelated = {'k', 'e', 'e', 'p'};
+  const std::string tmp = Make("movietmp.zyl", unrelated);
   std::string out;
   EXPECT_EQ(RunReplace(pa, pb, 0, 2, 0, &out), 2);
+  EXPECT_EQ(errno, EEXIST);
+  EXPECT_NE(out.find("Could not create " + tmp + ": File exists\n"), std::string::npos) << out;
   EXPECT_EQ(ReadFile(pa), a);
-  rmdir((dir_ + "/movietmp.zyl").c_str());
+  EXPECT_EQ(ReadFile(tmp), unrelated);
+  std::remove(tmp.c_str());
   EXPECT_EQ(RunReplace(pa, pb, 0, 2, 0, &out), 0);
 }
 
@@ -322,27 +326,52 @@ TEST_F(FileSurgery, ANameOfFewerThanFourCharactersGetsNoTemporaryFile) {
   ASSERT_EQ(chdir(here), 0);
 }
 
-TEST_F(FileSurgery, AFailedRenameGivesCodeThree) {
+TEST_F(FileSurgery, AFailedRenameGivesCodeThreeAndKeepsFile1) {
   const auto a = Zyl0Movie({2, 2}), b = Zyl0Movie({2}, 7);
   const std::string pa = Make("movie.zyl", a), pb = Make("other.zyl", b);
-  // The temporary file exists already; then the folder is locked: neither the removal of file1
-  // nor the rename can happen, while the temporary file can still be written.
-  ASSERT_TRUE(WriteFile(dir_ + "/movietmp.zyl", {}));
-  const bool root = geteuid() == 0;
-  if (root ? !SetImmutable(dir_, true) : chmod(dir_.c_str(), 0500) != 0)
-    GTEST_SKIP() << "the folder can't be locked here";
+  // In an append-only folder the temporary file can be made, but nothing renamed over file1.
+  if (!SetFolderFlag(dir_, FS_APPEND_FL, true)) GTEST_SKIP() << "the folder can't be locked here";
   std::string out;
   const int32_t code = RunReplace(pa, pb, 0, 2, 0, &out);
-  if (root)
-    SetImmutable(dir_, false);
-  else
-    chmod(dir_.c_str(), 0700);
-  const std::string err = std::to_string(root ? EPERM : EACCES);
+  const int reason = errno;
+  SetFolderFlag(dir_, FS_APPEND_FL, false);
   EXPECT_EQ(code, 3);
-  EXPECT_TRUE(out.find("Coult not remove file1. errno:" + err + "\n") != std::string::npos) << out;
-  EXPECT_TRUE(out.find("Coult not rename tmpFile to file1. errno:" + err + "\n") != std::string::npos)
+  EXPECT_EQ(reason, EPERM);
+  EXPECT_NE(out.find("Coult not rename tmpFile to file1. errno:" + std::to_string(EPERM) + "\n"),
+            std::string::npos)
       << out;
   EXPECT_EQ(ReadFile(pa), a);
+}
+
+// A disk that fills up while file1 grows (Append) or while the new movie is written
+// (ReplaceSection): code 3, the system's reason, and both files as they were.
+TEST_F(FileSurgery, AFullDiskLeavesBothFilesAsTheyWere) {
+  const auto a = Zyl0Movie({3, 2}, 1), b = Zyl0Movie({2, 3}, 2);
+  for (const bool append : {true, false}) {
+    SCOPED_TRACE(append ? "Append" : "ReplaceSection");
+    const std::string pa = Make("movie.zyl", a), pb = Make("other.zyl", b);
+    std::string out;
+    int32_t code;
+    int reason;
+    {
+      // Room for file1 as it is, not for what it would become.
+      zycFileSizeLimit limit(append ? a.size() + 10 : a.size() - 10);
+      ASSERT_TRUE(limit.ok());
+      zycPipedStdout caught;
+      code = append ? Append(U16(pa).c_str(), U16(pb).c_str())
+                    : ReplaceSection(U16(pa).c_str(), U16(pb).c_str(), 0, 5, 0);
+      reason = errno;
+      out = caught.Take();
+    }
+    EXPECT_EQ(code, 3);
+    EXPECT_EQ(reason, EFBIG);
+    const std::string written = append ? pa : dir_ + "/movietmp.zyl";
+    EXPECT_NE(out.find("Could not write " + written + ": File too large\n"), std::string::npos)
+        << out;
+    EXPECT_EQ(ReadFile(pa), a);
+    EXPECT_EQ(ReadFile(pb), b);
+    EXPECT_FALSE(Exists(dir_ + "/movietmp.zyl"));
+  }
 }
 
 TEST_F(FileSurgery, AWalkThatCannotAdvanceEndsAsAMisplacedBoundary) {

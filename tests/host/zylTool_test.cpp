@@ -1,10 +1,13 @@
 // The zyl tool end to end: the built binary run on real clips, with its exit codes, messages
 // and the files it writes.
+#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,9 +21,10 @@
 #include <vector>
 
 #include "base/byteIo.h"
-#include "host/source/ffmpegSource.h"
 #include "codec/framePump.h"
+#include "host/source/ffmpegSource.h"
 #include "tests/host/syntheticClip.h"
+#include "tests/support/fileSizeLimit.h"
 #include "tests/support/testMedia.h"
 
 extern char** environ;
@@ -67,6 +71,8 @@ pid_t Start(const std::vector<std::string>& args, const std::string& outPath,
   argv.push_back(nullptr);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
+  // Never a terminal on standard input: the tool asks nothing.
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
   posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
                                    0644);
   posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
@@ -91,6 +97,18 @@ Result Finish(pid_t pid, const std::string& outPath, const std::string& errPath)
 Result RunTool(const std::vector<std::string>& args) {
   const std::string out = Dir() + "stdout.txt", err = Dir() + "stderr.txt";
   return Finish(Start(args, out, err), out, err);
+}
+
+// The names in a folder that begin with `prefix`.
+std::vector<std::string> Named(const std::string& dir, const std::string& prefix) {
+  std::vector<std::string> names;
+  if (DIR* d = opendir(dir.c_str())) {
+    while (dirent* e = readdir(d)) {
+      if (std::string(e->d_name).rfind(prefix, 0) == 0) names.push_back(dir + e->d_name);
+    }
+    closedir(d);
+  }
+  return names;
 }
 
 std::string ExampleClip() { return std::string(ZYL_SOURCE_DIR) + "/media/coin_pen_284x160_3s.mp4"; }
@@ -172,11 +190,10 @@ TEST(ZylToolInput, FileWithoutPictureIsAnInputError) {
 }
 
 TEST(ZylToolInput, RefusedJobIsAnOutputErrorAndLeavesNoFile) {
-  // Still-image key frames take pictures up to 1024 x 1024 only.
+  // LZMA sections need the packing byte that header versions 1 to 3 do not have.
   const std::string movie = Dir() + "refused.zyl";
-  const Result result =
-      RunTool({"encode", std::string(ZYL_MEDIA_DIR) + "/photo_flower_2268x1512.png", movie,
-               "--format", "zyl1", "--key-format", "still", "--no-sound"});
+  const Result result = RunTool({"encode", ExampleClip(), movie, "--count", "2", "--no-sound",
+                                 "--lzma", "--param", "HXTC=1"});
   EXPECT_EQ(result.exit, 3);
   EXPECT_NE(result.err.find("the encoder refused the job"), std::string::npos) << result.err;
   EXPECT_FALSE(Exists(movie));
@@ -390,50 +407,232 @@ TEST_F(ZylTool, CtrlCStopsBetweenFramesAndLeavesAValidMovie) {
   const std::string out = Dir() + "stop_out.txt", err = Dir() + "stop_err.txt";
   const pid_t pid = Start({"encode", ExampleClip(), movie, "--count", "100"}, out, err);
   ASSERT_GT(pid, 0);
-  // Wait until the first frame is on disk: the tool is then inside the job.
-  struct stat st = {};
-  for (int i = 0; i < 6000 && !(stat(movie.c_str(), &st) == 0 && st.st_size > 64); ++i) {
+  // Wait until the first frame is on disk (beside the final name): the tool is then inside the
+  // job.
+  auto started = [&] {
+    struct stat st = {};
+    for (const std::string& part : Named(Dir(), "stopped.zyl.part"))
+      if (stat(part.c_str(), &st) == 0 && st.st_size > 64) return true;
+    return false;
+  };
+  for (int i = 0; i < 6000 && !started(); ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   kill(pid, SIGINT);
   const Result result = Finish(pid, out, err);
   EXPECT_EQ(result.exit, 4) << result.err;
   EXPECT_NE(result.err.find("stopped by Ctrl-C"), std::string::npos) << result.err;
-  const Result info = RunTool({"info", movie});
+  const Result info = RunTool({"info", movie});  // under its final name
   EXPECT_EQ(info.exit, 0) << info.out;
+  EXPECT_TRUE(Named(Dir(), "stopped.zyl.part").empty());
 }
 
-// Both formats: a killed encode leaves the frames whose headers were patched, and nothing
-// that a reader takes for a damaged frame.
-TEST_F(ZylTool, AKilledEncodeLeavesAMovieOfWholeFrames) {
-  const std::vector<std::vector<std::string>> formats = {{}, {"--format", "zyl1"}};
-  for (const std::vector<std::string>& format : formats) {
-    SCOPED_TRACE(format.empty() ? "zyl0" : "zyl1");
-    const std::string movie = Dir() + "killed.zyl";
-    const std::string out = Dir() + "kill_out.txt", err = Dir() + "kill_err.txt";
-    std::vector<std::string> args = {"encode", ExampleClip(), movie, "--count", "100"};
-    args.insert(args.end(), format.begin(), format.end());
-    const pid_t pid = Start(args, out, err);
-    ASSERT_GT(pid, 0);
-    // Let a few frames reach the disk (the header counts them), then end the process with no
-    // chance to tidy up: most likely in the middle of a frame.
-    auto framesOnDisk = [&] {
-      const std::string bytes = ReadFile(movie);
-      return bytes.size() < 20 ? 0u : zycLoad32(bytes.data() + 16);
-    };
-    for (int i = 0; i < 6000 && framesOnDisk() < 3; ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    kill(pid, SIGKILL);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    ASSERT_TRUE(WIFSIGNALED(status));
-    const Result info = RunTool({"info", movie});
-    EXPECT_EQ(info.exit, 0) << info.out;
-    EXPECT_NE(info.out.find("problems       none"), std::string::npos) << info.out;
-    const Result decode = RunTool({"decode", movie, Dir() + "killed.y4m"});
-    EXPECT_EQ(decode.exit, 0) << decode.err;
+// A killed job can't rename its movie: it stays beside the final name as OUTPUT.partXXXXXX,
+// holding the frames done, possibly with a frame half written behind them. `zyl repair` makes
+// it whole; `info` and `append` agree on whether it is.
+TEST_F(ZylTool, AKilledEncodeLeavesAStagedMovieThatRepairMakesWhole) {
+  ASSERT_EQ(encode_.exit, 0) << encode_.err;
+  const std::string movie = Dir() + "killed.zyl";
+  const std::string out = Dir() + "kill_out.txt", err = Dir() + "kill_err.txt";
+  const pid_t pid = Start({"encode", ExampleClip(), movie, "--count", "100"}, out, err);
+  ASSERT_GT(pid, 0);
+  // Let a few frames reach the disk (the header counts them), then end the process with no
+  // chance to tidy up: most likely in the middle of a frame.
+  std::string part;
+  auto framesOnDisk = [&] {
+    const std::vector<std::string> parts = Named(Dir(), "killed.zyl.part");
+    if (parts.empty()) return 0u;
+    part = parts[0];
+    const std::string bytes = ReadFile(part);
+    return bytes.size() < 20 ? 0u : zycLoad32(bytes.data() + 16);
+  };
+  for (int i = 0; i < 6000 && framesOnDisk() < 3; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
+  kill(pid, SIGKILL);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  ASSERT_TRUE(WIFSIGNALED(status));
+  EXPECT_FALSE(Exists(movie));
+  ASSERT_FALSE(part.empty());
+
+  const Result info = RunTool({"info", part});
+  const std::string target = Dir() + "killedTarget.zyl";
+  WriteFile(target, ReadFile(movie_));
+  const Result append = RunTool({"append", target, part});
+  EXPECT_EQ(info.exit == 0, append.exit == 0) << info.out << append.err;
+
+  const Result repair = RunTool({"repair", part});
+  EXPECT_EQ(repair.exit, 0) << repair.err;
+  const Result again = RunTool({"info", part});
+  EXPECT_EQ(again.exit, 0) << again.out;
+  EXPECT_NE(again.out.find("problems       none"), std::string::npos) << again.out;
+  EXPECT_NE(RunTool({"repair", part}).err.find("is whole"), std::string::npos);
+  EXPECT_EQ(RunTool({"decode", part, Dir() + "killed.y4m"}).exit, 0);
+  std::remove(part.c_str());
+}
+
+// Movies left short three ways: the header patched ahead of its section, a frame's bytes
+// behind the end, and the last frame cut inside its section. Repair gives back exactly the
+// movie of the whole frames an encode of that many frames writes.
+TEST_F(ZylTool, RepairCutsToTheLastWholeFrame) {
+  ASSERT_EQ(encode_.exit, 0) << encode_.err;
+  const std::string whole = ReadFile(movie_);
+  const std::string fourPath = Dir() + "four.zyl";
+  ASSERT_EQ(RunTool({"encode", ExampleClip(), fourPath, "--count", "4", "--ratio", "40"}).exit, 0);
+  const std::string four = ReadFile(fourPath);
+  std::string patchedAhead = whole;
+  zycStore32(&patchedAhead[16], zycLoad32(whole.data() + 16) + 1);
+  zycStore32(&patchedAhead[8], uint32_t(whole.size() + 500));
+  const struct {
+    std::string bytes;
+    const std::string* repaired;
+  } cases[] = {{patchedAhead, &whole},
+               {whole + std::string(100, '\x55'), &whole},
+               {whole.substr(0, whole.size() - 10), &four}};
+  for (const auto& c : cases) {
+    const std::string path = Dir() + "repairMe.zyl";
+    WriteFile(path, c.bytes);
+    EXPECT_EQ(RunTool({"info", path}).exit, 2);
+    const Result repair = RunTool({"repair", path});
+    EXPECT_EQ(repair.exit, 0) << repair.err;
+    EXPECT_TRUE(ReadFile(path) == *c.repaired) << repair.err;
+  }
+}
+
+// A full disk, made two ways: a real 200 kB tmpfs where this process may mount one (filled up
+// to a given room), and a file size limit that every run has. Each command fails with exit 3
+// and the system's reason, every input stays byte for byte as it was, and nothing is left that
+// claims to be whole: no staged or temporary file, and an encode's movie only with the whole
+// frames that fitted.
+TEST_F(ZylTool, AFullDiskFailsEachCommandAndKeepsEveryInput) {
+  ASSERT_EQ(encode_.exit, 0) << encode_.err;
+  const struct {
+    const char* command;
+    uint64_t room;  // bytes the command may still write
+  } commands[] = {{"encode", 24000}, {"append", 4000}, {"replace", 4000},
+                  {"decode", 4000},  {"png", 4000},    {"wav", 4000}};
+  for (const bool tmpfs : {true, false}) {
+    const std::string dir = Dir() + (tmpfs ? "tmpfs/" : "limited/");
+    mkdir(dir.c_str(), 0755);
+    if (tmpfs && mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=200k") != 0) {
+      std::printf("no tmpfs here (%s): the file size limit stands in\n", std::strerror(errno));
+      continue;
+    }
+    for (const auto& c : commands) {
+      SCOPED_TRACE(std::string(c.command) + (tmpfs ? " on a full tmpfs" : " at a size limit"));
+      const std::string command = c.command;
+      const std::string file1 = dir + "one.zyl";
+      std::vector<std::string> args;
+      if (command == "encode") {
+        args = {"encode", ExampleClip(), dir + "e.zyl", "--count", "8", "--ratio", "10"};
+      } else if (command == "append") {
+        WriteFile(file1, ReadFile(movie_));
+        args = {"append", file1, movie_};
+      } else if (command == "replace") {
+        WriteFile(file1, ReadFile(movie_));
+        args = {"replace", file1, movie_, "--start", "0"};
+      } else if (command == "decode") {
+        args = {"decode", movie_, dir + "d.y4m"};
+      } else if (command == "png") {
+        args = {"decode", movie_, dir + "f%02d.png", "--png"};
+      } else {
+        args = {"decode", movie_, "--audio", dir + "s.wav"};
+      }
+      std::vector<std::string> inputs = {args[1]};
+      if (command == "append" || command == "replace") inputs.push_back(args[2]);
+      std::vector<std::string> before;
+      for (const std::string& input : inputs) before.push_back(ReadFile(input));
+      const uint64_t grows = command == "append" ? ReadFile(file1).size() : 0;
+
+      const std::string filler = dir + "filler";
+      if (tmpfs) {
+        struct statvfs fs = {};
+        ASSERT_EQ(statvfs(dir.c_str(), &fs), 0);
+        const uint64_t space = uint64_t(fs.f_bavail) * fs.f_frsize;
+        WriteFile(filler, std::string(space > c.room ? space - c.room : 0, 'f'));
+      }
+      const std::string outPath = Dir() + "full_out.txt", errPath = Dir() + "full_err.txt";
+      pid_t pid;
+      {
+        // The limit is inherited by the tool; the test itself writes nothing meanwhile.
+        zycFileSizeLimit limit(tmpfs ? RLIM_INFINITY : grows + c.room);
+        ASSERT_TRUE(limit.ok());
+        pid = Start(args, outPath, errPath);
+      }
+      const Result result = Finish(pid, outPath, errPath);
+      std::remove(filler.c_str());
+
+      EXPECT_EQ(result.exit, 3) << result.err;
+      const char* reason = tmpfs ? "(No space left on device)" : "(File too large)";
+      EXPECT_NE(result.err.find(reason), std::string::npos) << result.err;
+      for (size_t i = 0; i < inputs.size(); ++i) {
+        EXPECT_TRUE(ReadFile(inputs[i]) == before[i]) << inputs[i];
+      }
+      // The room holds the first frame of the encode, not all of them.
+      if (command == "encode") {
+        EXPECT_TRUE(Exists(dir + "e.zyl")) << result.err;
+      }
+      for (const std::string& name : Named(dir, "")) {
+        const std::string base = name.substr(dir.size());
+        if (base == "." || base == ".." || base == "one.zyl") continue;
+        // An encode keeps the whole frames that fitted; nothing else stays.
+        EXPECT_EQ(base, "e.zyl");
+        const Result info = RunTool({"info", name});
+        EXPECT_EQ(info.exit, 0) << info.out;
+        EXPECT_NE(result.err.find("holds the"), std::string::npos) << result.err;
+        std::remove(name.c_str());
+      }
+      std::remove(file1.c_str());
+    }
+    if (tmpfs) umount2(dir.c_str(), MNT_DETACH);
+  }
+}
+
+// Existing outputs: never replaced without -y, never by a job that fails or is refused, and
+// never when the output is an input.
+TEST_F(ZylTool, ExistingOutputsAreKeptUnlessReplacingWasAskedFor) {
+  ASSERT_EQ(encode_.exit, 0) << encode_.err;
+  const std::string old = Dir() + "old.zyl", link = Dir() + "oldLink.zyl";
+  const std::string clash = Dir() + "oldtmp.zyl";
+  const std::string keep = "an older file that must survive";
+  symlink(old.c_str(), link.c_str());
+  const struct {
+    std::vector<std::string> args;
+    std::string oldBytes;  // what old.zyl holds before (empty: the example movie)
+    int exit;
+    const char* message;
+    bool replaced;
+  } cases[] = {
+      {{"encode", ExampleClip(), old, "--count", "2"}, keep, 3, "exists; -y (--overwrite)", false},
+      {{"encode", ExampleClip(), old, "--count", "2", "-n"}, keep, 3, "exists; -y", false},
+      {{"encode", ExampleClip(), old, "--count", "2", "--lzma", "--param", "HXTC=1", "-y"},
+       keep,
+       3,
+       "the encoder refused the job",
+       false},
+      {{"encode", ExampleClip(), old, "--count", "2", "-y"}, keep, 0, "wrote ", true},
+      {{"decode", old, old}, "", 1, "is the movie being decoded", false},
+      {{"decode", old, "--audio", link}, "", 1, "is the movie being decoded", false},
+      {{"replace", old, movie_, "--start", "0"}, "", 3, "oldtmp.zyl exists", false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.args[0] + " " + c.args.back());
+    const std::string bytes = c.oldBytes.empty() ? ReadFile(movie_) : c.oldBytes;
+    WriteFile(old, bytes);
+    WriteFile(clash, keep);
+    const Result result = RunTool(c.args);
+    EXPECT_EQ(result.exit, c.exit) << result.err;
+    EXPECT_NE(result.err.find(c.message), std::string::npos) << result.err;
+    if (c.replaced) {
+      EXPECT_EQ(RunTool({"info", old}).exit, 0);
+    } else {
+      EXPECT_TRUE(ReadFile(old) == bytes);
+    }
+    EXPECT_EQ(ReadFile(clash), keep);
+    EXPECT_TRUE(Named(Dir(), "old.zyl.part").empty());
+  }
+  std::remove(clash.c_str());
 }
 
 // A ZYL1 movie with sound and two sections: info tells its frame kinds, decode writes every
@@ -469,6 +668,38 @@ TEST(ZylToolZyl1, EncodeInfoDecodeAndReplace) {
   EXPECT_EQ(after.exit, 0) << after.out;
   EXPECT_NE(after.out.find("frames         6 (2 key frames, 2 sections)"), std::string::npos)
       << after.out;
+}
+
+// A killed ZYL1 encode leaves its staged movie of whole frames, possibly with a frame half
+// written behind them, that repair makes whole.
+TEST(ZylToolZyl1, AKilledEncodeLeavesWholeFrames) {
+  const std::string movie = Dir() + "killed1.zyl";
+  const std::string out = Dir() + "kill1_out.txt", err = Dir() + "kill1_err.txt";
+  const pid_t pid =
+      Start({"encode", ExampleClip(), movie, "--format", "zyl1", "--count", "100"}, out, err);
+  ASSERT_GT(pid, 0);
+  std::string part;
+  auto framesOnDisk = [&] {
+    const std::vector<std::string> parts = Named(Dir(), "killed1.zyl.part");
+    if (parts.empty()) return 0u;
+    part = parts[0];
+    const std::string bytes = ReadFile(part);
+    return bytes.size() < 20 ? 0u : zycLoad32(bytes.data() + 16);
+  };
+  for (int i = 0; i < 12000 && framesOnDisk() < 3; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  kill(pid, SIGKILL);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  ASSERT_TRUE(WIFSIGNALED(status));
+  ASSERT_FALSE(part.empty());
+  EXPECT_EQ(RunTool({"repair", part}).exit, 0);
+  const Result info = RunTool({"info", part});
+  EXPECT_EQ(info.exit, 0) << info.out;
+  EXPECT_NE(info.out.find("problems       none"), std::string::npos) << info.out;
+  EXPECT_EQ(RunTool({"decode", part, Dir() + "killed1.y4m"}).exit, 0);
+  std::remove(part.c_str());
 }
 
 }  // namespace
