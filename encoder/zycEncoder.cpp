@@ -24,7 +24,7 @@
 #include "encoder/motionSearch.h"
 #include "encoder/rateControl.h"
 #include "encoder/sectionPacker.h"
-#include "encoder/sound.h"
+#include "stream/sound.h"
 #include "stream/container.h"
 #include "stream/decoderTables.h"
 #include "stream/zycDecoder.h"

@@ -9,6 +9,7 @@
 #include "base/byteIo.h"
 #include "deps/lzmaLib/lzmaLib.h"
 #include "stream/decoderTables.h"
+#include "stream/zyl1Decoder.h"
 #include "stream/zycDecoder.h"
 
 namespace {
@@ -134,7 +135,9 @@ struct TreeCheck {
 }  // namespace
 
 zycSafeReader::zycSafeReader()
-    : io_(std::make_unique<myDecoder>()), decoder_(std::make_unique<zycFrameDecoder>()) {}
+    : io_(std::make_unique<myDecoder>()),
+      decoder_(std::make_unique<zycFrameDecoder>()),
+      zyl1_(std::make_unique<zycZyl1Decoder>()) {}
 
 zycSafeReader::~zycSafeReader() {
   decoder_->io = io_.get();
@@ -767,6 +770,7 @@ void zycSafeReader::ResetDecoder() {
                   zyl1 ? 0 : (header_.flags & kHeaderFlagYuv ? 1 : 0),
                   zyl1 || !(header_.flags & kHeaderFlagWideMotion) ? 1 : 0);
   decoder_->io = io_.get();
+  if (zyl1) zyl1_->Setup(pictureWidth_, pictureHeight_);
   tableWritePos = 0;
 }
 
@@ -836,37 +840,58 @@ zycSafeStatus zycSafeReader::NextFrame() {
     soundData_ = bytes + record.sound.offset;
     soundBytes_ = record.sound.size;
   }
+  zycZyl1Streams streams;
+  if (record.first.present) {
+    streams.first = bytes + record.first.offset;
+    streams.firstSize = record.first.size;
+  }
+  if (record.plane2.present) {
+    streams.second = bytes + record.plane2.offset;
+    streams.secondSize = record.plane2.size;
+  }
+  if (record.plane3.present) {
+    streams.third = bytes + record.plane3.offset;
+    streams.thirdSize = record.plane3.size;
+  }
   switch (f.kind) {
     case kFrameKindStill: {
       std::string why;
       if (!record.first.present ||
-          !CheckStillImage(bytes + record.first.offset, record.first.size, pictureWidth_,
-                           pictureHeight_, &why)) {
+          !CheckStillImage(streams.first, streams.firstSize, pictureWidth_, pictureHeight_,
+                           &why)) {
         frameError_ = FramePlace(current_) + (why.empty() ? "a key frame without an image" : why);
         pictureValid_ = false;
         return zycSafeStatus::damaged;
       }
-      scratch_.assign(bytes + record.first.offset, bytes + record.first.offset + record.first.size);
-      decoder_->colourStream = scratch_.data();
-      decoder_->DecodeImage(picture_.data());
-      pictureValid_ = true;
-      return zycSafeStatus::decoded;
+      break;
     }
-    case kFrameKindRepeat:
-      if (pictureValid_) return zycSafeStatus::decoded;
-      frameError_ = FramePlace(current_) + "repeats a frame that was not decoded";
-      ++undecodable_;
-      return zycSafeStatus::undecodable;
     case kFrameKindQuadTree:
-      frameError_ = FramePlace(current_) + "quad-tree key frames can't be decoded in this build";
+      if (!record.first.present) {
+        frameError_ = FramePlace(current_) + "a key frame without an image";
+        pictureValid_ = false;
+        return zycSafeStatus::damaged;
+      }
       break;
     default:
-      frameError_ = FramePlace(current_) + "plane frames can't be decoded in this build";
+      // Repeats and P-frames build on the picture before them.
+      if (!pictureValid_) {
+        frameError_ = FramePlace(current_) + (f.kind == kFrameKindRepeat
+                                                  ? "repeats a frame that was not decoded"
+                                                  : "builds on a frame that was not decoded");
+        ++undecodable_;
+        return zycSafeStatus::undecodable;
+      }
+      if (f.kind == kFrameKindRepeat) return zycSafeStatus::decoded;
       break;
   }
-  pictureValid_ = false;
-  ++undecodable_;
-  return zycSafeStatus::undecodable;
+  if (const char* why = zyl1_->Decode(f.kind, streams)) {
+    frameError_ = FramePlace(current_) + why;
+    pictureValid_ = false;
+    return zycSafeStatus::damaged;
+  }
+  std::memcpy(picture_.data(), zyl1_->picture(), picture_.size());
+  pictureValid_ = true;
+  return zycSafeStatus::decoded;
 }
 
 std::vector<std::string> zycSafeReader::CheckAll() {

@@ -60,13 +60,14 @@ struct zycSafeFrame {
 
 enum class zycSafeStatus : uint8_t {
   decoded,      // the picture holds the frame
-  undecodable,  // a valid frame that this build can't decode (ZYL1 quad-tree and plane frames)
+  undecodable,  // a frame that builds on one that was not decoded (a repeat, a ZYL1 P-frame)
   damaged,      // the frame fails its checks; the picture is unchanged; see frameError()
   end,          // no frame left
 };
 
 struct zycFrameDecoder;
 class myDecoder;
+class zycZyl1Decoder;
 
 class zycSafeReader {
  public:
@@ -153,6 +154,7 @@ class zycSafeReader {
 
   std::unique_ptr<myDecoder> io_;
   std::unique_ptr<zycFrameDecoder> decoder_;
+  std::unique_ptr<zycZyl1Decoder> zyl1_;  // ZYL1 frames
   int8_t largeMotion_[4096][2];
   bool largeMotionReady_ = false;
   uint32_t pictureWidth_ = 0, pictureHeight_ = 0;

@@ -280,7 +280,7 @@ int RunDecode(const CommandArgs& words) {
          h.soundRate);
   }
   if (undecodable > 0) {
-    Note("%s use codings this build can't decode; the picture before each repeats",
+    Note("%s build on a damaged frame and were not decoded; the picture before each repeats",
          Count(undecodable, "frame", "frames").c_str());
   }
   if (damaged > 0) {

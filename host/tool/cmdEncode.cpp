@@ -53,6 +53,9 @@ const char kUsage[] =
     "\n"
     "codec:\n"
     "  --format zyl0|zyl1     stream format (default zyl0)\n"
+    "  --key-format still|quadtree\n"
+    "                         zyl1 key frames: still images (VQ and surfaces; the default) or\n"
+    "                         DXT1 quad trees (faster to make); the same as --param iFMT=1|0\n"
     "  --param TAG=VALUE      set a codec parameter; repeatable; `zyl params` lists them\n"
     "                         (\"SND\\0\" and \"YUV\\0\" are written SND and YUV); the tool\n"
     "                         sets DXTC=6 unless given\n"
@@ -189,6 +192,8 @@ int RunEncode(const CommandArgs& words) {
   }
   bool formatGiven = false;
   const std::string format = args.Value("--format", &formatGiven);
+  bool keyFormatGiven = false;
+  const std::string keyFormat = args.Value("--key-format", &keyFormatGiven);
   const auto params = args.Occurrences("--param");
   size_t ratioAt, bitrateAt, sizeAt, firstAt, startAt, countAt, durationAt, lzmaAt, noSoundAt;
   size_t verboseAt, quietAt, quietLongAt, outputAt;
@@ -249,6 +254,18 @@ int RunEncode(const CommandArgs& words) {
     } else {
       return Fail(kExitUsage, "unknown format '%s': use zyl0 or zyl1", format.c_str());
     }
+  }
+  int32_t keyFormatValue = 1;  // still images
+  if (keyFormatGiven) {
+    if (keyFormat == "still") {
+      keyFormatValue = 1;
+    } else if (keyFormat == "quadtree") {
+      keyFormatValue = 0;
+    } else {
+      return Fail(kExitUsage, "unknown key frame format '%s': use still or quadtree",
+                  keyFormat.c_str());
+    }
+    if (mode != 1) return Fail(kExitUsage, "--key-format is for --format zyl1");
   }
 
   // The settings in the order given; a tag set twice keeps its last value.
@@ -479,7 +496,8 @@ int RunEncode(const CommandArgs& words) {
   codec->SetCodecMode(mode);
   // Still images need a block table; the ZYL1 encoder has no key frame format of its own.
   codec->SetParam(zylTag('u', 'F', 'M', 'T'), 230400);
-  if (mode == 1) codec->SetParam(zylTag('i', 'F', 'M', 'T'), 1);
+  // ZYL1 key frames: still images unless --key-format or --param iFMT say otherwise.
+  if (mode == 1) codec->SetParam(zylTag('i', 'F', 'M', 'T'), keyFormatValue);
   codec->SetParam(kTagDxtc, kToolDxtc);
   // Sound goes into the frames only with "EXTC" set.
   if (soundInMovie) codec->SetParam(zylTag('E', 'X', 'T', 'C'), 1);
@@ -513,8 +531,13 @@ int RunEncode(const CommandArgs& words) {
     plan.frameCount = uint32_t(keyFrames.size());
   }
 
+  const char* keyText = "";
+  if (mode == 1) {
+    keyText = codec->GetParam(zylTag('i', 'F', 'M', 'T')) == 1 ? " with still-image key frames"
+                                                               : " with quad-tree key frames";
+  }
   std::string startLine = "encoding " + inputName + " (" + media.description() + ") to " +
-                          output + " as " + (mode == 1 ? "ZYL1" : "ZYL0") + ", frames " +
+                          output + " as " + (mode == 1 ? "ZYL1" : "ZYL0") + keyText + ", frames " +
                           std::to_string(firstFrame) + " to " + std::to_string(lastFrame);
   if (!rateText.empty()) startLine += ", " + rateText;
   for (const std::string& change : media.changes()) startLine += "; " + change;
@@ -526,6 +549,7 @@ int RunEncode(const CommandArgs& words) {
           ? window.ws_col
           : 80;
   ProgressBar bar(stderr, drawProgress, jobFrames, frameBudget, std::min<size_t>(columns, 80));
+  bar.ShowFrameModes(mode == 1);
   gBar = &bar;
   gInterrupted = false;
   std::signal(SIGINT, OnInterrupt);

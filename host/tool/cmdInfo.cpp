@@ -10,14 +10,26 @@
 namespace {
 
 const char kUsage[] =
-    "usage: zyl info FILE [--json] [--quick]\n"
+    "usage: zyl info FILE [--json] [--quick] [--frames]\n"
     "\n"
     "Shows the header, the sections, the frame count, the duration and the data rate of a\n"
     "movie, and every problem the checked reader finds. Exit status 2 when there are any.\n"
     "\n"
     "options:\n"
     "  --json     one JSON object on stdout, for scripts\n"
-    "  --quick    check the container only, without decoding the frames\n";
+    "  --quick    check the container only, without decoding the frames\n"
+    "  --frames   list every frame: its kind, its bytes and its sound bytes\n";
+
+// What a frame is, in words: ZYL1 frame kinds, ZYL0 key and inter frames.
+const char* KindName(const zycSafeFrame& frame, bool zyl1) {
+  if (!zyl1) return frame.key ? "key" : "inter";
+  switch (frame.kind) {
+    case kFrameKindStill: return "still";
+    case kFrameKindQuadTree: return "quadtree";
+    case kFrameKindPlanes: return "planes";
+    default: return "repeat";
+  }
+}
 
 std::string JsonString(const std::string& text) {
   std::string out = "\"";
@@ -57,6 +69,7 @@ struct Summary {
   double kbits = 0;
   uint32_t keyFrames = 0;
   uint64_t soundBytes = 0;
+  uint32_t kinds[4] = {};  // ZYL1: frames of each kind
 };
 
 }  // namespace
@@ -69,6 +82,7 @@ int RunInfo(const CommandArgs& words) {
   }
   const bool json = args.Flag("--json");
   const bool quick = args.Flag("--quick");
+  const bool listFrames = args.Flag("--frames");
   if (!args.Unknown().empty()) {
     return Fail(kExitUsage, "unknown option %s (see zyl info --help)", args.Unknown().c_str());
   }
@@ -115,6 +129,7 @@ int RunInfo(const CommandArgs& words) {
   for (const zycSafeFrame& frame : reader.frames()) {
     if (frame.key) ++s.keyFrames;
     s.soundBytes += frame.soundBytes;
+    if (zyl1 && frame.kind < 4) ++s.kinds[frame.kind];
   }
   const char* packing = zyl1 ? "none" : zycPacking(h) == kPackingLzma ? "lzma" : "deflate";
   FILE* out = ToolOut();
@@ -145,6 +160,22 @@ int RunInfo(const CommandArgs& words) {
                  "  \"frameRate\": %.6f,\n  \"duration\": %.6f,\n  \"kbitPerSecond\": %.3f,\n"
                  "  \"keyFrames\": %u,\n  \"soundBytes\": %llu,\n",
                  s.fps, s.duration, s.kbits, s.keyFrames, (unsigned long long)s.soundBytes);
+    if (zyl1) {
+      std::fprintf(out,
+                   "  \"frameKinds\": {\"still\": %u, \"quadtree\": %u, \"planes\": %u, "
+                   "\"repeat\": %u},\n",
+                   s.kinds[0], s.kinds[1], s.kinds[2], s.kinds[3]);
+    }
+    if (listFrames) {
+      std::fprintf(out, "  \"frames\": [");
+      const auto& frames = reader.frames();
+      for (size_t i = 0; i < frames.size(); ++i) {
+        std::fprintf(out, "%s\n    {\"kind\": \"%s\", \"bytes\": %u, \"soundBytes\": %u}",
+                     i ? "," : "", KindName(frames[i], zyl1), frames[i].bytes,
+                     frames[i].soundBytes);
+      }
+      std::fprintf(out, "%s],\n", frames.empty() ? "" : "\n  ");
+    }
     std::fprintf(out, "  \"sections\": [");
     const auto& sections = reader.sections();
     for (size_t i = 0; i < sections.size(); ++i) {
@@ -175,6 +206,10 @@ int RunInfo(const CommandArgs& words) {
     std::fprintf(out, "  frames         %u (%u key frame%s, %zu section%s)\n", h.frameCount,
                  s.keyFrames, s.keyFrames == 1 ? "" : "s", reader.sections().size(),
                  reader.sections().size() == 1 ? "" : "s");
+    if (zyl1) {
+      std::fprintf(out, "  frame kinds    %u still, %u quadtree, %u planes, %u repeat\n",
+                   s.kinds[0], s.kinds[1], s.kinds[2], s.kinds[3]);
+    }
     std::fprintf(out, "  frame rate     %.3f fps (frame duration %u / %u s)\n", s.fps,
                  h.frameDuration, h.timeScale);
     std::fprintf(out, "  duration       %.3f s\n", s.duration);
@@ -199,17 +234,27 @@ int RunInfo(const CommandArgs& words) {
     } else {
       std::fprintf(out, ", S %u, T %u\n", zycTailParamS(h), zycTailB(h));
     }
-    std::fprintf(out, "  sections\n    %4s %12s %8s %8s %10s %12s\n", "#", "offset", "first",
-                 "frames", "bytes", "unpacked");
+    std::fprintf(out, "  sections\n    %4s %12s %8s %8s %10s %12s%s\n", "#", "offset", "first",
+                 "frames", "bytes", "unpacked", zyl1 ? "  key" : "");
     const auto& sections = reader.sections();
     for (size_t i = 0; i < sections.size(); ++i) {
       const zycSafeSection& section = sections[i];
-      std::fprintf(out, "    %4zu %12llu %8u %8u %10u %12llu\n", i,
+      std::fprintf(out, "    %4zu %12llu %8u %8u %10u %12llu%s\n", i,
                    (unsigned long long)section.offset, section.firstFrame, section.frames,
-                   section.packedBytes, (unsigned long long)section.unpackedBytes);
+                   section.packedBytes, (unsigned long long)section.unpackedBytes,
+                   zyl1 ? (section.keyType ? "  quadtree" : "  still") : "");
+    }
+    if (listFrames) {
+      std::fprintf(out, "  frames\n    %6s %8s %10s %8s\n", "#", "kind", "bytes", "sound");
+      const auto& frames = reader.frames();
+      for (size_t i = 0; i < frames.size(); ++i) {
+        std::fprintf(out, "    %6zu %8s %10u %8u\n", i, KindName(frames[i], zyl1),
+                     frames[i].bytes, frames[i].soundBytes);
+      }
     }
     if (reader.undecodableFrames() > 0) {
-      std::fprintf(out, "  note           %s use codings this build can't decode\n",
+      std::fprintf(out, "  note           %s build on a damaged frame and were not decoded
+",
                    Count(reader.undecodableFrames(), "frame", "frames").c_str());
     }
     if (problems.empty()) {

@@ -21,7 +21,17 @@ double ProgressBar::seconds() const {
 
 void ProgressBar::Update(const zylProgress& progress) {
   frames_ = progress.frameIndex + 1;
-  if (progress.keyFrame) ++keyFrames_;
+  if (progress.keyFrame) {
+    ++keyFrames_;
+    lastMode_ = "key";
+  } else if (progress.size == int32_t(8 + (progress.soundSize ? 8 + progress.soundSize : 0))) {
+    // A ZYL1 record with no picture stream: its first word, firstSize, and a sound entry.
+    ++repeats_;
+    lastMode_ = "repeat";
+  } else {
+    ++pFrames_;
+    lastMode_ = "P";
+  }
   bytes_ += std::max(progress.size, 0);
   Draw(false);
 }
@@ -45,9 +55,14 @@ std::string ProgressBar::Line(double elapsed) const {
   } else if (total_ > 0 && frames_ >= total_) {
     left = "0:00 left";
   }
-  char text[160];
-  std::snprintf(text, sizeof(text), "%s %.1f fps %s %s %s", counts, fps, size.c_str(),
-                Count(keyFrames_, "key", "keys").c_str(), left.c_str());
+  // ZYL1 movies also count P-frames and repeats, and name the last frame's mode.
+  char modes[64] = "";
+  if (showModes_) {
+    std::snprintf(modes, sizeof(modes), " %u P %u rep (%s)", pFrames_, repeats_, lastMode_);
+  }
+  char text[224];
+  std::snprintf(text, sizeof(text), "%s %.1f fps %s %s%s %s", counts, fps, size.c_str(),
+                Count(keyFrames_, "key", "keys").c_str(), modes, left.c_str());
   std::string line = text;
   // A bar fills what is left of the width.
   if (total_ > 0 && line.size() + 4 < width_) {

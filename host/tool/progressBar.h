@@ -20,6 +20,8 @@ class ProgressBar {
               size_t width = 80);
   // After every coded frame.
   void Update(const zylProgress& progress);
+  // ZYL1 movies: the line also counts P-frames and repeats.
+  void ShowFrameModes(bool on) { showModes_ = on; }
   // Ends the line so that later messages start on their own.
   void Finish();
 
@@ -40,6 +42,10 @@ class ProgressBar {
   double frameBudget_;
   uint32_t frames_ = 0;
   uint32_t keyFrames_ = 0;
+  bool showModes_ = false;
+  uint32_t pFrames_ = 0;
+  uint32_t repeats_ = 0;
+  const char* lastMode_ = "";
   double bytes_ = 0;
   std::chrono::steady_clock::time_point start_;
   std::chrono::steady_clock::time_point lastDraw_;

@@ -432,15 +432,4 @@ TEST_F(EncodeJob, UnknownModeDrivesNoEncoder) {
   EXPECT_EQ(ReadFile(dir_ / "a.zyl"), "");
 }
 
-TEST_F(EncodeJob, ModeOneRefusesTheJobInThisBuild) {
-  codec_->SetCodecMode(1);
-  zycMemorySource media(zycTestPicture::Patterns(8, 4, 3), 25.0);
-  std::u16string name = Name("a.zyl");
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(codec_->Encode(media.source(), 0, name.c_str()), 3);
-  std::string printed = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(printed, "ZYL1 encoding is not available in this build\n");
-  EXPECT_EQ(watcher_.calls, 0);
-}
-
 }  // namespace

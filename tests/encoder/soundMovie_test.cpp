@@ -10,7 +10,7 @@
 
 #include <unistd.h>
 
-#include "encoder/adpcm.h"
+#include "stream/adpcm.h"
 #include "encoder/zycEncoder.h"
 #include "stream/adpcmDecoder.h"
 #include "stream/framePayload.h"

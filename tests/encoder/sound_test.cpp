@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <vector>
 
-#include "encoder/sound.h"
+#include "stream/sound.h"
 
 namespace {
 

@@ -69,8 +69,6 @@ TEST(ZylToolOptions, RefusalsAndWarningsOfTheCommandLine) {
       {{"encode", clip, "OUT", "--param", "pFMT=33"}, 1,
        "pFMT=33 asks for phone sound outputs (bits 1, 2, 4, 8), whose sound library is not "
        "part of this build", false},
-      {{"encode", clip, "OUT", "--count", "2", "--format", "zyl1"}, 3,
-       "the encoder refused the job: ZYL1 encoding is not available in this build", false},
       {{"encode", clip, "OUT", "--count", "1", "--param", "HXTC=1", "--param", "nFMT=1"}, 3,
        "the encoder refused the job: Lzma packing needs a header version other than 1, 2 or 3",
        false},

@@ -26,27 +26,4 @@ TEST(ZycMpmcEncoder, ParameterDefaults) {
   EXPECT_EQ(encoder.header.timeScale, 1000000u);
 }
 
-TEST(ZycMpmcEncoder, BeginRefusesTheJobAndSaysWhy) {
-  zycMpmcEncoder encoder;
-  encoder.SetJobRange(3, 9);
-  EXPECT_EQ(encoder.firstFrame, 3u);
-  EXPECT_EQ(encoder.frameCount, 9u);
-  zycStreamHeader header;
-  zylFrameImage image;
-  zycFileHolder output;
-  zylProgress progress = {};
-  zylKeyframeRange plan = {0, 1, nullptr, 0, nullptr};
-  testing::internal::CaptureStdout();
-  int32_t result =
-      encoder.Begin(header, image, &output, nullptr, nullptr, nullptr, &progress, &plan);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
-            "ZYL1 encoding is not available in this build\n");
-  EXPECT_NE(result, 0);
-  EXPECT_EQ(encoder.keyframePlan, &plan);
-  EXPECT_EQ(encoder.Reconstructed(), nullptr);
-  encoder.framesWritten = 4;
-  encoder.End();
-  EXPECT_EQ(encoder.framesWritten, 0u);
-}
-
 }  // namespace

@@ -1,4 +1,4 @@
-#include "encoder/adpcm.h"
+#include "stream/adpcm.h"
 
 #include "stream/adpcmDecoder.h"
 

@@ -1,4 +1,4 @@
-// The sound step of the ZYL0 encoder: how many samples a frame takes, when a chunk is due, the
+// The sound step of both encoders: how many samples a frame takes, when a chunk is due, the
 // call of the supplier and the ADPCM coding of the chunk. The extra phone-format outputs need a
 // sound library this system does not have; asking for them ends the process.
 #pragma once
@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "codec/zycJobEncoder.h"
-#include "encoder/adpcm.h"
+#include "stream/adpcm.h"
 
 // ("oFMT" x 4) / (channels x 2), in unsigned integers; 0 without channels.
 uint32_t zycSoundLead(uint32_t soundLeadBase, uint32_t channels);

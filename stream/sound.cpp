@@ -1,4 +1,4 @@
-#include "encoder/sound.h"
+#include "stream/sound.h"
 
 #include <cmath>
 #include <cstdlib>
