@@ -253,8 +253,7 @@ int RunInfo(const CommandArgs& words) {
       }
     }
     if (reader.undecodableFrames() > 0) {
-      std::fprintf(out, "  note           %s build on a damaged frame and were not decoded
-",
+      std::fprintf(out, "  note           %s build on a damaged frame and were not decoded\n",
                    Count(reader.undecodableFrames(), "frame", "frames").c_str());
     }
     if (problems.empty()) {

@@ -65,13 +65,9 @@ int RunParams(const CommandArgs& words) {
   codec->Destroy();
   std::fprintf(out,
                "\n\"-\": not used by that format. (n): set only, the codec can't read it back.\n"
-               "zyl encode sets DXTC=6 (the library's own default is 0), uFMT=230400, and iFMT=1
-"
-               "(still-image key frames) for zyl1, unless given (--key-format quadtree sets
-"
-               "iFMT=0).
-
-%s",
+               "zyl encode sets DXTC=6 (the library's own default is 0), uFMT=230400, and iFMT=1\n"
+               "(still-image key frames) for zyl1, unless given (--key-format quadtree sets\n"
+               "iFMT=0).\n\n%s",
                kDxtLadder);
   return kExitOk;
 }
