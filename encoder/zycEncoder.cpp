@@ -16,6 +16,7 @@
 #include "base/clock.h"
 #include "base/consoleLog.h"
 #include "base/cpuFeatures.h"
+#include "base/parallel.h"
 #include "base/timers.h"
 #include "dxt/buildLevels.h"
 #include "dxt/yuvConvert.h"
@@ -59,6 +60,7 @@ struct zycEncoder::State {
   uint32_t paddedHeight = 0;
   uint32_t frameIndex = 0;
   uint32_t lastKeyFrame = 0;
+  uint32_t threads = 1;  // "THRD" as Begin resolved it
   int32_t compressionSize = 0;
   int32_t credit = 0;
   long sectionStart = 0;
@@ -85,6 +87,7 @@ struct zycEncoder::State {
   zycFadeSums fadeSums;
   int8_t largeTable[kLargeMotionCount][2] = {};
   zycMotionSearch search;
+  std::vector<uint32_t> rowResults;  // the search's result of each row of top blocks
   double searchSeconds = 0.0;
   uint32_t searchCalls = 0;
 
@@ -168,21 +171,26 @@ inline uint8_t Lighter(uint8_t c, int f) { return uint8_t(c + (255 - c) * (f - 7
 void zycEncoder::BuildReferences() {
   State& s = *state_;
   const uint32_t count = s.paddedWidth * s.paddedHeight;
-  zycConvertToYuv(s.previousFrame.data, s.references[0].data, count);
-  if (useSums) s.referenceSums.Build(s.references[0].data, s.paddedWidth, s.paddedHeight);
-  if (noFade) return;
   const uint8_t* p = s.previousFrame.data;
-  for (int f = 0; f < 16; ++f) {
+  // Job 0 is the picture itself, jobs 1 to 16 its fades; each writes only its own reference.
+  zycParallelFor(s.threads, noFade ? 1 : 17, [&](uint32_t job) {
+    if (job == 0) {
+      zycConvertToYuv(p, s.references[0].data, count);
+      if (useSums) s.referenceSums.Build(s.references[0].data, s.paddedWidth, s.paddedHeight);
+      return;
+    }
+    const int f = int(job) - 1;
     uint8_t tone[256];
     for (int c = 0; c < 256; ++c) tone[c] = f < 8 ? Darker(uint8_t(c), f) : Lighter(uint8_t(c), f);
-    uint8_t* out = s.references[f + 1].data;
+    uint8_t* out = s.references[job].data;
     for (uint32_t i = 0; i < count * 4; i += 4) {
       out[i] = tone[p[i]];
       out[i + 1] = tone[p[i + 1]];
       out[i + 2] = tone[p[i + 2]];
     }
     zycConvertToYuv(out, out, count);
-  }
+  });
+  if (noFade) return;
   if (useSums) {
     const uint8_t* fades[16];
     for (int f = 0; f < 16; ++f) fades[f] = s.references[f + 1].data;
@@ -199,7 +207,7 @@ uint32_t zycEncoder::BuildMotionVector(bool searchOff, bool buildLevels) {
   if (buildLevels && (pFrameFormat == 0 || pFrameFormat == 1)) {
     TimerStart(kTimerDxt1Compression);
     BuildLevels(s.levels, yuvCoding ? s.sourceYuv.data : s.sourceFrame.data, dxtBackEnd,
-                yuvCoding);
+                yuvCoding, s.threads);
     TimerStop(kTimerDxt1Compression);
   }
   TimerStart(kTimerBuildMotionVector);
@@ -233,15 +241,26 @@ uint32_t zycEncoder::BuildMotionVector(bool searchOff, bool buildLevels) {
     m.fadeSums = noFade ? nullptr : &s.fadeSums;
   }
 
-  uint32_t result = 0;
+  // Rows of top blocks are searched apart, each taking its nodes from its own part of the
+  // pool; a tree does not depend on the thread that searched it.
   const uint32_t across = s.paddedWidth / blockMax;
-  for (size_t i = 0; i < s.topBlocks.size(); ++i) {
-    zycBlock& b = s.topBlocks[i];
-    b.size = int32_t(blockMax);
-    b.x = int32_t((i % across) * blockMax);
-    b.y = int32_t((i / across) * blockMax);
-    result += m.SearchBlock(b);
-  }
+  const uint32_t rows = uint32_t(s.topBlocks.size()) / across;
+  zycParallelFor(s.threads, rows, [&](uint32_t row) {
+    zycMotionSearch local = m;
+    zycBlockPool part = s.pool.Part(row * across, across);
+    local.pool = &part;
+    uint32_t sum = 0;
+    for (uint32_t i = row * across; i < (row + 1) * across; ++i) {
+      zycBlock& b = s.topBlocks[i];
+      b.size = int32_t(blockMax);
+      b.x = int32_t((i % across) * blockMax);
+      b.y = int32_t((i / across) * blockMax);
+      sum += local.SearchBlock(b);
+    }
+    s.rowResults[row] = sum;
+  });
+  uint32_t result = 0;
+  for (uint32_t row = 0; row < rows; ++row) result += s.rowResults[row];
   TimerStop(kTimerBuildMotionVector);
   const double seconds = double(zycClockMicroseconds() - start) / 1e6;
   s.searchSeconds += seconds;
@@ -488,6 +507,8 @@ int32_t zycEncoder::Begin(zycStreamHeader& header, const zylFrameImage& image,
   s.lastKeyFrame = 0;
   const uint32_t topCount = (s.paddedWidth / blockMax) * (s.paddedHeight / blockMax);
   s.topBlocks.assign(topCount, zycBlock());
+  s.rowResults.assign(s.paddedHeight / blockMax, 0);
+  s.threads = zycThreadsInUse(threads);
   s.pool.Allocate(topCount, int32_t(blockMax), int32_t(blockMin));
   const size_t bytes = s.PictureBytes();
   s.previousFrame.Allocate(bytes, 255);

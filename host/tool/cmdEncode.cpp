@@ -28,6 +28,9 @@ const char kUsage[] =
     "  --ratio N              target compression ratio, the same as --param RATI=N\n"
     "  --lzma                 pack sections with LZMA, the same as --param nFMT=1\n"
     "  --no-sound             leave the sound out, the same as --param SND=0\n"
+    "  --threads N            threads that share each frame's work, the same as\n"
+    "                         --param THRD=N (default 0: one per core); the movie is the\n"
+    "                         same for any N\n"
     "  --key-frames LIST      comma-separated source frame numbers that get key frames\n"
     "  --first N              first source frame to encode (default 0)\n"
     "  --count N              frames to encode (default 0: to the end)\n"
@@ -86,7 +89,9 @@ int RunEncode(const CommandArgs& words) {
   const std::string format = args.Value("--format", &formatGiven);
   const std::vector<std::string> params = args.Values("--param");
   bool ratioGiven = false, firstGiven = false, countGiven = false, keysGiven = false;
+  bool threadsGiven = false;
   const std::string ratio = args.Value("--ratio", &ratioGiven);
+  const std::string threadsText = args.Value("--threads", &threadsGiven);
   const std::string keyList = args.Value("--key-frames", &keysGiven);
   const std::string firstText = args.Value("--first", &firstGiven);
   const std::string countText = args.Value("--count", &countGiven);
@@ -133,6 +138,14 @@ int RunEncode(const CommandArgs& words) {
                   ratio.c_str());
     }
     add("RATI", int32_t(value));
+  }
+  if (threadsGiven) {
+    uint32_t value = 0;
+    if (!ParseCount(threadsText, &value) || value > 256) {
+      return Fail(kExitUsage, "--threads wants a number of threads from 0 to 256, not '%s'",
+                  threadsText.c_str());
+    }
+    add("THRD", int32_t(value));
   }
   if (lzma) add("nFMT", 1);
   if (noSound) add("SND", 0);
