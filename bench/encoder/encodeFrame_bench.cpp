@@ -141,6 +141,7 @@ BENCHMARK(BM_EncodeFrame)
     ->ArgsProduct({{0, 1, 2, 3}, {1, 2}, {640}, {360}})
     ->ArgsProduct({{0}, {1, 2}, {1920}, {1080}})
     ->ArgNames({"clip", "threads", "w", "h"})
+    ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
 
 // args: clip, ratio, packing. One encode of 24 frames at 640x360 per run.
