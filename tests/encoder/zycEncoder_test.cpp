@@ -610,6 +610,35 @@ TEST(Encoder, PlainSimdAndSumBoundedSearchesWriteTheSameMovie) {
 
 // Rows of top blocks, bands of the levels and the fades are shared among threads; the movie
 // must not depend on how many there are. Every clip, deflate and LZMA, block-tree and
+// The decoder computes fades in SIMD; its plain tables must give the same pictures on the
+// golden movies and on a real clip with many fades.
+TEST(Encoder, SimdAndPlainFadesDecodeTheSamePictures) {
+  std::vector<std::vector<uint8_t>> movies;
+  for (const char* name : {"walkers_speech_6f.zyl", "tree_still_lzma_5f.zyl"}) {
+    movies.push_back(zycReadWholeFile(std::string(ZYL_SOURCE_DIR) + "/tests/golden/" + name));
+  }
+  auto frames = Clip("walkers_768x576_10fps_120f.mkv", 4, 96, 64);
+  for (auto& f : frames) f = Scaled(f, 3 + int(&f - frames.data()), 6);  // darker, then lighter
+  EncodeRun run("fades");
+  ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
+  for (size_t i = 1; i < frames.size(); ++i) run.Next(frames[i]);
+  movies.push_back(run.FileBytes());
+  uint32_t fadeFrames = 0;
+  for (const auto& movie : movies) {
+    zycMovieCheck fast, plain;
+    fast.keepPictures = plain.keepPictures = true;
+    plain.plainFades = true;
+    ASSERT_TRUE(zycCheckMovie(movie, &fast)) << fast.error;
+    ASSERT_TRUE(zycCheckMovie(movie, &plain)) << plain.error;
+    ASSERT_EQ(fast.pictures.size(), plain.pictures.size());
+    for (size_t i = 0; i < fast.pictures.size(); ++i) {
+      ASSERT_EQ(fast.pictures[i], plain.pictures[i]) << "picture " << i;
+    }
+    fadeFrames += fast.fadeFrames;
+  }
+  EXPECT_GT(fadeFrames, 0u);
+}
+
 // still-image key frames, with a key frame in the middle of the job.
 TEST(Encoder, EveryThreadCountWritesTheSameMovie) {
   const char* const clips[] = {"walkers_768x576_10fps_120f.mkv", "handheld_box_640x480_30fps_sound.mp4",
