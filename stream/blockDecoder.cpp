@@ -261,16 +261,18 @@ class TreeWalk {
   // top byte comes out 0 as from the tables.
   template <int kSize>
   void FadeSse2(const uint8_t* from, uint8_t* to, uint32_t level) {
+    // 255 - v is v ^ 255; the part is added as it is (lighter) or negated (darker).
     const bool lighter = level >= 8;
     const __m128i k = _mm_set1_epi16(int16_t(lighter ? level - 7 : 8 - level));
+    const __m128i flip = _mm_set1_epi16(lighter ? 255 : 0);
+    const __m128i negate = _mm_set1_epi16(lighter ? 0 : -1);
     const __m128i fifth = _mm_set1_epi16(3277);
-    const __m128i full = _mm_set1_epi16(255);
     const __m128i zero = _mm_setzero_si128();
     const __m128i keep = _mm_set1_epi32(0x00FFFFFF);
     auto tone = [&](__m128i v) {
-      const __m128i part = _mm_mulhi_epu16(_mm_mullo_epi16(lighter ? _mm_sub_epi16(full, v) : v, k),
-                                           fifth);
-      return lighter ? _mm_add_epi16(v, part) : _mm_sub_epi16(v, part);
+      const __m128i part =
+          _mm_mulhi_epu16(_mm_mullo_epi16(_mm_xor_si128(v, flip), k), fifth);
+      return _mm_add_epi16(v, _mm_sub_epi16(_mm_xor_si128(part, negate), negate));
     };
     for (int row = 0; row < kSize; ++row) {
       for (int i = 0; i < kSize; i += 4) {
