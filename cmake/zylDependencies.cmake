@@ -33,5 +33,6 @@ if(ZYL_BUILD_BENCH)
   find_package(benchmark 1.7 REQUIRED CONFIG)
 endif()
 # FFmpeg's libraries serve the host's media source and the tests that read real clips.
-pkg_check_modules(FFMPEG REQUIRED IMPORTED_TARGET libavformat libavcodec libavutil libswscale libswresample)
+pkg_check_modules(FFMPEG REQUIRED IMPORTED_TARGET libavformat libavcodec libavfilter libavutil libswscale
+  libswresample)
 pkg_check_modules(PNG REQUIRED IMPORTED_TARGET libpng)

@@ -80,6 +80,12 @@ struct zycEncoder::State {
   uint32_t fadeLength = 0;    // packed
   std::vector<uint8_t> colourItem;
   std::vector<uint8_t> treeCopy;
+  int32_t headerBytes = 0;  // what the last try's opcode and motion items took
+
+  std::vector<uint8_t> tablePixels;  // the colour blocks of a table frame, 48 bytes each
+  std::vector<uint8_t> tableImage;   // its table image, padded for the decoder's reads
+  uint32_t tableImageSize = 0;
+  bool tableFrame = false;  // the frame just written carries a table item
 
   zycSadKernels kernels;
   zycBlockSums sourceSums;
@@ -116,6 +122,16 @@ struct zycEncoder::State {
   }
   size_t PictureBytes() const { return size_t(paddedWidth) * paddedHeight * 4; }
 };
+
+// The table figures of the frame just written, for tests and statistics.
+void zycEncoder::NoteTable() {
+  State& s = *state_;
+  if (!s.tableFrame) return;
+  const VQSLSQCompressor::PFrameStatistics& t = s.vqCompressor.pFrameStatistics();
+  s.last.tableBlocks = t.blockCount;
+  s.last.tableNew = t.newCount;
+  s.last.tableIndexBits = t.indexBits;
+}
 
 zycEncoder::zycEncoder() : state_(new State) {}
 
@@ -166,6 +182,11 @@ inline uint8_t Lighter(uint8_t c, int f) { return uint8_t(c + (255 - c) * (f - 7
 
 }  // namespace
 
+// A table frame carries no fade item: a player reads no fade levels for it. So that the encoder
+// and a player rebuild the same picture, table frames are searched without fade candidates and
+// their trees never hold a fade node.
+bool zycEncoder::FadesSearched() const { return !noFade && pFrameFormat == 0; }
+
 // references[0] is the rebuilt picture in YUV; 1 to 16 are its fades, darker by 40% down to
 // 5%, then lighter by 5% up to 40%.
 void zycEncoder::BuildReferences() {
@@ -173,7 +194,8 @@ void zycEncoder::BuildReferences() {
   const uint32_t count = s.paddedWidth * s.paddedHeight;
   const uint8_t* p = s.previousFrame.data;
   // Job 0 is the picture itself, jobs 1 to 16 its fades; each writes only its own reference.
-  zycParallelFor(s.threads, noFade ? 1 : 17, [&](uint32_t job) {
+  const bool withFades = FadesSearched();
+  zycParallelFor(s.threads, withFades ? 17 : 1, [&](uint32_t job) {
     if (job == 0) {
       zycConvertToYuv(p, s.references[0].data, count);
       if (useSums) s.referenceSums.Build(s.references[0].data, s.paddedWidth, s.paddedHeight);
@@ -190,7 +212,7 @@ void zycEncoder::BuildReferences() {
     }
     zycConvertToYuv(out, out, count);
   });
-  if (noFade) return;
+  if (!withFades) return;
   if (useSums) {
     const uint8_t* fades[16];
     for (int f = 0; f < 16; ++f) fades[f] = s.references[f + 1].data;
@@ -226,7 +248,7 @@ uint32_t zycEncoder::BuildMotionVector(bool searchOff, bool buildLevels) {
     m.count = kLargeMotionCount;
   }
   m.blockMin = int32_t(blockMin);
-  m.noFade = noFade != 0;
+  m.noFade = !FadesSearched();
   m.searchOff = searchOff;
   m.skipDxtError = false;
   m.kernels = s.kernels;
@@ -238,7 +260,7 @@ uint32_t zycEncoder::BuildMotionVector(bool searchOff, bool buildLevels) {
     s.sourceSums.Build(s.sourceYuv.data, s.paddedWidth, s.paddedHeight);
     m.sourceSums = &s.sourceSums;
     m.referenceSums = &s.referenceSums;
-    m.fadeSums = noFade ? nullptr : &s.fadeSums;
+    m.fadeSums = FadesSearched() ? &s.fadeSums : nullptr;
   }
 
   // Rows of top blocks are searched apart, each taking its nodes from its own part of the
@@ -303,6 +325,7 @@ int32_t zycEncoder::TryTree(bool key, uint32_t threshold, uint32_t& errorNext, b
   TimerStart(kTimerSaveOffset);
   if (l.motionBytes.size()) size += s.packer.PackItem(l.motionBytes.data(), l.motionBytes.size());
   TimerStop(kTimerSaveOffset);
+  s.headerBytes = size;
   const uint32_t n = l.dxtList.size();
   TimerStart(kTimerSaveBlock);
   if (n) {
@@ -316,9 +339,23 @@ int32_t zycEncoder::TryTree(bool key, uint32_t threshold, uint32_t& errorNext, b
   s.fadeLength = 0;
   if (l.fadeBytes.size()) {
     s.fadeLength = zycPackFades(l.fadeBytes.data(), l.fadeBytes.size());
-    size += s.packer.PackItem(l.fadeBytes.data(), s.fadeLength);
+    const int32_t fadePacked = s.packer.PackItem(l.fadeBytes.data(), s.fadeLength);
+    size += fadePacked;
+    s.headerBytes += fadePacked;
   }
   return s.packer.FinishSize(size);
+}
+
+// The frame's sound item. Frames for the phone sound outputs put a record of two 16-bit words
+// before the chunk: 4, and 2 for 16000 samples a second, else 1.
+int32_t zycEncoder::PackSound() {
+  State& s = *state_;
+  if (!embedded) return s.packer.PackItem(s.sound.chunk.data(), s.sound.soundSize);
+  std::vector<uint8_t> item(4 + size_t(s.sound.soundSize));
+  zycStore16(item.data(), 4);
+  zycStore16(item.data() + 2, s.header.soundRate == 16000 ? 2 : 1);
+  if (s.sound.soundSize) std::memcpy(item.data() + 4, s.sound.chunk.data(), s.sound.soundSize);
+  return s.packer.PackItem(item.data(), uint32_t(item.size()));
 }
 
 // The final write of a block tree frame after the last try was restored: the same items, the
@@ -330,12 +367,95 @@ int32_t zycEncoder::WriteTree(bool hasSound) {
   int32_t size = p.PackItem(l.opcodes.data(), s.opcodeLength);
   if (l.motionBytes.size()) size += p.PackItem(l.motionBytes.data(), l.motionBytes.size());
   if (l.dxtList.size()) size += p.PackItem(s.colourItem.data(), l.dxtList.size() * 8);
-  if (hasSound) size += p.PackItem(s.sound.chunk.data(), s.sound.soundSize);
+  if (hasSound) size += PackSound();
   if (s.fadeLength) size += p.PackItem(l.fadeBytes.data(), s.fadeLength);
   size = p.FinishSize(size);
   p.Commit();
   s.sectionSize += uint32_t(size);
   p.sectionPackedSize += uint32_t(size);
+  return size;
+}
+
+// The end of a block tree frame after its rate loop. With table frames the colour blocks get a
+// budget of their own: what the frame's size leaves after its opcode and motion items, plus a
+// hundredth of any credit. While that budget is gone, far too small for a frame that is too
+// big, or asks more than the largest reduction of the table coder, the threshold moves on to
+// the next error that matters, which takes more blocks out of the colour list.
+int32_t zycEncoder::FinishBlockFrame(bool key, int32_t wantedSize, int32_t size,
+                                     uint32_t& errorMax, uint32_t& errorNext, uint32_t& passes,
+                                     bool hasSound) {
+  State& s = *state_;
+  if (pFrameFormat != 1 || s.lists.dxtList.size() == 0) return WriteTree(hasSound);
+  const float maxRatio = key ? vqRatioMaxKey : vqRatioMaxP;
+  int32_t budget = 0;
+  for (;;) {
+    const double raw = 48.0 * s.lists.dxtList.size();
+    budget = wantedSize - s.headerBytes;
+    if (s.credit > 0) budget += s.credit / 100;
+    const bool again = budget < 1 ||
+                       (size > wantedSize && int64_t(budget) <= int64_t(wantedSize) * 40 / 100) ||
+                       raw / budget > maxRatio;
+    // Nothing left to take out: the frame goes out as it is.
+    if (!again || errorNext == kErrorNextStart || errorMax == errorNext) break;
+    errorMax = errorNext;
+    ++passes;
+    size = TryTree(key, errorMax, errorNext, hasSound, true);
+    s.packer.Restore();
+    if (s.lists.dxtList.size() == 0) return WriteTree(hasSound);
+  }
+  const double raw = 48.0 * s.lists.dxtList.size();
+  if (budget > 0 && raw / budget < vqRatioMin) budget = int32_t(raw / vqRatioMin);
+  return WriteTable(key, budget, hasSound);
+}
+
+// The final write of a table frame: the opcode and motion items, the sound, then the colour
+// blocks as a table image in place of the colour item. Always on the main file.
+int32_t zycEncoder::WriteTable(bool key, int32_t budget, bool hasSound) {
+  State& s = *state_;
+  zycFrameLists& l = s.lists;
+  zycSectionPacker& p = s.packer;
+  int32_t size = p.PackItem(l.opcodes.data(), s.opcodeLength);
+  if (l.motionBytes.size()) size += p.PackItem(l.motionBytes.data(), l.motionBytes.size());
+  if (hasSound) size += p.PackItem(s.sound.chunk.data(), s.sound.soundSize);
+
+  // Each colour block as the decoder's table path will show it: 4x4 samples of the preview of
+  // its level, back from YUV to RGB with the decoder's tables, three bytes a pixel, red first.
+  const uint32_t n = l.dxtList.size();
+  s.tablePixels.resize(size_t(n) * 48);
+  const zycDxtLevels& v = s.levels;
+  for (uint32_t i = 0; i < n; ++i) {
+    const zycBlock& b = *l.dxtList[i];
+    const uint32_t level = b.size == 4 ? 0 : b.size == 8 ? 1 : 2;
+    const uint32_t step = uint32_t(b.size) / 4;
+    uint8_t* out = &s.tablePixels[size_t(i) * 48];
+    for (uint32_t j = 0; j < 4; ++j) {
+      for (uint32_t k = 0; k < 4; ++k, out += 3) {
+        const uint8_t* px = v.preview[level] +
+                            (size_t(uint32_t(b.y) + j * step) * s.paddedWidth + uint32_t(b.x) + k * step) * 4;
+        const int32_t yy = v.yTable[px[1]];
+        out[0] = v.clampTable[yy + v.crToR[px[2]] + kClampBias];
+        out[1] = v.clampTable[yy + v.crToG[px[2]] + v.cbToG[px[0]] + kClampBias];
+        out[2] = v.clampTable[yy + v.cbToB[px[0]] + kClampBias];
+      }
+    }
+  }
+  s.vqCompressor.verbose = verbose;
+  s.tableImageSize = s.vqCompressor.compressPFrame(s.tablePixels.data(), n, key, budget, s.tableImage);
+  const int32_t packed = p.PackItem(s.tableImage.data(), s.tableImageSize);
+  s.tableImage.resize(size_t(s.tableImageSize) + 16, 0);  // the decoder may read a word ahead
+  size = p.FinishSize(size + packed);
+  if (verbose) {
+    const double raw = 48.0 * n;
+    zycLog("ZIP VQ Compressed blocks size: %d (%.1f%%) ratio %.1f:1 (zip compression: %.1f%%)\n",
+           packed, raw > 0 ? packed * 100.0 / raw : 0.0, packed > 0 ? raw / packed : 0.0,
+           s.tableImageSize ? packed * 100.0 / s.tableImageSize : 0.0);
+  }
+  p.Commit();
+  s.sectionSize += uint32_t(size);
+  p.sectionPackedSize += uint32_t(size);
+  // The frame is written: its new entries are in the ring from now on.
+  s.vqCompressor.commitPFrame();
+  s.tableFrame = true;
   return size;
 }
 
@@ -379,7 +499,7 @@ int32_t zycEncoder::WriteStill(int32_t wantedSize, bool hasSound) {
   s.stillTarget = uint32_t(target);
   int32_t size = p.PackItem(s.lists.opcodes.data(), 1);
   size += p.PackItem(s.stillImage.data(), uint32_t(s.stillImage.size()));
-  if (hasSound) size += p.PackItem(s.sound.chunk.data(), s.sound.soundSize);
+  if (hasSound) size += PackSound();
   size = p.FinishSize(size);
   p.Commit();
   s.sectionSize += uint32_t(size);
@@ -419,7 +539,8 @@ void zycEncoder::Rebuild() {
   d.colourStream = s.colourItem.data();
   d.indexStream = s.colourItem.data() + size_t(l.dxtList.size()) * 4;
   d.fadeStream = l.fadeBytes.data();
-  d.tableStream = nullptr;
+  d.tableStream = s.tableFrame ? s.tableImage.data() : nullptr;
+  s.tableFrame = false;
   d.stopWord = &stopWord;
   d.stateWord = &stateWord;
   d.stopMask = 0;
@@ -472,16 +593,10 @@ int32_t zycEncoder::Begin(zycStreamHeader& header, const zylFrameImage& image,
                           zylProgress* progress, const zylKeyframeRange* plan) {
   End();
   State& s = *state_;
-  if (iFrameFormat != 0 && ((header.width + 15) & ~15u) > 1024) {
-    if (verbose) zycLog("Still image key frames are at most 1024 pixels wide or high\n");
-    return 1;
-  }
-  if (iFrameFormat != 0 && ((header.height + 15) & ~15u) > 1024) {
-    if (verbose) zycLog("Still image key frames are at most 1024 pixels wide or high\n");
-    return 1;
-  }
-  if (pFrameFormat != 0) {
-    if (verbose) zycLog("Table block P-frames (jFMT 1) are not available in this build\n");
+  // Headers of versions 1 to 3 carry two words where the packing byte stands, so a reader
+  // takes their sections as deflate.
+  if (packing != 0 && zycTailHoldsWords(header.version)) {
+    if (verbose) zycLog("Lzma packing needs a header version other than 1, 2 or 3\n");
     return 1;
   }
   s.vqCompressor.tableLimit = vqLimit / 48 * 48;
@@ -639,7 +754,9 @@ int32_t zycEncoder::Begin(zycStreamHeader& header, const zylFrameImage& image,
   BuildMotionVector(true, true);
   zycBeginRateLoop loop;
   loop.wantedSize = wantedSize;
-  loop.targetSize = wantedSize;
+  // A table frame's try packs the colour item, which the table image then replaces by
+  // something smaller.
+  loop.targetSize = pFrameFormat == 1 ? 2 * wantedSize : wantedSize;
   loop.errorMin = errorMin;
   loop.errorLimit = errorLimit;
   loop.verbose = verbose;
@@ -650,7 +767,7 @@ int32_t zycEncoder::Begin(zycStreamHeader& header, const zylFrameImage& image,
     s.packer.Restore();
     if (!loop.AfterPass(size, errorNext)) break;
   }
-  size = WriteTree(hasSound);
+  size = FinishBlockFrame(true, wantedSize, size, loop.errorMax, errorNext, loop.passes, hasSound);
   s.credit += s.compressionSize - size + (hasSound ? int32_t(s.sound.soundSize) : 0);
   if (verbose) {
     zycLog("errorNext: %u, errorMax: %u, size: %u, wantedSize: %u\n", errorNext, loop.errorMax,
@@ -658,6 +775,7 @@ int32_t zycEncoder::Begin(zycStreamHeader& header, const zylFrameImage& image,
     zycLog("-------------------------------------------------------------\n");
   }
   s.last = FrameInfo{true, wantedSize, size, loop.errorMax, errorNext, loop.passes, 100.0};
+  NoteTable();
   FillProgress(progress, true, size, hasSound);
   Rebuild();
   s.pool.Reset();
@@ -737,7 +855,8 @@ int32_t zycEncoder::Next(const zylFrameImage& image, zylProgress* progress) {
 
   zycRateLoop loop;
   loop.verbose = verbose;
-  loop.Start(wantedSize, wantedSize, ratio, errorMin, errorLimit);
+  loop.Start(wantedSize, pFrameFormat == 1 ? 2 * wantedSize : wantedSize, ratio, errorMin,
+             errorLimit);
   uint32_t errorNext = 0;
   int32_t size = 0;
   TimerStart(kTimerNext);
@@ -750,7 +869,7 @@ int32_t zycEncoder::Next(const zylFrameImage& image, zylProgress* progress) {
     if (!loop.AfterPass(size, errorNext)) break;
   }
   TimerStop(kTimerQuantizeCompress);
-  size = WriteTree(hasSound);
+  size = FinishBlockFrame(key, wantedSize, size, loop.errorMax, errorNext, loop.passes, hasSound);
   s.credit += s.compressionSize - size + (hasSound ? int32_t(s.sound.soundSize) : 0);
 
   if (dataFile) {
@@ -771,6 +890,7 @@ int32_t zycEncoder::Next(const zylFrameImage& image, zylProgress* progress) {
     zycLog("-------------------------------------------------------------\n");
   }
   s.last = FrameInfo{key, wantedSize, size, loop.errorMax, errorNext, loop.passes, changed};
+  NoteTable();
   FillProgress(progress, key, size, hasSound);
 
   Rebuild();

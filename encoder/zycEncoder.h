@@ -79,6 +79,10 @@ class zycEncoder : public zycJobEncoder {
     uint32_t errorNext = 0;
     uint32_t passes = 0;
     double changed = 0.0;
+    // Table frames: the blocks coded through the block table, its new entries, index width.
+    uint32_t tableBlocks = 0;
+    uint32_t tableNew = 0;
+    uint32_t tableIndexBits = 0;
   };
   const FrameInfo& LastFrame() const;
   int32_t CompressionSize() const;
@@ -94,6 +98,12 @@ class zycEncoder : public zycJobEncoder {
                   bool fadeAllowed);
   int32_t WriteTree(bool hasSound);
   int32_t WriteStill(int32_t wantedSize, bool hasSound);
+  int32_t FinishBlockFrame(bool key, int32_t wantedSize, int32_t size, uint32_t& errorMax,
+                           uint32_t& errorNext, uint32_t& passes, bool hasSound);
+  int32_t WriteTable(bool key, int32_t budget, bool hasSound);
+  bool FadesSearched() const;
+  int32_t PackSound();
+  void NoteTable();
   void Rebuild();
   void BuildReferences();
   void PatchFile();

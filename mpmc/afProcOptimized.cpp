@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "base/consoleLog.h"
+#include "mpmc/mcProcOptimized.h"
 
 int32_t afProcOptimized::levelBestGain[4];
 uint32_t afProcOptimized::levelBestFit[4];
@@ -27,9 +28,59 @@ Sums* sums[4];
 uint32_t* packedFit[4];
 int32_t* gain[4];
 int32_t positionsX[4], positionsY[4];
+// Per level and grid row: the row's largest gain and the first position holding it, so that the
+// selection reads one value a row.
+int32_t* rowBestGain[4];
+// Per level and position: the block's squared error now, sum of (o - clamp(mc + mp))^2, built
+// from the four half-size blocks like the SAD tables.
+int32_t* errorSum[4];
+// Per level and position: the moved block's error, sum of (o - clamp(mp + m))^2 with m the moved
+// pixel. Kept between iterations and corrected only where an atom changed mpImage; mpBefore
+// holds mpImage as the last search saw it.
+int32_t* movedError[4];
+int32_t* mpBefore;
+McRect changed;  // the changed rectangle as handed over, clamped
+int32_t* rowBestPos[4];
+
+void RowBests(int32_t k, int32_t gy0, int32_t gy1) {
+  for (int32_t gy = gy0; gy < gy1; ++gy) {
+    const int32_t* g = gain[k] + static_cast<size_t>(gy) * positionsX[k];
+    int32_t best = 0;
+    for (int32_t gx = 1; gx < positionsX[k]; ++gx)
+      if (g[gx] > g[best]) best = gx;
+    rowBestGain[k][gy] = g[best];
+    rowBestPos[k][gy] = gy * positionsX[k] + best;
+  }
+}
 McRect work;
 Label *mcIn, *mpIn;
 Pic* sourceIn;
+
+void ErrorSums(int32_t k, int32_t xs, int32_t xe, int32_t ys, int32_t ye) {
+  for (int32_t y = ys; y < ye; y += 4)
+    for (int32_t x = xs; x < xe; x += 4) {
+      const int32_t pos = (y / 4) * positionsX[k] + x / 4;
+      if (k == 0) {
+        int32_t e = 0;
+        for (int32_t j = 0; j < 4; ++j) {
+          const int32_t* mc = mcIn->rows[y + j] + x;
+          const int32_t* mp = mpIn->rows[y + j] + x;
+          const uint8_t* o = sourceIn->rows[y + j] + x;
+          for (int32_t i = 0; i < 4; ++i) {
+            const int32_t t = mc[i] + mp[i];
+            const int32_t d = o[i] - (t < 0 ? 0 : (t > 255 ? 255 : t));
+            e += d * d;
+          }
+        }
+        errorSum[0][pos] = e;
+      } else {
+        const int32_t half = 1 << (k - 1), stride = positionsX[k - 1];
+        const int32_t child = (y / 4) * stride + x / 4;
+        const int32_t* c = errorSum[k - 1];
+        errorSum[k][pos] = c[child] + c[child + half] + c[child + half * stride] + c[child + half * stride + half];
+      }
+    }
+}
 
 inline int32_t Clamp255(int32_t v) { return v < 0 ? 0 : (v > 255 ? 255 : v); }
 
@@ -41,22 +92,44 @@ int16_t TruncTo16(float v) {
   return static_cast<int16_t>(static_cast<uint16_t>(static_cast<uint64_t>(i)));
 }
 
-int32_t PositionGain(int32_t x, int32_t y, int32_t size, uint32_t fit) {
+// Gain of the fit at the block at (x, y), no window: the block's error now less its moved
+// error, found in full on a plane's first search or when the fit changed, and otherwise corrected
+// after an atom by the pixels the atom changed.
+int32_t PositionGain(int32_t k, int32_t pos, int32_t x, int32_t y, int32_t size, uint32_t fit,
+                     uint32_t fitBefore) {
   const int32_t a = static_cast<int32_t>(fit & 0xfff) - 1024;
   const int32_t b = static_cast<int32_t>(fit >> 12) - 256;
-  int32_t g = 0;
-  for (int32_t j = 0; j < size; ++j) {
-    const int32_t* mc = mcIn->rows[y + j] + x;
-    const int32_t* mp = mpIn->rows[y + j] + x;
-    const uint8_t* o = sourceIn->rows[y + j] + x;
-    const int32_t* r = paddedRef->rows[y + j + kPadMargin] + x + kPadMargin;
-    for (int32_t i = 0; i < size; ++i) {
-      const int32_t e0 = o[i] - Clamp255(mc[i] + mp[i]);
-      const int32_t e1 = o[i] - Clamp255(mp[i] + ((a * r[i]) >> 8) + b);
-      g += e0 * e0 - e1 * e1;
+  if (lastMethod == 0 || fit != fitBefore) {
+    movedError[k][pos] = zycAffineError(sourceIn->rows[y] + x, width, mpIn->rows[y] + x, mpIn->width,
+                                        paddedRef->rows[y + kPadMargin] + x + kPadMargin,
+                                        paddedRef->width, size, a, b);
+  } else if (lastMethod == 2) {
+    const int32_t x0 = std::max(x, changed.x0), x1 = std::min(x + size, changed.x1);
+    const int32_t y0 = std::max(y, changed.y0), y1 = std::min(y + size, changed.y1);
+    int32_t delta = 0;
+    for (int32_t j = y0; j < y1; ++j) {
+      const uint8_t* o = sourceIn->rows[j];
+      const int32_t* now = mpIn->rows[j];
+      const int32_t* before = mpBefore + static_cast<size_t>(j) * width;
+      const int32_t* r = paddedRef->rows[j + kPadMargin] + kPadMargin;
+      for (int32_t i = x0; i < x1; ++i) {
+        const int32_t m = ((a * r[i]) >> 8) + b;
+        const int32_t e1 = o[i] - Clamp255(now[i] + m), e0 = o[i] - Clamp255(before[i] + m);
+        delta += e1 * e1 - e0 * e0;
+      }
     }
+    movedError[k][pos] += delta;
   }
-  return g;
+  return errorSum[k][pos] - movedError[k][pos];
+}
+
+// mpBefore takes mpImage's values where the last search's rectangle changed them.
+void KeepMpBefore() {
+  const McRect r = lastMethod == 0 ? McRect{0, 0, width, height} : changed;
+  if (lastMethod != 0 && lastMethod != 2) return;  // blocks leave mpImage as it was
+  for (int32_t y = r.y0; y < r.y1; ++y)
+    std::memcpy(mpBefore + static_cast<size_t>(y) * width + r.x0, mpIn->rows[y] + r.x0,
+                static_cast<size_t>(r.x1 - r.x0) * sizeof(int32_t));
 }
 
 }  // namespace
@@ -96,6 +169,7 @@ void afProcOptimized::init(int32_t w, int32_t h) {
   gridH = h / 4;
   refBytes = static_cast<uint8_t*>(mpmcAlloc(static_cast<size_t>(w) * h));
   targetBytes = static_cast<uint8_t*>(mpmcAlloc(static_cast<size_t>(w) * h));
+  mpBefore = static_cast<int32_t*>(mpmcAlloc(static_cast<size_t>(w) * h * sizeof(int32_t)));
   for (int32_t k = 0; k < 4; ++k) {
     positionsX[k] = std::max(gridW - (1 << k) + 1, 0);
     positionsY[k] = std::max(gridH - (1 << k) + 1, 0);
@@ -106,11 +180,27 @@ void afProcOptimized::init(int32_t w, int32_t h) {
     std::memset(sums[k], 0, positions * sizeof(Sums));
     std::memset(packedFit[k], 0, positions * sizeof(uint32_t));
     std::memset(gain[k], 0, positions * sizeof(int32_t));
+    errorSum[k] = static_cast<int32_t*>(mpmcAlloc(positions * sizeof(int32_t), 64));
+    movedError[k] = static_cast<int32_t*>(mpmcAlloc(positions * sizeof(int32_t), 64));
+    std::memset(movedError[k], 0, positions * sizeof(int32_t));
+    std::memset(errorSum[k], 0, positions * sizeof(int32_t));
+    const size_t rows = std::max<size_t>(positionsY[k], 1);
+    rowBestGain[k] = static_cast<int32_t*>(mpmcAlloc(rows * sizeof(int32_t)));
+    rowBestPos[k] = static_cast<int32_t*>(mpmcAlloc(rows * sizeof(int32_t)));
+    std::memset(rowBestGain[k], 0, rows * sizeof(int32_t));
+    for (size_t r = 0; r < rows; ++r) rowBestPos[k][r] = static_cast<int32_t>(r) * positionsX[k];
   }
 }
 
 void afProcOptimized::release() {
   for (int32_t k = 3; k >= 0; --k) {
+    mpmcFree(errorSum[k]);
+    errorSum[k] = nullptr;
+    mpmcFree(movedError[k]);
+    movedError[k] = nullptr;
+    mpmcFree(rowBestPos[k]);
+    mpmcFree(rowBestGain[k]);
+    rowBestPos[k] = rowBestGain[k] = nullptr;
     mpmcFree(gain[k]);
     mpmcFree(packedFit[k]);
     mpmcFree(sums[k]);
@@ -118,6 +208,8 @@ void afProcOptimized::release() {
     packedFit[k] = nullptr;
     sums[k] = nullptr;
   }
+  mpmcFree(mpBefore);
+  mpBefore = nullptr;
   mpmcFree(targetBytes);
   mpmcFree(refBytes);
   targetBytes = refBytes = nullptr;
@@ -144,6 +236,8 @@ void afProcOptimized::initSearchFromProfessorData(Label* mc, Pic* source, Label*
   work.y0 = std::clamp(changedRect.y0 & ~3, 0, height);
   work.x1 = std::clamp((changedRect.x1 + 3) & ~3, 0, width);
   work.y1 = std::clamp((changedRect.y1 + 3) & ~3, 0, height);
+  changed = {std::clamp(changedRect.x0, 0, width), std::clamp(changedRect.y0, 0, height),
+             std::clamp(changedRect.x1, 0, width), std::clamp(changedRect.y1, 0, height)};
   for (int32_t y = changedRect.y0; y < changedRect.y1; ++y) {
     const uint8_t* o = source->rows[y];
     const int32_t* m = mp->rows[y];
@@ -166,6 +260,7 @@ void afProcOptimized::afSearch() {
 }
 
 void afProcOptimized::afSearchMonoThread() {
+  ErrorSums(0, work.x0, work.x1, work.y0, work.y1);
   for (int32_t y = work.y0; y < work.y1; y += 4)
     for (int32_t x = work.x0; x < work.x1; x += 4) {
       Sums s{0, 0, 0, 0};
@@ -181,15 +276,18 @@ void afProcOptimized::afSearchMonoThread() {
       }
       const int32_t pos = (y / 4) * gridW + x / 4;
       sums[0][pos] = s;
+      const uint32_t fitBefore = packedFit[0][pos];
       packedFit[0][pos] = zycAffineFit(s.sr, s.st, s.srr, s.srt, 16);
-      gain[0][pos] = PositionGain(x, y, 4, packedFit[0][pos]);
+      gain[0][pos] = PositionGain(0, pos, x, y, 4, packedFit[0][pos], fitBefore);
     }
+  RowBests(0, work.y0 / 4, work.y1 / 4);
   for (int32_t k = 1; k < 4; ++k) {
     const int32_t size = 4 << k;
     const int32_t half = 1 << (k - 1);
     const int32_t xs = std::max(work.x0 - size + 4, 0), xe = std::min(width - size + 4, work.x1);
     const int32_t ys = std::max(work.y0 - size + 4, 0), ye = std::min(height - size + 4, work.y1);
     const int32_t stride = positionsX[k - 1];
+    ErrorSums(k, xs, xe, ys, ye);
     for (int32_t y = ys; y < ye; y += 4)
       for (int32_t x = xs; x < xe; x += 4) {
         const int32_t child = (y / 4) * stride + x / 4;
@@ -201,10 +299,13 @@ void afProcOptimized::afSearchMonoThread() {
                      a.srr + b.srr + c.srr + d.srr, a.srt + b.srt + c.srt + d.srt};
         const int32_t pos = (y / 4) * positionsX[k] + x / 4;
         sums[k][pos] = s;
+        const uint32_t fitBefore = packedFit[k][pos];
         packedFit[k][pos] = zycAffineFit(s.sr, s.st, s.srr, s.srt, static_cast<uint32_t>(size * size));
-        gain[k][pos] = PositionGain(x, y, size, packedFit[k][pos]);
+        gain[k][pos] = PositionGain(k, pos, x, y, size, packedFit[k][pos], fitBefore);
       }
+    if (ys < ye) RowBests(k, ys / 4, ye / 4);
   }
+  KeepMpBefore();
   for (int32_t k = 0; k < 4; ++k) {
     const int32_t count = positionsX[k] * positionsY[k];
     if (count == 0) {
@@ -213,9 +314,10 @@ void afProcOptimized::afSearchMonoThread() {
       levelBestX[k] = levelBestY[k] = 0;
       continue;
     }
-    int32_t best = 0;
-    for (int32_t pos = 1; pos < count; ++pos)
-      if (gain[k][pos] > gain[k][best]) best = pos;
+    // The first position in raster order with the largest gain.
+    int32_t best = rowBestPos[k][0];
+    for (int32_t gy = 1; gy < positionsY[k]; ++gy)
+      if (rowBestGain[k][gy] > gain[k][best]) best = rowBestPos[k][gy];
     levelBestGain[k] = gain[k][best];
     levelBestFit[k] = packedFit[k][best];
     levelBestX[k] = (best % positionsX[k]) * 4;

@@ -14,6 +14,10 @@ int32_t mcProcOptimized::levelBestX[4];
 int32_t mcProcOptimized::levelBestY[4];
 
 zycSadTableFn zycSadTable4x4 = zycSadTable4x4Plain;
+zycMovedErrorFn zycMotionError = zycMotionErrorPlain;
+zycBestEntry16Fn zycBestEntry16 = zycBestEntry16Plain;
+zycBestEntry32Fn zycBestEntry32 = zycBestEntry32Plain;
+zycMovedErrorFn zycAffineError = zycAffineErrorPlain;
 Label* omcWindows[4];
 
 namespace {
@@ -26,14 +30,67 @@ int32_t width, height, gridW, gridH;
 int32_t refStride;
 uint8_t* refBytes;     // (width + 36) x (height + 36), margin 18, edges repeated
 uint8_t* targetBytes;  // clamp(source - mpImage)
-uint16_t* sadTable0;   // level 0: 1024 entries per position
+// SAD tables, 1024 entries per block position, kept for the last kRing grid rows of each level
+// (one table for level 3): a table is read only to make the next level and its best vector.
+constexpr int32_t kRing = 8;
+uint16_t* sadTable0;   // level 0
 uint32_t* sadTable[4]; // levels 1..3
 uint16_t* bestVector[4];
 int32_t* gain[4];
 int32_t positionsX[4], positionsY[4];
+// Per level and grid row: the row's largest gain and the first position holding it, so that the
+// selection reads one value a row.
+int32_t* rowBestGain[4];
+// Per level and position: the block's squared error now, sum of (o - clamp(mc + mp))^2, built
+// from the four half-size blocks like the SAD tables.
+int32_t* errorSum[4];
+// Per level and position: the moved block's error, sum of (o - clamp(mp + m))^2 with m the moved
+// pixel. Kept between iterations and corrected only where an atom changed mpImage; mpBefore
+// holds mpImage as the last search saw it.
+int32_t* movedError[4];
+int32_t* mpBefore;
+McRect changed;  // the changed rectangle as handed over, clamped
+int32_t* rowBestPos[4];
+
+void RowBests(int32_t k, int32_t gy0, int32_t gy1) {
+  for (int32_t gy = gy0; gy < gy1; ++gy) {
+    const int32_t* g = gain[k] + static_cast<size_t>(gy) * positionsX[k];
+    int32_t best = 0;
+    for (int32_t gx = 1; gx < positionsX[k]; ++gx)
+      if (g[gx] > g[best]) best = gx;
+    rowBestGain[k][gy] = g[best];
+    rowBestPos[k][gy] = gy * positionsX[k] + best;
+  }
+}
 McRect work;  // aligned to 4
 Label *mcIn, *mpIn;
 Pic* sourceIn;
+
+void ErrorSums(int32_t k, int32_t xs, int32_t xe, int32_t ys, int32_t ye) {
+  for (int32_t y = ys; y < ye; y += 4)
+    for (int32_t x = xs; x < xe; x += 4) {
+      const int32_t pos = (y / 4) * positionsX[k] + x / 4;
+      if (k == 0) {
+        int32_t e = 0;
+        for (int32_t j = 0; j < 4; ++j) {
+          const int32_t* mc = mcIn->rows[y + j] + x;
+          const int32_t* mp = mpIn->rows[y + j] + x;
+          const uint8_t* o = sourceIn->rows[y + j] + x;
+          for (int32_t i = 0; i < 4; ++i) {
+            const int32_t t = mc[i] + mp[i];
+            const int32_t d = o[i] - (t < 0 ? 0 : (t > 255 ? 255 : t));
+            e += d * d;
+          }
+        }
+        errorSum[0][pos] = e;
+      } else {
+        const int32_t half = 1 << (k - 1), stride = positionsX[k - 1];
+        const int32_t child = (y / 4) * stride + x / 4;
+        const int32_t* c = errorSum[k - 1];
+        errorSum[k][pos] = c[child] + c[child + half] + c[child + half * stride] + c[child + half * stride + half];
+      }
+    }
+}
 
 inline int32_t Clamp255(int32_t v) { return v < 0 ? 0 : (v > 255 ? 255 : v); }
 
@@ -50,69 +107,124 @@ int32_t BestEntry(const T* table) {
   return best;
 }
 
-// Gain of moving the reference at whole-pixel (dx, dy) into the block at (x, y), no window.
-int32_t PositionGain(int32_t x, int32_t y, int32_t size, int32_t vector) {
+// Gain of moving the reference at whole-pixel (dx, dy) into the block at (x, y), no window:
+// the block's error now less its moved error, which is found in full on a plane's first search
+// and corrected after an atom by the pixels the atom changed.
+int32_t PositionGain(int32_t k, int32_t pos, int32_t x, int32_t y, int32_t size, int32_t vector) {
   const int32_t dx = (vector & 31) - 16, dy = (vector >> 5) - 16;
-  int32_t g = 0;
-  for (int32_t j = 0; j < size; ++j) {
-    const int32_t* mc = mcIn->rows[y + j] + x;
-    const int32_t* mp = mpIn->rows[y + j] + x;
-    const uint8_t* o = sourceIn->rows[y + j] + x;
-    const int32_t* r = paddedRef->rows[y + j + dy + kPadMargin] + x + dx + kPadMargin;
-    for (int32_t i = 0; i < size; ++i) {
-      const int32_t e0 = o[i] - Clamp255(mc[i] + mp[i]);
-      const int32_t e1 = o[i] - Clamp255(mp[i] + r[i]);
-      g += e0 * e0 - e1 * e1;
-    }
-  }
-  return g;
-}
-
-void LevelZeroTables() {
-  const bool lastSingle = (work.x1 - work.x0) % 8 != 0;
-  for (int32_t y = work.y0; y < work.y1; y += 4) {
-    for (int32_t x = work.x0; x < work.x1; x += 4) {
-      const int32_t pos = (y / 4) * gridW + x / 4;
-      uint16_t* table = sadTable0 + static_cast<size_t>(pos) * 1024;
-      zycSadTable4x4(targetBytes + static_cast<size_t>(y) * width + x, width,
-                     refBytes + static_cast<size_t>(y + kRefMargin - 16) * refStride + x +
-                         kRefMargin - 16,
-                     refStride, table);
-      int32_t best = BestEntry(table);
-      // The single-block pass of the last column records the entry after the best one.
-      if (lastSingle && x + 4 == work.x1) best = std::min(best + 1, 1023);
-      bestVector[0][pos] = static_cast<uint16_t>(best);
-    }
-  }
-}
-
-void LargerTables(int32_t k, int32_t px0, int32_t px1, int32_t py0, int32_t py1) {
-  const int32_t half = 1 << (k - 1);  // child offset in grid steps
-  for (int32_t gy = py0; gy < py1; ++gy) {
-    for (int32_t gx = px0; gx < px1; ++gx) {
-      const int32_t pos = gy * positionsX[k] + gx;
-      uint32_t* out = sadTable[k] + static_cast<size_t>(pos) * 1024;
-      if (k == 1) {
-        const uint16_t* a = sadTable0 + static_cast<size_t>(gy * gridW + gx) * 1024;
-        const uint16_t* b = a + 1024;
-        const uint16_t* c = a + static_cast<size_t>(gridW) * 1024;
-        const uint16_t* d = c + 1024;
-        for (int32_t i = 0; i < 1024; ++i)
-          out[i] = static_cast<uint16_t>(a[i] + b[i] + c[i] + d[i]);
-      } else {
-        const int32_t stride = positionsX[k - 1];
-        const uint32_t* a = sadTable[k - 1] + static_cast<size_t>(gy * stride + gx) * 1024;
-        const uint32_t* b = a + static_cast<size_t>(half) * 1024;
-        const uint32_t* c = a + static_cast<size_t>(half) * stride * 1024;
-        const uint32_t* d = c + static_cast<size_t>(half) * 1024;
-        for (int32_t i = 0; i < 1024; ++i) out[i] = a[i] + b[i] + c[i] + d[i];
+  if (lastMethod == 0) {
+    movedError[k][pos] = zycMotionError(sourceIn->rows[y] + x, width, mpIn->rows[y] + x, mpIn->width,
+                                        paddedRef->rows[y + dy + kPadMargin] + x + dx + kPadMargin,
+                                        paddedRef->width, size, 256, 0);
+  } else if (lastMethod == 2) {
+    const int32_t x0 = std::max(x, changed.x0), x1 = std::min(x + size, changed.x1);
+    const int32_t y0 = std::max(y, changed.y0), y1 = std::min(y + size, changed.y1);
+    int32_t delta = 0;
+    for (int32_t j = y0; j < y1; ++j) {
+      const uint8_t* o = sourceIn->rows[j];
+      const int32_t* now = mpIn->rows[j];
+      const int32_t* before = mpBefore + static_cast<size_t>(j) * width;
+      const int32_t* r = paddedRef->rows[j + dy + kPadMargin] + dx + kPadMargin;
+      for (int32_t i = x0; i < x1; ++i) {
+        const int32_t e1 = o[i] - Clamp255(now[i] + r[i]), e0 = o[i] - Clamp255(before[i] + r[i]);
+        delta += e1 * e1 - e0 * e0;
       }
-      bestVector[k][pos] = static_cast<uint16_t>(BestEntry(out));
+    }
+    movedError[k][pos] += delta;
+  }
+  return errorSum[k][pos] - movedError[k][pos];
+}
+
+// mpBefore takes mpImage's values where the last search's rectangle changed them.
+void KeepMpBefore() {
+  const McRect r = lastMethod == 0 ? McRect{0, 0, width, height} : changed;
+  if (lastMethod != 0 && lastMethod != 2) return;  // blocks leave mpImage as it was
+  for (int32_t y = r.y0; y < r.y1; ++y)
+    std::memcpy(mpBefore + static_cast<size_t>(y) * width + r.x0, mpIn->rows[y] + r.x0,
+                static_cast<size_t>(r.x1 - r.x0) * sizeof(int32_t));
+}
+
+// The SAD tables of one grid row of level 0, for the whole width, and their best vectors.
+void LevelZeroRow(int32_t gy) {
+  const int32_t y = gy * 4;
+  const bool lastSingle = width % 8 != 0;
+  uint16_t* ring = sadTable0 + static_cast<size_t>(gy % kRing) * gridW * 1024;
+  for (int32_t x = 0; x < width; x += 4) {
+    uint16_t* table = ring + static_cast<size_t>(x / 4) * 1024;
+    zycSadTable4x4(targetBytes + static_cast<size_t>(y) * width + x, width,
+                   refBytes + static_cast<size_t>(y + kRefMargin - 16) * refStride + x + kRefMargin - 16,
+                   refStride, table);
+    int32_t best = zycBestEntry16(table);
+    // The single-block pass of the last column records the entry after the best one.
+    if (lastSingle && x + 4 == width) best = std::min(best + 1, 1023);
+    bestVector[0][gy * gridW + x / 4] = static_cast<uint16_t>(best);
+  }
+}
+
+// The tables of one grid row of level k from four tables of level k - 1 at half the block's
+// size apart, and their best vectors.
+void LargerRow(int32_t k, int32_t gy) {
+  const int32_t half = 1 << (k - 1);
+  const int32_t stride = positionsX[k - 1];
+  uint32_t* ring = k == 3 ? sadTable[3] : sadTable[k] + static_cast<size_t>(gy % kRing) * positionsX[k] * 1024;
+  for (int32_t gx = 0; gx < positionsX[k]; ++gx) {
+    uint32_t* out = k == 3 ? ring : ring + static_cast<size_t>(gx) * 1024;
+    if (k == 1) {
+      const uint16_t* a = sadTable0 + (static_cast<size_t>(gy % kRing) * stride + gx) * 1024;
+      const uint16_t* b = a + 1024;
+      const uint16_t* c = sadTable0 + (static_cast<size_t>((gy + 1) % kRing) * stride + gx) * 1024;
+      const uint16_t* d = c + 1024;
+      // Formed in 16 bits, stored in 32.
+      for (int32_t i = 0; i < 1024; ++i) out[i] = static_cast<uint16_t>(a[i] + b[i] + c[i] + d[i]);
+    } else {
+      const uint32_t* a = sadTable[k - 1] + (static_cast<size_t>(gy % kRing) * stride + gx) * 1024;
+      const uint32_t* b = a + static_cast<size_t>(half) * 1024;
+      const uint32_t* c = sadTable[k - 1] + (static_cast<size_t>((gy + half) % kRing) * stride + gx) * 1024;
+      const uint32_t* d = c + static_cast<size_t>(half) * 1024;
+      for (int32_t i = 0; i < 1024; ++i) out[i] = a[i] + b[i] + c[i] + d[i];
+    }
+    bestVector[k][gy * positionsX[k] + gx] = static_cast<uint16_t>(zycBestEntry32(out));
+  }
+}
+
+// Every table of the plane, row by row: a level's row is made as soon as the rows of the level
+// below that it adds up exist, so that only the last kRing rows of each level are kept.
+void AllTables() {
+  for (int32_t r = 0; r < gridH + 7; ++r) {
+    if (r < gridH) LevelZeroRow(r);
+    for (int32_t k = 1; k < 4; ++k) {
+      const int32_t gy = r - ((1 << k) - 1);
+      if (gy >= 0 && gy < positionsY[k]) LargerRow(k, gy);
     }
   }
 }
 
 }  // namespace
+
+int32_t zycBestEntry16Plain(const uint16_t* table) { return BestEntry(table); }
+int32_t zycBestEntry32Plain(const uint32_t* table) { return BestEntry(table); }
+
+int32_t zycMotionErrorPlain(const uint8_t* o, int32_t oStride, const int32_t* mp, int32_t mpStride,
+                            const int32_t* r, int32_t rStride, int32_t size, int32_t, int32_t) {
+  int32_t e = 0;
+  for (int32_t j = 0; j < size; ++j, o += oStride, mp += mpStride, r += rStride)
+    for (int32_t i = 0; i < size; ++i) {
+      const int32_t d = o[i] - Clamp255(mp[i] + r[i]);
+      e += d * d;
+    }
+  return e;
+}
+
+int32_t zycAffineErrorPlain(const uint8_t* o, int32_t oStride, const int32_t* mp, int32_t mpStride,
+                            const int32_t* r, int32_t rStride, int32_t size, int32_t a, int32_t b) {
+  int32_t e = 0;
+  for (int32_t j = 0; j < size; ++j, o += oStride, mp += mpStride, r += rStride)
+    for (int32_t i = 0; i < size; ++i) {
+      const int32_t d = o[i] - Clamp255(mp[i] + ((a * r[i]) >> 8) + b);
+      e += d * d;
+    }
+  return e;
+}
 
 void zycSadTable4x4Plain(const uint8_t* target, int32_t targetStride, const uint8_t* ref,
                          int32_t refStride, uint16_t* out) {
@@ -139,25 +251,44 @@ void mcProcOptimized::init(int32_t w, int32_t h) {
   gridW = w / 4;
   gridH = h / 4;
   refStride = w + 2 * kRefMargin;
-  refBytes = static_cast<uint8_t*>(mpmcAlloc(static_cast<size_t>(refStride) * (h + 2 * kRefMargin)));
+  // 64 bytes beyond the last row: the fast SAD kernels read whole 16-byte pieces.
+  refBytes = static_cast<uint8_t*>(mpmcAlloc(static_cast<size_t>(refStride) * (h + 2 * kRefMargin) + 64));
   targetBytes = static_cast<uint8_t*>(mpmcAlloc(static_cast<size_t>(w) * h));
+  mpBefore = static_cast<int32_t*>(mpmcAlloc(static_cast<size_t>(w) * h * sizeof(int32_t)));
   for (int32_t k = 0; k < 4; ++k) {
     positionsX[k] = std::max(gridW - (1 << k) + 1, 0);
     positionsY[k] = std::max(gridH - (1 << k) + 1, 0);
     const size_t positions = std::max<size_t>(static_cast<size_t>(positionsX[k]) * positionsY[k], 1);
+    const size_t ringTables = k == 3 ? 1 : std::max<size_t>(static_cast<size_t>(positionsX[k]) * kRing, 1);
     if (k == 0)
-      sadTable0 = static_cast<uint16_t*>(mpmcAlloc(positions * 1024 * sizeof(uint16_t), 64));
+      sadTable0 = static_cast<uint16_t*>(mpmcAlloc(ringTables * 1024 * sizeof(uint16_t), 64));
     else
-      sadTable[k] = static_cast<uint32_t*>(mpmcAlloc(positions * 1024 * sizeof(uint32_t), 64));
+      sadTable[k] = static_cast<uint32_t*>(mpmcAlloc(ringTables * 1024 * sizeof(uint32_t), 64));
     bestVector[k] = static_cast<uint16_t*>(mpmcAlloc(positions * sizeof(uint16_t), 64));
     gain[k] = static_cast<int32_t*>(mpmcAlloc(positions * sizeof(int32_t), 64));
     std::memset(bestVector[k], 0, positions * sizeof(uint16_t));
     std::memset(gain[k], 0, positions * sizeof(int32_t));
+    errorSum[k] = static_cast<int32_t*>(mpmcAlloc(positions * sizeof(int32_t), 64));
+    movedError[k] = static_cast<int32_t*>(mpmcAlloc(positions * sizeof(int32_t), 64));
+    std::memset(movedError[k], 0, positions * sizeof(int32_t));
+    std::memset(errorSum[k], 0, positions * sizeof(int32_t));
+    const size_t rows = std::max<size_t>(positionsY[k], 1);
+    rowBestGain[k] = static_cast<int32_t*>(mpmcAlloc(rows * sizeof(int32_t)));
+    rowBestPos[k] = static_cast<int32_t*>(mpmcAlloc(rows * sizeof(int32_t)));
+    std::memset(rowBestGain[k], 0, rows * sizeof(int32_t));
+    for (size_t r = 0; r < rows; ++r) rowBestPos[k][r] = static_cast<int32_t>(r) * positionsX[k];
   }
 }
 
 void mcProcOptimized::release() {
   for (int32_t k = 3; k >= 0; --k) {
+    mpmcFree(errorSum[k]);
+    errorSum[k] = nullptr;
+    mpmcFree(movedError[k]);
+    movedError[k] = nullptr;
+    mpmcFree(rowBestPos[k]);
+    mpmcFree(rowBestGain[k]);
+    rowBestPos[k] = rowBestGain[k] = nullptr;
     mpmcFree(gain[k]);
     mpmcFree(bestVector[k]);
     if (k == 0)
@@ -169,6 +300,8 @@ void mcProcOptimized::release() {
     sadTable[k] = nullptr;
   }
   sadTable0 = nullptr;
+  mpmcFree(mpBefore);
+  mpBefore = nullptr;
   mpmcFree(targetBytes);
   mpmcFree(refBytes);
   targetBytes = refBytes = nullptr;
@@ -195,6 +328,8 @@ void mcProcOptimized::initSearchFromProfessorData(Label* mc, Pic* source, Label*
   work.y0 = std::clamp(changedRect.y0 & ~3, 0, height);
   work.x1 = std::clamp((changedRect.x1 + 3) & ~3, 0, width);
   work.y1 = std::clamp((changedRect.y1 + 3) & ~3, 0, height);
+  changed = {std::clamp(changedRect.x0, 0, width), std::clamp(changedRect.y0, 0, height),
+             std::clamp(changedRect.x1, 0, width), std::clamp(changedRect.y1, 0, height)};
   for (int32_t y = changedRect.y0; y < changedRect.y1; ++y) {
     const uint8_t* o = source->rows[y];
     const int32_t* m = mp->rows[y];
@@ -217,24 +352,28 @@ void mcProcOptimized::mcSearch() {
 }
 
 void mcProcOptimized::mcSearchMonoThread() {
-  if (lastMethod == 0) LevelZeroTables();
+  if (lastMethod == 0) AllTables();
+  ErrorSums(0, work.x0, work.x1, work.y0, work.y1);
   for (int32_t y = work.y0; y < work.y1; y += 4)
     for (int32_t x = work.x0; x < work.x1; x += 4) {
       const int32_t pos = (y / 4) * gridW + x / 4;
-      gain[0][pos] = PositionGain(x, y, 4, bestVector[0][pos]);
+      gain[0][pos] = PositionGain(0, pos, x, y, 4, bestVector[0][pos]);
     }
+  RowBests(0, work.y0 / 4, work.y1 / 4);
   for (int32_t k = 1; k < 4; ++k) {
     const int32_t size = 4 << k;
     const int32_t xs = std::max(work.x0 - size + 4, 0), xe = std::min(width - size + 4, work.x1);
     const int32_t ys = std::max(work.y0 - size + 4, 0), ye = std::min(height - size + 4, work.y1);
     if (xs >= xe || ys >= ye) continue;
-    if (lastMethod == 0) LargerTables(k, xs / 4, xe / 4, ys / 4, ye / 4);
+    ErrorSums(k, xs, xe, ys, ye);
     for (int32_t y = ys; y < ye; y += 4)
       for (int32_t x = xs; x < xe; x += 4) {
         const int32_t pos = (y / 4) * positionsX[k] + x / 4;
-        gain[k][pos] = PositionGain(x, y, size, bestVector[k][pos]);
+        gain[k][pos] = PositionGain(k, pos, x, y, size, bestVector[k][pos]);
       }
+    RowBests(k, ys / 4, ye / 4);
   }
+  KeepMpBefore();
   for (int32_t k = 0; k < 4; ++k) {
     const int32_t count = positionsX[k] * positionsY[k];
     if (count == 0) {
@@ -243,9 +382,10 @@ void mcProcOptimized::mcSearchMonoThread() {
       levelBestX[k] = levelBestY[k] = 0;
       continue;
     }
-    int32_t best = 0;
-    for (int32_t pos = 1; pos < count; ++pos)
-      if (gain[k][pos] > gain[k][best]) best = pos;
+    // The first position in raster order with the largest gain.
+    int32_t best = rowBestPos[k][0];
+    for (int32_t gy = 1; gy < positionsY[k]; ++gy)
+      if (rowBestGain[k][gy] > gain[k][best]) best = rowBestPos[k][gy];
     levelBestGain[k] = gain[k][best];
     levelBestVector[k] = bestVector[k][best];
     levelBestX[k] = (best % positionsX[k]) * 4;
@@ -294,6 +434,38 @@ int32_t applyBlock(const McBlock* block, Label* mc, Label* mp, const mpmcParam* 
     fy = hy & 1;
   }
   int32_t g = 0;
+  // The estimate over all pixels of a block whose reads stay inside paddedRef, as the loop below
+  // computes it, in tight loops: mcImage holds blends of pixels, 0..255, so 32 bits suffice.
+  if (!applying && label < 0 &&
+      (block->type != 0 || (y0 + kPadMargin + iy >= 0 && y1 - 1 + kPadMargin + iy + fy < padH &&
+                            x0 + kPadMargin + ix >= 0 && x1 - 1 + kPadMargin + ix + fx < padW))) {
+    for (int32_t y = y0; y < y1; ++y) {
+      const int32_t* wrow = window->rows[y - (block->y - ov)] - (block->x - ov);
+      const int32_t* c = mc->rows[y];
+      const int32_t* t = targetImage->rows[y];
+      const int32_t* e = errorImage->rows[y];
+      if (block->type == 0) {
+        const int32_t* r0 = paddedRef->rows[y + kPadMargin + iy] + kPadMargin + ix;
+        const int32_t* r1 = paddedRef->rows[y + kPadMargin + iy + fy] + kPadMargin + ix;
+        for (int32_t x = x0; x < x1; ++x) {
+          const int32_t v = (r0[x] + r0[x + fx] + r1[x] + r1[x + fx] + 2) >> 2;
+          const int32_t blended = (v * wrow[x] + (65536 - wrow[x]) * c[x] + 32768) >> 16;
+          const int32_t d = blended - t[x];
+          g += e[x] - d * d;
+        }
+      } else {
+        const int32_t* r = paddedRef->rows[y + kPadMargin] + kPadMargin;
+        const int32_t a = block->a, b = block->b;
+        for (int32_t x = x0; x < x1; ++x) {
+          const int32_t v = Clamp255(((a * r[x]) >> 8) + b);
+          const int32_t blended = static_cast<int16_t>((v * wrow[x] + (65536 - wrow[x]) * c[x] + 32768) >> 16);
+          const int32_t d = blended - t[x];
+          g += e[x] - d * d;
+        }
+      }
+    }
+    return g;
+  }
   for (int32_t y = y0; y < y1; ++y) {
     const int32_t* wrow = window->rows[y - (block->y - ov)] - (block->x - ov);
     int32_t* c = mc->rows[y];

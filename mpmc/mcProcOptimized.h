@@ -32,6 +32,27 @@ void zycSadTable4x4Plain(const uint8_t* target, int32_t targetStride, const uint
 // The kernel in use; the plain one unless a faster one is selected.
 extern zycSadTableFn zycSadTable4x4;
 
+// The first index of the smallest of 1024 table entries (all below 2^31).
+using zycBestEntry16Fn = int32_t (*)(const uint16_t* table);
+using zycBestEntry32Fn = int32_t (*)(const uint32_t* table);
+int32_t zycBestEntry16Plain(const uint16_t* table);
+int32_t zycBestEntry32Plain(const uint32_t* table);
+extern zycBestEntry16Fn zycBestEntry16;
+extern zycBestEntry32Fn zycBestEntry32;
+
+// Sum over a size x size block of (o - clamp(mp + m))^2, m the moved pixel: the reference
+// pixel r itself for motion, ((a * r) >> 8) + b for the affine map. Rows of each image are
+// `stride` elements apart.
+using zycMovedErrorFn = int32_t (*)(const uint8_t* o, int32_t oStride, const int32_t* mp,
+                                    int32_t mpStride, const int32_t* r, int32_t rStride,
+                                    int32_t size, int32_t a, int32_t b);
+int32_t zycMotionErrorPlain(const uint8_t* o, int32_t oStride, const int32_t* mp, int32_t mpStride,
+                            const int32_t* r, int32_t rStride, int32_t size, int32_t a, int32_t b);
+int32_t zycAffineErrorPlain(const uint8_t* o, int32_t oStride, const int32_t* mp, int32_t mpStride,
+                            const int32_t* r, int32_t rStride, int32_t size, int32_t a, int32_t b);
+extern zycMovedErrorFn zycMotionError;
+extern zycMovedErrorFn zycAffineError;
+
 // The overlapped windows of the four block sizes, printed as they are made.
 void initOmcWindows();
 void freeOmcWindows();

@@ -5,12 +5,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
-#include "base/clock.h"
 #include "base/consoleLog.h"
 #include "mpmc/afProcOptimized.h"
 #include "mpmc/mcProcOptimized.h"
 #include "mpmc/mpProcOptimized.h"
+#include "mpmc/planeKernels.h"
+#include "mpmc/planeWriter.h"
 #include "stream/mpmcTables.h"
 
 McBlock* blockList = nullptr;
@@ -19,14 +21,6 @@ int32_t blockCount = 0;
 mpmcafPlaneReport planeReport;
 
 namespace {
-
-// Copies of the lists for the writer.
-struct AtomCopy {
-  int32_t x, y, atomH, atomV;
-  double coefficient;
-};
-static_assert(sizeof(AtomCopy) == 24);
-static_assert(sizeof(McBlock) == 28);
 
 int32_t SignificantBits(uint32_t v) {
   int32_t n = 0;
@@ -37,145 +31,19 @@ int32_t SignificantBits(uint32_t v) {
   return n;
 }
 
-inline int32_t Clamp255(int32_t v) { return v < 0 ? 0 : (v > 255 ? 255 : v); }
-
-int32_t LevelOf(int32_t size) { return size == 4 ? 0 : size == 8 ? 1 : size == 16 ? 2 : 3; }
+// The thread's processor time in microseconds: the report's split stays true on a busy machine.
+uint64_t CpuMicroseconds() {
+  timespec now;
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return static_cast<uint64_t>(now.tv_sec) * 1000000u + static_cast<uint64_t>(now.tv_nsec) / 1000u;
+}
 
 // Bits of |d| for the vector cost estimate, sign included: index 0..32.
 constexpr int32_t kVectorCost[33] = {1,  3,  4,  5,  7,  8,  8,  8,  10, 10, 10,
                                      11, 11, 11, 11, 11, 11, 11, 11, 11, 11, 11,
                                      11, 11, 11, 12, 12, 12, 12, 12, 12, 13, 13};
 
-// Most significant bit first into bytes; a value of n bits is cut to its low n bits.
-struct BitWriter {
-  uint8_t* out;
-  uint32_t bytes = 0;
-  uint32_t partial = 0;
-  int32_t freeBits = 8;
-
-  void Put(uint32_t value, int32_t n) {
-    for (int32_t i = n - 1; i >= 0; --i) {
-      partial = (partial << 1) | ((value >> i) & 1u);
-      if (--freeBits == 0) {
-        out[bytes++] = static_cast<uint8_t>(partial);
-        partial = 0;
-        freeBits = 8;
-      }
-    }
-  }
-  void PutRice(uint32_t value, int32_t k) {
-    for (uint32_t z = value >> k; z > 0; --z) Put(0, 1);
-    Put(1, 1);
-    Put(value, k);
-  }
-  void Pad() {
-    if (freeBits != 8) Put(0, freeBits);
-  }
-};
-
-void WriteBlockSection(BitWriter& bits, const McBlock* blocks, int32_t count, int32_t posBits) {
-  bits.Put(static_cast<uint32_t>(count), 12);
-  for (int32_t k = 0; k < 4; ++k) bits.Put(1, 1);
-  for (int32_t k = 0; k < 4; ++k) bits.Put(static_cast<uint32_t>(k), k + 1);
-  int32_t previous[2] = {0, 0};
-  for (int32_t i = 0; i < count; ++i) {
-    const McBlock& b = blocks[i];
-    bits.Put(b.type, 1);
-    bits.Put(static_cast<uint32_t>(((b.y * param.width) >> 4) + (b.x >> 2)), posBits);
-    bits.Put(static_cast<uint32_t>(LevelOf(b.size)), 2);
-    if (b.type == 0) {
-      const int32_t v[2] = {quantRound(b.dx * 2.0), quantRound(b.dy * 2.0)};
-      for (int32_t axis = 0; axis < 2; ++axis) {
-        int32_t d = v[axis] - previous[axis];
-        if (d < -32) d += 64;
-        if (d > 31) d -= 64;
-        const int32_t magnitude = std::abs(d);
-        bits.Put(zycVectorCode(magnitude), zycVectorCodeBits(magnitude));
-        if (magnitude) bits.Put(d < 0 ? 1 : 0, 1);
-        previous[axis] = v[axis];
-      }
-    } else {
-      bits.Put(static_cast<uint32_t>(std::clamp(b.a + 1024, 0, 4095)), 12);
-      bits.Put(static_cast<uint32_t>(std::clamp(b.b + 256, 0, 511)), 9);
-    }
-  }
-}
-
-void WriteAtomSection(BitWriter& bits, const AtomCopy* list, int32_t count, double step) {
-  bits.Put(static_cast<uint32_t>(count), 12);
-  if (count == 0) return;
-  int32_t* positions = static_cast<int32_t*>(mpmcAlloc(sizeof(int32_t) * count));
-  int32_t* magnitudes = static_cast<int32_t*>(mpmcAlloc(sizeof(int32_t) * count));
-  int32_t minLevel = 0;
-  for (int32_t i = 0; i < count; ++i) {
-    positions[i] = list[i].y * param.width + list[i].x;
-    magnitudes[i] = std::abs(quantRound(list[i].coefficient / step));
-    if (i == 0 || magnitudes[i] < minLevel) minLevel = magnitudes[i];
-  }
-  if (minLevel > 1023) {
-    zycLog("!! offset overflow = %d\n", minLevel);
-    std::fflush(stdout);
-    std::exit(1);
-  }
-  int32_t kPos = 0;
-  int64_t bestPos = 0;
-  for (int32_t k = 0; k < 16; ++k) {
-    int64_t sum = 0;
-    int32_t previous = 0;
-    for (int32_t i = 0; i < count; ++i) {
-      sum += ((positions[i] - previous) >> k) + 1 + k;
-      previous = positions[i];
-    }
-    if (k == 0 || sum < bestPos) {
-      bestPos = sum;
-      kPos = k;
-    }
-  }
-  int64_t costs[16];
-  zycLevelCosts(magnitudes, count, minLevel, costs);
-  int32_t choice = 0;
-  for (int32_t c = 1; c < 16; ++c)
-    if (costs[c] < costs[choice]) choice = c;
-  const int32_t kLevel = choice & 7;
-  const uint32_t swap = choice >= 8 ? 1 : 0;
-  const uint32_t mask = 1u << kLevel;
-  bits.Put(static_cast<uint32_t>(kPos), 4);
-  bits.Put(swap, 1);
-  bits.Put(static_cast<uint32_t>(kLevel), 3);
-  bits.Put(static_cast<uint32_t>(step) / 4 - 1, 4);
-  bits.Put(static_cast<uint32_t>(minLevel), 10);
-  int32_t previous = 0;
-  for (int32_t i = 0; i < count; ++i) {
-    bits.PutRice(static_cast<uint32_t>(positions[i] - previous), kPos);
-    previous = positions[i];
-    bits.Put(static_cast<uint32_t>(list[i].atomV), 4);
-    bits.Put(static_cast<uint32_t>(list[i].atomH), 4);
-    uint32_t n = static_cast<uint32_t>(magnitudes[i] - minLevel);
-    if (swap) n = n == 0 ? mask : (n == mask ? 0 : n);
-    bits.PutRice(n, kLevel);
-    bits.Put(list[i].coefficient > 0 ? 0 : 1, 1);
-  }
-  mpmcFree(magnitudes);
-  mpmcFree(positions);
-}
-
 }  // namespace
-
-int32_t zycVectorCodeBits(int32_t magnitude) {
-  static constexpr int32_t kBits[11] = {1, 2, 3, 4, 6, 7, 7, 7, 9, 9, 9};
-  if (magnitude <= 10) return kBits[magnitude];
-  if (magnitude <= 24) return 10;
-  if (magnitude <= 30) return 11;
-  return 12;
-}
-
-uint32_t zycVectorCode(int32_t magnitude) {
-  static constexpr uint32_t kCodes[11] = {1, 1, 1, 1, 3, 5, 4, 3, 11, 10, 9};
-  if (magnitude <= 10) return kCodes[magnitude];
-  if (magnitude <= 24) return static_cast<uint32_t>(17 - (magnitude - 11));
-  if (magnitude <= 30) return static_cast<uint32_t>(7 - (magnitude - 25));
-  return magnitude == 31 ? 3 : 2;
-}
 
 int32_t blockBits(int32_t index) {
   const McBlock& entry = blockList[index];
@@ -263,6 +131,13 @@ double mcaf_proc(const mpmcParam* p, const McRect& changedRect) {
               blockBits(blockCount);
   if (entry.type == 0) {
     if (p->halfPel) {
+      // Ratios already found, by half-pel offset from the first centre (-2 .. 2 each way): a
+      // position tried twice gives the same ratio, so it is looked up instead.
+      double tried[5][5];
+      bool known[5][5] = {};
+      tried[2][2] = bestRatio;
+      known[2][2] = true;
+      const float startX = entry.dx, startY = entry.dy;
       float centreX = entry.dx, centreY = entry.dy;
       for (int32_t round = 0; round < 2; ++round) {
         float bestX = centreX, bestY = centreY;
@@ -272,12 +147,17 @@ double mcaf_proc(const mpmcParam* p, const McRect& changedRect) {
             if (nx < -p->searchRange || nx >= p->searchRange || ny < -p->searchRange ||
                 ny >= p->searchRange)
               continue;
-            entry.dx = nx;
-            entry.dy = ny;
-            const double ratio = static_cast<double>(applyBlock(&entry, mcImage, nullptr, nullptr, &rect, -1)) /
-                                 blockBits(blockCount);
-            if (ratio > bestRatio) {
-              bestRatio = ratio;
+            const int32_t ix = static_cast<int32_t>((nx - startX) * 2.0f) + 2;
+            const int32_t iy = static_cast<int32_t>((ny - startY) * 2.0f) + 2;
+            if (!known[iy][ix]) {
+              entry.dx = nx;
+              entry.dy = ny;
+              tried[iy][ix] = static_cast<double>(applyBlock(&entry, mcImage, nullptr, nullptr, &rect, -1)) /
+                              blockBits(blockCount);
+              known[iy][ix] = true;
+            }
+            if (tried[iy][ix] > bestRatio) {
+              bestRatio = tried[iy][ix];
               bestX = nx;
               bestY = ny;
             }
@@ -310,6 +190,7 @@ double chooseQuantStep(double minGain) {
 
 void mpmcafBeginJob(uint32_t width, uint32_t height) {
   setDefaultParam();
+  zycSelectPlaneKernels(zycBestPlaneKernels());
   param.width = static_cast<int32_t>(width);
   param.height = static_cast<int32_t>(height);
   buildPlaneBuffers();
@@ -330,8 +211,8 @@ void encodePlane(const uint8_t* source, const uint8_t* reference, uint8_t* recon
   param.targetBits = static_cast<int32_t>(targetBits);
   const int32_t w = param.width, h = param.height;
   planeReport = {};
-  uint64_t clock = zycClockMicroseconds();
-  AtomCopy* atomCopies = static_cast<AtomCopy*>(mpmcAlloc(sizeof(AtomCopy) * param.maxIterations));
+  uint64_t clock = CpuMicroseconds();
+  zycAtomCopy* atomCopies = static_cast<zycAtomCopy*>(mpmcAlloc(sizeof(zycAtomCopy) * param.maxIterations));
   McBlock* blockCopies = static_cast<McBlock*>(mpmcAlloc(sizeof(McBlock) * param.maxIterations));
 
   for (int32_t y = 0; y < h; ++y) {
@@ -368,7 +249,7 @@ void encodePlane(const uint8_t* source, const uint8_t* reference, uint8_t* recon
     const double mcGain = mcaf_proc(&param, changedRect);
     const double mpGain = nextAtom(changedRect, &param);
     if (iteration == 1) {
-      const uint64_t now = zycClockMicroseconds();
+      const uint64_t now = CpuMicroseconds();
       planeReport.firstSearch = now - clock;
       clock = now;
     }
@@ -419,13 +300,13 @@ void encodePlane(const uint8_t* source, const uint8_t* reference, uint8_t* recon
     }
   }
   if (iteration > param.maxIterations) iteration = param.maxIterations;
-  uint64_t now = zycClockMicroseconds();
+  uint64_t now = CpuMicroseconds();
   planeReport.iterations = now - clock;
   clock = now;
 
   clearLabel(labelMap);  // no element carries a label: every block and atom takes all pixels
   const double step = chooseQuantStep(minGain);
-  now = zycClockMicroseconds();
+  now = CpuMicroseconds();
   planeReport.quantiser = now - clock;
   clock = now;
 
@@ -440,15 +321,10 @@ void encodePlane(const uint8_t* source, const uint8_t* reference, uint8_t* recon
     atomCopies[i] = {a->x, a->y, a->atomH, a->atomV, a->level * step};
   }
   std::memcpy(blockCopies, blockList, sizeof(McBlock) * blockCount);
-  BitWriter writer{out};
-  const int32_t posBits = SignificantBits(static_cast<uint32_t>(w * h / 16));
-  WriteBlockSection(writer, blockCopies, blockCount, posBits);
-  WriteAtomSection(writer, atomCopies, atomCount, step);
-  writer.Pad();
-  *outSize = writer.bytes;
+  *outSize = zycWritePlaneStream(blockCopies, blockCount, atomCopies, atomCount, step, w, h, out);
   mpmcFree(blockCopies);
   mpmcFree(atomCopies);
-  planeReport.writing = zycClockMicroseconds() - clock;
+  planeReport.writing = CpuMicroseconds() - clock;
   planeReport.iterationCount = iteration;
   planeReport.snr = snr;
 }

@@ -2,7 +2,7 @@
 // adds, one at a time, the motion block, affine block or atom that buys the most squared error
 // per estimated bit, until the bit budget, the SNR target or the gains run out; then the atoms'
 // quantiser step is chosen and both element lists are written as the plane's bit stream.
-// Search (the loop) and bit-exact (the stream writer) in separate halves of this module.
+// Search; the stream itself is written by the plane writer.
 // State: single-instance module state; one plane coder per process.
 #pragma once
 
@@ -29,7 +29,7 @@ double chooseQuantStep(double minGain);
 extern McBlock* blockList;
 extern int32_t blockCount;
 
-// Where the last plane's time went, in microseconds, and how it ended.
+// Where the last plane's processor time went, in microseconds, and how it ended.
 struct mpmcafPlaneReport {
   uint64_t firstSearch;  // the first iteration's searches: SAD tables and every gain
   uint64_t iterations;   // the other iterations
@@ -39,8 +39,3 @@ struct mpmcafPlaneReport {
   double snr;
 };
 extern mpmcafPlaneReport planeReport;
-
-// Bit-exact pieces of the stream writer.
-// Bits of the code of a vector difference's magnitude 0..32 (sign not included).
-int32_t zycVectorCodeBits(int32_t magnitude);
-uint32_t zycVectorCode(int32_t magnitude);

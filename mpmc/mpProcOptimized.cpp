@@ -27,6 +27,10 @@ int16_t* residual16;     // with a zero margin of 8 that is never written
 int32_t* best32;
 uint16_t* bestIndex;
 int16_t* firstPass;
+// Per row of innerProducts: the largest square and the first column holding it, so that a
+// whole-picture scan reads one value a row.
+double* rowBestSquare;
+int32_t* rowBestX;
 double cachedBest = -1.0;
 int32_t cachedX = 0, cachedY = 0;
 McRect area;  // the area of the last search
@@ -59,6 +63,80 @@ int32_t TruncateToInt32(double v) {
   return static_cast<int32_t>(v);
 }
 
+// The 16 level costs of one value n, added to `costs`.
+void AddLevelCost(int32_t n, int64_t costs[16]) {
+  int32_t m = 1;
+  for (int32_t k = 0; k < 8; ++k, m <<= 1) {
+    costs[k] += (n >> k) + 2 + k;
+    if (n == 0)
+      n = m;
+    else if (n == m)
+      n = 0;
+    costs[8 + k] += (n >> k) + 2 + k;
+  }
+}
+
+// The atom list's cost terms kept up to date as atoms are sorted in (level 0 left out): the 16
+// position sums, the smallest magnitude and the 16 level costs against it.
+struct RunningBits {
+  int64_t position[16];
+  int64_t level[16];
+  int32_t minLevel;
+  int32_t count;
+};
+RunningBits running;
+
+// The running terms with atom `a` sorted in.
+RunningBits WithAtom(const mpAtom* a) {
+  RunningBits next = running;
+  if (a->level == 0) return next;
+  const int32_t pos = a->y * width + a->x;
+  // Neighbours among the sorted atoms of non-zero level: the last at or before pos, the first at
+  // or after it. Equal positions make gaps of 0 whichever way they are ordered.
+  int32_t lo = 0, hi = atomCount;
+  while (lo < hi) {
+    const int32_t mid = (lo + hi) / 2;
+    if (sortedAtoms[mid]->y * width + sortedAtoms[mid]->x < pos) lo = mid + 1; else hi = mid;
+  }
+  int32_t before = 0;
+  bool hasAfter = false;
+  int32_t after = 0;
+  for (int32_t i = lo - 1; i >= 0; --i)
+    if (sortedAtoms[i]->level != 0) {
+      before = sortedAtoms[i]->y * width + sortedAtoms[i]->x;
+      break;
+    }
+  for (int32_t i = lo; i < atomCount; ++i)
+    if (sortedAtoms[i]->level != 0) {
+      after = sortedAtoms[i]->y * width + sortedAtoms[i]->x;
+      hasAfter = true;
+      break;
+    }
+  for (int32_t k = 0; k < 16; ++k) {
+    next.position[k] += ((pos - before) >> k) + 1 + k;
+    // The gap from before to after splits in two: one gap more, of the two new lengths.
+    if (hasAfter) next.position[k] += ((after - pos) >> k) - ((after - before) >> k);
+  }
+  const int32_t magnitude = std::abs(a->level);
+  if (running.count > 0 && magnitude >= running.minLevel) {
+    AddLevelCost(magnitude - running.minLevel, next.level);
+  } else {
+    next.minLevel = magnitude;
+    for (int32_t c = 0; c < 16; ++c) next.level[c] = 0;
+    for (int32_t i = 0; i < atomCount; ++i)
+      if (sortedAtoms[i]->level != 0) AddLevelCost(std::abs(sortedAtoms[i]->level) - magnitude, next.level);
+    AddLevelCost(0, next.level);
+  }
+  next.count += 1;
+  return next;
+}
+
+int32_t BitsOf(const RunningBits& r, int32_t atoms) {
+  const int64_t position = *std::min_element(r.position, r.position + 16);
+  const int64_t level = *std::min_element(r.level, r.level + 16);
+  return static_cast<int32_t>(position + level) + atoms * 6;
+}
+
 // Scratch for atomBits: the positions and magnitudes of the atoms in order.
 int32_t* bitsPositions = nullptr;
 int32_t* bitsMagnitudes = nullptr;
@@ -69,18 +147,7 @@ int32_t* bitsMagnitudes = nullptr;
 // with the swap carried from one k to the next.
 void zycLevelCosts(const int32_t* magnitudes, int32_t count, int32_t minLevel, int64_t costs[16]) {
   for (int32_t c = 0; c < 16; ++c) costs[c] = 0;
-  for (int32_t i = 0; i < count; ++i) {
-    int32_t n = magnitudes[i] - minLevel;
-    int32_t m = 1;
-    for (int32_t k = 0; k < 8; ++k, m <<= 1) {
-      costs[k] += (n >> k) + 2 + k;
-      if (n == 0)
-        n = m;
-      else if (n == m)
-        n = 0;
-      costs[8 + k] += (n >> k) + 2 + k;
-    }
-  }
+  for (int32_t i = 0; i < count; ++i) AddLevelCost(magnitudes[i] - minLevel, costs);
 }
 
 void zycFilterBankPlain(const zycFilterArea& a, const int16_t* dict) {
@@ -147,6 +214,7 @@ void mpProcOptimized::freeOptimizedDict() {
 
 void mpProcOptimized::buildAtomArrays(int32_t count) {
   atoms = static_cast<mpAtom*>(mpmcAlloc(static_cast<size_t>(count) * sizeof(mpAtom)));
+  std::memset(atoms, 0, static_cast<size_t>(count) * sizeof(mpAtom));
   sortedAtoms = static_cast<mpAtom**>(mpmcAlloc(static_cast<size_t>(count) * sizeof(mpAtom*)));
   bitsPositions = static_cast<int32_t*>(mpmcAlloc(static_cast<size_t>(count + 1) * sizeof(int32_t)));
   bitsMagnitudes = static_cast<int32_t*>(mpmcAlloc(static_cast<size_t>(count + 1) * sizeof(int32_t)));
@@ -174,11 +242,17 @@ void mpProcOptimized::buildWorkBuffers(int32_t w, int32_t h) {
   std::memset(residual16, 0, cells * sizeof(int16_t));
   std::memset(best32, 0, cells * sizeof(int32_t));
   std::memset(bestIndex, 0, cells * sizeof(uint16_t));
+  rowBestSquare = static_cast<double*>(mpmcAlloc(sizeof(double) * h));
+  rowBestX = static_cast<int32_t*>(mpmcAlloc(sizeof(int32_t) * h));
   cachedBest = -1.0;
   cachedX = cachedY = 0;
 }
 
 void mpProcOptimized::freeWorkBuffers() {
+  mpmcFree(rowBestX);
+  mpmcFree(rowBestSquare);
+  rowBestX = nullptr;
+  rowBestSquare = nullptr;
   mpmcFree(bestIndex);
   mpmcFree(best32);
   mpmcFree(firstPass);
@@ -194,8 +268,13 @@ void mpProcOptimized::reset() {
   fillMatrix(innerProducts, 0.0);
   fillMatrix(residual, 0.0);
   clearLabel(mpImage);
+  for (int32_t y = 0; y < height; ++y) {
+    rowBestSquare[y] = 0.0;
+    rowBestX[y] = 0;
+  }
   atomCount = 0;
   atomBitsTotal = 0;
+  running = RunningBits{};
 }
 
 void mpProcOptimized::initSearchFromProfessorData(const mpmcParam* p, Pic* source, Label* mc,
@@ -237,6 +316,15 @@ void mpProcOptimized::mpSearch() {
       ip[x] = b[x] * scale;
       index[x] = bi[x];
     }
+    double best = ip[0] * ip[0];
+    int32_t bestX = 0;
+    for (int32_t x = 1; x < width; ++x)
+      if (ip[x] * ip[x] > best) {
+        best = ip[x] * ip[x];
+        bestX = x;
+      }
+    rowBestSquare[y] = best;
+    rowBestX[y] = bestX;
   }
 }
 
@@ -249,7 +337,16 @@ double nextAtom(const McRect& changedRect, const mpmcParam* p) {
     cachedBest = -1.0;
     cachedX = cachedY = 0;
   }
-  if (cachedBest < 0) scan = {0, 0, width, height};
+  if (cachedBest < 0) {
+    // The first pixel in raster order with the largest square.
+    for (int32_t y = 0; y < height; ++y)
+      if (rowBestSquare[y] > cachedBest) {
+        cachedBest = rowBestSquare[y];
+        cachedX = rowBestX[y];
+        cachedY = y;
+      }
+    scan = {0, 0, 0, 0};
+  }
   for (int32_t y = scan.y0; y < scan.y1; ++y) {
     const double* ip = innerProducts->rows[y];
     for (int32_t x = scan.x0; x < scan.x1; ++x)
@@ -276,9 +373,14 @@ double nextAtom(const McRect& changedRect, const mpmcParam* p) {
 }
 
 int32_t applyAtom(int32_t* gainOut, McRect* changedRectOut, const mpmcParam* p) {
+  *gainOut = atomDelta(&atoms[atomCount], mcImage, mpImage, p, changedRectOut, p->quantStep);
+  return sortInAtom();
+}
+
+int32_t sortInAtom() {
   mpAtom* atom = &atoms[atomCount];
-  *gainOut = atomDelta(atom, mcImage, mpImage, p, changedRectOut, p->quantStep);
-  const int32_t n = atomBits(atomCount) - atomBitsTotal;
+  const RunningBits next = WithAtom(atom);
+  const int32_t n = BitsOf(next, atomCount + 1) - atomBitsTotal;
   const int32_t position = atom->y * width + atom->x;
   int32_t i = atomCount;
   while (i > 0 && position <= sortedAtoms[i - 1]->y * width + sortedAtoms[i - 1]->x) {
@@ -286,6 +388,7 @@ int32_t applyAtom(int32_t* gainOut, McRect* changedRectOut, const mpmcParam* p) 
     --i;
   }
   sortedAtoms[i] = atom;
+  running = next;
   atomBitsTotal += n;
   atomCount += 1;
   return n;
@@ -321,6 +424,13 @@ int32_t atomDelta(const mpAtom* atom, Label* mc, Label* mp, const mpmcParam* p, 
 }
 
 int32_t atomBits(int32_t last) {
+  if (last < 0) return 0;
+  // The next atom on top of the sorted ones: from the running terms.
+  if (last == atomCount) return BitsOf(WithAtom(&atoms[last]), last + 1);
+  return zycAtomBitsScan(last);
+}
+
+int32_t zycAtomBitsScan(int32_t last) {
   if (last < 0) return 0;
   // The atoms in position order, the unsorted last one merged in, level 0 left out.
   const bool merge = last >= atomCount;

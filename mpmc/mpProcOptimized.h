@@ -42,7 +42,12 @@ int32_t applyAtom(int32_t* gainOut, McRect* changedRectOut, const mpmcParam* p);
 int32_t atomDelta(const mpAtom* atom, Label* mc, Label* mp, const mpmcParam* p, McRect* rect,
                   double step);
 // Estimated bits of the atom section for atoms 0..last; atom `last` may not be sorted in yet.
+// The next atom's estimate comes from terms kept up to date as atoms are sorted in.
 int32_t atomBits(int32_t last);
+// The same estimate from a scan of all atoms.
+int32_t zycAtomBitsScan(int32_t last);
+// Sorts atoms[atomCount] into the list and its running bit terms; returns its bits.
+int32_t sortInAtom();
 // Level costs of the magnitudes less minLevel for the 16 candidates: plain Rice k = 0..7, then
 // with values 0 and 1 << k swapped, the swapped value carried on from one k to the next.
 void zycLevelCosts(const int32_t* magnitudes, int32_t count, int32_t minLevel, int64_t costs[16]);

@@ -165,6 +165,7 @@ void freePlaneBuffers() {
 void buildJobBuffers() {
   mpProcOptimized::buildAtomArrays(param.maxIterations);
   blockList = static_cast<McBlock*>(mpmcAlloc(sizeof(McBlock) * param.maxIterations));
+  std::memset(blockList, 0, sizeof(McBlock) * param.maxIterations);
   blockSizeWords = static_cast<int32_t*>(mpmcAlloc(sizeof(int32_t) * (param.blockSizeCount + 1)));
   initOmcWindows();
   mpProcOptimized::makeDictionary();

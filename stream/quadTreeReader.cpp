@@ -6,8 +6,11 @@
 
 #include "base/byteIo.h"
 #include "stream/quadTreeFormat.h"
+#include "stream/quadTreeLerp.h"
 
 namespace {
+
+constexpr uint32_t kMaxSide = 1u << 15;  // far beyond any movie; keeps the sizes in 32 bits
 
 uint32_t Log2(uint32_t value) {
   uint32_t log = 0;
@@ -25,32 +28,8 @@ uint32_t Unpack565(uint32_t value) {
 
 uint32_t Channel(uint32_t word, int shift) { return (word >> shift) & 0xFF; }
 
-// `count` pixels from `from` towards `to`, `shift` = log2 of the distance between them: with
-// d = ((to - from) * 65536) >> shift per channel, the first pixel is from + d / 2 and each next
-// one d further, in 16.16 fixed point. Pixel k goes to dst + k * stride.
-void Lerp(uint32_t from, uint32_t to, uint32_t shift, uint32_t count, uint8_t* dst,
-          ptrdiff_t stride) {
-  int32_t value[3], step[3];
-  for (int c = 0; c < 3; ++c) {
-    const int32_t a = int32_t(Channel(from, 8 * c));
-    const int32_t b = int32_t(Channel(to, 8 * c));
-    step[c] = ((b - a) * 65536) >> shift;
-    value[c] = a * 65536 + step[c] / 2;
-  }
-  for (uint32_t k = 0; k < count; ++k, dst += stride) {
-    zycStore32(dst, uint32_t(value[0] >> 16) | uint32_t(value[1] >> 16) << 8 |
-                        uint32_t(value[2] >> 16) << 16 | 0xFF000000u);
-    value[0] += step[0];
-    value[1] += step[1];
-    value[2] += step[2];
-  }
-}
-
-uint32_t Mid(uint32_t l, uint32_t r) {
-  uint32_t m = 0xFF000000u;
-  for (int c = 0; c < 3; ++c) m |= ((Channel(l, 8 * c) + Channel(r, 8 * c)) >> 1) << (8 * c);
-  return m;
-}
+// (l + r) >> 1 in each byte.
+uint32_t Mid(uint32_t l, uint32_t r) { return (l & r) + (((l ^ r) & 0xFEFEFEFEu) >> 1); }
 
 void Fill(uint8_t* dst, uint32_t word, uint32_t count) {
   for (uint32_t k = 0; k < count; ++k) zycStore32(dst + 4 * k, word);
@@ -78,6 +57,9 @@ struct Walk {
   void Seams(uint32_t x, uint32_t y, uint32_t size);
 };
 
+// One bit a square, depth first. A square whose corner lies outside the picture has a 0 bit
+// and no block. A square across the picture's edge is always split by the coder unless it is
+// 4 pixels across; such a leaf writes only its pixels inside the picture.
 const char* Walk::Square(uint32_t x, uint32_t y, uint32_t size) {
   if (bit >= treeBits) return "tree bits past L";
   const bool split = (tree[bit >> 3] >> (7 - (bit & 7))) & 1;
@@ -104,17 +86,22 @@ const char* Walk::Square(uint32_t x, uint32_t y, uint32_t size) {
 void Walk::Leaf(uint32_t x0, uint32_t y0, uint32_t size, const uint8_t* block) {
   uint32_t p[16];
   zycDecodeQuadTreeBlock(block, p);
+  uint8_t* const base = pixels;  // locals: stores into the picture cannot change them
+  const size_t stride = pitch;
+  const auto at = [base, stride](uint32_t x, uint32_t y) { return base + y * stride + size_t(x) * 4; };
   const uint8_t logSize = uint8_t(Log2(size));
-  const uint32_t xEnd = x0 + size < width ? x0 + size : width;
-  const uint32_t yEnd = y0 + size < height ? y0 + size : height;
-  for (uint32_t cy = y0 / 4; cy < (yEnd + 3) / 4; ++cy)
-    memset(reader->leafLog + size_t(cy) * cellsWide + x0 / 4, logSize, (xEnd + 3) / 4 - x0 / 4);
 
   if (size == kQuadTreeMinSize) {
-    for (uint32_t y = y0; y < yEnd; ++y)
-      for (uint32_t x = x0; x < xEnd; ++x) zycStore32(At(x, y), p[(y - y0) * 4 + (x - x0)]);
+    reader->leafLog[size_t(y0 / 4) * cellsWide + x0 / 4] = logSize;
+    uint8_t bytes[64];
+    for (int i = 0; i < 16; ++i) zycStore32(bytes + 4 * i, p[i]);
+    const uint32_t columns = x0 + 4 <= width ? 4 : width - x0;
+    const uint32_t rows = y0 + 4 <= height ? 4 : height - y0;
+    for (uint32_t r = 0; r < rows; ++r) memcpy(at(x0, y0 + r), bytes + 16 * r, 4 * columns);
     return;
   }
+  for (uint32_t cy = y0 / 4; cy < (y0 + size) / 4; ++cy)
+    memset(reader->leafLog + size_t(cy) * cellsWide + x0 / 4, logSize, size / 4);
 
   // The 16 pixels sit at the cell centres, h in from the edges and c apart. Rows first, into
   // the scratch, then columns into the picture: the square's inner 3c x 3c pixels.
@@ -122,50 +109,31 @@ void Walk::Leaf(uint32_t x0, uint32_t y0, uint32_t size, const uint8_t* block) {
   uint32_t* rows = reader->centreRows;
   for (uint32_t r = 0; r < 4; ++r)
     for (uint32_t k = 0; k < 3; ++k)
-      Lerp(p[4 * r + k], p[4 * r + k + 1], logC, c,
+      zycQuadTreeLerp(p[4 * r + k], p[4 * r + k + 1], logC, c,
            reinterpret_cast<uint8_t*>(rows + r * span + k * c), 4);
-  int32_t* steps = reader->columnSteps;
   for (uint32_t r = 0; r < 3; ++r) {
-    const uint32_t* upper = rows + r * span;
-    const uint32_t* lower = upper + span;
+    uint8_t* top = at(x0 + h, y0 + h + r * c);
     for (uint32_t t = 0; t < span; ++t)
-      for (int ch = 0; ch < 3; ++ch) {
-        const int32_t a = int32_t(Channel(upper[t], 8 * ch));
-        const int32_t b = int32_t(Channel(lower[t], 8 * ch));
-        const int32_t d = ((b - a) * 65536) >> logC;
-        steps[6 * t + 2 * ch] = a * 65536 + d / 2;
-        steps[6 * t + 2 * ch + 1] = d;
-      }
-    for (uint32_t m = 0; m < c; ++m) {
-      uint8_t* dst = At(x0 + h, y0 + h + r * c + m);
-      for (uint32_t t = 0; t < span; ++t) {
-        int32_t* s = steps + 6 * t;
-        zycStore32(dst + 4 * t, uint32_t(s[0] >> 16) | uint32_t(s[2] >> 16) << 8 |
-                                    uint32_t(s[4] >> 16) << 16 | 0xFF000000u);
-        s[0] += s[1];
-        s[2] += s[3];
-        s[4] += s[5];
-      }
-    }
+      zycQuadTreeLerp(rows[r * span + t], rows[(r + 1) * span + t], logC, c, top + 4 * t, ptrdiff_t(stride));
   }
 
   // Bands: every row and column of them repeats the nearest interpolated pixel. The seam
   // ramps of the parents then replace what lies along inner seams.
   const uint32_t inner0 = y0 + h, inner1 = y0 + size - h - 1;  // first and last inner rows
   for (uint32_t k = 0; k < h; ++k) {
-    memcpy(At(x0 + h, y0 + k), At(x0 + h, inner0), size_t(span) * 4);
-    memcpy(At(x0 + h, inner1 + 1 + k), At(x0 + h, inner1), size_t(span) * 4);
+    memcpy(at(x0 + h, y0 + k), at(x0 + h, inner0), size_t(span) * 4);
+    memcpy(at(x0 + h, inner1 + 1 + k), at(x0 + h, inner1), size_t(span) * 4);
   }
   for (uint32_t y = inner0; y <= inner1; ++y) {
-    Fill(At(x0, y), Word(x0 + h, y), h);
-    Fill(At(x0 + size - h, y), Word(x0 + size - h - 1, y), h);
+    Fill(at(x0, y), zycLoad32(at(x0 + h, y)), h);
+    Fill(at(x0 + size - h, y), zycLoad32(at(x0 + size - h - 1, y)), h);
   }
   // Corners: the block's corner pixels, flat.
   for (uint32_t k = 0; k < h; ++k) {
-    Fill(At(x0, y0 + k), p[0], h);
-    Fill(At(x0 + size - h, y0 + k), p[3], h);
-    Fill(At(x0, inner1 + 1 + k), p[12], h);
-    Fill(At(x0 + size - h, inner1 + 1 + k), p[15], h);
+    Fill(at(x0, y0 + k), p[0], h);
+    Fill(at(x0 + size - h, y0 + k), p[3], h);
+    Fill(at(x0, inner1 + 1 + k), p[12], h);
+    Fill(at(x0 + size - h, inner1 + 1 + k), p[15], h);
   }
 }
 
@@ -188,8 +156,8 @@ void Walk::Seams(uint32_t x, uint32_t y, uint32_t size) {
       for (uint32_t row = cy * 4; row < yEnd; ++row) {
         const uint32_t l = Word(seamX - 1 - hA, row), r = Word(seamX + hB, row);
         const uint32_t m = Mid(l, r);
-        if (a > 2) Lerp(l, m, a - 3, hA, At(seamX - hA, row), 4);
-        if (b > 2) Lerp(m, r, b - 3, hB, At(seamX, row), 4);
+        if (a > 2) zycQuadTreeLerp(l, m, a - 3, hA, At(seamX - hA, row), 4);
+        if (b > 2) zycQuadTreeLerp(m, r, b - 3, hB, At(seamX, row), 4);
       }
     }
   }
@@ -205,14 +173,32 @@ void Walk::Seams(uint32_t x, uint32_t y, uint32_t size) {
       for (uint32_t col = cx * 4; col < xEnd; ++col) {
         const uint32_t l = Word(col, seamY - 1 - hA), r = Word(col, seamY + hB);
         const uint32_t m = Mid(l, r);
-        if (a > 2) Lerp(l, m, a - 3, hA, At(col, seamY - hA), down);
-        if (b > 2) Lerp(m, r, b - 3, hB, At(col, seamY), down);
+        if (a > 2) zycQuadTreeLerp(l, m, a - 3, hA, At(col, seamY - hA), down);
+        if (b > 2) zycQuadTreeLerp(m, r, b - 3, hB, At(col, seamY), down);
       }
     }
   }
 }
 
 }  // namespace
+
+void zycQuadTreeLerpPlain(uint32_t from, uint32_t to, uint32_t shift, uint32_t count, uint8_t* dst,
+                          ptrdiff_t stride) {
+  int32_t value[3], step[3];
+  for (int c = 0; c < 3; ++c) {
+    const int32_t a = int32_t(Channel(from, 8 * c));
+    const int32_t b = int32_t(Channel(to, 8 * c));
+    step[c] = ((b - a) * 65536) >> shift;
+    value[c] = a * 65536 + step[c] / 2;
+  }
+  for (uint32_t k = 0; k < count; ++k, dst += stride) {
+    zycStore32(dst, uint32_t(value[0] >> 16) | uint32_t(value[1] >> 16) << 8 |
+                        uint32_t(value[2] >> 16) << 16 | 0xFF000000u);
+    value[0] += step[0];
+    value[1] += step[1];
+    value[2] += step[2];
+  }
+}
 
 void zycDecodeQuadTreeBlock(const uint8_t block[8], uint32_t out[16]) {
   const uint32_t a = zycLoad16(block), b = zycLoad16(block + 2);
@@ -231,12 +217,12 @@ void zycDecodeQuadTreeBlock(const uint8_t block[8], uint32_t out[16]) {
 
 bool zycQuadTreeReader::Setup(uint32_t width, uint32_t height) {
   Release();
+  if (width > kMaxSide || height > kMaxSide) return false;
   const uint32_t cells = ((width + 3) / 4) * ((height + 3) / 4);
   const uint32_t span = 3 * zycQuadTreeRootSize(width, height) / 4;
   leafLog = static_cast<uint8_t*>(malloc(cells ? cells : 1));
   centreRows = static_cast<uint32_t*>(malloc(sizeof(uint32_t) * 4 * span));
-  columnSteps = static_cast<int32_t*>(malloc(sizeof(int32_t) * 6 * span));
-  if (!leafLog || !centreRows || !columnSteps) {
+  if (!leafLog || !centreRows) {
     Release();
     return false;
   }
@@ -250,10 +236,8 @@ bool zycQuadTreeReader::Setup(uint32_t width, uint32_t height) {
 void zycQuadTreeReader::Release() {
   free(leafLog);
   free(centreRows);
-  free(columnSteps);
   leafLog = nullptr;
   centreRows = nullptr;
-  columnSteps = nullptr;
   leafLogBytes = spanCapacity = setupWidth = setupHeight = 0;
 }
 

@@ -8,7 +8,8 @@
 #include <cstdint>
 
 struct zycQuadTreeReader {
-  // Sizes the scratch for pictures up to width x height; once per movie. false if out of memory.
+  // Sizes the scratch for pictures up to width x height; once per movie. false if out of memory
+  // (or a side is above 32768).
   bool Setup(uint32_t width, uint32_t height);
   // Decodes the quad-tree image of `bytes` bytes into `pixels` (32-bit B,G,R,255, `pitch`
   // bytes per row) for a picture of width x height (the size that was compressed). Returns
@@ -24,7 +25,6 @@ struct zycQuadTreeReader {
   uint8_t* leafLog = nullptr;     // log2 of the leaf's side over each 4 x 4 cell of the picture
   uint32_t leafLogBytes = 0;
   uint32_t* centreRows = nullptr;  // a leaf's four block rows interpolated along x
-  int32_t* columnSteps = nullptr;  // per column and channel: the running value and its step
   uint32_t spanCapacity = 0;       // pixels of one interpolated row that the scratch holds
 };
 

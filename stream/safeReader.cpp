@@ -307,6 +307,8 @@ bool zycSafeReader::WalkZyl0() {
   }
   if (!walker.error().empty()) {
     Problem(walker.error());
+    // The walk stopped on a section that runs past the end: the entry is that section.
+    if (entry.offset == walker.position()) SalvageCut(entry);
     return false;
   }
   CheckTail(walker.position());
@@ -314,6 +316,58 @@ bool zycSafeReader::WalkZyl0() {
     Problem("the sections hold " + Num(walker.framesPassed()) + " frames, the header says " +
             Num(header_.frameCount));
   return true;
+}
+
+void zycSafeReader::SalvageCut(zycSectionEntry entry) {
+  const uint64_t start = entry.offset + kSectionHeaderSizeZyl0;
+  if (zycPacking(header_) != kPackingDeflate || entry.header.frames == 0 ||
+      start >= file_.size()) {
+    return;
+  }
+  entry.header.size = uint32_t(file_.size() - start);
+  const uint32_t index = uint32_t(sections_.size());
+  const size_t problems = problems_.size();
+  std::vector<uint8_t> bytes;
+  const bool unpacked = Unpack(entry, index, &bytes);
+  problems_.resize(problems);  // the cut is the problem; what the bytes give is what is left
+  if (!unpacked && bytes.empty()) return;
+  std::vector<zycFrameItems> items;
+  size_t pos = 0;
+  for (uint32_t i = 0; i < entry.header.frames; ++i) {
+    zycFrameItems frame;
+    if (!zycSplitFrame(bytes.data() + pos, bytes.size() - pos, &frame)) break;
+    items.push_back(frame);
+    pos += frame.frameBytes;
+  }
+  if (items.empty()) return;
+  zycSafeSection section;
+  section.offset = entry.offset;
+  section.frames = uint32_t(items.size());
+  section.firstFrame = uint32_t(entry.firstFrame);
+  section.packedBytes = entry.header.size;
+  section.unpackedBytes = pos;
+  sections_.push_back(section);
+  bytes.resize(pos);
+  unpacked_.push_back(std::move(bytes));
+  pos = 0;
+  for (size_t i = 0; i < items.size(); ++i) {
+    zycSafeFrame f;
+    f.section = index;
+    f.key = i == 0;
+    f.offset = pos;
+    f.flags = items[i].flags;
+    f.bytes = items[i].frameBytes;
+    f.treeBytes = items[i].tree.size;
+    f.motionBytes = items[i].motion.size;
+    f.colourBytes = items[i].colour.size;
+    f.imageBytes = items[i].image.size;
+    f.soundBytes = items[i].sound.size;
+    f.fadeBytes = items[i].fade.size;
+    f.tableBytes = items[i].table.size;
+    frames_.push_back(f);
+    items_.push_back(items[i]);
+    pos += items[i].frameBytes;
+  }
 }
 
 bool zycSafeReader::Unpack(const zycSectionEntry& entry, uint32_t index,

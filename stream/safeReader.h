@@ -78,7 +78,8 @@ class zycSafeReader {
   void SetLimits(const zycSafeReaderLimits& limits) { limits_ = limits; }
 
   // Reads and walks the file. False with error() when anything in the container is wrong:
-  // the sections and frames found up to the fault stay listed.
+  // the sections and frames found up to the fault stay listed. A ZYL0 deflate movie cut short
+  // inside a section also lists the whole frames of what is left of that section.
   bool Open(const std::string& path);
   // The same on bytes in memory; `name` stands for the file in messages.
   bool OpenMemory(const uint8_t* data, size_t size, const std::string& name);
@@ -126,6 +127,7 @@ class zycSafeReader {
   bool WalkZyl0();
   bool WalkZyl1();
   bool Unpack(const zycSectionEntry& entry, uint32_t index, std::vector<uint8_t>* out);
+  void SalvageCut(zycSectionEntry entry);
   void Problem(const std::string& text);
   void CheckTail(size_t walkedTo);
   std::string FramePlace(uint32_t frame) const;

@@ -416,6 +416,8 @@ void zycFrameDecoder::DecodeImage(uint8_t* output) {
   }
 }
 
+void zycExpandTableBlock(const uint8_t block[8], uint8_t out[48]) { expandBlock(block, out); }
+
 void zycDecodeDxt1Block(const zycFrameDecoder& tables, uint32_t colourWord, uint32_t indexWord,
                         uint32_t out[16]) {
   uint32_t palette[4];

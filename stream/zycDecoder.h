@@ -129,6 +129,11 @@ struct zycFrameDecoder {
   void Release();
 };
 
+// Expands an 8-byte DXT1 block of a still image codebook or a table image to the 48-byte block
+// the block table holds: 16 pixels of three bytes (top field, middle field, low field), row by
+// row, mixed colours truncated.
+void zycExpandTableBlock(const uint8_t block[8], uint8_t out[48]);
+
 // Decodes one DXT1 block (colour word: color0 low, color1 high; index word: pixel 0 in bits
 // 0-1) to 16 pixel words, row by row, exactly as the 32-bit routine does; with `tables.yuv`
 // non-zero the colours are YUV and are converted through the state's tables.

@@ -361,11 +361,12 @@ double ratio(double whole, double part) { return part > 0 ? whole / part : 0.0; 
 }  // namespace
 
 VQSLSQCompressor::VQSLSQCompressor(bool sse)
-    : useSse(sse), powers(new double[SLSQ_MAX_RESOLUTION * kSlsqPowers]) {
+    : useSse(sse) {
   scratch = static_cast<uint8_t*>(std::aligned_alloc(16, kScratchBytes));
 }
 
 VQSLSQCompressor::~VQSLSQCompressor() {
+  clearChain();
   std::free(currentImage);
   std::free(scratch);
 }
@@ -376,10 +377,11 @@ uint32_t VQSLSQCompressor::compress(const uint8_t* image, uint32_t width, uint32
   stats = VQSLSQStatistics();
 
   // Powers, a fresh chain, working arrays.
-  slsqFillPowers(powers.get());
-  tableCount = 0;
-  tableBytes = 0;
-  droppedBytes = 0;
+  // Powers for every position of the picture, wrapped as the decoder wraps them.
+  const int powerRows = int(std::max<uint32_t>({uint32_t(SLSQ_MAX_RESOLUTION), width, height}));
+  powers.assign(size_t(powerRows) * kSlsqPowers, 0.0);
+  slsqFillPowers(powers.data(), powerRows);
+  clearChain();
   pendingReset = 0;
   const uint32_t blocksX = width / 8, blocksY = height / 8;
   const uint32_t blockCount = blocksX * blocksY;
@@ -390,7 +392,7 @@ uint32_t VQSLSQCompressor::compress(const uint8_t* image, uint32_t width, uint32
   for (size_t i = 0; i < sampleCount; ++i) pixels[i] = float(image[i]);
 
   // Surfaces.
-  SurfacePhase surfacePhase(powers.get(), pixels.data(), width, height, records.data(), verbose);
+  SurfacePhase surfacePhase(powers.data(), pixels.data(), width, height, records.data(), verbose);
   const std::vector<uint8_t> elements = surfacePhase.run(referenceGroupSearch);
   const uint32_t elementCount = uint32_t(elements.size() / kVqSurfaceElementBytes);
   const double vqStart = threadSeconds();
@@ -547,8 +549,12 @@ uint32_t VQSLSQCompressor::compress(const uint8_t* image, uint32_t width, uint32
   std::memcpy(currentImage, out, total);
   currentImageSize = total;
 
-  // The chain restarts at this image: its codebook is the first table of the ring.
+  // The chain restarts at this image: its codebook is the first table of the ring, which the
+  // decoder fills from its start.
   tableBytes = codebookTableBytes;
+  stillInChain = true;
+  ringBytes = tableLimit;
+  ringWritePos = codebookTableBytes;
 
   stats.blockCount = blockCount;
   stats.slsqBlocks = slsqBlocks;

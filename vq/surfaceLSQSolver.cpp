@@ -1,12 +1,13 @@
 // Least-squares surface fit of 8x8 blocks.
 #include "vq/surfaceLSQSolver.h"
 
-void slsqFillPowers(double* powers) {
-  for (int i = 0; i < SLSQ_MAX_RESOLUTION; ++i) {
+void slsqFillPowers(double* powers, int rows) {
+  for (int i = 0; i < rows; ++i) {
+    const int coordinate = i % SLSQ_MAX_RESOLUTION;
     double p = 1.0;
     for (int k = 0; k < kSlsqPowers; ++k) {
       powers[i * kSlsqPowers + k] = p;
-      p *= double(i);
+      p *= double(coordinate);
     }
   }
 }

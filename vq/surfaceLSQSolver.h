@@ -9,12 +9,15 @@
 #include <cmath>
 #include <cstdint>
 
-// Largest picture side the power table covers.
+// Period of the surface coordinates: the decoder takes a pixel's column and row modulo 1024.
 constexpr int SLSQ_MAX_RESOLUTION = 1024;
 constexpr int kSlsqPowers = 5;  // powers 0 to 4
 
-// Fills powers[i * 5 + k] = i^k in 64-bit floats for i < 1024, k < 5 (0^0 is 1).
-void slsqFillPowers(double* powers);
+// Fills powers[i * 5 + k] = (i mod 1024)^k in 64-bit floats for i < `rows`, k < 5 (0^0 is 1):
+// the coordinate a decoder gives position i. Looked up by absolute position, the table makes
+// every fit use the coordinates the decoder will use, also in pictures wider or taller than
+// 1024, where a surface block (8 pixels, never across a multiple of 1024) sees them wrap.
+void slsqFillPowers(double* powers, int rows = SLSQ_MAX_RESOLUTION);
 
 // Moment sums M[a][b] = sum of x^a y^b, kept for a + b < 5.
 struct SlsqMoments {

@@ -12,8 +12,12 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavfilter/avfilter.h>
+#include <libavfilter/buffersink.h>
+#include <libavfilter/buffersrc.h>
 #include <libavformat/avformat.h>
 #include <libavutil/channel_layout.h>
+#include <libavutil/display.h>
 #include <libavutil/imgutils.h>
 #include <libavutil/opt.h>
 #include <libswresample/swresample.h>
@@ -391,12 +395,16 @@ class VideoStream final : public StreamThread {
     Stop();
     av_frame_free(&current_);
     av_frame_free(&upcoming_);
+    av_frame_free(&filtered_);
+    av_frame_free(&spare_);
+    avfilter_graph_free(&graph_);
     sws_freeContext(scaler_);
   }
 
   // Opens the picture stream, takes the frame rate and the count, and decodes the first frame,
   // whose time stamp is frame 0. Returns the error text, or empty on success.
-  std::string Open(const std::string& path, std::string* description) {
+  std::string Open(const std::string& path, const zycSourceOptions& options,
+                   std::string* description, std::vector<std::string>* changes) {
     std::string detail;
     const int result = reader_.Open(path, AVMEDIA_TYPE_VIDEO, &detail);
     if (result == 1) return "No input! (" + detail + ")";
@@ -409,6 +417,8 @@ class VideoStream final : public StreamThread {
     height_ = stream->codecpar->height;
     if (width_ <= 0 || height_ <= 0) return "Unsupported media type! (no picture size)";
     fps_ = av_q2d(av_guess_frame_rate(reader_.format(), stream, nullptr));
+    const double fileFps = fps_;
+    if (options.frameRate > 0) fps_ = options.frameRate;
     if (!(fps_ > 0 && fps_ < 1000 && std::isfinite(fps_))) return "Invalid FPS";
     current_ = av_frame_alloc();
     upcoming_ = av_frame_alloc();
@@ -416,13 +426,39 @@ class VideoStream final : public StreamThread {
     if (!reader_.Receive()) return "Unsupported media type! (no picture could be decoded)";
     const int64_t first = reader_.frame()->best_effort_timestamp;
     origin_ = first == AV_NOPTS_VALUE ? 0 : first;
+    const int fileWidth = width_, fileHeight = height_;
+    std::string graph;
+    const int turn = options.autoRotate ? Rotation(stream) : 0;
+    if (turn == 90) graph = "transpose=clock";
+    if (turn == 180) graph = "hflip,vflip";
+    if (turn == 270) graph = "transpose=cclock";
+    if (turn != 0) {
+      changes->push_back("pictures turned " + std::to_string(turn) +
+                         " degrees clockwise by the file's rotation");
+    }
+    if (!options.filters.empty()) graph += (graph.empty() ? "" : ",") + options.filters;
+    if (!graph.empty()) {
+      const std::string failure = MakeFilters(graph, reader_.frame());
+      if (!failure.empty()) return failure;
+    }
     TakeFirst();
     frameCount_ = CountFrames(path);
     pitch_ = (width_ * 3 + 3) & ~3;
     picture_.assign(size_t(pitch_) * size_t(height_), 0);
+    if (width_ != fileWidth || height_ != fileHeight) {
+      changes->push_back("pictures made " + std::to_string(width_) + "x" +
+                         std::to_string(height_) + " from " + std::to_string(fileWidth) + "x" +
+                         std::to_string(fileHeight));
+    }
+    if (fps_ != fileFps) {
+      char text[96];
+      std::snprintf(text, sizeof(text), "pictures taken at %.5g fps instead of %.5g", fps_,
+                    fileFps);
+      changes->push_back(text);
+    }
     char text[160];
     std::snprintf(text, sizeof(text), "%s %dx%d %.5g fps, %u frames",
-                  avcodec_get_name(stream->codecpar->codec_id), width_, height_, fps_,
+                  avcodec_get_name(stream->codecpar->codec_id), fileWidth, fileHeight, fileFps,
                   frameCount_);
     *description = text;
     return "";
@@ -439,6 +475,7 @@ class VideoStream final : public StreamThread {
 
   double fps() const { return fps_; }
   double originSeconds() const { return double(origin_) * reader_.timeBase(); }
+  double endSeconds() const { return originSeconds() + double(frameCount_) / fps_; }
   int32_t width() const { return width_; }
   int32_t height() const { return height_; }
   uint32_t frameCount() const { return frameCount_; }
@@ -546,8 +583,93 @@ class VideoStream final : public StreamThread {
     if (reader_.Reopen() && reader_.Receive()) TakeFirst();
   }
 
+  // The rotation of the stream's display matrix, clockwise, in steps of 90 degrees.
+  static int Rotation(const AVStream* stream) {
+    const uint8_t* matrix = av_stream_get_side_data(stream, AV_PKT_DATA_DISPLAYMATRIX, nullptr);
+    if (!matrix) return 0;
+    double theta = -std::round(av_display_rotation_get(reinterpret_cast<const int32_t*>(matrix)));
+    theta -= 360 * std::floor(theta / 360 + 0.9 / 360);
+    const int turn = int(std::lround(theta / 90)) % 4 * 90;
+    return std::fabs(theta - turn) < 1 ? turn : 0;
+  }
+
+  // Builds the filter graph for pictures like `sample`; the picture size becomes the graph's.
+  std::string MakeFilters(const std::string& description, const AVFrame* sample) {
+    graph_ = avfilter_graph_alloc();
+    filtered_ = av_frame_alloc();
+    if (!graph_ || !filtered_) return "Set format failed";
+    graph_->nb_threads = 1;
+    char arguments[256];
+    const AVRational aspect = sample->sample_aspect_ratio.num > 0 ? sample->sample_aspect_ratio
+                                                                  : AVRational{1, 1};
+    std::snprintf(arguments, sizeof(arguments),
+                  "video_size=%dx%d:pix_fmt=%d:time_base=1/%d:pixel_aspect=%d/%d",
+                  sample->width, sample->height, sample->format, 1000, aspect.num, aspect.den);
+    AVFilterInOut* inputs = nullptr;
+    AVFilterInOut* outputs = nullptr;
+    int result = avfilter_graph_create_filter(&graphIn_, avfilter_get_by_name("buffer"), "in",
+                                              arguments, nullptr, graph_);
+    if (result >= 0) {
+      result = avfilter_graph_create_filter(&graphOut_, avfilter_get_by_name("buffersink"),
+                                            "out", nullptr, nullptr, graph_);
+    }
+    if (result >= 0) {
+      outputs = avfilter_inout_alloc();
+      inputs = avfilter_inout_alloc();
+      if (!outputs || !inputs) result = AVERROR(ENOMEM);
+    }
+    if (result >= 0) {
+      outputs->name = av_strdup("in");
+      outputs->filter_ctx = graphIn_;
+      inputs->name = av_strdup("out");
+      inputs->filter_ctx = graphOut_;
+      result = avfilter_graph_parse_ptr(graph_, description.c_str(), &inputs, &outputs, nullptr);
+    }
+    avfilter_inout_free(&inputs);
+    avfilter_inout_free(&outputs);
+    if (result >= 0) result = avfilter_graph_config(graph_, nullptr);
+    if (result < 0) {
+      return "the picture filters '" + description + "' were refused (" + AvErrorText(result) +
+             ")";
+    }
+    width_ = av_buffersink_get_w(graphOut_);
+    height_ = av_buffersink_get_h(graphOut_);
+    if (width_ <= 0 || height_ <= 0) return "the picture filters give no picture size";
+    return "";
+  }
+
+  // The picture to convert: current_, or what the filters made of it.
+  const AVFrame* Filtered() {
+    if (!graph_) return current_;
+    AVFrame* input = av_frame_clone(current_);
+    if (!input) return nullptr;
+    input->pts = filterClock_++;  // filters see a steady clock whatever the seeks did
+    const int pushed = av_buffersrc_add_frame(graphIn_, input);
+    av_frame_free(&input);
+    if (pushed < 0) return nullptr;
+    // A filter may hold pictures back: the last one out is the one to show.
+    const AVFrame* result = nullptr;
+    while (av_buffersink_get_frame(graphOut_, spare()) >= 0) {
+      std::swap(filtered_, spare_);
+      result = filtered_;
+    }
+    return result;
+  }
+
+  AVFrame* spare() {
+    if (!spare_) spare_ = av_frame_alloc();
+    av_frame_unref(spare_);
+    return spare_;
+  }
+
   void Convert() {
-    const AVFrame* frame = current_;
+    const AVFrame* frame = Filtered();
+    // A filter that holds a picture back leaves the last one in place.
+    if (!frame) return;
+    if (frame->width != width_ || frame->height != height_) {
+      std::fill(picture_.begin(), picture_.end(), 0);
+      return;
+    }
     scaler_ = sws_getCachedContext(scaler_, frame->width, frame->height,
                                    AVPixelFormat(frame->format), width_, height_,
                                    AV_PIX_FMT_BGR24,
@@ -599,6 +721,12 @@ class VideoStream final : public StreamThread {
 
   StreamReader reader_;
   SwsContext* scaler_ = nullptr;
+  AVFilterGraph* graph_ = nullptr;  // the picture filters, or none
+  AVFilterContext* graphIn_ = nullptr;
+  AVFilterContext* graphOut_ = nullptr;
+  AVFrame* filtered_ = nullptr;
+  AVFrame* spare_ = nullptr;
+  int64_t filterClock_ = 0;
   AVFrame* current_ = nullptr;   // the picture shown at currentIndex_
   AVFrame* upcoming_ = nullptr;  // the next decoded picture
   bool haveCurrent_ = false;
@@ -631,7 +759,7 @@ class AudioStream final : public StreamThread {
 
   // Opens the sound stream. Returns 0, 2 when there is none, or another code with `error`.
   int Open(const std::string& path, double originSeconds, std::string* error,
-           std::string* description) {
+           std::string* description, std::vector<std::string>* changes) {
     std::string detail;
     const int result = reader_.Open(path, AVMEDIA_TYPE_AUDIO, &detail);
     if (result == 2) return 2;
@@ -647,16 +775,22 @@ class AudioStream final : public StreamThread {
       return 3;
     }
     originSeconds_ = originSeconds;
+    const int sourceChannels = channels_;
+    channels_ = std::min(channels_, 2);  // the movie holds mono or stereo
     if (!MakeResampler()) {
       *error = "Set format failed";
       return 3;
+    }
+    if (sourceChannels != channels_) {
+      changes->push_back("sound downmixed from " + std::to_string(sourceChannels) +
+                         " to 2 channels");
     }
     nextPosition_ = 0;
     trimming_ = true;
     startChecked_ = false;
     char text[120];
     std::snprintf(text, sizeof(text), "%s %d ch %d Hz",
-                  avcodec_get_name(parameters->codec_id), channels_, rate_);
+                  avcodec_get_name(parameters->codec_id), sourceChannels, rate_);
     *description = text;
     return 0;
   }
@@ -673,6 +807,22 @@ class AudioStream final : public StreamThread {
 
   int32_t channels() const { return channels_; }
   int32_t rate() const { return rate_; }
+  // The stream's span in seconds on the file's clock; false when the file does not tell.
+  bool Span(double* start, double* end) const {
+    const AVStream* stream = reader_.stream();
+    const double timeBase = reader_.timeBase();
+    *start = stream->start_time == AV_NOPTS_VALUE ? 0 : double(stream->start_time) * timeBase;
+    if (stream->duration != AV_NOPTS_VALUE && stream->duration > 0) {
+      *end = *start + double(stream->duration) * timeBase;
+      return true;
+    }
+    const AVFormatContext* format = reader_.format();
+    if (format->duration == AV_NOPTS_VALUE || format->duration <= 0) return false;
+    const double formatStart =
+        format->start_time == AV_NOPTS_VALUE ? 0 : double(format->start_time) / AV_TIME_BASE;
+    *end = formatStart + double(format->duration) / AV_TIME_BASE;
+    return true;
+  }
   void SetGrabber(zylAudioGrabber* grabber) { grabber_ = grabber; }
 
  protected:
@@ -779,10 +929,18 @@ class AudioStream final : public StreamThread {
     AVChannelLayout layout;
     av_channel_layout_default(&layout, channels_);
     AVCodecContext* codec = reader_.codec();
+    // Channels without names can't be mixed by position: take the usual layout of their count.
+    AVChannelLayout input;
+    if (codec->ch_layout.order == AV_CHANNEL_ORDER_UNSPEC) {
+      av_channel_layout_default(&input, codec->ch_layout.nb_channels);
+    } else {
+      av_channel_layout_copy(&input, &codec->ch_layout);
+    }
     const int result = swr_alloc_set_opts2(&resampler_, &layout, AV_SAMPLE_FMT_S16, rate_,
-                                           &codec->ch_layout, codec->sample_fmt,
-                                           codec->sample_rate, 0, nullptr);
+                                           &input, codec->sample_fmt, codec->sample_rate, 0,
+                                           nullptr);
     av_channel_layout_uninit(&layout);
+    av_channel_layout_uninit(&input);
     return result >= 0 && swr_init(resampler_) >= 0;
   }
 
@@ -819,6 +977,8 @@ struct zycFfmpegSource::State {
   std::string error;
   std::string note;
   std::string description;
+  std::vector<std::string> changes;
+  std::vector<std::string> warnings;
 };
 
 zycFfmpegSource::zycFfmpegSource() : state_(std::make_unique<State>()) {}
@@ -826,16 +986,24 @@ zycFfmpegSource::zycFfmpegSource() : state_(std::make_unique<State>()) {}
 zycFfmpegSource::~zycFfmpegSource() { Close(); }
 
 bool zycFfmpegSource::Open(const std::string& path, bool wantSound) {
+  zycSourceOptions options;
+  options.wantSound = wantSound;
+  return Open(path, options);
+}
+
+bool zycFfmpegSource::Open(const std::string& path, const zycSourceOptions& options) {
   Close();
   State& s = *state_;
   s.error.clear();
   s.note.clear();
   s.description.clear();
+  s.changes.clear();
+  s.warnings.clear();
   av_log_set_level(AV_LOG_FATAL);
 
   auto video = std::make_unique<VideoStream>();
   std::string videoText;
-  const std::string failure = video->Open(path, &videoText);
+  const std::string failure = video->Open(path, options, &videoText, &s.changes);
   if (!failure.empty()) {
     s.error = path + ": " + failure;
     return false;
@@ -843,11 +1011,12 @@ bool zycFfmpegSource::Open(const std::string& path, bool wantSound) {
   s.description = videoText;
 
   std::unique_ptr<AudioStream> audio;
-  if (wantSound) {
+  if (options.wantSound) {
     audio = std::make_unique<AudioStream>();
     std::string audioError, audioText;
     // Sound position 0 is the time of the first picture.
-    const int result = audio->Open(path, video->originSeconds(), &audioError, &audioText);
+    const int result =
+        audio->Open(path, video->originSeconds(), &audioError, &audioText, &s.changes);
     if (result == 2) {
       s.note = path + ": No Audio stream found!";
       audio.reset();
@@ -856,6 +1025,17 @@ bool zycFfmpegSource::Open(const std::string& path, bool wantSound) {
       audio.reset();
     } else {
       s.description += ", " + audioText;
+      double soundStart = 0, soundEnd = 0;
+      const double pictureStart = video->originSeconds(), pictureEnd = video->endSeconds();
+      if (audio->Span(&soundStart, &soundEnd) &&
+          (soundEnd <= pictureStart || soundStart >= pictureEnd)) {
+        char text[200];
+        std::snprintf(text, sizeof(text),
+                      "the sound (%.2f s to %.2f s) and the pictures (%.2f s to %.2f s) do not "
+                      "overlap in time: the movie will be silent",
+                      soundStart, soundEnd, pictureStart, pictureEnd);
+        s.warnings.push_back(path + ": " + text);
+      }
     }
   }
 
@@ -913,3 +1093,5 @@ zylSource* zycFfmpegSource::source() { return &state_->source; }
 const std::string& zycFfmpegSource::error() const { return state_->error; }
 const std::string& zycFfmpegSource::note() const { return state_->note; }
 const std::string& zycFfmpegSource::description() const { return state_->description; }
+const std::vector<std::string>& zycFfmpegSource::changes() const { return state_->changes; }
+const std::vector<std::string>& zycFfmpegSource::warnings() const { return state_->warnings; }

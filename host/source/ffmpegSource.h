@@ -1,5 +1,7 @@
 // A media source for the codec on FFmpeg's libraries: any file FFmpeg reads becomes a zylSource.
 //
+// Sound of more than two channels is downmixed to stereo, the most the movie holds.
+//
 // The file is opened twice, once for the picture and once for the sound, so that each stream
 // seeks on its own. Each stream has a streaming thread that decodes one sample ahead and hands
 // it to the grabber callback of the descriptor, which holds the thread until the frame pump sets
@@ -25,8 +27,20 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "codec/zylCodec.h"
+
+// How the file's pictures and sound are shaped on the way in.
+struct zycSourceOptions {
+  bool wantSound = true;  // false: the sound stream is left closed
+  double frameRate = 0;   // pictures are sampled at this rate instead of the file's (0: its own)
+  // A filter graph of the FFmpeg filter library that takes one picture and gives one, such as
+  // "scale=320:240" or "crop=iw/2:ih:0:0"; empty for none. Where it gives none, the picture
+  // before repeats. The file's rotation is applied before it.
+  std::string filters;
+  bool autoRotate = true;  // turn pictures upright by the stream's display matrix
+};
 
 class zycFfmpegSource {
  public:
@@ -39,6 +53,7 @@ class zycFfmpegSource {
   // closed. False with error() naming the file: "No input!", "No video stream found!",
   // "Unsupported media type!", "Invalid FPS", "Set format failed".
   bool Open(const std::string& path, bool wantSound = true);
+  bool Open(const std::string& path, const zycSourceOptions& options);
   // Stops and joins the streaming threads and releases everything. Open may follow.
   void Close();
 
@@ -49,6 +64,12 @@ class zycFfmpegSource {
   const std::string& note() const;
   // The file's stream description, as "h264 568x320 30 fps, aac mono 44100 Hz".
   const std::string& description() const;
+  // What was changed on the way in ("sound downmixed from 6 to 2 channels", "pictures turned
+  // 90 degrees by the file's rotation"), one text each; empty when nothing.
+  const std::vector<std::string>& changes() const;
+  // Remarks about the file that may make the movie differ from what the user expects, such as
+  // sound and pictures that do not overlap in time.
+  const std::vector<std::string>& warnings() const;
 
  private:
   struct State;

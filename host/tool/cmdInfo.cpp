@@ -76,6 +76,14 @@ int RunInfo(const CommandArgs& words) {
   if (files.size() != 1) return Fail(kExitUsage, "info takes one FILE (see zyl info --help)");
   const std::string& path = files[0];
 
+  std::string reason;
+  if (!LooksLikeMovie(path, &reason)) {
+    if (json) {
+      std::fprintf(ToolOut(), "{\"file\": %s, \"problems\": [%s]}\n", JsonString(path).c_str(),
+                   JsonString(reason).c_str());
+    }
+    return Fail(kExitInput, "%s", reason.c_str());
+  }
   zycSafeReader reader;
   const bool opened = reader.Open(path);
   std::vector<std::string> problems = reader.problems();
@@ -201,8 +209,8 @@ int RunInfo(const CommandArgs& words) {
                    section.packedBytes, (unsigned long long)section.unpackedBytes);
     }
     if (reader.undecodableFrames() > 0) {
-      std::fprintf(out, "  note           %u frames use codings this build can't decode\n",
-                   reader.undecodableFrames());
+      std::fprintf(out, "  note           %s use codings this build can't decode\n",
+                   Count(reader.undecodableFrames(), "frame", "frames").c_str());
     }
     if (problems.empty()) {
       std::fprintf(out, "  problems       none%s\n", quick ? " in the container" : "");

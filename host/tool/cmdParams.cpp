@@ -65,7 +65,8 @@ int RunParams(const CommandArgs& words) {
   codec->Destroy();
   std::fprintf(out,
                "\n\"-\": not used by that format. (n): set only, the codec can't read it back.\n"
-               "zyl encode sets uFMT=230400, and iFMT=1 for zyl1, unless given.\n\n%s",
+               "zyl encode sets DXTC=6 (the library's own default is 0), uFMT=230400, and iFMT=1\n"
+               "for zyl1, unless given.\n\n%s",
                kDxtLadder);
   return kExitOk;
 }

@@ -151,11 +151,15 @@ class RgbWriter final : public FrameWriter {
 
 class PngWriter final : public FrameWriter {
  public:
-  explicit PngWriter(const std::string& pattern) : pattern_(pattern) {}
+  PngWriter(const std::string& pattern, bool single) : pattern_(pattern), single_(single) {}
 
   bool Write(const PictureView& picture) override {
     char name[4096];
-    std::snprintf(name, sizeof(name), pattern_.c_str(), index_++);
+    if (single_) {
+      std::snprintf(name, sizeof(name), "%s", pattern_.c_str());
+    } else {
+      std::snprintf(name, sizeof(name), pattern_.c_str(), index_++);
+    }
     StagedFile staged;
     if (!staged.Create(name, true)) {
       error_ = staged.error();
@@ -207,6 +211,7 @@ class PngWriter final : public FrameWriter {
   }
 
   std::string pattern_;
+  bool single_;
   int index_ = 0;
   std::vector<uint8_t> row_;
 };
@@ -257,12 +262,13 @@ std::unique_ptr<FrameWriter> MakeRgbWriter(const std::string& path, std::string*
   return writer;
 }
 
-std::unique_ptr<FrameWriter> MakePngWriter(const std::string& pattern, std::string* error) {
-  if (!IsFramePattern(pattern)) {
+std::unique_ptr<FrameWriter> MakePngWriter(const std::string& pattern, std::string* error,
+                                           bool single) {
+  if (!single && !IsFramePattern(pattern)) {
     *error = "'" + pattern + "' needs one frame number conversion, like frame%04d.png";
     return nullptr;
   }
-  return std::make_unique<PngWriter>(pattern);
+  return std::make_unique<PngWriter>(pattern, single);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -279,13 +285,18 @@ void Put16(uint8_t* at, uint32_t value) {
 
 }  // namespace
 
-bool WavWriter::Open(const std::string& path, uint32_t channels, uint32_t rate) {
-  path_ = path;
-  if (!staged_.Create(path, true)) {
+bool WavWriter::Open(const std::string& path, uint32_t channels, uint32_t rate,
+                     uint64_t expectedBytes) {
+  path_ = path == "-" ? "standard output" : path;
+  toolOut_ = path == "-";
+  if (toolOut_) {
+    file_ = ToolOut();
+  } else if (!staged_.Create(path, true)) {
     error_ = staged_.error();
     return false;
+  } else {
+    file_ = staged_.file();
   }
-  file_ = staged_.file();
   uint8_t header[44] = {'R', 'I', 'F', 'F', 0, 0, 0, 0, 'W', 'A', 'V', 'E',
                         'f', 'm', 't', ' ', 16, 0, 0, 0};
   Put16(header + 20, 1);
@@ -295,6 +306,11 @@ bool WavWriter::Open(const std::string& path, uint32_t channels, uint32_t rate) 
   Put16(header + 32, channels * 2);
   Put16(header + 34, 16);
   std::memcpy(header + 36, "data", 4);
+  // Sizes known up front make a file that a pipe can carry whole; Finish corrects them in a
+  // file it can seek.
+  const uint64_t data = std::min<uint64_t>(expectedBytes, 0xFFFFFFFFull - 36);
+  Put32(header + 4, uint32_t(36 + data));
+  Put32(header + 40, uint32_t(data));
   if (std::fwrite(header, 1, 44, file_) != 44) {
     error_ = path + ": write failed" + Reason(errno);
     return false;
@@ -320,6 +336,12 @@ bool WavWriter::Write(const int16_t* samples, size_t count) {
 
 bool WavWriter::Finish() {
   if (!file_) return false;
+  if (toolOut_) {
+    const bool flushed = std::fflush(file_) == 0;
+    file_ = nullptr;
+    if (!flushed) error_ = path_ + ": write failed" + Reason(errno);
+    return flushed;
+  }
   uint8_t size[4];
   Put32(size, uint32_t(36 + dataBytes_));
   bool ok = std::fseek(file_, 4, SEEK_SET) == 0 && std::fwrite(size, 1, 4, file_) == 4;

@@ -9,11 +9,12 @@ namespace {
 
 const char kUsage[] =
     "usage: zyl COMMAND [arguments]   (zyl COMMAND --help for more)\n"
+    "       zyl --version\n"
     "\n"
     "commands:\n"
     "  encode INPUT OUTPUT.zyl     encode any video file into a movie\n"
     "  info FILE                   header, sections, duration, data rate and problems\n"
-    "  decode FILE OUT             decoded pictures as Y4M, raw RGB or PNG files\n"
+    "  decode FILE OUT             decoded pictures as Y4M, raw RGB or PNG files, sound as WAV\n"
     "  append A.zyl B.zyl          append movie B to movie A\n"
     "  replace FILE REPLACEMENT --start N [--count M]\n"
     "                              replace a stretch of key-frame-aligned frames\n"
@@ -21,12 +22,19 @@ const char kUsage[] =
     "                              whole frame\n"
     "  params                      the parameter tags, their defaults and meanings\n"
     "\n"
+    "encode and decode: -o OUT names the output, -y replaces an output that exists and -n\n"
+    "refuses at once, -q keeps quiet but for warnings and errors, \"-\" is standard input or\n"
+    "output. Every command: -- ends the options; of two options that set the same thing,\n"
+    "the last counts, with a warning.\n"
+    "\n"
     "exit status:\n"
     "  0  success\n"
     "  1  usage error (unknown command or option, bad value, bad parameter tag)\n"
     "  2  input error (missing, unreadable, not a video, or a damaged movie)\n"
     "  3  output error (can't write, or the encoder refused the job)\n"
-    "  4  stopped by Ctrl-C; the movie holds the frames done so far\n";
+    "  4  stopped by Ctrl-C; the movie holds the frames done so far\n"
+    "  5  append, replace: the two movies differ in a field they must share\n"
+    "  6  replace: the frame range does not fit the movie's key frames or length\n";
 
 }  // namespace
 
@@ -40,6 +48,10 @@ int main(int argc, char** argv) {
   const CommandArgs args(argv + 2, argv + argc);
   if (command == "--help" || command == "-h" || command == "help") {
     std::fputs(kUsage, ToolOut());
+    return kExitOk;
+  }
+  if (command == "--version" || command == "-V") {
+    std::fprintf(ToolOut(), "zyl %s (ZYL0 and ZYL1 movies; ZYL0 encoding)\n", ZYL_VERSION);
     return kExitOk;
   }
   if (command == "encode") return RunEncode(args);

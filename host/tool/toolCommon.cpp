@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "base/fileIo.h"
+#include "stream/zylFormat.h"
 
 FILE* ToolOut() {
   static FILE* out = [] {
@@ -39,42 +40,120 @@ void Note(const char* format, ...) {
   std::fputc('\n', stderr);
 }
 
-QuietConsole::QuietConsole(bool verbose) {
-  ToolOut();  // the copy of the real output exists before the descriptor is moved
-  if (verbose) return;
-  std::fflush(stdout);
-  const int null = open("/dev/null", O_WRONLY);
-  if (null < 0) return;
-  saved_ = dup(STDOUT_FILENO);
-  if (saved_ >= 0) dup2(null, STDOUT_FILENO);
-  close(null);
+void Warn(const char* format, ...) {
+  std::fflush(ToolOut());
+  std::fputs("zyl: warning: ", stderr);
+  va_list args;
+  va_start(args, format);
+  std::vfprintf(stderr, format, args);
+  va_end(args);
+  std::fputc('\n', stderr);
 }
 
-QuietConsole::~QuietConsole() {
-  if (saved_ < 0) return;
+int LastGiven(const std::vector<std::pair<const char*, size_t>>& places) {
+  int last = -1;
+  for (size_t i = 0; i < places.size(); ++i) {
+    if (places[i].second == std::string::npos) continue;
+    if (last < 0 || places[i].second > places[size_t(last)].second) last = int(i);
+  }
+  for (size_t i = 0; i < places.size(); ++i) {
+    if (int(i) == last || places[i].second == std::string::npos) continue;
+    Warn("%s and %s set the same thing; the last given, %s, counts", places[i].first,
+         places[size_t(last)].first, places[size_t(last)].first);
+  }
+  return last;
+}
+
+QuietConsole::QuietConsole(bool verbose) : verbose_(verbose) {
+  ToolOut();  // the copy of the real output exists before the descriptor is moved
   std::fflush(stdout);
-  dup2(saved_, STDOUT_FILENO);
-  close(saved_);
+  int ends[2];
+  if (pipe(ends) != 0) return;
+  saved_ = dup(STDOUT_FILENO);
+  if (saved_ < 0 || dup2(ends[1], STDOUT_FILENO) < 0) {
+    if (saved_ >= 0) close(saved_);
+    saved_ = -1;
+    close(ends[0]);
+    close(ends[1]);
+    return;
+  }
+  close(ends[1]);
+  reader_ = std::thread([this, readEnd = ends[0]] { Drain(readEnd); });
+}
+
+void QuietConsole::Drain(int readEnd) {
+  constexpr size_t kKept = 16384;
+  char buffer[4096];
+  for (;;) {
+    const ssize_t got = read(readEnd, buffer, sizeof(buffer));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) break;
+    if (verbose_) {
+      std::fwrite(buffer, 1, size_t(got), stderr);
+      std::fflush(stderr);
+    }
+    caught_.append(buffer, size_t(got));
+    if (caught_.size() > 2 * kKept) caught_.erase(0, caught_.size() - kKept);
+  }
+  close(readEnd);
+}
+
+std::string QuietConsole::Stop() {
+  if (saved_ >= 0) {
+    std::fflush(stdout);
+    dup2(saved_, STDOUT_FILENO);  // the pipe's last writer goes: the reader meets its end
+    close(saved_);
+    saved_ = -1;
+  }
+  if (reader_.joinable()) reader_.join();
+  return caught_;
+}
+
+QuietConsole::~QuietConsole() { Stop(); }
+
+std::string LastConsoleLine(const std::string& text) {
+  std::string clean;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '\x1b') {  // a colour code: ESC [ ... m
+      const size_t end = text.find('m', i);
+      if (end == std::string::npos) break;
+      i = end;
+      continue;
+    }
+    clean += text[i];
+  }
+  size_t end = clean.size();
+  while (end > 0) {
+    while (end > 0 && (clean[end - 1] == '\n' || clean[end - 1] == ' ')) --end;
+    const size_t start = clean.rfind('\n', end == 0 ? 0 : end - 1);
+    const size_t from = start == std::string::npos ? 0 : start + 1;
+    if (end > from) return clean.substr(from, end - from);
+    if (start == std::string::npos) break;
+    end = start;
+  }
+  return "";
 }
 
 Arguments::Arguments(const std::vector<std::string>& args) : args_(args) {
   taken_.assign(args_.size(), false);
 }
 
-bool Arguments::Flag(const char* name) {
+bool Arguments::Flag(const char* name, size_t* at) {
   bool found = false;
   for (size_t i = 0; i < args_.size(); ++i) {
     if (args_[i] == "--") break;
     if (!taken_[i] && args_[i] == name) {
       taken_[i] = true;
       found = true;
+      if (at) *at = i;
     }
   }
+  if (!found && at) *at = std::string::npos;
   return found;
 }
 
-std::vector<std::string> Arguments::Values(const char* name) {
-  std::vector<std::string> values;
+std::vector<std::pair<size_t, std::string>> Arguments::Occurrences(const char* name) {
+  std::vector<std::pair<size_t, std::string>> values;
   const std::string withEquals = std::string(name) + "=";
   for (size_t i = 0; i < args_.size(); ++i) {
     if (args_[i] == "--") break;
@@ -83,22 +162,38 @@ std::vector<std::string> Arguments::Values(const char* name) {
       taken_[i] = true;
       if (i + 1 < args_.size()) {
         taken_[i + 1] = true;
-        values.push_back(args_[++i]);
+        values.emplace_back(i, args_[i + 1]);
+        ++i;
       } else {
         missingValue_ = name;
       }
     } else if (args_[i].rfind(withEquals, 0) == 0) {
       taken_[i] = true;
-      values.push_back(args_[i].substr(withEquals.size()));
+      values.emplace_back(i, args_[i].substr(withEquals.size()));
     }
   }
   return values;
 }
 
-std::string Arguments::Value(const char* name, bool* given) {
-  const std::vector<std::string> values = Values(name);
+std::vector<std::string> Arguments::Values(const char* name) {
+  std::vector<std::string> values;
+  for (auto& [at, value] : Occurrences(name)) values.push_back(std::move(value));
+  return values;
+}
+
+std::string Arguments::Value(const char* name, bool* given, size_t* at) {
+  const auto values = Occurrences(name);
   if (given) *given = !values.empty();
-  return values.empty() ? std::string() : values.back();
+  if (at) *at = values.empty() ? std::string::npos : values.back().first;
+  if (values.empty()) return std::string();
+  for (const auto& value : values) {
+    if (value.second != values.back().second) {
+      Warn("%s is given %zu times; the last, '%s', counts", name, values.size(),
+           values.back().second.c_str());
+      break;
+    }
+  }
+  return values.back().second;
 }
 
 std::vector<std::string> Arguments::Plain() const {
@@ -161,8 +256,8 @@ constexpr int32_t kMin() { return -kMax - 1; }
 const std::vector<ToolParam>& ToolParams() {
   static const std::vector<ToolParam> params = {
       {"DXTC", Tag("DXTC"), 0, 6, false, 0,
-       "DXT1 back end, 0..6 (see the ladder below); 0 asks for a graphics device, which does "
-       "not exist here, so 3 runs"},
+       "DXT1 back end, 0..6 (see the ladder below); zyl encode uses 6 unless given; 0 asks for "
+       "a graphics device, which does not exist here, so 3 runs"},
       {"RATI", Tag("RATI"), 1, kMax, false, 0,
        "target compression ratio: the frame budget is padded width x padded height x 3 / RATI"},
       {"SND", Tag("SND\0"), 0, 1, false, 0, "sound wanted at all (0: the movie has no sound)"},
@@ -235,7 +330,44 @@ std::string TagText(uint32_t tag) {
   return text;
 }
 
+bool Readable(const std::string& path, std::string* reason) {
+  const int fd = open(path.c_str(), O_RDONLY);
+  if (fd < 0) {
+    *reason = path + ": " + std::strerror(errno);
+    return false;
+  }
+  char byte;
+  const ssize_t got = read(fd, &byte, 1);
+  const int error = errno;
+  close(fd);
+  if (got < 0) {
+    *reason = path + ": " + std::strerror(error);
+    return false;
+  }
+  return true;
+}
+
+bool LooksLikeMovie(const std::string& path, std::string* reason) {
+  if (!Readable(path, reason)) return false;
+  uint8_t magic[4] = {};
+  FILE* file = std::fopen(path.c_str(), "rb");
+  const size_t got = file ? std::fread(magic, 1, 4, file) : 0;
+  if (file) std::fclose(file);
+  const uint32_t word = uint32_t(magic[0]) | uint32_t(magic[1]) << 8 | uint32_t(magic[2]) << 16 |
+                        uint32_t(magic[3]) << 24;
+  // Files too short for a magic are left to the reader, which tells their size.
+  if (got == 4 && word != kMagicZyl0 && word != kMagicZyl1) {
+    *reason = path + ": not a movie (no ZYL0 or ZYL1 magic)";
+    return false;
+  }
+  return true;
+}
+
 std::u16string Utf16(const std::string& text) { return zycUtf16(text); }
+
+std::string Count(uint64_t count, const char* singular, const char* plural) {
+  return std::to_string(count) + " " + (count == 1 ? singular : plural);
+}
 
 std::string HumanBytes(double bytes) {
   char text[32];

@@ -158,6 +158,49 @@ std::vector<uint8_t> Chunk(const zycMovieCheck& movie, size_t f) {
 
 }  // namespace
 
+// Phone sound outputs: without a main output the movie goes to the numbered files, each with a
+// header and its first section of its own; the first chunk then needs the phone sound library,
+// which ends the process with exit code 1.
+void BeginWithPhoneOutput(const std::string& path) {
+  const zylTestPicture& picture = Pictures(false).at(0);
+  SoundSupplier supplier;
+  supplier.samples = &Speech().samples;
+  zycEncoder encoder;
+  encoder.verbose = false;
+  encoder.embedRequest = 1;
+  encoder.soundFlags = 1 | 32;
+  zycStreamHeader header;
+  header.magic = kMagicZyl0;
+  header.frameDuration = 100000;
+  header.timeScale = 1000000;
+  header.width = uint32_t(picture.width);
+  header.height = uint32_t(picture.height);
+  header.soundRate = 16000;
+  header.soundChannels = 1;
+  FILE* extra[5] = {std::fopen(path.c_str(), "w+b"), nullptr, nullptr, nullptr, nullptr};
+  zycFileHolder none;
+  zylFrameImage image;
+  image.pixels = const_cast<uint8_t*>(picture.pixels.data());
+  image.width = picture.width;
+  image.height = picture.height;
+  zylProgress progress{};
+  encoder.Begin(header, image, &none, extra, SoundSupplier::Read, &supplier, &progress, nullptr);
+  image.pixels = nullptr;
+}
+
+TEST(SoundMovieDeathTest, PhoneOutputGetsItsHeaderThenTheProcessEnds) {
+  const std::string path =
+      ::testing::TempDir() + "soundMovie_phone_" + std::to_string(getpid()) + "_1.zyl";
+  EXPECT_EXIT(BeginWithPhoneOutput(path), ::testing::ExitedWithCode(1), "");
+  const std::vector<uint8_t> bytes = zycReadWholeFile(path);
+  std::remove(path.c_str());
+  ASSERT_EQ(bytes.size(), 64u + 6u);
+  EXPECT_EQ(bytes[0] | bytes[1] << 8 | bytes[2] << 16 | uint32_t(bytes[3]) << 24, kMagicZyl0);
+  EXPECT_EQ(bytes[12] & 2, 2);  // the header's flags tell of embedded sound
+  EXPECT_EQ(bytes[40] | bytes[41] << 8, 16000);
+  for (size_t i = 64; i < bytes.size(); ++i) EXPECT_EQ(bytes[i], 0) << i;
+}
+
 TEST(SoundMovie, ChunksComeWithTheFirstFrameAndThenEveryLeadOfSamples) {
   ASSERT_EQ(Pictures(false).size(), 8u);
   ASSERT_EQ(Speech().sampleRate, 16000u);

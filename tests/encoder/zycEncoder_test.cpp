@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <cstring>
@@ -12,6 +14,7 @@
 #include "encoder/zycEncoder.h"
 #include "stream/container.h"
 #include "stream/framePayload.h"
+#include "stream/safeReader.h"
 #include "tests/encoder/movieCheck.h"
 #include "tests/support/imageLoad.h"
 #include "tests/support/testMedia.h"
@@ -126,6 +129,24 @@ zylTestPicture Scaled(const zylTestPicture& p, int numerator, int denominator) {
 // Frames of a real clip: a few, scaled down to keep the search quick.
 std::vector<zylTestPicture> Clip(const char* name, int count, int w, int h) {
   return zylDecodeVideoFrames(zylMediaPath(name), count, w, h);
+}
+
+// Reads a movie with the reader for foreign files: no problem anywhere, and its last picture is
+// `reconstructed`.
+void ExpectSafeReaderAgrees(const std::vector<uint8_t>& bytes, const uint8_t* reconstructed,
+                            size_t pictureBytes) {
+  zycSafeReader reader;
+  ASSERT_TRUE(reader.OpenMemory(bytes.data(), bytes.size(), "table.zyl")) << reader.error();
+  std::vector<uint8_t> last;
+  for (;;) {
+    const zycSafeStatus status = reader.NextFrame();
+    if (status == zycSafeStatus::end) break;
+    ASSERT_EQ(status, zycSafeStatus::decoded) << reader.frameError();
+    last = reader.picture();
+  }
+  ASSERT_EQ(last.size(), pictureBytes);
+  for (size_t i = 0; i < pictureBytes; i += 4)
+    ASSERT_EQ(0, std::memcmp(&last[i], reconstructed + i, 3)) << "pixel " << i / 4;
 }
 
 TEST(Encoder, RealClipDecodesToTheReconstructionAfterEveryFrame) {
@@ -467,6 +488,32 @@ TEST(Encoder, HeaderTailHoldsPackingAndParametersOrTheTwoWords) {
   }
 }
 
+// Headers of versions 1 to 3 have no packing byte, so readers take their sections as deflate:
+// the encoder refuses LZMA with them before writing anything; every other pair is read back by
+// both readers.
+TEST(Encoder, EveryHeaderVersionAndPackingIsReadBackOrRefused) {
+  auto frames = Clip("tree_320x240_15fps_cinepak.avi", 2, 64, 48);
+  ASSERT_EQ(frames.size(), 2u);
+  for (uint32_t version = 0; version <= 4; ++version) {
+    for (uint32_t packing = 0; packing <= 1; ++packing) {
+      SCOPED_TRACE("version " + std::to_string(version) + " packing " + std::to_string(packing));
+      EncodeRun run("version" + std::to_string(version) + "_" + std::to_string(packing));
+      run.version = version;
+      run.encoder.packing = packing;
+      const bool refused = packing == 1 && version >= 1 && version <= 3;
+      if (refused) {
+        EXPECT_NE(run.Begin(frames[0], 15.0), 0);
+        EXPECT_TRUE(run.FileBytes().empty());
+        continue;
+      }
+      ASSERT_EQ(run.Begin(frames[0], 15.0), 0);
+      run.Next(frames[1]);
+      ExpectSafeReaderAgrees(run.FileBytes(), run.encoder.Reconstructed(),
+                             size_t(run.encoder.PaddedWidth()) * run.encoder.PaddedHeight() * 4);
+    }
+  }
+}
+
 TEST(Encoder, TwoByteMotionIndicesSetTheHeaderFlagAndDecode) {
   auto frames = Clip("walkers_768x576_10fps_120f.mkv", 2, 32, 32);
   ASSERT_EQ(frames.size(), 2u);
@@ -545,12 +592,100 @@ TEST(Encoder, CodesWithoutAnOpenOutput) {
   image.pixels = nullptr;
 }
 
-TEST(Encoder, RefusesTableBlocksWithoutWriting) {
-  zylTestPicture p = Crop(Coffee(), 0, 0, 32, 32);
-  EncodeRun run("refuseTable");
+struct TableCase {
+  const char* clip;
+  uint32_t ratio;
+  uint32_t iFrameFormat;
+  uint32_t packing;
+  uint32_t vqLimit;  // "uFMT"; 0 leaves the ring to grow frame by frame
+};
+
+class TableFrames : public ::testing::TestWithParam<TableCase> {};
+
+// Table frames of real clips: after every frame, both readers decode the file to the encoder's
+// reconstruction; the colour blocks come from the table item and the tree holds no fade node.
+TEST_P(TableFrames, RealClipDecodesToTheReconstruction) {
+  const TableCase& c = GetParam();
+  auto frames = Clip(c.clip, 6, 160, 120);
+  ASSERT_EQ(frames.size(), 6u);
+  EncodeRun run("table");
   run.encoder.pFrameFormat = 1;
-  EXPECT_NE(run.Begin(p), 0);
-  EXPECT_TRUE(run.FileBytes().empty());
+  run.encoder.ratio = c.ratio;
+  run.encoder.iFrameFormat = c.iFrameFormat;
+  run.encoder.packing = c.packing;
+  run.encoder.vqLimit = c.vqLimit;
+  // Frame 3 opens a second section: a still image, or a table frame that restarts the ring.
+  const uint32_t forced[] = {3};
+  zylKeyframeRange plan{0, 0, forced, 1, nullptr};
+  ASSERT_EQ(run.Begin(frames[0], 10.0, &plan), 0);
+  uint32_t tableFrames = 0;
+  for (size_t i = 1; i < frames.size(); ++i) {
+    run.Next(frames[i]);
+    if (HasFatalFailure()) return;
+    const uint8_t flags = run.movie.frameFlags.back();
+    EXPECT_FALSE(flags & (kFrameFlagColour | kFrameFlagFade)) << "frame " << i;
+    if (flags & kFrameFlagTable) ++tableFrames;
+    ExpectSafeReaderAgrees(run.FileBytes(), run.encoder.Reconstructed(),
+                           size_t(run.encoder.PaddedWidth()) * run.encoder.PaddedHeight() * 4);
+  }
+  EXPECT_GE(tableFrames, 3u);
+  ASSERT_EQ(run.movie.sectionFrames, (std::vector<uint32_t>{3, 3}));
+  if (c.iFrameFormat == 0) {
+    zycFrameItems items;
+    const std::vector<uint8_t>& key = run.movie.frames[3];
+    ASSERT_TRUE(zycSplitFrame(key.data(), key.size(), &items));
+    ASSERT_TRUE(items.table.present);
+    EXPECT_EQ(key[items.table.offset + 1], 1);  // reset
+  } else {
+    EXPECT_EQ(run.movie.frameFlags[3], kFrameFlagAlways | kFrameFlagImage);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Encoder, TableFrames,
+    ::testing::Values(TableCase{"walkers_768x576_10fps_120f.mkv", 100, 0, 0, 230400},
+                      TableCase{"walkers_768x576_10fps_120f.mkv", 30, 1, 0, 230400},
+                      TableCase{"tree_320x240_15fps_cinepak.avi", 30, 0, 1, 230400},
+                      TableCase{"handheld_box_640x480_30fps_sound.mp4", 100, 1, 1, 230400},
+                      TableCase{"coin_pen_568x320_30fps_sound.mov", 30, 0, 0, 0}));
+
+// A small block table over a longer clip with a hard cut: the ring fills and wraps, old
+// entries fall out, and every frame still decodes to the encoder's reconstruction.
+TEST(Encoder, TableRingWrapsThroughAHardCut) {
+  auto frames = Clip("walkers_768x576_10fps_120f.mkv", 10, 160, 120);
+  ASSERT_EQ(frames.size(), 10u);
+  frames.insert(frames.begin() + 5, Crop(Coffee(), 100, 100, 160, 120));
+  EncodeRun run("tableRing");
+  run.encoder.pFrameFormat = 1;
+  run.encoder.iFrameFormat = 1;
+  run.encoder.ratio = 30;
+  run.encoder.vqLimit = 48 * 300;
+  ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
+  for (size_t i = 1; i < frames.size(); ++i) {
+    run.Next(frames[i]);
+    if (HasFatalFailure()) return;
+  }
+  // The cut came too soon for a key frame: a P-frame of table blocks.
+  EXPECT_EQ(run.movie.sectionFrames.size(), 1u);
+  EXPECT_TRUE(run.movie.frameFlags[5] & kFrameFlagTable);
+  uint64_t written = 0;
+  uint32_t ring = 0, origins = 0;
+  for (size_t f = 1; f < run.movie.frames.size(); ++f) {
+    const std::vector<uint8_t>& frame = run.movie.frames[f];
+    zycFrameItems items;
+    ASSERT_TRUE(zycSplitFrame(frame.data(), frame.size(), &items));
+    if (!items.table.present) continue;
+    const uint8_t* image = frame.data() + items.table.offset;
+    EXPECT_EQ(image[1], 0);  // no reset after a still image
+    ring = zycLoad32(image + 4);
+    written += uint64_t(zycLoad32(image + 16)) * 48;
+    if (zycLoad32(image + 8) != 0) ++origins;
+  }
+  EXPECT_GE(ring, 48u * 300);  // raised where a frame or the still image needs more
+  EXPECT_GT(written, 2u * ring);
+  EXPECT_GT(origins, 0u);
+  ExpectSafeReaderAgrees(run.FileBytes(), run.encoder.Reconstructed(),
+                         size_t(run.encoder.PaddedWidth()) * run.encoder.PaddedHeight() * 4);
 }
 
 TEST(Encoder, RefusesLzmaWithPhoneSoundWithoutWriting) {
@@ -589,6 +724,39 @@ TEST(Encoder, StillImageKeyFramesDecodeAndMeetTheirBudget) {
   EXPECT_LE(run.progresses[0].size, int32_t(10.0 * run.encoder.CompressionSize() * double(0.2f)));
   // P-frames after a still image copy from its reconstruction.
   EXPECT_TRUE(run.movie.frameFlags[1] & kFrameFlagMotion);
+}
+
+// PSNR of the columns from `x0` on of a reconstruction (padded pitch) against the picture.
+double PsnrFromColumn(const zylTestPicture& p, const uint8_t* rebuilt, uint32_t pitch, int x0) {
+  double squares = 0.0;
+  size_t count = 0;
+  for (int y = 0; y < p.height; ++y)
+    for (int x = x0; x < p.width; ++x)
+      for (int c = 0; c < 3; ++c, ++count) {
+        const double d = double(p.pixels[(size_t(y) * p.width + x) * 4 + c]) -
+                         double(rebuilt[size_t(y) * pitch + size_t(x) * 4 + c]);
+        squares += d * d;
+      }
+  return 10.0 * std::log10(255.0 * 255.0 * double(count) / std::max(squares, 1e-9));
+}
+
+// Surface coordinates wrap at 1024 in the decoder; the still image fits its surfaces in those
+// coordinates, so the columns past 1024 look as good as the rest.
+TEST(Encoder, StillImageKeyFramesWiderThan1024PixelsDecodeWell) {
+  // A band of a real clip enlarged to 1280 pixels: the whole height of 720 costs the group
+  // search of the still image minutes.
+  auto frames = Clip("walkers_768x576_10fps_120f.mkv", 2, 1280, 128);
+  ASSERT_EQ(frames.size(), 2u);
+  EncodeRun run("still720");
+  run.encoder.iFrameFormat = 1;
+  run.encoder.ratio = 30;
+  ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
+  EXPECT_EQ(run.movie.frameFlags[0], kFrameFlagAlways | kFrameFlagImage);
+  const double left = PsnrFromColumn(frames[0], run.encoder.Reconstructed(), 1280 * 4, 0);
+  const double right = PsnrFromColumn(frames[0], run.encoder.Reconstructed(), 1280 * 4, 1024);
+  EXPECT_GT(right, 24.0);
+  EXPECT_GT(right, left - 4.0);
+  run.Next(frames[1]);
 }
 
 TEST(Encoder, PlainSimdAndSumBoundedSearchesWriteTheSameMovie) {

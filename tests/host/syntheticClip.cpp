@@ -1,12 +1,14 @@
 #include "tests/host/syntheticClip.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 #include <libavutil/channel_layout.h>
+#include <libavutil/display.h>
 }
 
 std::vector<uint8_t> SyntheticPicture(const SyntheticClip& clip, int index) {
@@ -46,6 +48,13 @@ std::string WriteSyntheticClip(const SyntheticClip& clip, const std::string& pat
     video->codecpar->codec_id = AV_CODEC_ID_RAWVIDEO;
     video->codecpar->format = AV_PIX_FMT_BGR24;
     video->codecpar->codec_tag = avcodec_pix_fmt_to_codec_tag(AV_PIX_FMT_BGR24);
+    if (clip.rotation != 0) {
+      video->codecpar->codec_tag = 0;  // the container's own tag for raw pictures
+      auto* matrix = reinterpret_cast<int32_t*>(
+          av_stream_new_side_data(video, AV_PKT_DATA_DISPLAYMATRIX, 9 * sizeof(int32_t)));
+      if (!matrix) return "no room for a display matrix";
+      av_display_rotation_set(matrix, double(clip.rotation));  // a clockwise turn
+    }
     video->codecpar->width = clip.width;
     video->codecpar->height = clip.height;
     video->time_base = AVRational{1, clip.fps};
@@ -92,7 +101,8 @@ std::string WriteSyntheticClip(const SyntheticClip& clip, const std::string& pat
       av_new_packet(packet, int(bytes));
       std::memcpy(packet->data, sound.data() + size_t(i) * samplesPerFrame * clip.channels, bytes);
       packet->stream_index = audio->index;
-      packet->pts = packet->dts = av_rescale_q(int64_t(i) * samplesPerFrame,
+      const int64_t delay = llround(clip.soundDelay * clip.sampleRate);
+      packet->pts = packet->dts = av_rescale_q(int64_t(i) * samplesPerFrame + delay,
                                                AVRational{1, clip.sampleRate}, audio->time_base);
       packet->duration = samplesPerFrame;
       packet->flags |= AV_PKT_FLAG_KEY;

@@ -14,6 +14,8 @@ struct SyntheticClip {
   int channels = 2;      // 0: no sound
   int sampleRate = 8000;
   bool video = true;     // false: sound only
+  double soundDelay = 0; // seconds the sound starts behind the first picture
+  int rotation = 0;      // degrees clockwise a player turns the pictures (".mov" keeps it)
 };
 
 // The picture of frame `index` as rows of B, G, R bytes, top row first, no padding.

@@ -7,6 +7,8 @@
 #include "mpmc/afProcOptimized.h"
 #include "mpmc/mcproc.h"
 #include "mpmc/mpProcOptimized.h"
+#include "mpmc/planeKernels.h"
+#include "mpmc/planeWriter.h"
 #include "stream/planeReader.h"
 #include "tests/mpmc/planeTestSupport.h"
 
@@ -84,6 +86,55 @@ TEST(PlaneCoder, ReaderRebuildsTheCodersReconstructionOnRealPlanes) {
   EXPECT_EQ(allocCount, 0u);
 }
 
+TEST(PlaneCoder, PlanesSmallerThanTheLargestBlockStillReadBack) {
+  // Sizes without 32- or 16-pixel block positions, one 4 modulo 8 wide; cut from real planes.
+  const auto frames = zylClipPlanes("tree_320x240_15fps_cinepak.avi", 3, 160, 120);
+  ASSERT_EQ(frames.size(), 3u);
+  auto cut = [](const std::vector<uint8_t>& plane, uint32_t w, uint32_t h) {
+    std::vector<uint8_t> out(w * h);
+    for (uint32_t y = 0; y < h; ++y)
+      for (uint32_t x = 0; x < w; ++x) out[y * w + x] = plane[(y + 40) * 160 + x + 60];
+    return out;
+  };
+  testing::internal::CaptureStdout();
+  mpmcafBeginJob(4, 4);
+  testing::internal::GetCapturedStdout();
+  for (const auto& size : {std::pair<uint32_t, uint32_t>{4, 4}, {12, 8}, {28, 20}}) {
+    SCOPED_TRACE(size.first);
+    mpmcafPlaneSize(size.first, size.second);
+    const auto reference = cut(frames[0].y, size.first, size.second);
+    const Coded coded = CodePlane(cut(frames[2].y, size.first, size.second), reference, 4000);
+    EXPECT_EQ(ReadPlane(coded, reference, size.first, size.second), coded.recon);
+  }
+  mpmcafEndJob();
+  EXPECT_EQ(allocCount, 0u);
+}
+
+TEST(PlaneCoder, FastKernelsWriteThePlainStreams) {
+  // 168 x 120: the chroma planes are 84 wide, 4 modulo 8, which takes the last column's path.
+  const auto frames = zylClipPlanes("tree_320x240_15fps_cinepak.avi", 3, 168, 120);
+  ASSERT_EQ(frames.size(), 3u);
+  testing::internal::CaptureStdout();
+  mpmcafBeginJob(168, 120);
+  testing::internal::GetCapturedStdout();
+  struct Plane { const std::vector<uint8_t>* source; const std::vector<uint8_t>* reference; uint32_t w, h, bits; };
+  const Plane planes[] = {{&frames[2].y, &frames[0].y, 168, 120, 2400},
+                          {&frames[2].u, &frames[0].u, 84, 60, 600}};
+  for (const Plane& plane : planes) {
+    mpmcafPlaneSize(plane.w, plane.h);
+    ASSERT_TRUE(zycSelectPlaneKernels(kPlaneKernelsPlain));
+    const Coded plain = CodePlane(*plane.source, *plane.reference, plane.bits);
+    for (zycPlaneKernelSet set : {kPlaneKernelsSse2, kPlaneKernelsAvx2}) {
+      if (!zycSelectPlaneKernels(set)) continue;
+      SCOPED_TRACE(set);
+      const Coded fast = CodePlane(*plane.source, *plane.reference, plane.bits);
+      EXPECT_EQ(fast.stream, plain.stream);
+      EXPECT_EQ(fast.recon, plain.recon);
+    }
+  }
+  mpmcafEndJob();
+}
+
 TEST(PlaneCoder, PlaneEqualToItsReferenceCodesNothing) {
   const auto frames = zylClipPlanes("tree_320x240_15fps_cinepak.avi", 1, 64, 48);
   ASSERT_EQ(frames.size(), 1u);
@@ -121,6 +172,26 @@ TEST(PlaneCoder, LevelCostsCarryTheSwapFromOneParameterToTheNext) {
   zycLevelCosts(magnitudes, 2, 5, costs);
   const int64_t expected[16] = {6, 7, 8, 10, 12, 14, 16, 18, 7, 6, 9, 10, 12, 14, 16, 18};
   for (int32_t c = 0; c < 16; ++c) EXPECT_EQ(costs[c], expected[c]) << c;
+}
+
+TEST(PlaneCoder, RunningAtomBitsMatchAScanOfAllAtoms) {
+  testing::internal::CaptureStdout();
+  mpmcafBeginJob(64, 48);
+  testing::internal::GetCapturedStdout();
+  mpProcOptimized::reset();
+  // (x, y, level): ties, level 0 atoms, new smallest magnitudes, atoms before the first and
+  // after the last, negative levels.
+  const int32_t list[][3] = {{10, 10, 3},  {5, 2, -7},  {10, 10, 2}, {0, 0, 0},   {63, 47, 1},
+                             {30, 20, 0},  {31, 20, -1}, {0, 0, 12}, {12, 10, 5}, {30, 20, 4},
+                             {11, 10, -2}, {62, 47, 9},  {1, 0, 1},  {40, 5, 100}};
+  for (const auto& a : list) {
+    atoms[atomCount] = mpAtom{a[0], a[1], 0, 0, 0.0, a[2]};
+    sortedAtoms[atomCount] = &atoms[atomCount];
+    EXPECT_EQ(atomBits(atomCount), zycAtomBitsScan(atomCount)) << a[0] << "," << a[1];
+    sortInAtom();
+  }
+  EXPECT_EQ(atomBitsTotal, zycAtomBitsScan(atomCount - 1));
+  mpmcafEndJob();
 }
 
 TEST(PlaneCoder, AffineFitsOfFlatAndSteepBlocks) {

@@ -6,8 +6,10 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <random>
 #include <vector>
 
+#include "stream/quadTreeLerp.h"
 #include "stream/quadTreeReader.h"
 
 namespace {
@@ -132,5 +134,20 @@ TEST(QuadTreeReader, RefusesBrokenImagesByName) {
                  c.message);
   reader.Release();
 }
+
+#ifdef ZYL_QUAD_TREE_SSE2
+// Every run the reader asks (count = 1 << shift, leaves up to 32768 across), from random pixels.
+TEST(QuadTreeReader, Sse2RampsWriteThePlainBytes) {
+  std::mt19937 random(7);
+  std::vector<uint8_t> plain(4 << 13), sse2(4 << 13);
+  for (uint32_t shift = 0; shift <= 13; ++shift)
+    for (int n = 0; n < 300; ++n) {
+      const uint32_t from = uint32_t(random()) | 0xFF000000u, to = uint32_t(random()) | 0xFF000000u;
+      zycQuadTreeLerpPlain(from, to, shift, 1u << shift, plain.data(), 4);
+      zycQuadTreeLerpSse2(from, to, shift, 1u << shift, sse2.data(), 4);
+      ASSERT_EQ(memcmp(plain.data(), sse2.data(), 4u << shift), 0) << "shift " << shift;
+    }
+}
+#endif
 
 }  // namespace

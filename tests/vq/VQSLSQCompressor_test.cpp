@@ -437,3 +437,58 @@ TEST(VQSLSQCompressor, DecompressRejectsAnotherMagic) {
 }
 
 }  // namespace
+
+// Pictures wider or taller than 1024 (strips, to keep the group search short): the decoder takes surface coordinates modulo 1024, and
+// the surfaces are fitted in those coordinates, so the blocks past 1024 decode as well as the
+// rest, surface blocks among them.
+class WidePictures : public ::testing::TestWithParam<std::pair<uint32_t, uint32_t>> {};
+
+TEST_P(WidePictures, SurfacesPast1024DecodeAsFitted) {
+  const auto [width, height] = GetParam();
+  // A cut of a photograph enlarged four times by linear interpolation: smooth enough to
+  // hold surfaces everywhere.
+  const StillPicture small = photoPicture("photo_coffee_600x400.png", 100, 20, width / 4 + 1, height / 4 + 1);
+  ASSERT_FALSE(small.pixels.empty());
+  StillPicture p;
+  p.width = width;
+  p.height = height;
+  p.pixels.resize(size_t(width) * height * 3);
+  for (uint32_t y = 0; y < height; ++y)
+    for (uint32_t x = 0; x < width; ++x)
+      for (int ch = 0; ch < 3; ++ch) {
+        auto at = [&](uint32_t sx, uint32_t sy) {
+          return int(small.pixels[(size_t(sy) * small.width + sx) * 3 + ch]);
+        };
+        const uint32_t sx = x / 4, sy = y / 4, fx = x % 4, fy = y % 4;
+        const int top = at(sx, sy) * int(4 - fx) + at(sx + 1, sy) * int(fx);
+        const int bottom = at(sx, sy + 1) * int(4 - fx) + at(sx + 1, sy + 1) * int(fx);
+        p.pixels[(size_t(y) * width + x) * 3 + ch] = uint8_t((top * int(4 - fy) + bottom * int(fy)) / 16);
+      }
+  const Compressed c = compress(p, int32_t(width * height / 4));
+  const std::vector<uint8_t> pixels = decode(c.image);
+  const WalkedStill w = walkStill(c.image);
+  // Error and surface blocks of the part with a coordinate past 1024.
+  double squares = 0.0;
+  size_t samples = 0;
+  for (uint32_t y = 0; y < height; ++y)
+    for (uint32_t x = 0; x < width; ++x) {
+      if (x < 1024 && y < 1024) continue;
+      for (int ch = 0; ch < 3; ++ch, ++samples) {
+        const double d = double(p.pixels[(size_t(y) * width + x) * 3 + ch]) -
+                         double(pixels[(size_t(y) * width + x) * 3 + ch]);
+        squares += d * d;
+      }
+    }
+  uint32_t wrappedSurfaces = 0;
+  for (uint32_t b = 0; b < w.types.size(); ++b) {
+    const uint32_t x = b % (width / 8) * 8, y = b / (width / 8) * 8;
+    if ((x >= 1024 || y >= 1024) && w.types[b] == 0) ++wrappedSurfaces;
+  }
+  EXPECT_GT(wrappedSurfaces, 4u);
+  const double psnr = 10.0 * std::log10(255.0 * 255.0 * double(samples) / squares);
+  EXPECT_GT(psnr, 26.0);
+}
+
+INSTANTIATE_TEST_SUITE_P(VQSLSQCompressor, WidePictures,
+                         ::testing::Values(std::make_pair(1280u, 96u),
+                                           std::make_pair(96u, 1152u)));

@@ -1,0 +1,41 @@
+#include "mpmc/planeKernels.h"
+
+#include "base/cpuFeatures.h"
+
+bool zycSelectPlaneKernels(zycPlaneKernelSet set) {
+  zycSadTable4x4 = zycSadTable4x4Plain;
+  zycFilterBank = zycFilterBankPlain;
+  zycMotionError = zycMotionErrorPlain;
+  zycAffineError = zycAffineErrorPlain;
+  zycBestEntry16 = zycBestEntry16Plain;
+  zycBestEntry32 = zycBestEntry32Plain;
+#if !defined(ZYL_NO_SIMD) && defined(__x86_64__)
+  if (set == kPlaneKernelsSse2 && zycCpuHasSse2()) {
+    zycSadTable4x4 = zycSadTable4x4Sse2;
+    zycFilterBank = zycFilterBankSse2;
+    zycMotionError = zycMotionErrorSse2;
+    zycAffineError = zycAffineErrorSse2;
+    zycBestEntry16 = zycBestEntry16Sse2;
+    zycBestEntry32 = zycBestEntry32Sse2;
+    return true;
+  }
+  if (set == kPlaneKernelsAvx2 && zycCpuHasAvx2()) {
+    zycSadTable4x4 = zycSadTable4x4Avx2;
+    zycFilterBank = zycFilterBankSse2;
+    zycMotionError = zycMotionErrorSse2;
+    zycAffineError = zycAffineErrorSse2;
+    zycBestEntry16 = zycBestEntry16Sse2;
+    zycBestEntry32 = zycBestEntry32Sse2;
+    return true;
+  }
+#endif
+  return set == kPlaneKernelsPlain;
+}
+
+zycPlaneKernelSet zycBestPlaneKernels() {
+#if !defined(ZYL_NO_SIMD) && defined(__x86_64__)
+  if (zycCpuHasAvx2()) return kPlaneKernelsAvx2;
+  if (zycCpuHasSse2()) return kPlaneKernelsSse2;
+#endif
+  return kPlaneKernelsPlain;
+}

@@ -1,0 +1,30 @@
+// The plane coder's kernel sets: the level-0 SAD tables and their best entries, the moved blocks' errors of the motion
+// and affine searches and the 64-filter bank, plain and with
+// SSE2 or AVX2. Every set gives the plain results bit for bit; which one runs is chosen once per
+// job from the processor's features, or by a test or benchmark.
+#pragma once
+
+#include <cstdint>
+
+#include "mpmc/mcProcOptimized.h"
+#include "mpmc/mpProcOptimized.h"
+
+enum zycPlaneKernelSet : int32_t { kPlaneKernelsPlain = 0, kPlaneKernelsSse2 = 1, kPlaneKernelsAvx2 = 2 };
+
+// Selects a set; false (and the plain set) when this build or this processor lacks it.
+bool zycSelectPlaneKernels(zycPlaneKernelSet set);
+// The fastest set this processor runs.
+zycPlaneKernelSet zycBestPlaneKernels();
+
+// Defined only in builds with SIMD.
+void zycSadTable4x4Sse2(const uint8_t* target, int32_t targetStride, const uint8_t* ref,
+                        int32_t refStride, uint16_t* out);
+void zycSadTable4x4Avx2(const uint8_t* target, int32_t targetStride, const uint8_t* ref,
+                        int32_t refStride, uint16_t* out);
+int32_t zycMotionErrorSse2(const uint8_t* o, int32_t oStride, const int32_t* mp, int32_t mpStride,
+                           const int32_t* r, int32_t rStride, int32_t size, int32_t a, int32_t b);
+int32_t zycAffineErrorSse2(const uint8_t* o, int32_t oStride, const int32_t* mp, int32_t mpStride,
+                           const int32_t* r, int32_t rStride, int32_t size, int32_t a, int32_t b);
+int32_t zycBestEntry16Sse2(const uint16_t* table);
+int32_t zycBestEntry32Sse2(const uint32_t* table);
+void zycFilterBankSse2(const zycFilterArea& area, const int16_t* dict);
