@@ -812,30 +812,34 @@ TEST(Encoder, EveryThreadCountWritesTheSameMovie) {
   const char* const clips[] = {"walkers_768x576_10fps_120f.mkv", "handheld_box_640x480_30fps_sound.mp4",
                                "coin_pen_568x320_30fps_sound.mov", "tree_320x240_15fps_cinepak.avi",
                                "walkers_speech_384x288_10fps_16k.mkv"};
+  struct Format {
+    uint32_t packing, still, table;  // "nFMT", "iFMT", "jFMT"
+  };
+  const Format formats[] = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {1, 1, 0}, {0, 0, 1}};
   const uint32_t forced[] = {2};
   const zylKeyframeRange plan{0, 0, forced, 1, nullptr};
   for (const char* clip : clips) {
     const auto frames = Clip(clip, 4, 144, 96);
     ASSERT_EQ(frames.size(), 4u) << clip;
-    for (uint32_t packing = 0; packing < 2; ++packing) {
-      for (uint32_t still = 0; still < 2; ++still) {
-        std::vector<uint8_t> first;
-        for (uint32_t threads : {1u, 2u, 3u}) {
-          EncodeRun run("threads" + std::to_string(threads));
-          run.encoder.threads = threads;
-          run.encoder.packing = packing;
-          run.encoder.iFrameFormat = still;
-          run.encoder.SetJobRange(0, 4);
-          ASSERT_EQ(run.Begin(frames[0], 25.0, &plan), 0);
-          for (size_t i = 1; i < frames.size(); ++i) run.Next(frames[i]);
-          ASSERT_TRUE(run.progresses[2].keyFrame);
-          const std::vector<uint8_t> bytes = run.FileBytes();
-          if (threads == 1) {
-            first = bytes;
-          } else {
-            EXPECT_EQ(bytes, first) << clip << " nFMT " << packing << " iFMT " << still
-                                    << " threads " << threads;
-          }
+    for (const Format& format : formats) {
+      std::vector<uint8_t> first;
+      for (uint32_t threads : {1u, 2u, 3u}) {
+        EncodeRun run("threads" + std::to_string(threads));
+        run.encoder.threads = threads;
+        run.encoder.packing = format.packing;
+        run.encoder.iFrameFormat = format.still;
+        run.encoder.pFrameFormat = format.table;
+        run.encoder.SetJobRange(0, 4);
+        ASSERT_EQ(run.Begin(frames[0], 25.0, &plan), 0);
+        for (size_t i = 1; i < frames.size(); ++i) run.Next(frames[i]);
+        ASSERT_TRUE(run.progresses[2].keyFrame);
+        const std::vector<uint8_t> bytes = run.FileBytes();
+        if (threads == 1) {
+          first = bytes;
+        } else {
+          EXPECT_EQ(bytes, first) << clip << " nFMT " << format.packing << " iFMT "
+                                  << format.still << " jFMT " << format.table << " threads "
+                                  << threads;
         }
       }
     }
