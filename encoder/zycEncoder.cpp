@@ -93,7 +93,7 @@ struct zycEncoder::State {
   zycFadeSums fadeSums;
   int8_t largeTable[kLargeMotionCount][2] = {};
   zycMotionSearch search;
-  std::vector<uint32_t> rowResults;  // the search's result of each row of top blocks
+  std::vector<uint32_t> topResults;  // the search's result of each top block
   double searchSeconds = 0.0;
   uint32_t searchCalls = 0;
 
@@ -263,26 +263,23 @@ uint32_t zycEncoder::BuildMotionVector(bool searchOff, bool buildLevels) {
     m.fadeSums = FadesSearched() ? &s.fadeSums : nullptr;
   }
 
-  // Rows of top blocks are searched apart, each taking its nodes from its own part of the
-  // pool; a tree does not depend on the thread that searched it.
+  // Top blocks are searched apart, each taking its nodes from its own part of the pool; a tree
+  // does not depend on the thread that searched it. Threads take the next top block as they
+  // become free: the work of a block varies a lot, that of whole rows too.
   const uint32_t across = s.paddedWidth / blockMax;
-  const uint32_t rows = uint32_t(s.topBlocks.size()) / across;
-  zycParallelFor(s.threads, rows, [&](uint32_t row) {
+  const uint32_t tops = uint32_t(s.topBlocks.size());
+  zycParallelFor(s.threads, tops, [&](uint32_t i) {
     zycMotionSearch local = m;
-    zycBlockPool part = s.pool.Part(row * across, across);
+    zycBlockPool part = s.pool.Part(i, 1);
     local.pool = &part;
-    uint32_t sum = 0;
-    for (uint32_t i = row * across; i < (row + 1) * across; ++i) {
-      zycBlock& b = s.topBlocks[i];
-      b.size = int32_t(blockMax);
-      b.x = int32_t((i % across) * blockMax);
-      b.y = int32_t((i / across) * blockMax);
-      sum += local.SearchBlock(b);
-    }
-    s.rowResults[row] = sum;
+    zycBlock& b = s.topBlocks[i];
+    b.size = int32_t(blockMax);
+    b.x = int32_t((i % across) * blockMax);
+    b.y = int32_t((i / across) * blockMax);
+    s.topResults[i] = local.SearchBlock(b);
   });
   uint32_t result = 0;
-  for (uint32_t row = 0; row < rows; ++row) result += s.rowResults[row];
+  for (uint32_t i = 0; i < tops; ++i) result += s.topResults[i];
   TimerStop(kTimerBuildMotionVector);
   const double seconds = double(zycClockMicroseconds() - start) / 1e6;
   s.searchSeconds += seconds;
@@ -622,7 +619,7 @@ int32_t zycEncoder::Begin(zycStreamHeader& header, const zylFrameImage& image,
   s.lastKeyFrame = 0;
   const uint32_t topCount = (s.paddedWidth / blockMax) * (s.paddedHeight / blockMax);
   s.topBlocks.assign(topCount, zycBlock());
-  s.rowResults.assign(s.paddedHeight / blockMax, 0);
+  s.topResults.assign(topCount, 0);
   s.threads = zycThreadsInUse(threads);
   s.pool.Allocate(topCount, int32_t(blockMax), int32_t(blockMin));
   const size_t bytes = s.PictureBytes();
