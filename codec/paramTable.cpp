@@ -29,6 +29,7 @@ const zycParamEntry kParams[] = {
     {zylTag('R', 'A', 'T', 'I'), &Z::ratio, &M::compressionRatio, kNoK, S::None, R::Never, false, false, false},
     {zylTag('M', 'O', 'T', 'I'), &Z::motionShift, kNoM, kNoK, S::None, R::Never, false, false, false},
     {zylTag('F', 'A', 'C', 'T'), &Z::noFade, kNoM, kNoK, S::Negated, R::Never, false, false, false},
+    {zylTag('T', 'H', 'R', 'D'), &Z::threads, kNoM, kNoK, S::None, R::Never, false, false, false},
     {zylTag('c', 'M', 'I', 'N'), &Z::errorMin, kNoM, kNoK, S::None, R::Never, false, false, false},
     {zylTag('c', 'M', 'A', 'X'), &Z::errorLimit, kNoM, kNoK, S::None, R::Never, false, false, false},
     {zylTag('i', 'R', 'A', 'T'), &Z::iRat, kNoM, kNoK, S::Hundredths, R::Never, false, false, false},

@@ -52,6 +52,8 @@ constexpr uint32_t zylTag(char a, char b, char c, char d) {
 //   "rFMT" last frame is a key frame (0)            "sFMT", "tFMT" header values (0)
 //   "uFMT" block table bytes of still images        "vFMT" LZMA dictionary size (65536)
 //   "wFMT" verbose console messages (1)
+//   "THRD" threads sharing each ZYL0 frame's work, 0 one per core (0); the movie is the same
+//          for any count, and every thread is joined before the call that started it returns
 //   "xFMT","yFMT","zFMT","{FMT" ZYL1 I-frame budget (18, 2500, 1000, 7500)
 
 // ---------------------------------------------------------------------------------------------

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "base/byteIo.h"
+#include "base/parallel.h"
 #include "dxt/dxtBackEnds.h"
 #include "dxt/yuvConvert.h"
 #include "stream/decoderTables.h"
@@ -111,14 +112,16 @@ void blockPalette(const zycDxtLevels& t, uint32_t color0, uint32_t color1, uint3
   }
 }
 
+// The preview of the level's block rows [firstRow, endRow).
 template <int level>
-void fillPreview(const zycDxtLevels& levels, uint32_t yuvCoding) {
+void fillPreview(const zycDxtLevels& levels, uint32_t yuvCoding, uint32_t firstRow,
+                 uint32_t endRow) {
   constexpr uint32_t step = 4u << level, side = 1u << level;
-  const uint32_t blocksWide = levels.width / step, blocksHigh = levels.height / step;
+  const uint32_t blocksWide = levels.width / step;
   const size_t stride = size_t(levels.width) * 4;
-  const uint8_t* block = levels.blocks[level].data();
+  const uint8_t* block = levels.blocks[level].data() + size_t(firstRow) * blocksWide * 8;
   uint32_t row[step];  // one block row, each pixel repeated `side` times
-  for (uint32_t by = 0; by < blocksHigh; ++by) {
+  for (uint32_t by = firstRow; by < endRow; ++by) {
     for (uint32_t bx = 0; bx < blocksWide; ++bx, block += 8) {
       uint32_t palette[4];
       blockPalette(levels, zycLoad16(block), zycLoad16(block + 2), yuvCoding, palette);
@@ -194,24 +197,36 @@ void zycDecodeLevelBlock(const zycDxtLevels& levels, const uint8_t block[8], uin
   for (int k = 0; k < 16; ++k) out[k] = palette[indices >> (2 * k) & 3];
 }
 
-void BuildLevels(zycDxtLevels& levels, uint8_t* picture, uint32_t& backEnd, uint32_t yuvCoding) {
+void BuildLevels(zycDxtLevels& levels, uint8_t* picture, uint32_t& backEnd, uint32_t yuvCoding,
+                 uint32_t threads) {
   // No graphics device exists to make DXT1 textures: "DXTC" 0 falls back to 3 for good.
   if (backEnd == kDxtBackEndDevice) backEnd = kDxtBackEndSquishRange;
   if (!levels.preview[0] || !picture) return;
   const uint32_t width = levels.width, height = levels.height;
-  const size_t pixelCount = size_t(width) * height;
+  const uint32_t chosen = backEnd;
 
-  // Every back end wants the byte shown as red (Cr) first: exchange bytes 0 and 2 in the
-  // picture for the time of the three levels. The back ends also see alpha 255.
-  swapForBackEnds(picture, pixelCount, levels.alpha);
-  boxFilter<2>(picture, width, height, levels.half);
-  boxFilter<4>(picture, width, height, levels.quarter);
-  zycDxtCompress(backEnd, picture, width, height, levels.blocks[0].data());
-  zycDxtCompress(backEnd, levels.half, width / 2, height / 2, levels.blocks[1].data());
-  zycDxtCompress(backEnd, levels.quarter, width / 4, height / 4, levels.blocks[2].data());
-  restoreFromBackEnds(picture, pixelCount, levels.alpha);
-
-  fillPreview<0>(levels, yuvCoding);
-  fillPreview<1>(levels, yuvCoding);
-  fillPreview<2>(levels, yuvCoding);
+  // Bands of 16 rows are independent all the way: their half and quarter rows, the blocks of
+  // the three levels and the previews of those blocks. Each band is done whole by one thread.
+  zycParallelFor(threads, height / 16, [&](uint32_t band) {
+    const uint32_t y = band * 16;
+    uint8_t* rows = picture + size_t(y) * width * 4;
+    uint8_t* alpha = levels.alpha + size_t(y) * width;
+    uint8_t* half = levels.half + size_t(y / 2) * (width / 2) * 4;
+    uint8_t* quarter = levels.quarter + size_t(y / 4) * (width / 4) * 4;
+    // Every back end wants the byte shown as red (Cr) first: exchange bytes 0 and 2 in the
+    // picture for the time of the three levels. The back ends also see alpha 255.
+    swapForBackEnds(rows, size_t(width) * 16, alpha);
+    boxFilter<2>(rows, width, 16, half);
+    boxFilter<4>(rows, width, 16, quarter);
+    zycDxtCompressHere(chosen, rows, width, 16,
+                       levels.blocks[0].data() + size_t(y / 4) * (width / 4) * 8);
+    zycDxtCompressHere(chosen, half, width / 2, 8,
+                       levels.blocks[1].data() + size_t(y / 8) * (width / 8) * 8);
+    zycDxtCompressHere(chosen, quarter, width / 4, 4,
+                       levels.blocks[2].data() + size_t(y / 16) * (width / 16) * 8);
+    restoreFromBackEnds(rows, size_t(width) * 16, alpha);
+    fillPreview<0>(levels, yuvCoding, y / 4, y / 4 + 4);
+    fillPreview<1>(levels, yuvCoding, y / 8, y / 8 + 2);
+    fillPreview<2>(levels, yuvCoding, y / 16, y / 16 + 1);
+  });
 }

@@ -43,7 +43,10 @@ struct zycDxtLevels {
 // 255). The picture is changed while the back ends run (bytes 0 and 2 exchanged, alpha 255)
 // and is as it was on return. `backEnd` is the
 // encoder's "DXTC" field: 0, for which no graphics device exists, becomes 3 here and stays so.
-void BuildLevels(zycDxtLevels& levels, uint8_t* picture, uint32_t& backEnd, uint32_t yuvCoding);
+// The work is shared by up to `threads` threads (bands of 16 rows); the levels are the same for
+// any count.
+void BuildLevels(zycDxtLevels& levels, uint8_t* picture, uint32_t& backEnd, uint32_t yuvCoding,
+                 uint32_t threads = 1);
 
 // Shrinks a picture of 4-byte pixels by `factor` (2 or 4) in each direction: each byte of each
 // output pixel is the sum of a factor x factor square of input bytes shifted right by 2 or 4,

@@ -28,6 +28,17 @@ int zycDxtBackEndSquishFlags(uint32_t backEnd) {
 void zycDxtCompress(uint32_t backEnd, const uint8_t* pixels, uint32_t width, uint32_t height,
                     uint8_t* blocks) {
   backEnd = zycDxtBackEndInUse(backEnd);
+  if (backEnd == kDxtBackEndFast || backEnd == kDxtBackEndBaseColour) {
+    zycDxtCompressHere(backEnd, pixels, width, height, blocks);
+    return;
+  }
+  zycSquish::CompressImage(pixels, int(width), int(height), blocks,
+                           zycDxtBackEndSquishFlags(backEnd));
+}
+
+void zycDxtCompressHere(uint32_t backEnd, const uint8_t* pixels, uint32_t width,
+                        uint32_t height, uint8_t* blocks) {
+  backEnd = zycDxtBackEndInUse(backEnd);
   switch (backEnd) {
     case kDxtBackEndFast:
       zycFastDxt(pixels, width, height, blocks);
@@ -36,8 +47,8 @@ void zycDxtCompress(uint32_t backEnd, const uint8_t* pixels, uint32_t width, uin
       zycCompressDxtn(4, int(width), int(height), pixels, blocks);
       break;
     default:
-      zycSquish::CompressImage(pixels, int(width), int(height), blocks,
-                               zycDxtBackEndSquishFlags(backEnd));
+      zycSquish::CompressBlocks(pixels, int(width), int(height), blocks,
+                                zycDxtBackEndSquishFlags(backEnd));
       break;
   }
 }

@@ -51,3 +51,7 @@ int zycDxtBackEndSquishFlags(uint32_t backEnd);
 // back end that `zycDxtBackEndInUse(backEnd)` names.
 void zycDxtCompress(uint32_t backEnd, const uint8_t* pixels, uint32_t width, uint32_t height,
                     uint8_t* blocks);
+// The same blocks, all made on the caller's thread (squish's own threads stay out of it), so
+// that a caller can share the rows of a picture among its threads.
+void zycDxtCompressHere(uint32_t backEnd, const uint8_t* pixels, uint32_t width, uint32_t height,
+                        uint8_t* blocks);

@@ -2,6 +2,8 @@
 
 #include <squish.h>
 
+#include <cstring>
+
 
 namespace zycSquish {
 
@@ -48,6 +50,28 @@ void CompressImage(const uint8_t* rgba, int width, int height, void* blocks, int
   // depend on the thread count.
   float metric[3];
   squish::CompressImage(rgba, width, height, blocks, TranslateFlags(flags, metric), metric);
+}
+
+void CompressBlocks(const uint8_t* rgba, int width, int height, void* blocks, int flags) {
+  float metric[3];
+  const int translated = TranslateFlags(flags, metric);
+  const int blockBytes = (translated & squish::kDxt1) ? 8 : 16;
+  uint8_t* out = static_cast<uint8_t*>(blocks);
+  for (int y = 0; y < height; y += 4) {
+    for (int x = 0; x < width; x += 4, out += blockBytes) {
+      uint8_t pixels[64] = {};
+      int mask = 0;
+      for (int py = 0; py < 4; ++py) {
+        for (int px = 0; px < 4; ++px) {
+          const int sx = x + px, sy = y + py;
+          if (sx >= width || sy >= height) continue;
+          std::memcpy(pixels + 4 * (4 * py + px), rgba + 4 * (size_t(width) * sy + sx), 4);
+          mask |= 1 << (4 * py + px);
+        }
+      }
+      squish::CompressMasked(pixels, mask, out, translated, metric);
+    }
+  }
 }
 
 void Decompress(uint8_t* rgba, const void* block, int flags) {

@@ -41,6 +41,9 @@ void CompressMasked(const uint8_t* rgba, int mask, void* block, int flags);
 // its OpenMP runtime (OMP_NUM_THREADS); the result is the same for any thread count.
 void CompressImage(const uint8_t* rgba, int width, int height, void* blocks, int flags);
 
+// The same blocks as CompressImage, made one after another on the caller's thread.
+void CompressBlocks(const uint8_t* rgba, int width, int height, void* blocks, int flags);
+
 // Decodes one block to 16 pixels R, G, B, A.
 void Decompress(uint8_t* rgba, const void* block, int flags);
 

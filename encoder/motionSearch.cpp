@@ -19,12 +19,25 @@ void zycBlockPool::Allocate(uint32_t topBlocks, int32_t blockMax, int32_t blockM
     perTop += level;
   }
   nodes_.assign(size_t(topBlocks) * perTop, zycBlock());
+  first_ = nodes_.data();
+  capacity_ = uint32_t(nodes_.size());
+  perTop_ = perTop;
   used_ = 0;
 }
 
+zycBlockPool zycBlockPool::Part(uint32_t firstTop, uint32_t count) const {
+  zycBlockPool part;
+  ZYC_ASSERT(size_t(firstTop + count) * perTop_ <= capacity_, "zycBlockPool::Part",
+             "top blocks beyond the pool");
+  part.first_ = first_ + size_t(firstTop) * perTop_;
+  part.capacity_ = count * perTop_;
+  part.perTop_ = perTop_;
+  return part;
+}
+
 zycBlock* zycBlockPool::TakeFour() {
-  ZYC_ASSERT(used_ + 4 <= nodes_.size(), "zycBlockPool::TakeFour", "block pool exhausted");
-  zycBlock* four = nodes_.data() + used_;
+  ZYC_ASSERT(used_ + 4 <= capacity_, "zycBlockPool::TakeFour", "block pool exhausted");
+  zycBlock* four = first_ + used_;
   used_ += 4;
   return four;
 }

@@ -30,14 +30,22 @@ constexpr uint32_t kErrorNextStart = 16u * 16u * 0x30000u;
 
 // Children are taken four at a time from a pool sized for a full tree under every top block;
 // the pool is emptied when the tree of a frame is dropped.
+// A part of the pool holds the nodes of a run of top blocks, so that threads searching
+// different top blocks take from different parts.
 class zycBlockPool {
  public:
   void Allocate(uint32_t topBlocks, int32_t blockMax, int32_t blockMin);
+  // A pool over the nodes of top blocks [firstTop, firstTop + count) of this one; it owns
+  // nothing and stays valid while this pool keeps its allocation.
+  zycBlockPool Part(uint32_t firstTop, uint32_t count) const;
   zycBlock* TakeFour();
   void Reset() { used_ = 0; }
 
  private:
   std::vector<zycBlock> nodes_;
+  zycBlock* first_ = nullptr;
+  uint32_t capacity_ = 0;
+  uint32_t perTop_ = 0;
   uint32_t used_ = 0;
 };
 

@@ -16,6 +16,7 @@
 #include "base/clock.h"
 #include "base/consoleLog.h"
 #include "base/cpuFeatures.h"
+#include "base/parallel.h"
 #include "base/timers.h"
 #include "dxt/buildLevels.h"
 #include "dxt/yuvConvert.h"
@@ -59,6 +60,7 @@ struct zycEncoder::State {
   uint32_t paddedHeight = 0;
   uint32_t frameIndex = 0;
   uint32_t lastKeyFrame = 0;
+  uint32_t threads = 1;  // "THRD" as Begin resolved it
   int32_t compressionSize = 0;
   int32_t credit = 0;
   long sectionStart = 0;
@@ -91,6 +93,7 @@ struct zycEncoder::State {
   zycFadeSums fadeSums;
   int8_t largeTable[kLargeMotionCount][2] = {};
   zycMotionSearch search;
+  std::vector<uint32_t> topResults;  // the search's result of each top block
   double searchSeconds = 0.0;
   uint32_t searchCalls = 0;
 
@@ -189,21 +192,27 @@ bool zycEncoder::FadesSearched() const { return !noFade && pFrameFormat == 0; }
 void zycEncoder::BuildReferences() {
   State& s = *state_;
   const uint32_t count = s.paddedWidth * s.paddedHeight;
-  zycConvertToYuv(s.previousFrame.data, s.references[0].data, count);
-  if (useSums) s.referenceSums.Build(s.references[0].data, s.paddedWidth, s.paddedHeight);
-  if (!FadesSearched()) return;
   const uint8_t* p = s.previousFrame.data;
-  for (int f = 0; f < 16; ++f) {
+  // Job 0 is the picture itself, jobs 1 to 16 its fades; each writes only its own reference.
+  const bool withFades = FadesSearched();
+  zycParallelFor(s.threads, withFades ? 17 : 1, [&](uint32_t job) {
+    if (job == 0) {
+      zycConvertToYuv(p, s.references[0].data, count);
+      if (useSums) s.referenceSums.Build(s.references[0].data, s.paddedWidth, s.paddedHeight);
+      return;
+    }
+    const int f = int(job) - 1;
     uint8_t tone[256];
     for (int c = 0; c < 256; ++c) tone[c] = f < 8 ? Darker(uint8_t(c), f) : Lighter(uint8_t(c), f);
-    uint8_t* out = s.references[f + 1].data;
+    uint8_t* out = s.references[job].data;
     for (uint32_t i = 0; i < count * 4; i += 4) {
       out[i] = tone[p[i]];
       out[i + 1] = tone[p[i + 1]];
       out[i + 2] = tone[p[i + 2]];
     }
     zycConvertToYuv(out, out, count);
-  }
+  });
+  if (!withFades) return;
   if (useSums) {
     const uint8_t* fades[16];
     for (int f = 0; f < 16; ++f) fades[f] = s.references[f + 1].data;
@@ -220,7 +229,7 @@ uint32_t zycEncoder::BuildMotionVector(bool searchOff, bool buildLevels) {
   if (buildLevels && (pFrameFormat == 0 || pFrameFormat == 1)) {
     TimerStart(kTimerDxt1Compression);
     BuildLevels(s.levels, yuvCoding ? s.sourceYuv.data : s.sourceFrame.data, dxtBackEnd,
-                yuvCoding);
+                yuvCoding, s.threads);
     TimerStop(kTimerDxt1Compression);
   }
   TimerStart(kTimerBuildMotionVector);
@@ -254,15 +263,23 @@ uint32_t zycEncoder::BuildMotionVector(bool searchOff, bool buildLevels) {
     m.fadeSums = FadesSearched() ? &s.fadeSums : nullptr;
   }
 
-  uint32_t result = 0;
+  // Top blocks are searched apart, each taking its nodes from its own part of the pool; a tree
+  // does not depend on the thread that searched it. Threads take the next top block as they
+  // become free: the work of a block varies a lot, that of whole rows too.
   const uint32_t across = s.paddedWidth / blockMax;
-  for (size_t i = 0; i < s.topBlocks.size(); ++i) {
+  const uint32_t tops = uint32_t(s.topBlocks.size());
+  zycParallelFor(s.threads, tops, [&](uint32_t i) {
+    zycMotionSearch local = m;
+    zycBlockPool part = s.pool.Part(i, 1);
+    local.pool = &part;
     zycBlock& b = s.topBlocks[i];
     b.size = int32_t(blockMax);
     b.x = int32_t((i % across) * blockMax);
     b.y = int32_t((i / across) * blockMax);
-    result += m.SearchBlock(b);
-  }
+    s.topResults[i] = local.SearchBlock(b);
+  });
+  uint32_t result = 0;
+  for (uint32_t i = 0; i < tops; ++i) result += s.topResults[i];
   TimerStop(kTimerBuildMotionVector);
   const double seconds = double(zycClockMicroseconds() - start) / 1e6;
   s.searchSeconds += seconds;
@@ -602,6 +619,8 @@ int32_t zycEncoder::Begin(zycStreamHeader& header, const zylFrameImage& image,
   s.lastKeyFrame = 0;
   const uint32_t topCount = (s.paddedWidth / blockMax) * (s.paddedHeight / blockMax);
   s.topBlocks.assign(topCount, zycBlock());
+  s.topResults.assign(topCount, 0);
+  s.threads = zycThreadsInUse(threads);
   s.pool.Allocate(topCount, int32_t(blockMax), int32_t(blockMin));
   const size_t bytes = s.PictureBytes();
   s.previousFrame.Allocate(bytes, 255);

@@ -54,6 +54,8 @@ class zycEncoder : public zycJobEncoder {
   uint32_t soundLeadBase = 16000;          // "oFMT"
   uint32_t forceLastKey = 0;               // "rFMT"
   uint32_t keyFrameOnSoundBlock = 0;       // "qFMT", stored for the codec; not used here
+  uint32_t threads = 0;                    // "THRD": threads a frame's work is shared by;
+                                           // 0 as many as the machine has cores
   uint32_t firstFrame = 0;                 // set by the job
   uint32_t frameTotal = 0;                 // set by the job
   const zylKeyframeRange* keyframePlan = nullptr;

@@ -61,6 +61,9 @@ const char kUsage[] =
     "                         sets DXTC=6 unless given\n"
     "  --lzma                 pack sections with LZMA, the same as --param nFMT=1\n"
     "  --no-sound             leave the sound out, the same as --param SND=0\n"
+    "  --threads N            threads that share each frame's work, the same as\n"
+    "                         --param THRD=N (default 0: one per core); the movie is the\n"
+    "                         same for any N\n"
     "\n"
     "console:\n"
     "  --verbose              show the library's own console messages (on stderr)\n"
@@ -196,10 +199,11 @@ int RunEncode(const CommandArgs& words) {
   const std::string keyFormat = args.Value("--key-format", &keyFormatGiven);
   const auto params = args.Occurrences("--param");
   size_t ratioAt, bitrateAt, sizeAt, firstAt, startAt, countAt, durationAt, lzmaAt, noSoundAt;
-  size_t verboseAt, quietAt, quietLongAt, outputAt;
+  size_t verboseAt, quietAt, quietLongAt, outputAt, threadsAt;
   const std::string ratio = args.Value("--ratio", nullptr, &ratioAt);
   const std::string bitrateText = args.Value("--bitrate", nullptr, &bitrateAt);
   const std::string sizeText = args.Value("--size", nullptr, &sizeAt);
+  const std::string threadsText = args.Value("--threads", nullptr, &threadsAt);
   bool keysGiven = false, intervalGiven = false, scaleGiven = false, vfGiven = false;
   bool fpsGiven = false;
   const std::string keyList = args.Value("--key-frames", &keysGiven);
@@ -287,6 +291,14 @@ int RunEncode(const CommandArgs& words) {
                 bitrateText.c_str());
   } else if (rate == 2 && !ParseAmount(sizeText, "B", &sizeBytes)) {
     return Fail(kExitUsage, "--size wants bytes such as 5M or 300k, not '%s'", sizeText.c_str());
+  }
+  if (threadsAt != std::string::npos) {
+    uint32_t value = 0;
+    if (!ParseCount(threadsText, &value) || value > 256) {
+      return Fail(kExitUsage, "--threads wants a number of threads from 0 to 256, not '%s'",
+                  threadsText.c_str());
+    }
+    add("THRD", int32_t(value), threadsAt);
   }
   if (lzma) add("nFMT", 1, lzmaAt);
   if (noSound) add("SND", 0, noSoundAt);

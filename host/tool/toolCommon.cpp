@@ -264,6 +264,9 @@ const std::vector<ToolParam>& ToolParams() {
       {"YUV", Tag("YUV\0"), 0, 1, false, 0, "code the frames in a YUV form (ZYL0)"},
       {"MOTI", Tag("MOTI"), 0, 8, false, 0, "motion candidates: 256 >> MOTI (ZYL0)"},
       {"FACT", Tag("FACT"), 0, 1, false, 0, "build and search fade references (ZYL0)"},
+      {"THRD", Tag("THRD"), 0, 256, false, 0,
+       "threads that share each frame's work, 0 one per core; the movie is the same for any "
+       "count (ZYL0)"},
       {"cMIN", Tag("cMIN"), 0, kMax, false, 0, "lowest error threshold a frame may end on"},
       {"cMAX", Tag("cMAX"), 0, kMax, false, 0,
        "error at which the search stops trying to get smaller"},

@@ -52,7 +52,7 @@ TEST(ParamTable, DefaultsAsReadInBothModes) {
 TEST(ParamTable, EveryTagOfTheTableIsKnownAndTheFamilyRunsThroughConsecutiveValues) {
   int count = 0;
   const zycParamEntry* table = ParamTable(&count);
-  EXPECT_EQ(count, 36);
+  EXPECT_EQ(count, 37);
   for (int i = 0; i < count; ++i) EXPECT_EQ(FindParam(table[i].tag), &table[i]);
   for (char c = 'i'; c <= '{'; ++c) {
     const zycParamEntry* entry = FindParam(zylTag(c, 'F', 'M', 'T'));

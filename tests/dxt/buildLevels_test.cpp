@@ -135,24 +135,31 @@ TEST(DxtLevels, BoxShrinkHasNoRoundingTerm) {
 TEST(DxtLevels, LevelsAreTheBackEndOnTheBoxShrunkPictures) {
   const uint32_t width = 64, height = 48;
   const zylTestImage crop = photoCrop(width, height);
-  for (uint32_t backEnd : {kDxtBackEndSquishRange, kDxtBackEndFast, kDxtBackEndBaseColour}) {
-    zycDxtLevels levels;
-    levels.Allocate(width, height);
-    std::vector<uint8_t> picture = crop.pixels;
-    uint32_t field = backEnd;
-    BuildLevels(levels, picture.data(), field, 0);
+  // Bands of the picture are shared among threads; the levels are those of whole pictures.
+  for (uint32_t threads : {1u, 3u}) {
+    for (uint32_t backEnd : {kDxtBackEndSquishRange, kDxtBackEndFast, kDxtBackEndBaseColour}) {
+      zycDxtLevels levels;
+      levels.Allocate(width, height);
+      std::vector<uint8_t> picture = crop.pixels;
+      uint32_t field = backEnd;
+      BuildLevels(levels, picture.data(), field, 0, threads);
+      EXPECT_EQ(picture, crop.pixels);
 
-    const std::vector<uint8_t> swapped = redFirst(crop.pixels);
-    std::vector<uint8_t> half(width * height), quarter(width * height / 4);
-    zycBoxShrink(swapped.data(), width, height, 2, half.data());
-    zycBoxShrink(swapped.data(), width, height, 4, quarter.data());
-    std::vector<uint8_t> want[3] = {std::vector<uint8_t>(levels.blocks[0].size()),
-                                    std::vector<uint8_t>(levels.blocks[1].size()),
-                                    std::vector<uint8_t>(levels.blocks[2].size())};
-    zycDxtCompress(backEnd, swapped.data(), width, height, want[0].data());
-    zycDxtCompress(backEnd, half.data(), width / 2, height / 2, want[1].data());
-    zycDxtCompress(backEnd, quarter.data(), width / 4, height / 4, want[2].data());
-    for (int l = 0; l < 3; ++l) EXPECT_EQ(levels.blocks[l], want[l]) << "back end " << backEnd << " level " << l;
+      const std::vector<uint8_t> swapped = redFirst(crop.pixels);
+      std::vector<uint8_t> half(width * height), quarter(width * height / 4);
+      zycBoxShrink(swapped.data(), width, height, 2, half.data());
+      zycBoxShrink(swapped.data(), width, height, 4, quarter.data());
+      std::vector<uint8_t> want[3] = {std::vector<uint8_t>(levels.blocks[0].size()),
+                                      std::vector<uint8_t>(levels.blocks[1].size()),
+                                      std::vector<uint8_t>(levels.blocks[2].size())};
+      zycDxtCompress(backEnd, swapped.data(), width, height, want[0].data());
+      zycDxtCompress(backEnd, half.data(), width / 2, height / 2, want[1].data());
+      zycDxtCompress(backEnd, quarter.data(), width / 4, height / 4, want[2].data());
+      for (int l = 0; l < 3; ++l) {
+        EXPECT_EQ(levels.blocks[l], want[l]) << "back end " << backEnd << " level " << l
+                                             << " threads " << threads;
+      }
+    }
   }
 }
 

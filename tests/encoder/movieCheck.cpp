@@ -82,6 +82,7 @@ bool zycCheckMovie(const std::vector<uint8_t>& bytes, zycMovieCheck* check) {
   decoder->Setup(h.width, h.height, 32, (h.flags & kHeaderFlagYuv) ? 1 : 0,
                  (h.flags & kHeaderFlagWideMotion) ? 0 : 1);
   decoder->io = &io;
+  decoder->plainFades = check->plainFades ? 1 : 0;
   const size_t pictureBytes = size_t(check->paddedWidth) * check->paddedHeight * 4;
   std::vector<uint8_t> previous(pictureBytes, 255), current(pictureBytes, 255);
 
@@ -132,6 +133,8 @@ bool zycCheckMovie(const std::vector<uint8_t>& bytes, zycMovieCheck* check) {
         decoder->DecodeFrame(previous.data(), current.data());
         std::swap(previous, current);
       }
+      if (items.fade.size) ++check->fadeFrames;
+      if (check->keepPictures) check->pictures.push_back(previous);
       decoder->stopWord = &decoder->ownStopWord;
       decoder->stateWord = &decoder->ownStateWord;
       at += items.frameBytes;

@@ -10,12 +10,18 @@
 #include "stream/zylFormat.h"
 
 struct zycMovieCheck {
+  // Asked for: fades through the decoder's plain tables; every picture kept.
+  bool plainFades = false;
+  bool keepPictures = false;
+
   zycStreamHeader header;
   std::vector<uint32_t> sectionFrames;          // frames of each section
   std::vector<std::vector<uint8_t>> unpacked;   // each section's bytes
   std::vector<std::vector<uint8_t>> frames;     // each frame's bytes, items included
   std::vector<uint8_t> frameFlags;              // each frame's flags byte
   std::vector<uint8_t> lastPicture;             // the last decoded picture, padded, 32-bit
+  std::vector<std::vector<uint8_t>> pictures;   // every frame's picture, with keepPictures
+  uint32_t fadeFrames = 0;                      // frames with a fade
   uint32_t paddedWidth = 0;
   uint32_t paddedHeight = 0;
   std::string error;

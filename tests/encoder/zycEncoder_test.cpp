@@ -30,6 +30,7 @@ class EncodeRun {
     path_ = ::testing::TempDir() + "encoder_" + std::to_string(getpid()) + "_" + name + ".zyl";
     holder_.file = std::fopen(path_.c_str(), "w+b");
     encoder.verbose = false;
+    encoder.threads = 2;  // each frame shared by two threads, whatever the machine
   }
   ~EncodeRun() {
     encoder.End();
@@ -773,6 +774,76 @@ TEST(Encoder, PlainSimdAndSumBoundedSearchesWriteTheSameMovie) {
   }
   EXPECT_EQ(files[0], files[1]);
   EXPECT_EQ(files[1], files[2]);
+}
+
+// Rows of top blocks, bands of the levels and the fades are shared among threads; the movie
+// must not depend on how many there are. Every clip, deflate and LZMA, block-tree and
+// The decoder computes fades in SIMD; its plain tables must give the same pictures on the
+// golden movies and on a real clip with many fades.
+TEST(Encoder, SimdAndPlainFadesDecodeTheSamePictures) {
+  std::vector<std::vector<uint8_t>> movies;
+  for (const char* name : {"walkers_speech_6f.zyl", "tree_still_lzma_5f.zyl"}) {
+    movies.push_back(zycReadWholeFile(std::string(ZYL_SOURCE_DIR) + "/tests/golden/" + name));
+  }
+  auto frames = Clip("walkers_768x576_10fps_120f.mkv", 4, 96, 64);
+  for (auto& f : frames) f = Scaled(f, 3 + int(&f - frames.data()), 6);  // darker, then lighter
+  EncodeRun run("fades");
+  ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
+  for (size_t i = 1; i < frames.size(); ++i) run.Next(frames[i]);
+  movies.push_back(run.FileBytes());
+  uint32_t fadeFrames = 0;
+  for (const auto& movie : movies) {
+    zycMovieCheck fast, plain;
+    fast.keepPictures = plain.keepPictures = true;
+    plain.plainFades = true;
+    ASSERT_TRUE(zycCheckMovie(movie, &fast)) << fast.error;
+    ASSERT_TRUE(zycCheckMovie(movie, &plain)) << plain.error;
+    ASSERT_EQ(fast.pictures.size(), plain.pictures.size());
+    for (size_t i = 0; i < fast.pictures.size(); ++i) {
+      ASSERT_EQ(fast.pictures[i], plain.pictures[i]) << "picture " << i;
+    }
+    fadeFrames += fast.fadeFrames;
+  }
+  EXPECT_GT(fadeFrames, 0u);
+}
+
+// still-image key frames, with a key frame in the middle of the job.
+TEST(Encoder, EveryThreadCountWritesTheSameMovie) {
+  const char* const clips[] = {"walkers_768x576_10fps_120f.mkv", "handheld_box_640x480_30fps_sound.mp4",
+                               "coin_pen_568x320_30fps_sound.mov", "tree_320x240_15fps_cinepak.avi",
+                               "walkers_speech_384x288_10fps_16k.mkv"};
+  struct Format {
+    uint32_t packing, still, table;  // "nFMT", "iFMT", "jFMT"
+  };
+  const Format formats[] = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {1, 1, 0}, {0, 0, 1}};
+  const uint32_t forced[] = {2};
+  const zylKeyframeRange plan{0, 0, forced, 1, nullptr};
+  for (const char* clip : clips) {
+    const auto frames = Clip(clip, 4, 144, 96);
+    ASSERT_EQ(frames.size(), 4u) << clip;
+    for (const Format& format : formats) {
+      std::vector<uint8_t> first;
+      for (uint32_t threads : {1u, 2u, 3u}) {
+        EncodeRun run("threads" + std::to_string(threads));
+        run.encoder.threads = threads;
+        run.encoder.packing = format.packing;
+        run.encoder.iFrameFormat = format.still;
+        run.encoder.pFrameFormat = format.table;
+        run.encoder.SetJobRange(0, 4);
+        ASSERT_EQ(run.Begin(frames[0], 25.0, &plan), 0);
+        for (size_t i = 1; i < frames.size(); ++i) run.Next(frames[i]);
+        ASSERT_TRUE(run.progresses[2].keyFrame);
+        const std::vector<uint8_t> bytes = run.FileBytes();
+        if (threads == 1) {
+          first = bytes;
+        } else {
+          EXPECT_EQ(bytes, first) << clip << " nFMT " << format.packing << " iFMT "
+                                  << format.still << " jFMT " << format.table << " threads "
+                                  << threads;
+        }
+      }
+    }
+  }
 }
 
 }  // namespace

@@ -252,6 +252,26 @@ TEST(BlockDecoder, FadesMapEveryFieldAndClearTheTopByte) {
   EXPECT_EQ(decoder.state->treeBits, 3u);
 }
 
+TEST(BlockDecoder, SimdFadesGiveThePlainPictures) {
+  // Random frames over a picture of random bytes (top bytes too), both colour forms.
+  for (uint32_t seed = 1; seed <= 8; ++seed) {
+    const uint32_t yuv = seed & 1;
+    TestDecoder fast(64, 48, 32, yuv), plain(64, 48, 32, yuv);
+    plain.state->plainFades = 1;
+    Picture previous(64, 48), a(64, 48), b(64, 48);
+    uint32_t state = seed * 2654435761u;
+    for (uint32_t& p : previous.pixels) {
+      state = state * 1664525u + 1013904223u;
+      p = state ^ (state >> 13);
+    }
+    MixedFrame mixed(64, 48, seed * 7);
+    Bytes first = mixed.Build().Build(), second = mixed.Build().Build();
+    fast.Frame(first, previous.data(), a.data());
+    plain.Frame(second, previous.data(), b.data());
+    ASSERT_EQ(a.pixels, b.pixels) << "seed " << seed;
+  }
+}
+
 TEST(BlockDecoder, OddFadeCountTogglesHalfByteAndNextFrameRestarts) {
   TestDecoder decoder(16, 48);
   Picture first = numbered(16, 48), second(16, 48), third(16, 48);

@@ -1,0 +1,60 @@
+// The cost of one rate-loop pass of an LZMA section (save, pack the frame's item, the trial
+// size, restore) by the frame's place in a 600-frame section. Each frame is 2304 bytes of DXT1
+// blocks of a real clip; the frames before it are in the section already.
+#include <benchmark/benchmark.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "dxt/dxtBackEnds.h"
+#include "encoder/sectionPacker.h"
+#include "tests/support/videoFrames.h"
+
+namespace {
+
+constexpr uint32_t kFrameBytes = 2304;
+
+// DXT1 blocks of 16 frames of a real clip at 320x176, one after another.
+const std::vector<uint8_t>& ClipBlocks() {
+  static std::vector<uint8_t> blocks;
+  if (blocks.empty()) {
+    const auto frames = zylDecodeVideoFrames(
+        std::string(ZYL_MEDIA_DIR) + "/walkers_768x576_10fps_120f.mkv", 16, 320, 176);
+    for (const auto& f : frames) {
+      std::vector<uint8_t> out(size_t(f.width / 4) * (f.height / 4) * 8);
+      zycDxtCompressHere(kDxtBackEndFast, f.pixels.data(), uint32_t(f.width),
+                         uint32_t(f.height), out.data());
+      blocks.insert(blocks.end(), out.begin(), out.end());
+    }
+  }
+  return blocks;
+}
+
+const uint8_t* FrameBytes(uint32_t frame) {
+  const std::vector<uint8_t>& blocks = ClipBlocks();
+  const size_t count = blocks.size() / kFrameBytes;
+  return blocks.data() + (frame % count) * kFrameBytes;
+}
+
+// arg: the frame's place in the section.
+void BM_LzmaPassByPlace(benchmark::State& state) {
+  const uint32_t place = uint32_t(state.range(0));
+  if (ClipBlocks().size() < 600 * kFrameBytes / 16) {
+    state.SkipWithError("clip not decoded");
+    return;
+  }
+  zycSectionPacker packer;
+  packer.Open(1, 320 * 176 * 3, 65536, nullptr);
+  for (uint32_t i = 0; i < place; ++i) packer.PackItem(FrameBytes(i), kFrameBytes);
+  for (auto _ : state) {
+    packer.Save();
+    packer.PackItem(FrameBytes(place), kFrameBytes);
+    benchmark::DoNotOptimize(packer.FinishSize(0));
+    packer.Restore();
+  }
+  state.counters["section_kB"] = double(place) * (kFrameBytes + 4) / 1000.0;
+}
+BENCHMARK(BM_LzmaPassByPlace)->Arg(10)->Arg(150)->Arg(300)->Arg(590)->Unit(benchmark::kMillisecond);
+
+}  // namespace
