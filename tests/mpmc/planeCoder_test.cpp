@@ -135,6 +135,37 @@ TEST(PlaneCoder, FastKernelsWriteThePlainStreams) {
   mpmcafEndJob();
 }
 
+TEST(PlaneCoder, StreamsOfRealPlanesKeepTheirDigests) {
+  // Digests of streams written by the first working coder: any speed-up must keep every bit.
+  const auto frames = zylClipPlanes("walkers_768x576_10fps_120f.mkv", 3, 320, 184);
+  ASSERT_EQ(frames.size(), 3u);
+  testing::internal::CaptureStdout();
+  mpmcafBeginJob(320, 184);
+  testing::internal::GetCapturedStdout();
+  struct Case { int plane; uint32_t bits; uint32_t size; uint32_t digest; };
+  const Case cases[] = {{0, 1200, 152, 907603288u},  {0, 6000, 823, 777714774u},
+                        {0, 20000, 1366, 1916678911u}, {1, 1500, 177, 2589162053u},
+                        {2, 4000, 73, 2663380614u}};
+  for (zycPlaneKernelSet set : {kPlaneKernelsPlain, zycBestPlaneKernels()}) {
+    ASSERT_TRUE(zycSelectPlaneKernels(set));
+    for (const Case& c : cases) {
+      SCOPED_TRACE(testing::Message() << "set " << set << " plane " << c.plane << " bits " << c.bits);
+      const bool luma = c.plane == 0;
+      mpmcafPlaneSize(luma ? 320 : 160, luma ? 184 : 92);
+      const auto& pick = [&](const zylTestPlanes& f) -> const std::vector<uint8_t>& {
+        return c.plane == 0 ? f.y : c.plane == 1 ? f.u : f.v;
+      };
+      const Coded coded = CodePlane(pick(frames[2]), pick(frames[0]), c.bits);
+      uint32_t digest = 2166136261u;
+      for (uint8_t byte : coded.stream) digest = (digest ^ byte) * 16777619u;
+      for (uint8_t byte : coded.recon) digest = (digest ^ byte) * 16777619u;
+      EXPECT_EQ(coded.stream.size(), c.size);
+      EXPECT_EQ(digest, c.digest);
+    }
+  }
+  mpmcafEndJob();
+}
+
 TEST(PlaneCoder, PlaneEqualToItsReferenceCodesNothing) {
   const auto frames = zylClipPlanes("tree_320x240_15fps_cinepak.avi", 1, 64, 48);
   ASSERT_EQ(frames.size(), 1u);
