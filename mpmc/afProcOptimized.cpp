@@ -106,18 +106,13 @@ int32_t PositionGain(int32_t k, int32_t pos, int32_t x, int32_t y, int32_t size,
   } else if (lastMethod == 2) {
     const int32_t x0 = std::max(x, changed.x0), x1 = std::min(x + size, changed.x1);
     const int32_t y0 = std::max(y, changed.y0), y1 = std::min(y + size, changed.y1);
-    int32_t delta = 0;
-    for (int32_t j = y0; j < y1; ++j) {
-      const uint8_t* o = sourceIn->rows[j];
-      const int32_t* now = mpIn->rows[j];
-      const int32_t* before = mpBefore + static_cast<size_t>(j) * width;
-      const int32_t* r = paddedRef->rows[j + kPadMargin] + kPadMargin;
-      for (int32_t i = x0; i < x1; ++i) {
-        const int32_t m = ((a * r[i]) >> 8) + b;
-        const int32_t e1 = o[i] - Clamp255(now[i] + m), e0 = o[i] - Clamp255(before[i] + m);
-        delta += e1 * e1 - e0 * e0;
-      }
-    }
+    const int32_t delta =
+        x0 < x1 && y0 < y1
+            ? zycAffineDelta(sourceIn->rows[y0] + x0, width, mpIn->rows[y0] + x0, mpIn->width,
+                             mpBefore + static_cast<size_t>(y0) * width + x0, width,
+                             paddedRef->rows[y0 + kPadMargin] + x0 + kPadMargin, paddedRef->width,
+                             x1 - x0, y1 - y0, a, b)
+            : 0;
     movedError[k][pos] += delta;
   }
   return errorSum[k][pos] - movedError[k][pos];

@@ -18,6 +18,8 @@ zycMovedErrorFn zycMotionError = zycMotionErrorPlain;
 zycBestEntry16Fn zycBestEntry16 = zycBestEntry16Plain;
 zycBestEntry32Fn zycBestEntry32 = zycBestEntry32Plain;
 zycMovedErrorFn zycAffineError = zycAffineErrorPlain;
+zycMovedDeltaFn zycMotionDelta = zycMotionDeltaPlain;
+zycMovedDeltaFn zycAffineDelta = zycAffineDeltaPlain;
 Label* omcWindows[4];
 
 namespace {
@@ -119,17 +121,13 @@ int32_t PositionGain(int32_t k, int32_t pos, int32_t x, int32_t y, int32_t size,
   } else if (lastMethod == 2) {
     const int32_t x0 = std::max(x, changed.x0), x1 = std::min(x + size, changed.x1);
     const int32_t y0 = std::max(y, changed.y0), y1 = std::min(y + size, changed.y1);
-    int32_t delta = 0;
-    for (int32_t j = y0; j < y1; ++j) {
-      const uint8_t* o = sourceIn->rows[j];
-      const int32_t* now = mpIn->rows[j];
-      const int32_t* before = mpBefore + static_cast<size_t>(j) * width;
-      const int32_t* r = paddedRef->rows[j + dy + kPadMargin] + dx + kPadMargin;
-      for (int32_t i = x0; i < x1; ++i) {
-        const int32_t e1 = o[i] - Clamp255(now[i] + r[i]), e0 = o[i] - Clamp255(before[i] + r[i]);
-        delta += e1 * e1 - e0 * e0;
-      }
-    }
+    const int32_t delta =
+        x0 < x1 && y0 < y1
+            ? zycMotionDelta(sourceIn->rows[y0] + x0, width, mpIn->rows[y0] + x0, mpIn->width,
+                             mpBefore + static_cast<size_t>(y0) * width + x0, width,
+                             paddedRef->rows[y0 + dy + kPadMargin] + x0 + dx + kPadMargin,
+                             paddedRef->width, x1 - x0, y1 - y0, 256, 0)
+            : 0;
     movedError[k][pos] += delta;
   }
   return errorSum[k][pos] - movedError[k][pos];
@@ -224,6 +222,36 @@ int32_t zycAffineErrorPlain(const uint8_t* o, int32_t oStride, const int32_t* mp
       e += d * d;
     }
   return e;
+}
+
+namespace {
+
+template <bool kAffine>
+int32_t MovedDelta(const uint8_t* o, int32_t oStride, const int32_t* now, int32_t nowStride,
+                   const int32_t* before, int32_t beforeStride, const int32_t* r, int32_t rStride,
+                   int32_t columns, int32_t rows, int32_t a, int32_t b) {
+  int32_t delta = 0;
+  for (int32_t j = 0; j < rows; ++j, o += oStride, now += nowStride, before += beforeStride, r += rStride)
+    for (int32_t i = 0; i < columns; ++i) {
+      const int32_t m = kAffine ? ((a * r[i]) >> 8) + b : r[i];
+      const int32_t e1 = o[i] - Clamp255(now[i] + m), e0 = o[i] - Clamp255(before[i] + m);
+      delta += e1 * e1 - e0 * e0;
+    }
+  return delta;
+}
+
+}  // namespace
+
+int32_t zycMotionDeltaPlain(const uint8_t* o, int32_t oStride, const int32_t* now, int32_t nowStride,
+                            const int32_t* before, int32_t beforeStride, const int32_t* r,
+                            int32_t rStride, int32_t columns, int32_t rows, int32_t a, int32_t b) {
+  return MovedDelta<false>(o, oStride, now, nowStride, before, beforeStride, r, rStride, columns, rows, a, b);
+}
+
+int32_t zycAffineDeltaPlain(const uint8_t* o, int32_t oStride, const int32_t* now, int32_t nowStride,
+                            const int32_t* before, int32_t beforeStride, const int32_t* r,
+                            int32_t rStride, int32_t columns, int32_t rows, int32_t a, int32_t b) {
+  return MovedDelta<true>(o, oStride, now, nowStride, before, beforeStride, r, rStride, columns, rows, a, b);
 }
 
 void zycSadTable4x4Plain(const uint8_t* target, int32_t targetStride, const uint8_t* ref,

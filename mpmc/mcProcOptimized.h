@@ -53,6 +53,21 @@ int32_t zycAffineErrorPlain(const uint8_t* o, int32_t oStride, const int32_t* mp
 extern zycMovedErrorFn zycMotionError;
 extern zycMovedErrorFn zycAffineError;
 
+// How a moved block's error changes where mpImage changed: the sum over `columns` x `rows`
+// pixels of (o - clamp(now + m))^2 - (o - clamp(before + m))^2, m as above.
+using zycMovedDeltaFn = int32_t (*)(const uint8_t* o, int32_t oStride, const int32_t* now,
+                                    int32_t nowStride, const int32_t* before, int32_t beforeStride,
+                                    const int32_t* r, int32_t rStride, int32_t columns, int32_t rows,
+                                    int32_t a, int32_t b);
+int32_t zycMotionDeltaPlain(const uint8_t* o, int32_t oStride, const int32_t* now, int32_t nowStride,
+                            const int32_t* before, int32_t beforeStride, const int32_t* r,
+                            int32_t rStride, int32_t columns, int32_t rows, int32_t a, int32_t b);
+int32_t zycAffineDeltaPlain(const uint8_t* o, int32_t oStride, const int32_t* now, int32_t nowStride,
+                            const int32_t* before, int32_t beforeStride, const int32_t* r,
+                            int32_t rStride, int32_t columns, int32_t rows, int32_t a, int32_t b);
+extern zycMovedDeltaFn zycMotionDelta;
+extern zycMovedDeltaFn zycAffineDelta;
+
 // The overlapped windows of the four block sizes, printed as they are made.
 void initOmcWindows();
 void freeOmcWindows();

@@ -7,6 +7,8 @@ bool zycSelectPlaneKernels(zycPlaneKernelSet set) {
   zycFilterBank = zycFilterBankPlain;
   zycMotionError = zycMotionErrorPlain;
   zycAffineError = zycAffineErrorPlain;
+  zycMotionDelta = zycMotionDeltaPlain;
+  zycAffineDelta = zycAffineDeltaPlain;
   zycBestEntry16 = zycBestEntry16Plain;
   zycBestEntry32 = zycBestEntry32Plain;
 #if !defined(ZYL_NO_SIMD) && defined(__x86_64__)
@@ -15,6 +17,8 @@ bool zycSelectPlaneKernels(zycPlaneKernelSet set) {
     zycFilterBank = zycFilterBankSse2;
     zycMotionError = zycMotionErrorSse2;
     zycAffineError = zycAffineErrorSse2;
+    zycMotionDelta = zycMotionDeltaSse2;
+    zycAffineDelta = zycAffineDeltaSse2;
     zycBestEntry16 = zycBestEntry16Sse2;
     zycBestEntry32 = zycBestEntry32Sse2;
     return true;
@@ -24,6 +28,8 @@ bool zycSelectPlaneKernels(zycPlaneKernelSet set) {
     zycFilterBank = zycFilterBankSse2;
     zycMotionError = zycMotionErrorSse2;
     zycAffineError = zycAffineErrorSse2;
+    zycMotionDelta = zycMotionDeltaSse2;
+    zycAffineDelta = zycAffineDeltaSse2;
     zycBestEntry16 = zycBestEntry16Sse2;
     zycBestEntry32 = zycBestEntry32Sse2;
     return true;
