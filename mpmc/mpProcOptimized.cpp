@@ -316,13 +316,27 @@ void mpProcOptimized::mpSearch() {
       ip[x] = b[x] * scale;
       index[x] = bi[x];
     }
-    double best = ip[0] * ip[0];
-    int32_t bestX = 0;
-    for (int32_t x = 1; x < width; ++x)
-      if (ip[x] * ip[x] > best) {
-        best = ip[x] * ip[x];
-        bestX = x;
+    // The row's first largest square: a best outside the area is still the first largest of
+    // the unchanged pixels, so only the area is compared with it; else the row is scanned.
+    double best = rowBestSquare[y];
+    int32_t bestX = rowBestX[y];
+    if (bestX >= area.x0 && bestX < area.x1) {
+      best = ip[0] * ip[0];
+      bestX = 0;
+      for (int32_t x = 1; x < width; ++x)
+        if (ip[x] * ip[x] > best) {
+          best = ip[x] * ip[x];
+          bestX = x;
+        }
+    } else {
+      for (int32_t x = area.x0; x < area.x1; ++x) {
+        const double square = ip[x] * ip[x];
+        if (square > best || (square == best && x < bestX)) {
+          best = square;
+          bestX = x;
+        }
       }
+    }
     rowBestSquare[y] = best;
     rowBestX[y] = bestX;
   }
