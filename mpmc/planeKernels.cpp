@@ -25,7 +25,7 @@ bool zycSelectPlaneKernels(zycPlaneKernelSet set) {
   }
   if (set == kPlaneKernelsAvx2 && zycCpuHasAvx2()) {
     zycSadTable4x4 = zycSadTable4x4Avx2;
-    zycFilterBank = zycFilterBankSse2;
+    zycFilterBank = zycFilterBankAvx2;
     zycMotionError = zycMotionErrorSse2;
     zycAffineError = zycAffineErrorSse2;
     zycMotionDelta = zycMotionDeltaSse2;

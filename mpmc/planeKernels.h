@@ -34,3 +34,9 @@ int32_t zycAffineDeltaSse2(const uint8_t* o, int32_t oStride, const int32_t* now
 int32_t zycBestEntry16Sse2(const uint16_t* table);
 int32_t zycBestEntry32Sse2(const uint32_t* table);
 void zycFilterBankSse2(const zycFilterArea& area, const int16_t* dict);
+void zycFilterBankAvx2(const zycFilterArea& area, const int16_t* dict);
+// The bank's two passes with SSE2: the horizontal filter `h` over the area's rows and 8 rows
+// more into firstPass; then the vertical filter `v` over firstPass, columns xFrom onwards,
+// taking its response where it is stronger than the best so far, with index `filter`.
+void zycFilterFirstPassSse2(const zycFilterArea& area, const int16_t* h);
+void zycFilterSecondPassSse2(const zycFilterArea& area, const int16_t* v, uint16_t filter, int32_t xFrom);

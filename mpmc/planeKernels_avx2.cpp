@@ -1,7 +1,7 @@
-// AVX2 kernel of the plane coder's SAD tables: vmpsadbw gives eight SADs of a 4-byte target row
+// AVX2 kernels of the plane coder. SAD tables: vmpsadbw gives eight SADs of a 4-byte target row
 // against eight consecutive offsets of a reference row in each 128-bit lane, so one instruction
 // covers 16 offsets of one row and eight cover a whole row of the table. Only called when the
-// processor has AVX2; the function carries the target itself.
+// processor has AVX2; each function carries the AVX2 target attribute itself.
 #include "mpmc/planeKernels.h"
 
 #if !defined(ZYL_NO_SIMD) && defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
@@ -38,6 +38,60 @@ ZYC_AVX2 void zycSadTable4x4Avx2(const uint8_t* target, int32_t targetStride, co
     }
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + dy * 32), first);
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + dy * 32 + 16), second);
+  }
+}
+
+// The filter bank: the SSE2 first pass, then each vertical filter over 16 pixels a time;
+// vpunpck works within 128-bit lanes, so the sums come out as pixels 0-3, 8-11 and 4-7, 12-15
+// and are put back in order before they meet the best values.
+ZYC_AVX2 void zycFilterBankAvx2(const zycFilterArea& a, const int16_t* dict) {
+  const int32_t areaW = a.x1 - a.x0, areaH = a.y1 - a.y0;
+  const int32_t wide = areaW & ~15;
+  const __m256i sign = _mm256_set1_epi32(static_cast<int32_t>(0x80000000u));
+  for (int32_t i = 0; i < 8; ++i) {
+    zycFilterFirstPassSse2(a, dict + i * 8);
+    for (int32_t j = 0; j < 8; ++j) {
+      const int16_t* v = dict + j * 8;
+      const uint16_t filter = static_cast<uint16_t>(i + 8 * j);
+      __m256i pairs[4];
+      for (int32_t n = 0; n < 4; ++n)
+        pairs[n] = _mm256_set1_epi32(static_cast<int32_t>(
+            (static_cast<uint32_t>(static_cast<uint16_t>(v[2 * n + 1])) << 16) | static_cast<uint16_t>(v[2 * n])));
+      const __m256i index = _mm256_set1_epi16(static_cast<int16_t>(filter));
+      for (int32_t y = 0; y < areaH; ++y) {
+        int32_t* best = a.best + static_cast<ptrdiff_t>(a.y0 + y) * a.bestStride + a.x0;
+        uint16_t* bestIdx = a.bestIndex + static_cast<ptrdiff_t>(a.y0 + y) * a.bestStride + a.x0;
+        const int16_t* column = a.firstPass + static_cast<size_t>(y) * areaW;
+        for (int32_t x = 0; x < wide; x += 16) {
+          __m256i lo = _mm256_setzero_si256(), hi = _mm256_setzero_si256();
+          for (int32_t n = 0; n < 4; ++n) {
+            const __m256i ra = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(column + (2 * n) * areaW + x));
+            const __m256i rb = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(column + (2 * n + 1) * areaW + x));
+            lo = _mm256_add_epi32(lo, _mm256_madd_epi16(_mm256_unpacklo_epi16(ra, rb), pairs[n]));
+            hi = _mm256_add_epi32(hi, _mm256_madd_epi16(_mm256_unpackhi_epi16(ra, rb), pairs[n]));
+          }
+          const __m256i first = _mm256_permute2x128_si256(lo, hi, 0x20);   // pixels 0..7
+          const __m256i second = _mm256_permute2x128_si256(lo, hi, 0x31);  // pixels 8..15
+          __m256i old0 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(best + x));
+          __m256i old1 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(best + x + 8));
+          // |value| as unsigned (|INT32_MIN| is 2^31), compared as signed after the sign flip.
+          const __m256i take0 = _mm256_cmpgt_epi32(_mm256_xor_si256(_mm256_abs_epi32(first), sign),
+                                                   _mm256_xor_si256(_mm256_abs_epi32(old0), sign));
+          const __m256i take1 = _mm256_cmpgt_epi32(_mm256_xor_si256(_mm256_abs_epi32(second), sign),
+                                                   _mm256_xor_si256(_mm256_abs_epi32(old1), sign));
+          old0 = _mm256_blendv_epi8(old0, first, take0);
+          old1 = _mm256_blendv_epi8(old1, second, take1);
+          _mm256_storeu_si256(reinterpret_cast<__m256i*>(best + x), old0);
+          _mm256_storeu_si256(reinterpret_cast<__m256i*>(best + x + 8), old1);
+          // packs interleaves 64-bit quarters as 0-3, 8-11, 4-7, 12-15.
+          const __m256i take = _mm256_permute4x64_epi64(_mm256_packs_epi32(take0, take1), 0xD8);
+          __m256i idx = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(bestIdx + x));
+          idx = _mm256_blendv_epi8(idx, index, take);
+          _mm256_storeu_si256(reinterpret_cast<__m256i*>(bestIdx + x), idx);
+        }
+      }
+      if (wide < areaW) zycFilterSecondPassSse2(a, v, filter, wide);
+    }
   }
 }
 

@@ -180,86 +180,91 @@ int32_t zycBestEntry32Sse2(const uint32_t* table) {
   return 0;
 }
 
-void zycFilterBankSse2(const zycFilterArea& a, const int16_t* dict) {
+void zycFilterFirstPassSse2(const zycFilterArea& a, const int16_t* h) {
+  const int32_t areaW = a.x1 - a.x0;
+  const int32_t rows = a.y1 - a.y0 + 8;
+  const __m128i taps = _mm_loadu_si128(reinterpret_cast<const __m128i*>(h));
+  for (int32_t r = 0; r < rows; ++r) {
+    const int16_t* res = a.residual + static_cast<ptrdiff_t>(a.y0 - 4 + r) * a.residualStride + a.x0 - 4;
+    int16_t* fp = a.firstPass + static_cast<size_t>(r) * areaW;
+    int32_t x = 0;
+    for (; x + 4 <= areaW; x += 4) {
+      const __m128i p0 = _mm_madd_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(res + x)), taps);
+      const __m128i p1 = _mm_madd_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(res + x + 1)), taps);
+      const __m128i p2 = _mm_madd_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(res + x + 2)), taps);
+      const __m128i p3 = _mm_madd_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(res + x + 3)), taps);
+      // Transpose-add: the four sums of p0..p3 in one register.
+      const __m128i s01 = _mm_add_epi32(_mm_unpacklo_epi32(p0, p1), _mm_unpackhi_epi32(p0, p1));
+      const __m128i s23 = _mm_add_epi32(_mm_unpacklo_epi32(p2, p3), _mm_unpackhi_epi32(p2, p3));
+      const __m128i sum = _mm_add_epi32(_mm_unpacklo_epi64(s01, s23), _mm_unpackhi_epi64(s01, s23));
+      const __m128i q = _mm_srai_epi32(sum, 10);
+      // Cut to 16 bits as the plain kernel's store does (no saturation).
+      const __m128i cut = _mm_srai_epi32(_mm_slli_epi32(q, 16), 16);
+      _mm_storel_epi64(reinterpret_cast<__m128i*>(fp + x), _mm_packs_epi32(cut, cut));
+    }
+    for (; x < areaW; ++x) {
+      int32_t q = 0;
+      for (int32_t n = 0; n < 8; ++n) q += res[x + n] * h[n];
+      fp[x] = static_cast<int16_t>(q >> 10);
+    }
+  }
+}
+
+void zycFilterSecondPassSse2(const zycFilterArea& a, const int16_t* v, uint16_t filter, int32_t xFrom) {
   const int32_t areaW = a.x1 - a.x0;
   const int32_t areaH = a.y1 - a.y0;
-  const int32_t rows = areaH + 8;
   const __m128i sign = _mm_set1_epi32(static_cast<int32_t>(0x80000000u));
+  __m128i pairs[4];
+  for (int32_t n = 0; n < 4; ++n)
+    pairs[n] = _mm_set1_epi32(static_cast<int32_t>((static_cast<uint32_t>(static_cast<uint16_t>(v[2 * n + 1])) << 16) |
+                                                   static_cast<uint16_t>(v[2 * n])));
+  const __m128i index = _mm_set1_epi16(static_cast<int16_t>(filter));
+  for (int32_t y = 0; y < areaH; ++y) {
+    int32_t* best = a.best + static_cast<ptrdiff_t>(a.y0 + y) * a.bestStride + a.x0;
+    uint16_t* bestIdx = a.bestIndex + static_cast<ptrdiff_t>(a.y0 + y) * a.bestStride + a.x0;
+    const int16_t* column = a.firstPass + static_cast<size_t>(y) * areaW;
+    int32_t x = xFrom;
+    for (; x + 8 <= areaW; x += 8) {
+      __m128i lo = _mm_setzero_si128(), hi = _mm_setzero_si128();
+      for (int32_t n = 0; n < 4; ++n) {
+        const __m128i ra = _mm_loadu_si128(reinterpret_cast<const __m128i*>(column + (2 * n) * areaW + x));
+        const __m128i rb = _mm_loadu_si128(reinterpret_cast<const __m128i*>(column + (2 * n + 1) * areaW + x));
+        lo = _mm_add_epi32(lo, _mm_madd_epi16(_mm_unpacklo_epi16(ra, rb), pairs[n]));
+        hi = _mm_add_epi32(hi, _mm_madd_epi16(_mm_unpackhi_epi16(ra, rb), pairs[n]));
+      }
+      __m128i oldLo = _mm_loadu_si128(reinterpret_cast<const __m128i*>(best + x));
+      __m128i oldHi = _mm_loadu_si128(reinterpret_cast<const __m128i*>(best + x + 4));
+      auto magnitude = [&](__m128i value) {
+        const __m128i s = _mm_srai_epi32(value, 31);
+        return _mm_xor_si128(_mm_sub_epi32(_mm_xor_si128(value, s), s), sign);
+      };
+      const __m128i takeLo = _mm_cmpgt_epi32(magnitude(lo), magnitude(oldLo));
+      const __m128i takeHi = _mm_cmpgt_epi32(magnitude(hi), magnitude(oldHi));
+      oldLo = _mm_or_si128(_mm_and_si128(takeLo, lo), _mm_andnot_si128(takeLo, oldLo));
+      oldHi = _mm_or_si128(_mm_and_si128(takeHi, hi), _mm_andnot_si128(takeHi, oldHi));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(best + x), oldLo);
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(best + x + 4), oldHi);
+      const __m128i take = _mm_packs_epi32(takeLo, takeHi);
+      __m128i idx = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bestIdx + x));
+      idx = _mm_or_si128(_mm_and_si128(take, index), _mm_andnot_si128(take, idx));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(bestIdx + x), idx);
+    }
+    for (; x < areaW; ++x) {
+      uint32_t sum = 0;
+      for (int32_t n = 0; n < 8; ++n) sum += static_cast<uint32_t>(column[static_cast<size_t>(n) * areaW + x] * v[n]);
+      const int32_t value = static_cast<int32_t>(sum);
+      if (std::llabs(value) > std::llabs(best[x])) {
+        best[x] = value;
+        bestIdx[x] = filter;
+      }
+    }
+  }
+}
+
+void zycFilterBankSse2(const zycFilterArea& a, const int16_t* dict) {
   for (int32_t i = 0; i < 8; ++i) {
-    const int16_t* h = dict + i * 8;
-    const __m128i taps = _mm_loadu_si128(reinterpret_cast<const __m128i*>(h));
-    for (int32_t r = 0; r < rows; ++r) {
-      const int16_t* res = a.residual + static_cast<ptrdiff_t>(a.y0 - 4 + r) * a.residualStride + a.x0 - 4;
-      int16_t* fp = a.firstPass + static_cast<size_t>(r) * areaW;
-      int32_t x = 0;
-      for (; x + 4 <= areaW; x += 4) {
-        const __m128i p0 = _mm_madd_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(res + x)), taps);
-        const __m128i p1 = _mm_madd_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(res + x + 1)), taps);
-        const __m128i p2 = _mm_madd_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(res + x + 2)), taps);
-        const __m128i p3 = _mm_madd_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(res + x + 3)), taps);
-        // Transpose-add: the four sums of p0..p3 in one register.
-        const __m128i s01 = _mm_add_epi32(_mm_unpacklo_epi32(p0, p1), _mm_unpackhi_epi32(p0, p1));
-        const __m128i s23 = _mm_add_epi32(_mm_unpacklo_epi32(p2, p3), _mm_unpackhi_epi32(p2, p3));
-        const __m128i sum = _mm_add_epi32(_mm_unpacklo_epi64(s01, s23), _mm_unpackhi_epi64(s01, s23));
-        const __m128i q = _mm_srai_epi32(sum, 10);
-        // Cut to 16 bits as the plain kernel's store does (no saturation).
-        const __m128i cut = _mm_srai_epi32(_mm_slli_epi32(q, 16), 16);
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(fp + x), _mm_packs_epi32(cut, cut));
-      }
-      for (; x < areaW; ++x) {
-        int32_t q = 0;
-        for (int32_t n = 0; n < 8; ++n) q += res[x + n] * h[n];
-        fp[x] = static_cast<int16_t>(q >> 10);
-      }
-    }
-    for (int32_t j = 0; j < 8; ++j) {
-      const int16_t* v = dict + j * 8;
-      __m128i pairs[4];
-      for (int32_t n = 0; n < 4; ++n)
-        pairs[n] = _mm_set1_epi32(static_cast<int32_t>((static_cast<uint32_t>(static_cast<uint16_t>(v[2 * n + 1])) << 16) |
-                                                       static_cast<uint16_t>(v[2 * n])));
-      const __m128i index = _mm_set1_epi16(static_cast<int16_t>(i + 8 * j));
-      for (int32_t y = 0; y < areaH; ++y) {
-        int32_t* best = a.best + static_cast<ptrdiff_t>(a.y0 + y) * a.bestStride + a.x0;
-        uint16_t* bestIdx = a.bestIndex + static_cast<ptrdiff_t>(a.y0 + y) * a.bestStride + a.x0;
-        const int16_t* column = a.firstPass + static_cast<size_t>(y) * areaW;
-        int32_t x = 0;
-        for (; x + 8 <= areaW; x += 8) {
-          __m128i lo = _mm_setzero_si128(), hi = _mm_setzero_si128();
-          for (int32_t n = 0; n < 4; ++n) {
-            const __m128i ra = _mm_loadu_si128(reinterpret_cast<const __m128i*>(column + (2 * n) * areaW + x));
-            const __m128i rb = _mm_loadu_si128(reinterpret_cast<const __m128i*>(column + (2 * n + 1) * areaW + x));
-            lo = _mm_add_epi32(lo, _mm_madd_epi16(_mm_unpacklo_epi16(ra, rb), pairs[n]));
-            hi = _mm_add_epi32(hi, _mm_madd_epi16(_mm_unpackhi_epi16(ra, rb), pairs[n]));
-          }
-          __m128i oldLo = _mm_loadu_si128(reinterpret_cast<const __m128i*>(best + x));
-          __m128i oldHi = _mm_loadu_si128(reinterpret_cast<const __m128i*>(best + x + 4));
-          auto magnitude = [&](__m128i value) {
-            const __m128i s = _mm_srai_epi32(value, 31);
-            return _mm_xor_si128(_mm_sub_epi32(_mm_xor_si128(value, s), s), sign);
-          };
-          const __m128i takeLo = _mm_cmpgt_epi32(magnitude(lo), magnitude(oldLo));
-          const __m128i takeHi = _mm_cmpgt_epi32(magnitude(hi), magnitude(oldHi));
-          oldLo = _mm_or_si128(_mm_and_si128(takeLo, lo), _mm_andnot_si128(takeLo, oldLo));
-          oldHi = _mm_or_si128(_mm_and_si128(takeHi, hi), _mm_andnot_si128(takeHi, oldHi));
-          _mm_storeu_si128(reinterpret_cast<__m128i*>(best + x), oldLo);
-          _mm_storeu_si128(reinterpret_cast<__m128i*>(best + x + 4), oldHi);
-          const __m128i take = _mm_packs_epi32(takeLo, takeHi);
-          __m128i idx = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bestIdx + x));
-          idx = _mm_or_si128(_mm_and_si128(take, index), _mm_andnot_si128(take, idx));
-          _mm_storeu_si128(reinterpret_cast<__m128i*>(bestIdx + x), idx);
-        }
-        for (; x < areaW; ++x) {
-          uint32_t sum = 0;
-          for (int32_t n = 0; n < 8; ++n) sum += static_cast<uint32_t>(column[static_cast<size_t>(n) * areaW + x] * v[n]);
-          const int32_t value = static_cast<int32_t>(sum);
-          if (std::llabs(value) > std::llabs(best[x])) {
-            best[x] = value;
-            bestIdx[x] = static_cast<uint16_t>(i + 8 * j);
-          }
-        }
-      }
-    }
+    zycFilterFirstPassSse2(a, dict + i * 8);
+    for (int32_t j = 0; j < 8; ++j) zycFilterSecondPassSse2(a, dict + j * 8, static_cast<uint16_t>(i + 8 * j), 0);
   }
 }
 
