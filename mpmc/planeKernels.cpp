@@ -26,8 +26,8 @@ bool zycSelectPlaneKernels(zycPlaneKernelSet set) {
   if (set == kPlaneKernelsAvx2 && zycCpuHasAvx2()) {
     zycSadTable4x4 = zycSadTable4x4Avx2;
     zycFilterBank = zycFilterBankAvx2;
-    zycMotionError = zycMotionErrorSse2;
-    zycAffineError = zycAffineErrorSse2;
+    zycMotionError = zycMotionErrorAvx2;
+    zycAffineError = zycAffineErrorAvx2;
     zycMotionDelta = zycMotionDeltaSse2;
     zycAffineDelta = zycAffineDeltaSse2;
     zycBestEntry16 = zycBestEntry16Sse2;

@@ -31,6 +31,10 @@ int32_t zycMotionDeltaSse2(const uint8_t* o, int32_t oStride, const int32_t* now
 int32_t zycAffineDeltaSse2(const uint8_t* o, int32_t oStride, const int32_t* now, int32_t nowStride,
                            const int32_t* before, int32_t beforeStride, const int32_t* r,
                            int32_t rStride, int32_t columns, int32_t rows, int32_t a, int32_t b);
+int32_t zycMotionErrorAvx2(const uint8_t* o, int32_t oStride, const int32_t* mp, int32_t mpStride,
+                           const int32_t* r, int32_t rStride, int32_t size, int32_t a, int32_t b);
+int32_t zycAffineErrorAvx2(const uint8_t* o, int32_t oStride, const int32_t* mp, int32_t mpStride,
+                           const int32_t* r, int32_t rStride, int32_t size, int32_t a, int32_t b);
 int32_t zycBestEntry16Sse2(const uint16_t* table);
 int32_t zycBestEntry32Sse2(const uint32_t* table);
 void zycFilterBankSse2(const zycFilterArea& area, const int16_t* dict);

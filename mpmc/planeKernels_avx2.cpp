@@ -41,6 +41,60 @@ ZYC_AVX2 void zycSadTable4x4Avx2(const uint8_t* target, int32_t targetStride, co
   }
 }
 
+namespace {
+
+// Sixteen pixels of a row: (o - clamp(mp + m))^2 summed in pairs, m = r or ((a * r) >> 8) + b.
+template <bool kAffine>
+ZYC_AVX2 inline __m256i RowError16(const uint8_t* o, const int32_t* mp, const int32_t* r, __m256i a, __m256i b) {
+  // packs works within lanes: pixels come out as 0-3, 8-11, 4-7, 12-15 and are put back in order.
+  const __m256i mv = _mm256_permute4x64_epi64(
+      _mm256_packs_epi32(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(mp)),
+                         _mm256_loadu_si256(reinterpret_cast<const __m256i*>(mp + 8))), 0xD8);
+  __m256i rv = _mm256_permute4x64_epi64(
+      _mm256_packs_epi32(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(r)),
+                         _mm256_loadu_si256(reinterpret_cast<const __m256i*>(r + 8))), 0xD8);
+  const __m256i ov = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(o)));
+  if constexpr (kAffine) {
+    // (a * r) >> 8 in 32 bits, back to 16: a is 12 bits and r 8 bits, the result fits.
+    const __m256i lo = _mm256_mullo_epi16(rv, a), hi = _mm256_mulhi_epi16(rv, a);
+    const __m256i p0 = _mm256_srai_epi32(_mm256_unpacklo_epi16(lo, hi), 8);
+    const __m256i p1 = _mm256_srai_epi32(_mm256_unpackhi_epi16(lo, hi), 8);
+    rv = _mm256_add_epi16(_mm256_packs_epi32(p0, p1), b);
+  }
+  __m256i t = _mm256_add_epi16(mv, rv);
+  t = _mm256_min_epi16(_mm256_max_epi16(t, _mm256_setzero_si256()), _mm256_set1_epi16(255));
+  const __m256i d = _mm256_sub_epi16(ov, t);
+  return _mm256_madd_epi16(d, d);
+}
+
+template <bool kAffine>
+ZYC_AVX2 int32_t MovedError16(const uint8_t* o, int32_t oStride, const int32_t* mp, int32_t mpStride,
+                              const int32_t* r, int32_t rStride, int32_t size, int32_t a, int32_t b) {
+  const __m256i av = _mm256_set1_epi16(static_cast<int16_t>(a)), bv = _mm256_set1_epi16(static_cast<int16_t>(b));
+  __m256i acc = _mm256_setzero_si256();
+  for (int32_t j = 0; j < size; ++j, o += oStride, mp += mpStride, r += rStride)
+    for (int32_t i = 0; i < size; i += 16) acc = _mm256_add_epi32(acc, RowError16<kAffine>(o + i, mp + i, r + i, av, bv));
+  __m128i sum = _mm_add_epi32(_mm256_castsi256_si128(acc), _mm256_extracti128_si256(acc, 1));
+  sum = _mm_add_epi32(sum, _mm_srli_si128(sum, 8));
+  sum = _mm_add_epi32(sum, _mm_srli_si128(sum, 4));
+  return _mm_cvtsi128_si32(sum);
+}
+
+}  // namespace
+
+// Blocks of 16 and 32 pixels sixteen pixels at a time; smaller ones as the SSE2 kernels take them.
+ZYC_AVX2 int32_t zycMotionErrorAvx2(const uint8_t* o, int32_t oStride, const int32_t* mp, int32_t mpStride,
+                                    const int32_t* r, int32_t rStride, int32_t size, int32_t a, int32_t b) {
+  if (size < 16) return zycMotionErrorSse2(o, oStride, mp, mpStride, r, rStride, size, a, b);
+  return MovedError16<false>(o, oStride, mp, mpStride, r, rStride, size, a, b);
+}
+
+ZYC_AVX2 int32_t zycAffineErrorAvx2(const uint8_t* o, int32_t oStride, const int32_t* mp, int32_t mpStride,
+                                    const int32_t* r, int32_t rStride, int32_t size, int32_t a, int32_t b) {
+  if (size < 16) return zycAffineErrorSse2(o, oStride, mp, mpStride, r, rStride, size, a, b);
+  return MovedError16<true>(o, oStride, mp, mpStride, r, rStride, size, a, b);
+}
+
 // The filter bank: the SSE2 first pass, then each vertical filter over 16 pixels a time;
 // vpunpck works within 128-bit lanes, so the sums come out as pixels 0-3, 8-11 and 4-7, 12-15
 // and are put back in order before they meet the best values.
