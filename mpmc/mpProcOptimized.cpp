@@ -34,6 +34,8 @@ int32_t* rowBestX;
 double cachedBest = -1.0;
 int32_t cachedX = 0, cachedY = 0;
 McRect area;  // the area of the last search
+// zycAtomWeight of every tap of every atom, [atomV][atomH][v][h], made with the dictionary.
+int32_t atomWeights[8][8][8][8];
 
 inline int32_t Clamp255(int32_t v) { return v < 0 ? 0 : (v > 255 ? 255 : v); }
 inline int64_t Clamp255(int64_t v) { return v < 0 ? 0 : (v > 255 ? 255 : v); }
@@ -200,6 +202,11 @@ void mpProcOptimized::initOptimizedDict() {
   ZYC_ASSERT(m_optimizedDict == nullptr, "mpProcOptimized::initOptimizedDict",
              "m_optimizedDict already created\n");
   m_optimizedDict = static_cast<int16_t*>(mpmcAlloc(64 * sizeof(int16_t)));
+  for (int32_t atomV = 0; atomV < 8; ++atomV)
+    for (int32_t atomH = 0; atomH < 8; ++atomH)
+      for (int32_t v = 0; v < 8; ++v)
+        for (int32_t h = 0; h < 8; ++h)
+          atomWeights[atomV][atomH][v][h] = zycAtomWeight(dictionary, atomH, atomV, h, v);
   for (int32_t i = 0; i < 64; ++i) {
     const double v = dictionary[i / 8][i % 8] * 32768.0;
     const double r = v >= 0 ? std::floor(v + 0.5) : -std::floor(-v + 0.5);
@@ -410,17 +417,15 @@ int32_t sortInAtom() {
 
 int32_t atomDelta(const mpAtom* atom, Label* mc, Label* mp, const mpmcParam* p, McRect* rect,
                   double step) {
-  const double (*shapes)[8] = mpProcOptimized::dictionary;
   const int32_t x0 = std::max(atom->x - 4, 0), y0 = std::max(atom->y - 4, 0);
   const int32_t x1 = std::min(atom->x + 4, width), y1 = std::min(atom->y + 4, height);
   *rect = {x0, y0, x1, y1};
   const int64_t c = quantRound(atom->level * step);
   int64_t g = 0;
   for (int32_t y = y0; y < y1; ++y) {
-    const int32_t vy = y - (atom->y - 4);
+    const int32_t* weights = atomWeights[atom->atomV][atom->atomH][y - (atom->y - 4)];
     for (int32_t x = x0; x < x1; ++x) {
-      const int32_t hx = x - (atom->x - 4);
-      const int64_t d = zycAtomDelta(c * zycAtomWeight(shapes, atom->atomH, atom->atomV, hx, vy));
+      const int64_t d = zycAtomDelta(c * weights[x - (atom->x - 4)]);
       if (mp) {
         const int64_t t = static_cast<int64_t>(mc->rows[y][x]) + mp->rows[y][x];
         const int64_t o = sourcePic.rows[y][x];
