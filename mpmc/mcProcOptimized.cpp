@@ -20,6 +20,8 @@ zycBestEntry32Fn zycBestEntry32 = zycBestEntry32Plain;
 zycMovedErrorFn zycAffineError = zycAffineErrorPlain;
 zycMovedDeltaFn zycMotionDelta = zycMotionDeltaPlain;
 zycMovedDeltaFn zycAffineDelta = zycAffineDeltaPlain;
+zycMotionEstimateFn zycMotionEstimate = zycMotionEstimatePlain;
+zycAffineEstimateFn zycAffineEstimate = zycAffineEstimatePlain;
 Label* omcWindows[4];
 
 namespace {
@@ -263,6 +265,30 @@ int32_t zycAffineDeltaPlain(const uint8_t* o, int32_t oStride, const int32_t* no
   return MovedDelta<true>(o, oStride, now, nowStride, before, beforeStride, r, rStride, columns, rows, a, b);
 }
 
+int32_t zycMotionEstimatePlain(const int32_t* r0, const int32_t* r1, int32_t fx, const int32_t* window,
+                               const int32_t* mc, const int32_t* target, const int32_t* error, int32_t count) {
+  int32_t g = 0;
+  for (int32_t x = 0; x < count; ++x) {
+    const int32_t v = (r0[x] + r0[x + fx] + r1[x] + r1[x + fx] + 2) >> 2;
+    const int32_t blended = (v * window[x] + (65536 - window[x]) * mc[x] + 32768) >> 16;
+    const int32_t d = blended - target[x];
+    g += error[x] - d * d;
+  }
+  return g;
+}
+
+int32_t zycAffineEstimatePlain(const int32_t* r, int32_t a, int32_t b, const int32_t* window,
+                               const int32_t* mc, const int32_t* target, const int32_t* error, int32_t count) {
+  int32_t g = 0;
+  for (int32_t x = 0; x < count; ++x) {
+    const int32_t v = Clamp255(((a * r[x]) >> 8) + b);
+    const int32_t blended = static_cast<int16_t>((v * window[x] + (65536 - window[x]) * mc[x] + 32768) >> 16);
+    const int32_t d = blended - target[x];
+    g += error[x] - d * d;
+  }
+  return g;
+}
+
 void zycSadTable4x4Plain(const uint8_t* target, int32_t targetStride, const uint8_t* ref,
                          int32_t refStride, uint16_t* out) {
   for (int32_t dy = 0; dy < 32; ++dy) {
@@ -484,21 +510,10 @@ int32_t applyBlock(const McBlock* block, Label* mc, Label* mp, const mpmcParam* 
       if (block->type == 0) {
         const int32_t* r0 = paddedRef->rows[y + kPadMargin + iy] + kPadMargin + ix;
         const int32_t* r1 = paddedRef->rows[y + kPadMargin + iy + fy] + kPadMargin + ix;
-        for (int32_t x = x0; x < x1; ++x) {
-          const int32_t v = (r0[x] + r0[x + fx] + r1[x] + r1[x + fx] + 2) >> 2;
-          const int32_t blended = (v * wrow[x] + (65536 - wrow[x]) * c[x] + 32768) >> 16;
-          const int32_t d = blended - t[x];
-          g += e[x] - d * d;
-        }
+        g += zycMotionEstimate(r0 + x0, r1 + x0, fx, wrow + x0, c + x0, t + x0, e + x0, x1 - x0);
       } else {
         const int32_t* r = paddedRef->rows[y + kPadMargin] + kPadMargin;
-        const int32_t a = block->a, b = block->b;
-        for (int32_t x = x0; x < x1; ++x) {
-          const int32_t v = Clamp255(((a * r[x]) >> 8) + b);
-          const int32_t blended = static_cast<int16_t>((v * wrow[x] + (65536 - wrow[x]) * c[x] + 32768) >> 16);
-          const int32_t d = blended - t[x];
-          g += e[x] - d * d;
-        }
+        g += zycAffineEstimate(r + x0, block->a, block->b, wrow + x0, c + x0, t + x0, e + x0, x1 - x0);
       }
     }
     return g;

@@ -9,6 +9,8 @@ bool zycSelectPlaneKernels(zycPlaneKernelSet set) {
   zycAffineError = zycAffineErrorPlain;
   zycMotionDelta = zycMotionDeltaPlain;
   zycAffineDelta = zycAffineDeltaPlain;
+  zycMotionEstimate = zycMotionEstimatePlain;
+  zycAffineEstimate = zycAffineEstimatePlain;
   zycBestEntry16 = zycBestEntry16Plain;
   zycBestEntry32 = zycBestEntry32Plain;
 #if !defined(ZYL_NO_SIMD) && defined(__x86_64__)
@@ -28,6 +30,8 @@ bool zycSelectPlaneKernels(zycPlaneKernelSet set) {
     zycFilterBank = zycFilterBankAvx2;
     zycMotionError = zycMotionErrorAvx2;
     zycAffineError = zycAffineErrorAvx2;
+    zycMotionEstimate = zycMotionEstimateAvx2;
+    zycAffineEstimate = zycAffineEstimateAvx2;
     zycMotionDelta = zycMotionDeltaSse2;
     zycAffineDelta = zycAffineDeltaSse2;
     zycBestEntry16 = zycBestEntry16Sse2;

@@ -1,5 +1,5 @@
 // The plane coder's kernel sets: the level-0 SAD tables and their best entries, the moved blocks' errors of the motion
-// and affine searches and their changes after an atom, and the 64-filter bank, plain and with
+// and affine searches and their changes after an atom, the blocks' estimated gains and the 64-filter bank, plain and with
 // SSE2 or AVX2. Every set gives the plain results bit for bit; which one runs is chosen once per
 // job from the processor's features, or by a test or benchmark.
 #pragma once
@@ -35,6 +35,10 @@ int32_t zycMotionErrorAvx2(const uint8_t* o, int32_t oStride, const int32_t* mp,
                            const int32_t* r, int32_t rStride, int32_t size, int32_t a, int32_t b);
 int32_t zycAffineErrorAvx2(const uint8_t* o, int32_t oStride, const int32_t* mp, int32_t mpStride,
                            const int32_t* r, int32_t rStride, int32_t size, int32_t a, int32_t b);
+int32_t zycMotionEstimateAvx2(const int32_t* r0, const int32_t* r1, int32_t fx, const int32_t* window,
+                              const int32_t* mc, const int32_t* target, const int32_t* error, int32_t count);
+int32_t zycAffineEstimateAvx2(const int32_t* r, int32_t a, int32_t b, const int32_t* window,
+                              const int32_t* mc, const int32_t* target, const int32_t* error, int32_t count);
 int32_t zycBestEntry16Sse2(const uint16_t* table);
 int32_t zycBestEntry32Sse2(const uint32_t* table);
 void zycFilterBankSse2(const zycFilterArea& area, const int16_t* dict);

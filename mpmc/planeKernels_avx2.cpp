@@ -43,6 +43,8 @@ ZYC_AVX2 void zycSadTable4x4Avx2(const uint8_t* target, int32_t targetStride, co
 
 namespace {
 
+ZYC_AVX2 inline __m256i Load8(const int32_t* p) { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)); }
+
 // Sixteen pixels of a row: (o - clamp(mp + m))^2 summed in pairs, m = r or ((a * r) >> 8) + b.
 template <bool kAffine>
 ZYC_AVX2 inline __m256i RowError16(const uint8_t* o, const int32_t* mp, const int32_t* r, __m256i a, __m256i b) {
@@ -93,6 +95,59 @@ ZYC_AVX2 int32_t zycAffineErrorAvx2(const uint8_t* o, int32_t oStride, const int
                                     const int32_t* r, int32_t rStride, int32_t size, int32_t a, int32_t b) {
   if (size < 16) return zycAffineErrorSse2(o, oStride, mp, mpStride, r, rStride, size, a, b);
   return MovedError16<true>(o, oStride, mp, mpStride, r, rStride, size, a, b);
+}
+
+// Block estimates eight pixels at a time, the last one to seven as the plain kernels take them.
+ZYC_AVX2 int32_t zycMotionEstimateAvx2(const int32_t* r0, const int32_t* r1, int32_t fx, const int32_t* window,
+                                       const int32_t* mc, const int32_t* target, const int32_t* error,
+                                       int32_t count) {
+  const __m256i two = _mm256_set1_epi32(2), full = _mm256_set1_epi32(65536), half = _mm256_set1_epi32(32768);
+  __m256i acc = _mm256_setzero_si256();
+  int32_t x = 0;
+  for (; x + 8 <= count; x += 8) {
+    const __m256i sum = _mm256_add_epi32(_mm256_add_epi32(Load8(r0 + x), Load8(r0 + x + fx)),
+                                         _mm256_add_epi32(Load8(r1 + x), Load8(r1 + x + fx)));
+    const __m256i v = _mm256_srai_epi32(_mm256_add_epi32(sum, two), 2);
+    const __m256i w = Load8(window + x);
+    const __m256i blend = _mm256_srai_epi32(
+        _mm256_add_epi32(_mm256_add_epi32(_mm256_mullo_epi32(v, w), _mm256_mullo_epi32(_mm256_sub_epi32(full, w), Load8(mc + x))),
+                         half),
+        16);
+    const __m256i d = _mm256_sub_epi32(blend, Load8(target + x));
+    acc = _mm256_add_epi32(acc, _mm256_sub_epi32(Load8(error + x), _mm256_mullo_epi32(d, d)));
+  }
+  __m128i total = _mm_add_epi32(_mm256_castsi256_si128(acc), _mm256_extracti128_si256(acc, 1));
+  total = _mm_add_epi32(total, _mm_srli_si128(total, 8));
+  total = _mm_add_epi32(total, _mm_srli_si128(total, 4));
+  return _mm_cvtsi128_si32(total) +
+         zycMotionEstimatePlain(r0 + x, r1 + x, fx, window + x, mc + x, target + x, error + x, count - x);
+}
+
+ZYC_AVX2 int32_t zycAffineEstimateAvx2(const int32_t* r, int32_t a, int32_t b, const int32_t* window,
+                                       const int32_t* mc, const int32_t* target, const int32_t* error,
+                                       int32_t count) {
+  const __m256i full = _mm256_set1_epi32(65536), half = _mm256_set1_epi32(32768);
+  const __m256i av = _mm256_set1_epi32(a), bv = _mm256_set1_epi32(b);
+  const __m256i zero = _mm256_setzero_si256(), top = _mm256_set1_epi32(255);
+  __m256i acc = _mm256_setzero_si256();
+  int32_t x = 0;
+  for (; x + 8 <= count; x += 8) {
+    __m256i v = _mm256_add_epi32(_mm256_srai_epi32(_mm256_mullo_epi32(av, Load8(r + x)), 8), bv);
+    v = _mm256_min_epi32(_mm256_max_epi32(v, zero), top);
+    const __m256i w = Load8(window + x);
+    __m256i blend = _mm256_srai_epi32(
+        _mm256_add_epi32(_mm256_add_epi32(_mm256_mullo_epi32(v, w), _mm256_mullo_epi32(_mm256_sub_epi32(full, w), Load8(mc + x))),
+                         half),
+        16);
+    blend = _mm256_srai_epi32(_mm256_slli_epi32(blend, 16), 16);  // cut to 16 bits
+    const __m256i d = _mm256_sub_epi32(blend, Load8(target + x));
+    acc = _mm256_add_epi32(acc, _mm256_sub_epi32(Load8(error + x), _mm256_mullo_epi32(d, d)));
+  }
+  __m128i total = _mm_add_epi32(_mm256_castsi256_si128(acc), _mm256_extracti128_si256(acc, 1));
+  total = _mm_add_epi32(total, _mm_srli_si128(total, 8));
+  total = _mm_add_epi32(total, _mm_srli_si128(total, 4));
+  return _mm_cvtsi128_si32(total) +
+         zycAffineEstimatePlain(r + x, a, b, window + x, mc + x, target + x, error + x, count - x);
 }
 
 // The filter bank: the SSE2 first pass, then each vertical filter over 16 pixels a time;
