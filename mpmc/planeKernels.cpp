@@ -35,7 +35,7 @@ bool zycSelectPlaneKernels(zycPlaneKernelSet set) {
     zycMotionDelta = zycMotionDeltaSse2;
     zycAffineDelta = zycAffineDeltaSse2;
     zycBestEntry16 = zycBestEntry16Sse2;
-    zycBestEntry32 = zycBestEntry32Sse2;
+    zycBestEntry32 = zycBestEntry32Avx2;
     return true;
   }
 #endif

@@ -41,6 +41,7 @@ int32_t zycAffineEstimateAvx2(const int32_t* r, int32_t a, int32_t b, const int3
                               const int32_t* mc, const int32_t* target, const int32_t* error, int32_t count);
 int32_t zycBestEntry16Sse2(const uint16_t* table);
 int32_t zycBestEntry32Sse2(const uint32_t* table);
+int32_t zycBestEntry32Avx2(const uint32_t* table);
 void zycFilterBankSse2(const zycFilterArea& area, const int16_t* dict);
 void zycFilterBankAvx2(const zycFilterArea& area, const int16_t* dict);
 // The bank's two passes with SSE2: the horizontal filter `h` over the area's rows and 8 rows

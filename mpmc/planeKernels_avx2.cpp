@@ -97,6 +97,24 @@ ZYC_AVX2 int32_t zycAffineErrorAvx2(const uint8_t* o, int32_t oStride, const int
   return MovedError16<true>(o, oStride, mp, mpStride, r, rStride, size, a, b);
 }
 
+// The first index of the smallest of 1024 entries: the minimum by vector minima, then the first
+// entry equal to it by comparison masks.
+ZYC_AVX2 int32_t zycBestEntry32Avx2(const uint32_t* table) {
+  const __m256i* t = reinterpret_cast<const __m256i*>(table);
+  __m256i m = _mm256_loadu_si256(t);
+  for (int32_t i = 1; i < 128; ++i) m = _mm256_min_epu32(m, _mm256_loadu_si256(t + i));
+  __m128i h = _mm_min_epu32(_mm256_castsi256_si128(m), _mm256_extracti128_si256(m, 1));
+  h = _mm_min_epu32(h, _mm_srli_si128(h, 8));
+  h = _mm_min_epu32(h, _mm_srli_si128(h, 4));
+  const __m256i lowest = _mm256_broadcastd_epi32(h);
+  for (int32_t i = 0; i < 128; ++i) {
+    const uint32_t mask = static_cast<uint32_t>(
+        _mm256_movemask_epi8(_mm256_cmpeq_epi32(_mm256_loadu_si256(t + i), lowest)));
+    if (mask) return i * 8 + __builtin_ctz(mask) / 4;
+  }
+  return 0;
+}
+
 // Block estimates eight pixels at a time, the last one to seven as the plain kernels take them.
 ZYC_AVX2 int32_t zycMotionEstimateAvx2(const int32_t* r0, const int32_t* r1, int32_t fx, const int32_t* window,
                                        const int32_t* mc, const int32_t* target, const int32_t* error,
