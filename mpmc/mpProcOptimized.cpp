@@ -484,29 +484,24 @@ int32_t zycAtomBitsScan(int32_t last) {
 }
 
 int32_t requantize(double s, double multiplier) {
-  for (int32_t y = 0; y < height; ++y) {
-    const uint8_t* o = sourcePic.rows[y];
-    const int32_t* c = mcImage->rows[y];
-    double* res = residual->rows[y];
-    for (int32_t x = 0; x < width; ++x) res[x] = o[x] - c[x];
-  }
   clearLabel(mpImage);
   for (int32_t i = 0; i < atomCount; ++i) {
     mpAtom* atom = sortedAtoms[i];
     atom->level = quantRound(atom->coefficient / s);
     McRect rect;
     atomDelta(atom, mcImage, mpImage, &param, &rect, s);
-    for (int32_t y = rect.y0; y < rect.y1; ++y)
-      for (int32_t x = rect.x0; x < rect.x1; ++x)
-        residual->rows[y][x] = sourcePic.rows[y][x] - mcImage->rows[y][x] - mpImage->rows[y][x];
   }
+  // An atom changes mpImage only inside its rectangle, so the residual after all of them is
+  // source - mc - mp at every pixel: made in the same pass as the squared error.
   double sse = 0.0;
   for (int32_t y = 0; y < height; ++y) {
     const uint8_t* o = sourcePic.rows[y];
     const int32_t* c = mcImage->rows[y];
     const int32_t* m = mpImage->rows[y];
+    double* res = residual->rows[y];
     for (int32_t x = 0; x < width; ++x) {
       const double d = o[x] - c[x] - m[x];
+      res[x] = d;
       sse += d * d;
     }
   }
