@@ -42,12 +42,21 @@ int32_t* mpBefore;
 McRect changed;  // the changed rectangle as handed over, clamped
 int32_t* rowBestPos[4];
 
-void RowBests(int32_t k, int32_t gy0, int32_t gy1) {
+// The row bests of grid rows gy0..gy1 whose gains changed in columns gx0..gx1. A row whose
+// best lies outside those columns keeps it unless a changed gain beats it (or equals it
+// further left); otherwise the whole row is scanned again.
+void RowBests(int32_t k, int32_t gy0, int32_t gy1, int32_t gx0, int32_t gx1) {
   for (int32_t gy = gy0; gy < gy1; ++gy) {
     const int32_t* g = gain[k] + static_cast<size_t>(gy) * positionsX[k];
-    int32_t best = 0;
-    for (int32_t gx = 1; gx < positionsX[k]; ++gx)
-      if (g[gx] > g[best]) best = gx;
+    int32_t best = rowBestPos[k][gy] - gy * positionsX[k];
+    if (best >= gx0 && best < gx1) {
+      best = 0;
+      for (int32_t gx = 1; gx < positionsX[k]; ++gx)
+        if (g[gx] > g[best]) best = gx;
+    } else {
+      for (int32_t gx = gx0; gx < gx1; ++gx)
+        if (g[gx] > g[best] || (g[gx] == g[best] && gx < best)) best = gx;
+    }
     rowBestGain[k][gy] = g[best];
     rowBestPos[k][gy] = gy * positionsX[k] + best;
   }
@@ -106,18 +115,13 @@ int32_t PositionGain(int32_t k, int32_t pos, int32_t x, int32_t y, int32_t size,
   } else if (lastMethod == 2) {
     const int32_t x0 = std::max(x, changed.x0), x1 = std::min(x + size, changed.x1);
     const int32_t y0 = std::max(y, changed.y0), y1 = std::min(y + size, changed.y1);
-    int32_t delta = 0;
-    for (int32_t j = y0; j < y1; ++j) {
-      const uint8_t* o = sourceIn->rows[j];
-      const int32_t* now = mpIn->rows[j];
-      const int32_t* before = mpBefore + static_cast<size_t>(j) * width;
-      const int32_t* r = paddedRef->rows[j + kPadMargin] + kPadMargin;
-      for (int32_t i = x0; i < x1; ++i) {
-        const int32_t m = ((a * r[i]) >> 8) + b;
-        const int32_t e1 = o[i] - Clamp255(now[i] + m), e0 = o[i] - Clamp255(before[i] + m);
-        delta += e1 * e1 - e0 * e0;
-      }
-    }
+    const int32_t delta =
+        x0 < x1 && y0 < y1
+            ? zycAffineDelta(sourceIn->rows[y0] + x0, width, mpIn->rows[y0] + x0, mpIn->width,
+                             mpBefore + static_cast<size_t>(y0) * width + x0, width,
+                             paddedRef->rows[y0 + kPadMargin] + x0 + kPadMargin, paddedRef->width,
+                             x1 - x0, y1 - y0, a, b)
+            : 0;
     movedError[k][pos] += delta;
   }
   return errorSum[k][pos] - movedError[k][pos];
@@ -280,7 +284,7 @@ void afProcOptimized::afSearchMonoThread() {
       packedFit[0][pos] = zycAffineFit(s.sr, s.st, s.srr, s.srt, 16);
       gain[0][pos] = PositionGain(0, pos, x, y, 4, packedFit[0][pos], fitBefore);
     }
-  RowBests(0, work.y0 / 4, work.y1 / 4);
+  RowBests(0, work.y0 / 4, work.y1 / 4, work.x0 / 4, work.x1 / 4);
   for (int32_t k = 1; k < 4; ++k) {
     const int32_t size = 4 << k;
     const int32_t half = 1 << (k - 1);
@@ -303,7 +307,7 @@ void afProcOptimized::afSearchMonoThread() {
         packedFit[k][pos] = zycAffineFit(s.sr, s.st, s.srr, s.srt, static_cast<uint32_t>(size * size));
         gain[k][pos] = PositionGain(k, pos, x, y, size, packedFit[k][pos], fitBefore);
       }
-    if (ys < ye) RowBests(k, ys / 4, ye / 4);
+    if (ys < ye && xs < xe) RowBests(k, ys / 4, ye / 4, xs / 4, xe / 4);
   }
   KeepMpBefore();
   for (int32_t k = 0; k < 4; ++k) {

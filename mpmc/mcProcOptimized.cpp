@@ -18,6 +18,10 @@ zycMovedErrorFn zycMotionError = zycMotionErrorPlain;
 zycBestEntry16Fn zycBestEntry16 = zycBestEntry16Plain;
 zycBestEntry32Fn zycBestEntry32 = zycBestEntry32Plain;
 zycMovedErrorFn zycAffineError = zycAffineErrorPlain;
+zycMovedDeltaFn zycMotionDelta = zycMotionDeltaPlain;
+zycMovedDeltaFn zycAffineDelta = zycAffineDeltaPlain;
+zycMotionEstimateFn zycMotionEstimate = zycMotionEstimatePlain;
+zycAffineEstimateFn zycAffineEstimate = zycAffineEstimatePlain;
 Label* omcWindows[4];
 
 namespace {
@@ -52,12 +56,21 @@ int32_t* mpBefore;
 McRect changed;  // the changed rectangle as handed over, clamped
 int32_t* rowBestPos[4];
 
-void RowBests(int32_t k, int32_t gy0, int32_t gy1) {
+// The row bests of grid rows gy0..gy1 whose gains changed in columns gx0..gx1. A row whose
+// best lies outside those columns keeps it unless a changed gain beats it (or equals it
+// further left); otherwise the whole row is scanned again.
+void RowBests(int32_t k, int32_t gy0, int32_t gy1, int32_t gx0, int32_t gx1) {
   for (int32_t gy = gy0; gy < gy1; ++gy) {
     const int32_t* g = gain[k] + static_cast<size_t>(gy) * positionsX[k];
-    int32_t best = 0;
-    for (int32_t gx = 1; gx < positionsX[k]; ++gx)
-      if (g[gx] > g[best]) best = gx;
+    int32_t best = rowBestPos[k][gy] - gy * positionsX[k];
+    if (best >= gx0 && best < gx1) {
+      best = 0;
+      for (int32_t gx = 1; gx < positionsX[k]; ++gx)
+        if (g[gx] > g[best]) best = gx;
+    } else {
+      for (int32_t gx = gx0; gx < gx1; ++gx)
+        if (g[gx] > g[best] || (g[gx] == g[best] && gx < best)) best = gx;
+    }
     rowBestGain[k][gy] = g[best];
     rowBestPos[k][gy] = gy * positionsX[k] + best;
   }
@@ -119,17 +132,13 @@ int32_t PositionGain(int32_t k, int32_t pos, int32_t x, int32_t y, int32_t size,
   } else if (lastMethod == 2) {
     const int32_t x0 = std::max(x, changed.x0), x1 = std::min(x + size, changed.x1);
     const int32_t y0 = std::max(y, changed.y0), y1 = std::min(y + size, changed.y1);
-    int32_t delta = 0;
-    for (int32_t j = y0; j < y1; ++j) {
-      const uint8_t* o = sourceIn->rows[j];
-      const int32_t* now = mpIn->rows[j];
-      const int32_t* before = mpBefore + static_cast<size_t>(j) * width;
-      const int32_t* r = paddedRef->rows[j + dy + kPadMargin] + dx + kPadMargin;
-      for (int32_t i = x0; i < x1; ++i) {
-        const int32_t e1 = o[i] - Clamp255(now[i] + r[i]), e0 = o[i] - Clamp255(before[i] + r[i]);
-        delta += e1 * e1 - e0 * e0;
-      }
-    }
+    const int32_t delta =
+        x0 < x1 && y0 < y1
+            ? zycMotionDelta(sourceIn->rows[y0] + x0, width, mpIn->rows[y0] + x0, mpIn->width,
+                             mpBefore + static_cast<size_t>(y0) * width + x0, width,
+                             paddedRef->rows[y0 + dy + kPadMargin] + x0 + dx + kPadMargin,
+                             paddedRef->width, x1 - x0, y1 - y0, 256, 0)
+            : 0;
     movedError[k][pos] += delta;
   }
   return errorSum[k][pos] - movedError[k][pos];
@@ -224,6 +233,60 @@ int32_t zycAffineErrorPlain(const uint8_t* o, int32_t oStride, const int32_t* mp
       e += d * d;
     }
   return e;
+}
+
+namespace {
+
+template <bool kAffine>
+int32_t MovedDelta(const uint8_t* o, int32_t oStride, const int32_t* now, int32_t nowStride,
+                   const int32_t* before, int32_t beforeStride, const int32_t* r, int32_t rStride,
+                   int32_t columns, int32_t rows, int32_t a, int32_t b) {
+  int32_t delta = 0;
+  for (int32_t j = 0; j < rows; ++j, o += oStride, now += nowStride, before += beforeStride, r += rStride)
+    for (int32_t i = 0; i < columns; ++i) {
+      const int32_t m = kAffine ? ((a * r[i]) >> 8) + b : r[i];
+      const int32_t e1 = o[i] - Clamp255(now[i] + m), e0 = o[i] - Clamp255(before[i] + m);
+      delta += e1 * e1 - e0 * e0;
+    }
+  return delta;
+}
+
+}  // namespace
+
+int32_t zycMotionDeltaPlain(const uint8_t* o, int32_t oStride, const int32_t* now, int32_t nowStride,
+                            const int32_t* before, int32_t beforeStride, const int32_t* r,
+                            int32_t rStride, int32_t columns, int32_t rows, int32_t a, int32_t b) {
+  return MovedDelta<false>(o, oStride, now, nowStride, before, beforeStride, r, rStride, columns, rows, a, b);
+}
+
+int32_t zycAffineDeltaPlain(const uint8_t* o, int32_t oStride, const int32_t* now, int32_t nowStride,
+                            const int32_t* before, int32_t beforeStride, const int32_t* r,
+                            int32_t rStride, int32_t columns, int32_t rows, int32_t a, int32_t b) {
+  return MovedDelta<true>(o, oStride, now, nowStride, before, beforeStride, r, rStride, columns, rows, a, b);
+}
+
+int32_t zycMotionEstimatePlain(const int32_t* r0, const int32_t* r1, int32_t fx, const int32_t* window,
+                               const int32_t* mc, const int32_t* target, const int32_t* error, int32_t count) {
+  int32_t g = 0;
+  for (int32_t x = 0; x < count; ++x) {
+    const int32_t v = (r0[x] + r0[x + fx] + r1[x] + r1[x + fx] + 2) >> 2;
+    const int32_t blended = (v * window[x] + (65536 - window[x]) * mc[x] + 32768) >> 16;
+    const int32_t d = blended - target[x];
+    g += error[x] - d * d;
+  }
+  return g;
+}
+
+int32_t zycAffineEstimatePlain(const int32_t* r, int32_t a, int32_t b, const int32_t* window,
+                               const int32_t* mc, const int32_t* target, const int32_t* error, int32_t count) {
+  int32_t g = 0;
+  for (int32_t x = 0; x < count; ++x) {
+    const int32_t v = Clamp255(((a * r[x]) >> 8) + b);
+    const int32_t blended = static_cast<int16_t>((v * window[x] + (65536 - window[x]) * mc[x] + 32768) >> 16);
+    const int32_t d = blended - target[x];
+    g += error[x] - d * d;
+  }
+  return g;
 }
 
 void zycSadTable4x4Plain(const uint8_t* target, int32_t targetStride, const uint8_t* ref,
@@ -359,7 +422,7 @@ void mcProcOptimized::mcSearchMonoThread() {
       const int32_t pos = (y / 4) * gridW + x / 4;
       gain[0][pos] = PositionGain(0, pos, x, y, 4, bestVector[0][pos]);
     }
-  RowBests(0, work.y0 / 4, work.y1 / 4);
+  RowBests(0, work.y0 / 4, work.y1 / 4, work.x0 / 4, work.x1 / 4);
   for (int32_t k = 1; k < 4; ++k) {
     const int32_t size = 4 << k;
     const int32_t xs = std::max(work.x0 - size + 4, 0), xe = std::min(width - size + 4, work.x1);
@@ -371,7 +434,7 @@ void mcProcOptimized::mcSearchMonoThread() {
         const int32_t pos = (y / 4) * positionsX[k] + x / 4;
         gain[k][pos] = PositionGain(k, pos, x, y, size, bestVector[k][pos]);
       }
-    RowBests(k, ys / 4, ye / 4);
+    RowBests(k, ys / 4, ye / 4, xs / 4, xe / 4);
   }
   KeepMpBefore();
   for (int32_t k = 0; k < 4; ++k) {
@@ -447,21 +510,10 @@ int32_t applyBlock(const McBlock* block, Label* mc, Label* mp, const mpmcParam* 
       if (block->type == 0) {
         const int32_t* r0 = paddedRef->rows[y + kPadMargin + iy] + kPadMargin + ix;
         const int32_t* r1 = paddedRef->rows[y + kPadMargin + iy + fy] + kPadMargin + ix;
-        for (int32_t x = x0; x < x1; ++x) {
-          const int32_t v = (r0[x] + r0[x + fx] + r1[x] + r1[x + fx] + 2) >> 2;
-          const int32_t blended = (v * wrow[x] + (65536 - wrow[x]) * c[x] + 32768) >> 16;
-          const int32_t d = blended - t[x];
-          g += e[x] - d * d;
-        }
+        g += zycMotionEstimate(r0 + x0, r1 + x0, fx, wrow + x0, c + x0, t + x0, e + x0, x1 - x0);
       } else {
         const int32_t* r = paddedRef->rows[y + kPadMargin] + kPadMargin;
-        const int32_t a = block->a, b = block->b;
-        for (int32_t x = x0; x < x1; ++x) {
-          const int32_t v = Clamp255(((a * r[x]) >> 8) + b);
-          const int32_t blended = static_cast<int16_t>((v * wrow[x] + (65536 - wrow[x]) * c[x] + 32768) >> 16);
-          const int32_t d = blended - t[x];
-          g += e[x] - d * d;
-        }
+        g += zycAffineEstimate(r + x0, block->a, block->b, wrow + x0, c + x0, t + x0, e + x0, x1 - x0);
       }
     }
     return g;

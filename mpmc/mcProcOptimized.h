@@ -53,6 +53,38 @@ int32_t zycAffineErrorPlain(const uint8_t* o, int32_t oStride, const int32_t* mp
 extern zycMovedErrorFn zycMotionError;
 extern zycMovedErrorFn zycAffineError;
 
+// How a moved block's error changes where mpImage changed: the sum over `columns` x `rows`
+// pixels of (o - clamp(now + m))^2 - (o - clamp(before + m))^2, m as above.
+using zycMovedDeltaFn = int32_t (*)(const uint8_t* o, int32_t oStride, const int32_t* now,
+                                    int32_t nowStride, const int32_t* before, int32_t beforeStride,
+                                    const int32_t* r, int32_t rStride, int32_t columns, int32_t rows,
+                                    int32_t a, int32_t b);
+int32_t zycMotionDeltaPlain(const uint8_t* o, int32_t oStride, const int32_t* now, int32_t nowStride,
+                            const int32_t* before, int32_t beforeStride, const int32_t* r,
+                            int32_t rStride, int32_t columns, int32_t rows, int32_t a, int32_t b);
+int32_t zycAffineDeltaPlain(const uint8_t* o, int32_t oStride, const int32_t* now, int32_t nowStride,
+                            const int32_t* before, int32_t beforeStride, const int32_t* r,
+                            int32_t rStride, int32_t columns, int32_t rows, int32_t a, int32_t b);
+extern zycMovedDeltaFn zycMotionDelta;
+extern zycMovedDeltaFn zycAffineDelta;
+
+// One row of a block's estimated gain, sum of e - (blend - t)^2 over `count` pixels, where the
+// block's pixel v is blended with mc by the window: (v * w + (65536 - w) * mc + 32768) >> 16.
+// Motion: v = (r0[x] + r0[x + fx] + r1[x] + r1[x + fx] + 2) >> 2. Affine: v = clamp(((a * r) >> 8)
+// + b), the blend cut to 16 bits.
+using zycMotionEstimateFn = int32_t (*)(const int32_t* r0, const int32_t* r1, int32_t fx,
+                                        const int32_t* window, const int32_t* mc, const int32_t* target,
+                                        const int32_t* error, int32_t count);
+using zycAffineEstimateFn = int32_t (*)(const int32_t* r, int32_t a, int32_t b, const int32_t* window,
+                                        const int32_t* mc, const int32_t* target, const int32_t* error,
+                                        int32_t count);
+int32_t zycMotionEstimatePlain(const int32_t* r0, const int32_t* r1, int32_t fx, const int32_t* window,
+                               const int32_t* mc, const int32_t* target, const int32_t* error, int32_t count);
+int32_t zycAffineEstimatePlain(const int32_t* r, int32_t a, int32_t b, const int32_t* window,
+                               const int32_t* mc, const int32_t* target, const int32_t* error, int32_t count);
+extern zycMotionEstimateFn zycMotionEstimate;
+extern zycAffineEstimateFn zycAffineEstimate;
+
 // The overlapped windows of the four block sizes, printed as they are made.
 void initOmcWindows();
 void freeOmcWindows();

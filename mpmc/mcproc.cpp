@@ -68,11 +68,10 @@ int32_t blockBits(int32_t index) {
 }
 
 double mcaf_proc(const mpmcParam* p, const McRect& changedRect) {
-  constexpr int32_t reach = (4 << 3) - 4;
-  const int32_t x0 = std::max((changedRect.x0 / 4) * 4 - reach, 0);
-  const int32_t y0 = std::max((changedRect.y0 / 4) * 4 - reach, 0);
-  const int32_t x1 = std::min((changedRect.x1 + 3) / 4 * 4 + reach, p->width);
-  const int32_t y1 = std::min((changedRect.y1 + 3) / 4 * 4 + reach, p->height);
+  // Both images are made pixel by pixel from the source, mcImage and mpImage, so only the
+  // pixels the last element changed need them again.
+  const int32_t x0 = std::clamp(changedRect.x0, 0, p->width), y0 = std::clamp(changedRect.y0, 0, p->height);
+  const int32_t x1 = std::clamp(changedRect.x1, 0, p->width), y1 = std::clamp(changedRect.y1, 0, p->height);
   for (int32_t y = y0; y < y1; ++y) {
     const uint8_t* o = sourcePic.rows[y];
     const int32_t* c = mcImage->rows[y];

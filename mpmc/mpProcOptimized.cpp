@@ -34,6 +34,8 @@ int32_t* rowBestX;
 double cachedBest = -1.0;
 int32_t cachedX = 0, cachedY = 0;
 McRect area;  // the area of the last search
+// zycAtomWeight of every tap of every atom, [atomV][atomH][v][h], made with the dictionary.
+int32_t atomWeights[8][8][8][8];
 
 inline int32_t Clamp255(int32_t v) { return v < 0 ? 0 : (v > 255 ? 255 : v); }
 inline int64_t Clamp255(int64_t v) { return v < 0 ? 0 : (v > 255 ? 255 : v); }
@@ -200,6 +202,11 @@ void mpProcOptimized::initOptimizedDict() {
   ZYC_ASSERT(m_optimizedDict == nullptr, "mpProcOptimized::initOptimizedDict",
              "m_optimizedDict already created\n");
   m_optimizedDict = static_cast<int16_t*>(mpmcAlloc(64 * sizeof(int16_t)));
+  for (int32_t atomV = 0; atomV < 8; ++atomV)
+    for (int32_t atomH = 0; atomH < 8; ++atomH)
+      for (int32_t v = 0; v < 8; ++v)
+        for (int32_t h = 0; h < 8; ++h)
+          atomWeights[atomV][atomH][v][h] = zycAtomWeight(dictionary, atomH, atomV, h, v);
   for (int32_t i = 0; i < 64; ++i) {
     const double v = dictionary[i / 8][i % 8] * 32768.0;
     const double r = v >= 0 ? std::floor(v + 0.5) : -std::floor(-v + 0.5);
@@ -316,13 +323,27 @@ void mpProcOptimized::mpSearch() {
       ip[x] = b[x] * scale;
       index[x] = bi[x];
     }
-    double best = ip[0] * ip[0];
-    int32_t bestX = 0;
-    for (int32_t x = 1; x < width; ++x)
-      if (ip[x] * ip[x] > best) {
-        best = ip[x] * ip[x];
-        bestX = x;
+    // The row's first largest square: a best outside the area is still the first largest of
+    // the unchanged pixels, so only the area is compared with it; else the row is scanned.
+    double best = rowBestSquare[y];
+    int32_t bestX = rowBestX[y];
+    if (bestX >= area.x0 && bestX < area.x1) {
+      best = ip[0] * ip[0];
+      bestX = 0;
+      for (int32_t x = 1; x < width; ++x)
+        if (ip[x] * ip[x] > best) {
+          best = ip[x] * ip[x];
+          bestX = x;
+        }
+    } else {
+      for (int32_t x = area.x0; x < area.x1; ++x) {
+        const double square = ip[x] * ip[x];
+        if (square > best || (square == best && x < bestX)) {
+          best = square;
+          bestX = x;
+        }
       }
+    }
     rowBestSquare[y] = best;
     rowBestX[y] = bestX;
   }
@@ -396,17 +417,15 @@ int32_t sortInAtom() {
 
 int32_t atomDelta(const mpAtom* atom, Label* mc, Label* mp, const mpmcParam* p, McRect* rect,
                   double step) {
-  const double (*shapes)[8] = mpProcOptimized::dictionary;
   const int32_t x0 = std::max(atom->x - 4, 0), y0 = std::max(atom->y - 4, 0);
   const int32_t x1 = std::min(atom->x + 4, width), y1 = std::min(atom->y + 4, height);
   *rect = {x0, y0, x1, y1};
   const int64_t c = quantRound(atom->level * step);
   int64_t g = 0;
   for (int32_t y = y0; y < y1; ++y) {
-    const int32_t vy = y - (atom->y - 4);
+    const int32_t* weights = atomWeights[atom->atomV][atom->atomH][y - (atom->y - 4)];
     for (int32_t x = x0; x < x1; ++x) {
-      const int32_t hx = x - (atom->x - 4);
-      const int64_t d = zycAtomDelta(c * zycAtomWeight(shapes, atom->atomH, atom->atomV, hx, vy));
+      const int64_t d = zycAtomDelta(c * weights[x - (atom->x - 4)]);
       if (mp) {
         const int64_t t = static_cast<int64_t>(mc->rows[y][x]) + mp->rows[y][x];
         const int64_t o = sourcePic.rows[y][x];
@@ -465,29 +484,24 @@ int32_t zycAtomBitsScan(int32_t last) {
 }
 
 int32_t requantize(double s, double multiplier) {
-  for (int32_t y = 0; y < height; ++y) {
-    const uint8_t* o = sourcePic.rows[y];
-    const int32_t* c = mcImage->rows[y];
-    double* res = residual->rows[y];
-    for (int32_t x = 0; x < width; ++x) res[x] = o[x] - c[x];
-  }
   clearLabel(mpImage);
   for (int32_t i = 0; i < atomCount; ++i) {
     mpAtom* atom = sortedAtoms[i];
     atom->level = quantRound(atom->coefficient / s);
     McRect rect;
     atomDelta(atom, mcImage, mpImage, &param, &rect, s);
-    for (int32_t y = rect.y0; y < rect.y1; ++y)
-      for (int32_t x = rect.x0; x < rect.x1; ++x)
-        residual->rows[y][x] = sourcePic.rows[y][x] - mcImage->rows[y][x] - mpImage->rows[y][x];
   }
+  // An atom changes mpImage only inside its rectangle, so the residual after all of them is
+  // source - mc - mp at every pixel: made in the same pass as the squared error.
   double sse = 0.0;
   for (int32_t y = 0; y < height; ++y) {
     const uint8_t* o = sourcePic.rows[y];
     const int32_t* c = mcImage->rows[y];
     const int32_t* m = mpImage->rows[y];
+    double* res = residual->rows[y];
     for (int32_t x = 0; x < width; ++x) {
       const double d = o[x] - c[x] - m[x];
+      res[x] = d;
       sse += d * d;
     }
   }

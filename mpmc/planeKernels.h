@@ -1,5 +1,5 @@
 // The plane coder's kernel sets: the level-0 SAD tables and their best entries, the moved blocks' errors of the motion
-// and affine searches and the 64-filter bank, plain and with
+// and affine searches and their changes after an atom, the blocks' estimated gains and the 64-filter bank, plain and with
 // SSE2 or AVX2. Every set gives the plain results bit for bit; which one runs is chosen once per
 // job from the processor's features, or by a test or benchmark.
 #pragma once
@@ -25,6 +25,27 @@ int32_t zycMotionErrorSse2(const uint8_t* o, int32_t oStride, const int32_t* mp,
                            const int32_t* r, int32_t rStride, int32_t size, int32_t a, int32_t b);
 int32_t zycAffineErrorSse2(const uint8_t* o, int32_t oStride, const int32_t* mp, int32_t mpStride,
                            const int32_t* r, int32_t rStride, int32_t size, int32_t a, int32_t b);
+int32_t zycMotionDeltaSse2(const uint8_t* o, int32_t oStride, const int32_t* now, int32_t nowStride,
+                           const int32_t* before, int32_t beforeStride, const int32_t* r,
+                           int32_t rStride, int32_t columns, int32_t rows, int32_t a, int32_t b);
+int32_t zycAffineDeltaSse2(const uint8_t* o, int32_t oStride, const int32_t* now, int32_t nowStride,
+                           const int32_t* before, int32_t beforeStride, const int32_t* r,
+                           int32_t rStride, int32_t columns, int32_t rows, int32_t a, int32_t b);
+int32_t zycMotionErrorAvx2(const uint8_t* o, int32_t oStride, const int32_t* mp, int32_t mpStride,
+                           const int32_t* r, int32_t rStride, int32_t size, int32_t a, int32_t b);
+int32_t zycAffineErrorAvx2(const uint8_t* o, int32_t oStride, const int32_t* mp, int32_t mpStride,
+                           const int32_t* r, int32_t rStride, int32_t size, int32_t a, int32_t b);
+int32_t zycMotionEstimateAvx2(const int32_t* r0, const int32_t* r1, int32_t fx, const int32_t* window,
+                              const int32_t* mc, const int32_t* target, const int32_t* error, int32_t count);
+int32_t zycAffineEstimateAvx2(const int32_t* r, int32_t a, int32_t b, const int32_t* window,
+                              const int32_t* mc, const int32_t* target, const int32_t* error, int32_t count);
 int32_t zycBestEntry16Sse2(const uint16_t* table);
 int32_t zycBestEntry32Sse2(const uint32_t* table);
+int32_t zycBestEntry32Avx2(const uint32_t* table);
 void zycFilterBankSse2(const zycFilterArea& area, const int16_t* dict);
+void zycFilterBankAvx2(const zycFilterArea& area, const int16_t* dict);
+// The bank's two passes with SSE2: the horizontal filter `h` over the area's rows and 8 rows
+// more into firstPass; then the vertical filter `v` over firstPass, columns xFrom onwards,
+// taking its response where it is stronger than the best so far, with index `filter`.
+void zycFilterFirstPassSse2(const zycFilterArea& area, const int16_t* h);
+void zycFilterSecondPassSse2(const zycFilterArea& area, const int16_t* v, uint16_t filter, int32_t xFrom);

@@ -135,6 +135,97 @@ TEST(PlaneCoder, FastKernelsWriteThePlainStreams) {
   mpmcafEndJob();
 }
 
+TEST(PlaneCoder, StreamsOfRealPlanesKeepTheirDigests) {
+  // Digests of streams written by the first working coder: any speed-up must keep every bit.
+  const auto frames = zylClipPlanes("walkers_768x576_10fps_120f.mkv", 3, 320, 184);
+  ASSERT_EQ(frames.size(), 3u);
+  testing::internal::CaptureStdout();
+  mpmcafBeginJob(320, 184);
+  testing::internal::GetCapturedStdout();
+  struct Case { int plane; uint32_t bits; uint32_t size; uint32_t digest; };
+  const Case cases[] = {{0, 1200, 152, 907603288u},  {0, 6000, 823, 777714774u},
+                        {0, 20000, 1366, 1916678911u}, {1, 1500, 177, 2589162053u},
+                        {2, 4000, 73, 2663380614u}};
+  for (zycPlaneKernelSet set : {kPlaneKernelsPlain, zycBestPlaneKernels()}) {
+    ASSERT_TRUE(zycSelectPlaneKernels(set));
+    for (const Case& c : cases) {
+      SCOPED_TRACE(testing::Message() << "set " << set << " plane " << c.plane << " bits " << c.bits);
+      const bool luma = c.plane == 0;
+      mpmcafPlaneSize(luma ? 320 : 160, luma ? 184 : 92);
+      const auto& pick = [&](const zylTestPlanes& f) -> const std::vector<uint8_t>& {
+        return c.plane == 0 ? f.y : c.plane == 1 ? f.u : f.v;
+      };
+      const Coded coded = CodePlane(pick(frames[2]), pick(frames[0]), c.bits);
+      uint32_t digest = 2166136261u;
+      for (uint8_t byte : coded.stream) digest = (digest ^ byte) * 16777619u;
+      for (uint8_t byte : coded.recon) digest = (digest ^ byte) * 16777619u;
+      EXPECT_EQ(coded.stream.size(), c.size);
+      EXPECT_EQ(digest, c.digest);
+    }
+  }
+  mpmcafEndJob();
+}
+
+TEST(PlaneCoder, FastKernelsGiveThePlainResultsOnRealPixels) {
+  // Real pixels as references and targets, mp values of both signs, windows of every level, and
+  // every width from 1 to 40 so that each vector width and each tail is taken.
+  const auto frames = zylClipPlanes("walkers_768x576_10fps_120f.mkv", 3, 160, 96);
+  ASSERT_EQ(frames.size(), 3u);
+  const std::vector<uint8_t>& o = frames[2].y;
+  std::vector<int32_t> r(frames[0].y.begin(), frames[0].y.end()), mc(frames[1].y.begin(), frames[1].y.end());
+  std::vector<int32_t> now(o.size()), before(o.size()), window(o.size()), target(o.size()), error(o.size());
+  for (size_t i = 0; i < o.size(); ++i) {
+    now[i] = static_cast<int32_t>(o[i]) - r[i];
+    before[i] = (static_cast<int32_t>(i * 37 % 511)) - 255;
+    window[i] = static_cast<int32_t>(i * 2654435761u % 65537u);
+    target[i] = static_cast<int32_t>(o[i]) - now[i] / 2;
+    error[i] = (o[i] - mc[i]) * (o[i] - mc[i]);
+  }
+  std::vector<uint32_t> table(1024);
+  for (uint32_t i = 0; i < 1024; ++i) table[i] = 700000u - r[i] * 100u;  // ties where pixels repeat
+  const int32_t stride = 160;
+  struct Result { std::vector<int64_t> values; };
+  auto run = [&]() {
+    Result out;
+    for (int32_t count = 1; count <= 40; ++count) {
+      const size_t at = static_cast<size_t>(count) * 97;
+      for (int32_t fx : {0, 1})
+        out.values.push_back(zycMotionEstimate(r.data() + at, r.data() + at + stride, fx, window.data() + at,
+                                               mc.data() + at, target.data() + at, error.data() + at, count));
+      for (auto [a, b] : {std::pair{256, 0}, {-700, 255}, {3071, -256}, {130, 40}}) {
+        out.values.push_back(zycAffineEstimate(r.data() + at, a, b, window.data() + at, mc.data() + at,
+                                               target.data() + at, error.data() + at, count));
+        if (count <= 9)
+          for (int32_t rows = 1; rows <= 8; rows += 7) {
+            out.values.push_back(zycMotionDelta(o.data() + at, stride, now.data() + at, stride, before.data() + at,
+                                                stride, r.data() + at, stride, count, rows, 256, 0));
+            out.values.push_back(zycAffineDelta(o.data() + at, stride, now.data() + at, stride, before.data() + at,
+                                                stride, r.data() + at, stride, count, rows, a, b));
+          }
+        for (int32_t size : {4, 8, 16, 32})
+          if (count == size) {
+            out.values.push_back(zycMotionError(o.data() + at, stride, before.data() + at, stride, r.data() + at,
+                                                stride, size, 256, 0));
+            out.values.push_back(zycAffineError(o.data() + at, stride, before.data() + at, stride, r.data() + at,
+                                                stride, size, a, b));
+          }
+      }
+      table[1000 - count * 25] = 0;  // each lowest entry left of those before
+      out.values.push_back(zycBestEntry32(table.data()));
+    }
+    for (uint32_t i = 0; i < 1024; ++i) table[i] = 700000u - r[i] * 100u;
+    return out;
+  };
+  ASSERT_TRUE(zycSelectPlaneKernels(kPlaneKernelsPlain));
+  const Result plain = run();
+  for (zycPlaneKernelSet set : {kPlaneKernelsSse2, kPlaneKernelsAvx2}) {
+    if (!zycSelectPlaneKernels(set)) continue;
+    SCOPED_TRACE(set);
+    EXPECT_EQ(run().values, plain.values);
+  }
+  zycSelectPlaneKernels(kPlaneKernelsPlain);
+}
+
 TEST(PlaneCoder, PlaneEqualToItsReferenceCodesNothing) {
   const auto frames = zylClipPlanes("tree_320x240_15fps_cinepak.avi", 1, 64, 48);
   ASSERT_EQ(frames.size(), 1u);
