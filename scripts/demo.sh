@@ -9,8 +9,8 @@ cmake --build build --target zyl_cli -j"$(nproc)"
 
 mkdir -p out
 echo
-echo "== zyl encode media/coin_pen_284x160_3s.mp4 out/example.zyl"
-build/host/zyl encode media/coin_pen_284x160_3s.mp4 out/example.zyl
+echo "== zyl encode media/coin_pen_284x160_3s.mp4 out/example.zyl -y"
+build/host/zyl encode media/coin_pen_284x160_3s.mp4 out/example.zyl -y
 echo
 echo "== zyl info out/example.zyl"
 build/host/zyl info out/example.zyl
