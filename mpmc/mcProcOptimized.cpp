@@ -387,18 +387,8 @@ void mcProcOptimized::initSearchFromProfessorData(Label* mc, Pic* source, Label*
   mcIn = mc;
   mpIn = mp;
   sourceIn = source;
-  work.x0 = std::clamp(changedRect.x0 & ~3, 0, width);
-  work.y0 = std::clamp(changedRect.y0 & ~3, 0, height);
-  work.x1 = std::clamp((changedRect.x1 + 3) & ~3, 0, width);
-  work.y1 = std::clamp((changedRect.y1 + 3) & ~3, 0, height);
-  changed = {std::clamp(changedRect.x0, 0, width), std::clamp(changedRect.y0, 0, height),
-             std::clamp(changedRect.x1, 0, width), std::clamp(changedRect.y1, 0, height)};
-  for (int32_t y = changedRect.y0; y < changedRect.y1; ++y) {
-    const uint8_t* o = source->rows[y];
-    const int32_t* m = mp->rows[y];
-    uint8_t* t = targetBytes + static_cast<size_t>(y) * width;
-    for (int32_t x = changedRect.x0; x < changedRect.x1; ++x) t[x] = static_cast<uint8_t>(Clamp255(o[x] - m[x]));
-  }
+  mpmcSearchRects(changedRect, width, height, &work, &changed);
+  mpmcTargetBytes(source, mp, changedRect, width, targetBytes);
   if (changedRect.x0 == 0 && changedRect.y0 == 0 && changedRect.x1 == width &&
       changedRect.y1 == height) {
     for (int32_t j = 0; j < height + 2 * kRefMargin; ++j) {

@@ -1,5 +1,6 @@
 #include "mpmc/mcproc.h"
 
+#include <bit>
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -22,14 +23,6 @@ mpmcafPlaneReport planeReport;
 
 namespace {
 
-int32_t SignificantBits(uint32_t v) {
-  int32_t n = 0;
-  while (v) {
-    ++n;
-    v >>= 1;
-  }
-  return n;
-}
 
 // The thread's processor time in microseconds: the report's split stays true on a busy machine.
 uint64_t CpuMicroseconds() {
@@ -47,8 +40,8 @@ constexpr int32_t kVectorCost[33] = {1,  3,  4,  5,  7,  8,  8,  8,  10, 10, 10,
 
 int32_t blockBits(int32_t index) {
   const McBlock& entry = blockList[index];
-  int32_t bits = SignificantBits(static_cast<uint32_t>(param.width * param.height / 16 - 1)) + 1;
-  bits += SignificantBits(3);
+  int32_t bits = static_cast<int32_t>(std::bit_width(static_cast<uint32_t>(param.width * param.height / 16 - 1))) + 1;
+  bits += static_cast<int32_t>(std::bit_width(3u));
   if (entry.type == 0) {
     const float vector[2] = {entry.dx, entry.dy};
     const float before[2] = {index > 0 ? blockList[index - 1].dx : 0.0f,

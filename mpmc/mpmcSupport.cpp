@@ -1,5 +1,7 @@
 #include "mpmc/mpmcSupport.h"
 
+#include <algorithm>
+
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -202,4 +204,27 @@ double planeSnr(double* sseOut, Pic* pic) {
   if (sseOut) *sseOut = s;
   return std::log(65025.0 / (s / (static_cast<double>(param.width) * param.height))) * 10.0 /
          2.302585092994046;
+}
+
+void mpmcSearchRects(const McRect& changedRect, int32_t width, int32_t height, McRect* work,
+                     McRect* changed) {
+  work->x0 = std::clamp(changedRect.x0 & ~3, 0, width);
+  work->y0 = std::clamp(changedRect.y0 & ~3, 0, height);
+  work->x1 = std::clamp((changedRect.x1 + 3) & ~3, 0, width);
+  work->y1 = std::clamp((changedRect.y1 + 3) & ~3, 0, height);
+  *changed = {std::clamp(changedRect.x0, 0, width), std::clamp(changedRect.y0, 0, height),
+              std::clamp(changedRect.x1, 0, width), std::clamp(changedRect.y1, 0, height)};
+}
+
+void mpmcTargetBytes(const Pic* source, const Label* mp, const McRect& changedRect, int32_t width,
+                     uint8_t* targetBytes) {
+  for (int32_t y = changedRect.y0; y < changedRect.y1; ++y) {
+    const uint8_t* o = source->rows[y];
+    const int32_t* m = mp->rows[y];
+    uint8_t* t = targetBytes + static_cast<size_t>(y) * width;
+    for (int32_t x = changedRect.x0; x < changedRect.x1; ++x) {
+      const int32_t v = o[x] - m[x];
+      t[x] = static_cast<uint8_t>(v < 0 ? 0 : (v > 255 ? 255 : v));
+    }
+  }
 }

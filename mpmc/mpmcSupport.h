@@ -31,6 +31,16 @@ struct McRect {
   int32_t x0, y0, x1, y1;
 };
 
+// What the motion and affine searches take from a changed rectangle: `work`, the rectangle
+// widened to the 4-pixel grid, and `changed`, the rectangle itself, both clamped to the plane;
+// and the target clamp(source - mpImage) refreshed inside the rectangle.
+struct Label;
+struct Pic;
+void mpmcSearchRects(const McRect& changedRect, int32_t width, int32_t height, McRect* work,
+                     McRect* changed);
+void mpmcTargetBytes(const Pic* source, const Label* mp, const McRect& changedRect, int32_t width,
+                     uint8_t* targetBytes);
+
 struct mpmcParam {
   int32_t width;
   int32_t height;

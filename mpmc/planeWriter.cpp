@@ -1,5 +1,6 @@
 #include "mpmc/planeWriter.h"
 
+#include <bit>
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -15,14 +16,6 @@ static_assert(sizeof(McBlock) == 28);
 
 int32_t LevelOf(int32_t size) { return size == 4 ? 0 : size == 8 ? 1 : size == 16 ? 2 : 3; }
 
-int32_t SignificantBits(uint32_t v) {
-  int32_t n = 0;
-  while (v) {
-    ++n;
-    v >>= 1;
-  }
-  return n;
-}
 
 // Most significant bit first into bytes; a value of n bits is cut to its low n bits.
 struct BitWriter {
@@ -143,7 +136,7 @@ uint32_t zycWritePlaneStream(const McBlock* blocks, int32_t blockCount, const zy
                              int32_t atomCount, double step, int32_t width, int32_t height,
                              uint8_t* out) {
   BitWriter writer{out};
-  const int32_t posBits = SignificantBits(static_cast<uint32_t>(width * height / 16));
+  const int32_t posBits = static_cast<int32_t>(std::bit_width(static_cast<uint32_t>(width * height / 16)));
   WriteBlockSection(writer, blocks, blockCount, posBits, width);
   WriteAtomSection(writer, atoms, atomCount, step, width);
   writer.Pad();

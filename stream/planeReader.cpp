@@ -1,5 +1,6 @@
 #include "stream/planeReader.h"
 
+#include <bit>
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -39,14 +40,6 @@ struct PlaneBits {
   }
 };
 
-uint32_t SignificantBits(uint32_t v) {
-  uint32_t n = 0;
-  while (v) {
-    ++n;
-    v >>= 1;
-  }
-  return n;
-}
 
 // Magnitude of a vector difference from its code: 1 in 1 bit for 0, 1 in 2 bits for 1, and so
 // on as the plane coder's table gives. -1 when the bits match no code.
@@ -149,7 +142,7 @@ const char* zycPlaneReader::Decode(const uint8_t* stream, uint32_t bytes, uint32
   }
   const uint32_t gridW = width / 4;
   const uint32_t gridCount = static_cast<uint32_t>(pixels / 16);
-  const uint32_t posBits = SignificantBits(gridCount);
+  const uint32_t posBits = static_cast<uint32_t>(std::bit_width(gridCount));
   int32_t previous[2] = {0, 0};
   for (uint32_t b = 0; b < blockCount; ++b) {
     uint32_t type, position, level;

@@ -1,5 +1,6 @@
 // Table-block P-frames: the chain that mirrors the decoder's block table, the budget of a table
 // image, and the rounds that train a new table only on what the old tables can't serve.
+#include <bit>
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -23,14 +24,6 @@ constexpr uint32_t kRingSlack = 480;
 // Components of a padding vector: far from every real block, so it is never the nearest.
 constexpr float kFarComponent = 10000.0f;
 
-uint32_t bitLength(uint64_t v) {
-  uint32_t bits = 0;
-  while (v) {
-    ++bits;
-    v >>= 1;
-  }
-  return bits;
-}
 
 // The part of the chain a try works on: drops only ever happen at the old end, so a copy is
 // the still image flag, the first table kept and the byte counts.
@@ -67,7 +60,7 @@ uint32_t VQSLSQCompressor::stillCodebookBytes() const {
 VQSLSQCompressor::TableBudget VQSLSQCompressor::tableBudget(uint32_t oldCount,
                                                             uint32_t blockCount,
                                                             int32_t targetSize) {
-  const uint32_t o = bitLength(oldCount);
+  const uint32_t o = static_cast<uint32_t>(std::bit_width(oldCount));
   const int64_t target = targetSize;
   int64_t room = 0, indexBytes = 0;
   uint32_t w = o;
@@ -92,7 +85,7 @@ VQSLSQCompressor::TableBudget VQSLSQCompressor::tableBudget(uint32_t oldCount,
   }
   budget.newCount = blockCount & ~3u;
   if (budget.newCount == 0) budget.newCount = 4;
-  budget.indexBits = bitLength(uint64_t(budget.newCount) + oldCount);
+  budget.indexBits = static_cast<uint32_t>(std::bit_width(uint64_t(budget.newCount) + oldCount));
   return budget;
 }
 
