@@ -91,7 +91,6 @@ void ErrorSums(int32_t k, int32_t xs, int32_t xe, int32_t ys, int32_t ye) {
     }
 }
 
-inline int32_t Clamp255(int32_t v) { return v < 0 ? 0 : (v > 255 ? 255 : v); }
 
 // trunc(v) cut to 16 bits; values beyond any integer saturate before the cut.
 int16_t TruncTo16(float v) {

@@ -37,7 +37,6 @@ McRect area;  // the area of the last search
 // zycAtomWeight of every tap of every atom, [atomV][atomH][v][h], made with the dictionary.
 int32_t atomWeights[8][8][8][8];
 
-inline int32_t Clamp255(int32_t v) { return v < 0 ? 0 : (v > 255 ? 255 : v); }
 inline int64_t Clamp255(int64_t v) { return v < 0 ? 0 : (v > 255 ? 255 : v); }
 
 inline size_t WorkIndex(int32_t x, int32_t y) {

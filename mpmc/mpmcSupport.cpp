@@ -223,8 +223,7 @@ void mpmcTargetBytes(const Pic* source, const Label* mp, const McRect& changedRe
     const int32_t* m = mp->rows[y];
     uint8_t* t = targetBytes + static_cast<size_t>(y) * width;
     for (int32_t x = changedRect.x0; x < changedRect.x1; ++x) {
-      const int32_t v = o[x] - m[x];
-      t[x] = static_cast<uint8_t>(v < 0 ? 0 : (v > 255 ? 255 : v));
+      t[x] = static_cast<uint8_t>(Clamp255(o[x] - m[x]));
     }
   }
 }

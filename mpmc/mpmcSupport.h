@@ -27,6 +27,9 @@ struct Pic {
 };
 
 // A rectangle of pixels, x0 <= x < x1, y0 <= y < y1.
+// v held to 0..255.
+inline int32_t Clamp255(int32_t v) { return v < 0 ? 0 : (v > 255 ? 255 : v); }
+
 struct McRect {
   int32_t x0, y0, x1, y1;
 };

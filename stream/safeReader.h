@@ -38,12 +38,6 @@ struct zycSafeSection {
   uint8_t keyType = 0;         // ZYL1
 };
 
-// ZYL1 frame kinds.
-constexpr uint8_t kFrameKindStill = 0;
-constexpr uint8_t kFrameKindQuadTree = 1;
-constexpr uint8_t kFrameKindPlanes = 2;
-constexpr uint8_t kFrameKindRepeat = 3;
-
 struct zycSafeFrame {
   uint32_t section = 0;
   bool key = false;     // first frame of its section

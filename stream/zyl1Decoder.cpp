@@ -99,7 +99,7 @@ void zycZyl1Decoder::Release() {
 const char* zycZyl1Decoder::Decode(uint8_t kind, const zycZyl1Streams& streams) {
   if (!ready_) return "the decoder is not set up";
   switch (kind) {
-    case kZyl1Still: {
+    case kFrameKindStill: {
       if (streams.firstSize < 28 || zycLoad32(streams.first) != kStillImageMagic)
         return "the key frame is not a still image";
       if (zycLoad16(streams.first + 12) != paddedWidth_ ||
@@ -110,7 +110,7 @@ const char* zycZyl1Decoder::Decode(uint8_t kind, const zycZyl1Streams& streams) 
       planesFromPicture_ = true;
       return nullptr;
     }
-    case kZyl1QuadTree: {
+    case kFrameKindQuadTree: {
       if (const char* why = quadTree_->Decode(streams.first, streams.firstSize, paddedWidth_,
                                               paddedHeight_, picture_.data(), pitch())) {
         return why;
@@ -118,7 +118,7 @@ const char* zycZyl1Decoder::Decode(uint8_t kind, const zycZyl1Streams& streams) 
       planesFromPicture_ = true;
       return nullptr;
     }
-    case kZyl1Planes: {
+    case kFrameKindPlanes: {
       // After a key frame the reference planes come from its picture; otherwise they are the
       // planes of the last P-frame (a repeat keeps them).
       if (planesFromPicture_) {
@@ -138,7 +138,7 @@ const char* zycZyl1Decoder::Decode(uint8_t kind, const zycZyl1Streams& streams) 
                            picture_.data(), pitch());
       return nullptr;
     }
-    case kZyl1Repeat:
+    case kFrameKindRepeat:
       return nullptr;
     default:
       return "unknown frame kind";

@@ -9,16 +9,12 @@
 #include <memory>
 #include <vector>
 
+#include "stream/zylFormat.h"
+
 struct zycFrameDecoder;
 class myDecoder;
 struct zycQuadTreeReader;
 struct zycPlaneReader;
-
-// Frame kinds of a ZYL1 record.
-constexpr uint8_t kZyl1Still = 0;
-constexpr uint8_t kZyl1QuadTree = 1;
-constexpr uint8_t kZyl1Planes = 2;
-constexpr uint8_t kZyl1Repeat = 3;
 
 // The three planes of a picture of `width` x `height` pixels (multiples of 2): Y at full size,
 // U and V at half width and half height, each plane's rows packed without gaps. On 2 x 2 cells:

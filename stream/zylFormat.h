@@ -67,3 +67,10 @@ struct zycStreamHeader {
   uint32_t paramS = 0;
   uint32_t paramT = 0;
 };
+
+// ZYL1 frame kinds, the `frameKind` of a record: the key frame's image format, a P-frame of
+// three plane streams, or a repeat of the previous picture.
+constexpr uint8_t kFrameKindStill = 0;
+constexpr uint8_t kFrameKindQuadTree = 1;
+constexpr uint8_t kFrameKindPlanes = 2;
+constexpr uint8_t kFrameKindRepeat = 3;
