@@ -666,22 +666,16 @@ int32_t zycEncoder::Begin(zycStreamHeader& header, const zylFrameImage& image,
     zycSetTailPacking(&s.header, uint8_t(packing), headerS, headerT);
   }
 
-  uint8_t head[kHeaderSizeZyl0];
-  zycStoreHeaderZyl0(s.header, head);
+  zycOpenSectionState first;
   if (!embedded) {
-    if (FILE* f = s.file()) {
-      s.Check(std::fseek(f, 0, SEEK_SET) == 0 &&
-              std::fwrite(head, 1, sizeof head, f) == sizeof head && WriteZeros(f, 6));
-    }
+    if (FILE* f = s.file()) s.Check(zycWriteMovieStart(f, s.header, &first));
   } else {
     for (FILE* f : s.extra) {
-      if (!f) continue;
-      s.Check(std::fseek(f, 0, SEEK_SET) == 0 &&
-              std::fwrite(head, 1, sizeof head, f) == sizeof head && WriteZeros(f, 6));
+      if (f) s.Check(zycWriteMovieStart(f, s.header, &first));
     }
   }
   header = s.header;  // the job's record, completed
-  s.sectionStart = 64;
+  s.sectionStart = long(kHeaderSizeZyl0);
   s.sectionSize = 0;
   // Room for a whole frame: the picture's bytes, and a sound chunk, which on a small picture can
   // be larger than the picture itself.
@@ -806,8 +800,9 @@ int32_t zycEncoder::Next(const zylFrameImage& image, zylProgress* progress) {
     if (progress) progress->keyFrame = 1;
     if (verbose) zycLog("--- Start a new keyframe ---\n");
     if (FILE* f = s.file(); f && !embedded) {
-      s.sectionStart = std::ftell(f);
-      s.Check(s.sectionStart >= 0 && WriteZeros(f, 6));
+      zycOpenSectionState opened;
+      s.Check(zycOpenSection(f, kMagicZyl0, 0, &opened));
+      s.sectionStart = opened.start;
     }
     s.sectionSize = 0;
     // The levels of this picture are already made; only the tree is searched again.

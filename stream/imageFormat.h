@@ -32,8 +32,8 @@ zycStillImageHeader zycLoadStillImageHeader(const uint8_t in[kStillImageHeaderBy
 // Table-block image: this header, then `blockCount` indices of `indexBits` bits in 32-bit words,
 // then `newCount` new entries (DXT1 blocks) at `newOffset`. Byte 3 is a pad, written 0.
 struct zycTableImageHeader {
-  uint8_t marker = 0;     // anything but 0: the frame's blocks are not decoded
-  uint8_t reset = 0;      // non-zero: the block table's write position goes back to 0
+  uint8_t marker = 0;  // anything but 0: the frame's blocks are not decoded
+  uint8_t reset = 0;   // non-zero: the block table's write position goes back to 0
   uint8_t indexBits = 0;
   uint32_t tableBytes = 0;   // the decoder's block table, a multiple of 48
   uint32_t tableOrigin = 0;  // byte position in the table of the entry index 0 means

@@ -167,7 +167,8 @@ uint32_t VQSLSQCompressor::compressPFrame(const uint8_t* blocks, uint32_t blockC
     const uint32_t count = stillBytes / kBlockBytes;
     oldBytes.resize(size_t(count) * kBlockBytes);
     for (uint32_t k = 0; k < count; ++k)
-      zycExpandTableBlock(codebook + kImageBlockBytes * size_t(k), &oldBytes[size_t(k) * kBlockBytes]);
+      zycExpandTableBlock(codebook + kImageBlockBytes * size_t(k),
+                          &oldBytes[size_t(k) * kBlockBytes]);
   }
   for (uint32_t i = chain.first; i < tableCount; ++i) {
     const zycTableImageHeader head = zycLoadTableImageHeader(tableImages[i]);
