@@ -6,7 +6,6 @@
 #include <cstring>
 #include <string>
 
-#include "base/byteIo.h"
 #include "base/consoleLog.h"
 #include "base/fileIo.h"
 #include "stream/container.h"
@@ -16,18 +15,6 @@ namespace {
 
 constexpr size_t kCopyBufferBytes = 65536;
 constexpr size_t kNameBufferChars = 260;
-
-// Reads a little-endian u32 into `value`; a short read leaves `value` as it was.
-void ReadU32(FILE* file, uint32_t* value) {
-  uint8_t b[4];
-  if (std::fread(b, 1, 4, file) == 4) *value = zycLoad32(b);
-}
-
-bool WriteU32(FILE* file, uint32_t value) {
-  uint8_t b[4];
-  zycStore32(b, value);
-  return std::fwrite(b, 1, 4, file) == 4;
-}
 
 // The output of a piece of surgery: every write, seek, flush and close is checked, and the
 // errno of the first one that failed is kept.
@@ -46,23 +33,19 @@ struct CheckedOutput {
   }
 };
 
-// The ZYL0 header after its magic, field by field, as the file holds it.
-void ReadHeaderZyl0Rest(FILE* file, zycStreamHeader* h) {
-  ReadU32(file, &h->version);
-  ReadU32(file, &h->fileSize);
-  ReadU32(file, &h->flags);
-  ReadU32(file, &h->frameCount);
-  ReadU32(file, &h->frameDuration);
-  ReadU32(file, &h->timeScale);
-  ReadU32(file, &h->width);
-  ReadU32(file, &h->height);
-  ReadU32(file, &h->reserved36);
-  ReadU32(file, &h->soundRate);
-  ReadU32(file, &h->soundChannels);
-  ReadU32(file, &h->soundChunkLimit);
-  ReadU32(file, &h->reserved52);
-  uint8_t tail[8];
-  if (std::fread(tail, 1, 8, file) == 8) std::memcpy(h->tail, tail, 8);
+// Reads the file header at the file's position. A ZYL1 header is taken in one piece. A ZYL0
+// header is taken field by field: in a file cut short, a field that was not read whole keeps
+// its zero (the 8-byte tail is one field).
+void ReadHeader(FILE* file, bool zyl1, zycStreamHeader* h) {
+  uint8_t b[kHeaderSizeZyl0] = {};
+  const size_t got = std::fread(b, 1, zyl1 ? kHeaderSizeZyl1 : kHeaderSizeZyl0, file);
+  if (zyl1) {
+    zycLoadHeaderZyl1(b, h);
+    return;
+  }
+  const size_t whole = got >= kHeaderSizeZyl0 ? kHeaderSizeZyl0 : got >= 56 ? 56 : got & ~size_t(3);
+  std::memset(b + whole, 0, kHeaderSizeZyl0 - whole);
+  zycLoadHeaderZyl0(b, h);
 }
 
 // The checks shared by Append and the ZYL0 ReplaceSection, in their order; ReplaceSection
@@ -112,40 +95,35 @@ struct SectionFormat {
 };
 
 // The last section header read. A read past the end of the file leaves the values of the
-// previous one, as the counts in the headers steer the walk.
+// previous one, as the counts in the headers steer the walk. The walk counts a section's frames
+// by their low 16 bits: the high byte of a ZYL1 count, like its keyType, is copied unread.
 struct SectionReader {
   SectionFormat format;
-  uint8_t raw[kSectionHeaderSizeZyl1] = {};
+  uint8_t raw[kSectionHeaderSizeZyl1] = {};  // what Write puts in the new file
   uint16_t frames = 0;
   uint32_t size = 0;
   bool stalled = false;  // a read at the end of the file that gave a section of no frames
 
   void Read(FILE* file) {
+    const uint32_t need = format.sectionHeaderBytes;
+    uint8_t fresh[kSectionHeaderSizeZyl1];
+    const size_t got = std::fread(fresh, 1, need, file);
     if (format.zyl1) {
-      const size_t got = std::fread(raw, 1, kSectionHeaderSizeZyl1, file);
-      if (got == kSectionHeaderSizeZyl1) {
-        frames = zycLoad16(raw + 2);
-        size = zycLoad32(raw + 4);
-      }
-      stalled = got < kSectionHeaderSizeZyl1 && frames == 0;
+      std::memcpy(raw, fresh, got);
+      if (got == need) Take(zycLoadSectionZyl1(raw));
     } else {
-      uint8_t b[kSectionHeaderSizeZyl0];
-      const size_t got = std::fread(b, 1, kSectionHeaderSizeZyl0, file);
-      if (got >= 2) frames = zycLoad16(b);
-      if (got == kSectionHeaderSizeZyl0) size = zycLoad32(b + 2);
-      stalled = got < kSectionHeaderSizeZyl0 && frames == 0;
+      // Field by field: `raw` holds the last values, and the u16 count and the u32 size each
+      // replace theirs only when read whole.
+      std::memcpy(raw, fresh, got == need ? need : got >= 2 ? 2 : 0);
+      Take(zycLoadSectionZyl0(raw));
     }
+    stalled = got < need && frames == 0;
   }
-  void Write(CheckedOutput* out) {
-    if (format.zyl1) {
-      out->Write(raw, kSectionHeaderSizeZyl1);
-    } else {
-      uint8_t b[kSectionHeaderSizeZyl0];
-      zycStore16(b, frames);
-      zycStore32(b + 2, size);
-      out->Write(b, kSectionHeaderSizeZyl0);
-    }
+  void Take(const zycSectionHeader& h) {
+    frames = uint16_t(h.frames);
+    size = h.size;
   }
+  void Write(CheckedOutput* out) { out->Write(raw, format.sectionHeaderBytes); }
 };
 
 // Copies whole sections from `in` to `out` until `done` reaches `target`. Adds each section's
@@ -212,23 +190,11 @@ int32_t ReplaceSectionIn(const SectionFormat& format, const char16_t* file1, con
     return 2;
   }
   zycStreamHeader h1;
-  if (format.zyl1) {
-    uint8_t b[kHeaderSizeZyl1] = {};
-    (void)std::fread(b, 1, sizeof b, f1);
-    zycLoadHeaderZyl1(b, &h1);
-    if (h1.magic != magicWanted) {
-      std::fclose(f1);
-      zycLog("bad magic %d", int32_t(h1.magic));
-      return 7;
-    }
-  } else {
-    ReadU32(f1, &h1.magic);
-    if (h1.magic != magicWanted) {
-      std::fclose(f1);
-      zycLog("bad magic %d", int32_t(h1.magic));
-      return 7;
-    }
-    ReadHeaderZyl0Rest(f1, &h1);
+  ReadHeader(f1, format.zyl1, &h1);
+  if (h1.magic != magicWanted) {
+    std::fclose(f1);
+    zycLog("bad magic %d", int32_t(h1.magic));
+    return 7;
   }
 
   const uint32_t rangeEnd = frameStart + frameCount;  // 32 bits, as the format counts
@@ -246,14 +212,7 @@ int32_t ReplaceSectionIn(const SectionFormat& format, const char16_t* file1, con
     return 2;
   }
   zycStreamHeader h2;
-  if (format.zyl1) {
-    uint8_t b[kHeaderSizeZyl1] = {};
-    (void)std::fread(b, 1, sizeof b, f2);
-    zycLoadHeaderZyl1(b, &h2);
-  } else {
-    ReadU32(f2, &h2.magic);
-    if (h2.magic == magicWanted) ReadHeaderZyl0Rest(f2, &h2);
-  }
+  ReadHeader(f2, format.zyl1, &h2);
   if (h2.magic != magicWanted) {
     CloseAll(f1, f2, nullptr);
     return 2;
@@ -390,12 +349,11 @@ int32_t AppendIn(const char16_t* file1, const char16_t* file2, int* reason) {
     return 3;
   }
   zycStreamHeader h1;
-  ReadU32(f1, &h1.magic);
+  ReadHeader(f1, false, &h1);
   if (h1.magic != kMagicZyl0) {
     std::fclose(f1);
     return 3;
   }
-  ReadHeaderZyl0Rest(f1, &h1);
 
   FILE* f2 = zycOpenFile(file2, "rb");
   if (!f2) {
@@ -404,12 +362,11 @@ int32_t AppendIn(const char16_t* file1, const char16_t* file2, int* reason) {
     return 2;
   }
   zycStreamHeader h2;
-  ReadU32(f2, &h2.magic);
+  ReadHeader(f2, false, &h2);
   if (h2.magic != kMagicZyl0) {
     CloseAll(f1, f2, nullptr);
     return 2;
   }
-  ReadHeaderZyl0Rest(f2, &h2);
 
   if (!CompatibleZyl0(h1, h2, false)) {
     CloseAll(f1, f2, nullptr);
@@ -438,10 +395,7 @@ int32_t AppendIn(const char16_t* file1, const char16_t* file2, int* reason) {
   h1.fileSize += appended;
   CheckedOutput out;
   out.file = f1;
-  out.Seek(8, SEEK_SET);
-  if (out.error == 0) out.Check(WriteU32(f1, h1.fileSize));
-  out.Seek(16, SEEK_SET);
-  if (out.error == 0) out.Check(WriteU32(f1, h1.frameCount));
+  out.Check(zycWriteHeaderCounts(f1, h1));
   out.Seek(0, SEEK_END);
 
   uint8_t* buffer = static_cast<uint8_t*>(std::calloc(kCopyBufferBytes, 1));

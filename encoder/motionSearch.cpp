@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "base/consoleLog.h"
+#include "stream/zylFormat.h"
 
 #if !defined(ZYL_NO_SIMD) && (defined(__SSE2__) || defined(__x86_64__))
 #include <emmintrin.h>
@@ -307,24 +308,24 @@ void zycWalk::PushMotion(uint32_t index) const {
 
 void zycWalk::KeyBlock(const zycBlock& block, uint32_t threshold, uint32_t& errorNext) const {
   if (block.dxtError <= threshold) {
-    lists->opcodes.Push(2);
+    lists->opcodes.Push(kSymbolColour);
     lists->dxtList.Push(&block);
     return;
   }
   if (block.dxtError < errorNext && block.size > blockMin) errorNext = block.dxtError;
   if (block.size == blockMin || !block.children) {
-    lists->opcodes.Push(2);
+    lists->opcodes.Push(kSymbolColour);
     lists->dxtList.Push(&block);
     return;
   }
-  lists->opcodes.Push(1);
+  lists->opcodes.Push(kSymbolSplit);
   for (int i = 0; i < 4; ++i) KeyBlock(block.children[i], threshold, errorNext);
 }
 
 uint32_t zycWalk::PBlock(const zycBlock& block, uint32_t threshold, uint32_t& errorNext) const {
   zycFrameLists& l = *lists;
   if (block.motionError <= threshold) {
-    l.opcodes.Push(0);
+    l.opcodes.Push(kSymbolCopy);
     PushMotion(block.motionIndex);
     l.motionBlocks.Push(&block);
     return 1;
@@ -335,18 +336,18 @@ uint32_t zycWalk::PBlock(const zycBlock& block, uint32_t threshold, uint32_t& er
   if (n < errorNext) errorNext = n;
 
   if (block.fadeError <= threshold) {
-    l.opcodes.Push(3);
+    l.opcodes.Push(kSymbolFade);
     PushMotion(block.fadeMotionIndex);
     l.fadeBytes.Push(uint8_t(block.fadeIndex));
     l.motionBlocks.Push(&block);
     return 0;
   }
   if (block.size == blockMin || block.dxtError <= threshold || !block.children) {
-    l.opcodes.Push(2);
+    l.opcodes.Push(kSymbolColour);
     l.dxtList.Push(&block);
     return 0;
   }
-  l.opcodes.Push(1);
+  l.opcodes.Push(kSymbolSplit);
   uint32_t sum = 0;
   for (int i = 0; i < 4; ++i) sum += PBlock(block.children[i], threshold, errorNext);
   if (sum != 4) return 0;
@@ -358,7 +359,7 @@ uint32_t zycWalk::PBlock(const zycBlock& block, uint32_t threshold, uint32_t& er
     if (std::memcmp(last, last + i * width, width) != 0) return 0;
   }
   l.opcodes.Truncate(l.opcodes.size() - 4);
-  l.opcodes[l.opcodes.size() - 1] = 0;
+  l.opcodes[l.opcodes.size() - 1] = kSymbolCopy;
   l.motionBytes.Truncate(m - 3 * width);
   l.motionBlocks.Truncate(l.motionBlocks.size() - 3);
   l.motionBlocks[l.motionBlocks.size() - 1] = &block;

@@ -1,7 +1,9 @@
 // The block tree of a picture: for every 16, 8 and 4 pixel square the best motion copy, the best
 // faded copy and the error of one DXT1 block of its scale; and the two walks that turn the tree
-// into opcodes for one error threshold. Search heuristics only: the bytes that reach the file
-// are written by blockTreeWriter and the packer.
+// into lists for one error threshold: one tree symbol (kSymbol*) a byte, the motion indices in
+// their file form, one fade level a byte, and the blocks behind them. Search heuristics: the
+// encoder's rate loop packs the symbols and fade levels and gathers the colour item with
+// blockTreeWriter, and the section packer writes the items.
 #pragma once
 
 #include <cstdint>

@@ -9,6 +9,7 @@
 
 #include "base/byteIo.h"
 #include "base/consoleLog.h"
+#include "stream/zylFormat.h"
 #include "lzmaLib.h"
 
 // zlib's allocations go through a pool of freed blocks by size, so that the copy of a deflate
@@ -80,7 +81,7 @@ void zycSectionPacker::Open(uint32_t packing, uint32_t bufferBytes, uint32_t lzm
   sectionPackedSize = 0;
   writeError = 0;
   committed_.clear();
-  if (packing_ == 0) {
+  if (packing_ == kPackingDeflate) {
     pool_ = new zycZlibPool;
     zipBuffer_.assign(bufferBytes, 0);
     zip_ = new z_stream;
@@ -97,7 +98,7 @@ void zycSectionPacker::Open(uint32_t packing, uint32_t bufferBytes, uint32_t lzm
 
 void zycSectionPacker::Restart() {
   if (!open_) return;
-  if (packing_ == 0) {
+  if (packing_ == kPackingDeflate) {
     EndStream(zip_);
     InitStream();
   } else {
@@ -109,7 +110,7 @@ void zycSectionPacker::Restart() {
 }
 
 void zycSectionPacker::Save() {
-  if (packing_ == 0) {
+  if (packing_ == kPackingDeflate) {
     if (backup_) {
       EndStream(backup_);
       delete backup_;
@@ -123,7 +124,7 @@ void zycSectionPacker::Save() {
 }
 
 void zycSectionPacker::Restore() {
-  if (packing_ == 0) {
+  if (packing_ == kPackingDeflate) {
     if (!backup_) return;
     EndStream(zip_);
     delete zip_;
@@ -188,11 +189,11 @@ int32_t zycSectionPacker::PackLzma(const void* data, uint32_t count, bool commit
   }
   if (commit && lzmaInputSize_) {
     size_t packed = lzmaDirty_ ? Compress() : lzmaCachedSize_;
-    if (!file_) return int32_t(packed + 13);  // no output open: the bytes go nowhere
+    if (!file_) return int32_t(packed + kLzmaHeadBytes);  // no output open: the bytes go nowhere
     uint8_t size8[8];
     zycStore64(size8, lzmaInputSize_);
     if (sectionPackedSize == 0) {
-      Check(std::fwrite(lzmaProperties_, 1, 5, file_) == 5);
+      Check(std::fwrite(lzmaProperties_, 1, kLzmaPropertyBytes, file_) == kLzmaPropertyBytes);
       lzmaSizePosition_ = std::ftell(file_);
       Check(lzmaSizePosition_ >= 0 && std::fwrite(size8, 1, 8, file_) == 8);
     } else {
@@ -213,16 +214,16 @@ int32_t zycSectionPacker::PackLzma(const void* data, uint32_t count, bool commit
       committed_.assign(size8, size8 + 8);
       committed_.insert(committed_.end(), lzmaOutput_.data(), lzmaOutput_.data() + packed);
     }
-    return int32_t(packed + 13);
+    return int32_t(packed + kLzmaHeadBytes);
   }
-  if (estimate && lzmaInputSize_) return int32_t(Compress() + 13);
+  if (estimate && lzmaInputSize_) return int32_t(Compress() + kLzmaHeadBytes);
   return int32_t(count * 0.8999999761581421);
 }
 
 int32_t zycSectionPacker::PackItem(const void* data, uint32_t count) {
   uint8_t length[4];
   zycStore32(length, count);
-  if (packing_ == 0) {
+  if (packing_ == kPackingDeflate) {
     uint32_t sum = Pack(length, 4, false);
     return int32_t(sum + Pack(data, count, false));
   }
@@ -231,12 +232,12 @@ int32_t zycSectionPacker::PackItem(const void* data, uint32_t count) {
 }
 
 int32_t zycSectionPacker::FinishSize(int32_t roughSum) {
-  if (packing_ == 0) return roughSum;
+  if (packing_ == kPackingDeflate) return roughSum;
   return PackLzma(nullptr, 0, false, true) - int32_t(sectionPackedSize);
 }
 
 void zycSectionPacker::Commit() {
-  if (packing_ == 0) {
+  if (packing_ == kPackingDeflate) {
     Pack(nullptr, 0, true);
   } else {
     PackLzma(nullptr, 0, true, false);

@@ -12,7 +12,6 @@
 #include <memory>
 #include <vector>
 
-#include "base/byteIo.h"
 #include "base/clock.h"
 #include "base/consoleLog.h"
 #include "base/cpuFeatures.h"
@@ -343,15 +342,14 @@ int32_t zycEncoder::TryTree(bool key, uint32_t threshold, uint32_t& errorNext, b
   return s.packer.FinishSize(size);
 }
 
-// The frame's sound item. Frames for the phone sound outputs put a record of two 16-bit words
-// before the chunk: 4, and 2 for 16000 samples a second, else 1.
+// The frame's sound item; frames for the phone sound outputs put their record before the chunk.
 int32_t zycEncoder::PackSound() {
   State& s = *state_;
   if (!embedded) return s.packer.PackItem(s.sound.chunk.data(), s.sound.soundSize);
-  std::vector<uint8_t> item(4 + size_t(s.sound.soundSize));
-  zycStore16(item.data(), 4);
-  zycStore16(item.data() + 2, s.header.soundRate == 16000 ? 2 : 1);
-  if (s.sound.soundSize) std::memcpy(item.data() + 4, s.sound.chunk.data(), s.sound.soundSize);
+  std::vector<uint8_t> item(kPhoneSoundHeadBytes + size_t(s.sound.soundSize));
+  zycStorePhoneSoundHead(s.header.soundRate, item.data());
+  if (s.sound.soundSize)
+    std::memcpy(item.data() + kPhoneSoundHeadBytes, s.sound.chunk.data(), s.sound.soundSize);
   return s.packer.PackItem(item.data(), uint32_t(item.size()));
 }
 
@@ -551,34 +549,17 @@ void zycEncoder::Rebuild() {
 void zycEncoder::PatchFile() {
   State& s = *state_;
   if (s.packer.writeError && s.output) s.output->NoteError(s.packer.writeError);
-  FILE* f = s.file();
-  if (!f || embedded) return;
-  bool ok = std::fseek(f, 0, SEEK_END) == 0;
-  const long end = std::ftell(f);
-  s.header.fileSize = uint32_t(end);
-  uint8_t section[6];
-  zycStore16(section, uint16_t(s.frameIndex - s.lastKeyFrame));
-  zycStore32(section + 2, s.sectionSize);
-  ok = ok && end >= 0 && std::fseek(f, s.sectionStart, SEEK_SET) == 0 &&
-       std::fwrite(section, 1, 6, f) == 6;
+  if (!s.file() || embedded) return;
+  zycOpenSectionState section;
+  section.start = s.sectionStart;
+  section.header.frames = s.frameIndex - s.lastKeyFrame;
+  section.header.size = s.sectionSize;
   s.header.frameCount = s.frameIndex;
-  uint8_t word[4];
-  zycStore32(word, s.header.fileSize);
-  ok = ok && std::fseek(f, 8, SEEK_SET) == 0 && std::fwrite(word, 1, 4, f) == 4;
-  zycStore32(word, s.header.frameCount);
-  ok = ok && std::fseek(f, 16, SEEK_SET) == 0 && std::fwrite(word, 1, 4, f) == 4;
-  ok = ok && std::fseek(f, 0, SEEK_END) == 0;
-  ok = ok && std::fflush(f) == 0;
-  s.Check(ok);
-  // The file is a whole movie of the frames so far: the job can come back to this moment.
-  if (ok && s.output->error == 0) {
-    uint8_t head[kHeaderSizeZyl0];
-    zycStoreHeaderZyl0(s.header, head);
-    const bool rewritten = s.packer.packing() == 1 && !s.packer.committed().empty();
-    s.output->MarkWhole(uint64_t(end), head, kHeaderSizeZyl0, uint64_t(s.sectionStart), section, 6,
-                        rewritten ? uint64_t(s.packer.committedAt()) : 0,
-                        rewritten ? &s.packer.committed() : nullptr);
-  }
+  // An LZMA section is packed afresh after every frame, over its bytes of the frame before.
+  const bool rewritten = s.packer.packing() == kPackingLzma && !s.packer.committed().empty();
+  zycPatchAfterFrame(s.output, &s.header, section,
+                     rewritten ? uint64_t(s.packer.committedAt()) : 0,
+                     rewritten ? &s.packer.committed() : nullptr);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -592,7 +573,7 @@ int32_t zycEncoder::Begin(zycStreamHeader& header, const zylFrameImage& image,
   State& s = *state_;
   // Headers of versions 1 to 3 carry two words where the packing byte stands, so a reader
   // takes their sections as deflate.
-  if (packing != 0 && zycTailHoldsWords(header.version)) {
+  if (packing != kPackingDeflate && zycTailHoldsWords(header.version)) {
     if (verbose) zycLog("Lzma packing needs a header version other than 1, 2 or 3\n");
     return 1;
   }
@@ -655,7 +636,7 @@ int32_t zycEncoder::Begin(zycStreamHeader& header, const zylFrameImage& image,
 
   embedded = (header.soundRate && embedRequest && (soundFlags & 15)) ? 1 : 0;
   if (embedded) {
-    if (packing == 1) {
+    if (packing == kPackingLzma) {
       if (verbose) zycLog("Lzma is not compatible with Docomo embedded file");
       return 1;
     }
@@ -685,22 +666,16 @@ int32_t zycEncoder::Begin(zycStreamHeader& header, const zylFrameImage& image,
     zycSetTailPacking(&s.header, uint8_t(packing), headerS, headerT);
   }
 
-  uint8_t head[kHeaderSizeZyl0];
-  zycStoreHeaderZyl0(s.header, head);
+  zycOpenSectionState first;
   if (!embedded) {
-    if (FILE* f = s.file()) {
-      s.Check(std::fseek(f, 0, SEEK_SET) == 0 &&
-              std::fwrite(head, 1, sizeof head, f) == sizeof head && WriteZeros(f, 6));
-    }
+    if (FILE* f = s.file()) s.Check(zycWriteMovieStart(f, s.header, &first));
   } else {
     for (FILE* f : s.extra) {
-      if (!f) continue;
-      s.Check(std::fseek(f, 0, SEEK_SET) == 0 &&
-              std::fwrite(head, 1, sizeof head, f) == sizeof head && WriteZeros(f, 6));
+      if (f) s.Check(zycWriteMovieStart(f, s.header, &first));
     }
   }
   header = s.header;  // the job's record, completed
-  s.sectionStart = 64;
+  s.sectionStart = long(kHeaderSizeZyl0);
   s.sectionSize = 0;
   // Room for a whole frame: the picture's bytes, and a sound chunk, which on a small picture can
   // be larger than the picture itself.
@@ -825,8 +800,9 @@ int32_t zycEncoder::Next(const zylFrameImage& image, zylProgress* progress) {
     if (progress) progress->keyFrame = 1;
     if (verbose) zycLog("--- Start a new keyframe ---\n");
     if (FILE* f = s.file(); f && !embedded) {
-      s.sectionStart = std::ftell(f);
-      s.Check(s.sectionStart >= 0 && WriteZeros(f, 6));
+      zycOpenSectionState opened;
+      s.Check(zycOpenSection(f, kMagicZyl0, 0, &opened));
+      s.sectionStart = opened.start;
     }
     s.sectionSize = 0;
     // The levels of this picture are already made; only the tree is searched again.

@@ -1,6 +1,7 @@
 // zycEncoder: the ZYL0 encoder object. Its parameter fields are written directly by the codec's
 // parameter table; Begin, Next and End code a movie (the encode job drives them through the
-// zycJobEncoder seam). State: per encoder, plus the process-wide ADPCM state and timers.
+// zycJobEncoder seam). State: per encoder (the ADPCM coder's state too, cleared by Begin), plus
+// the process-wide timers and the decoder's block table write position.
 #pragma once
 
 #include <cstdint>

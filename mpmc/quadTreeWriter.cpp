@@ -9,13 +9,12 @@ void zycQuadTreeWriter::Begin(uint8_t* image, uint32_t nodes) {
   treeField = zycQuadTreeTreeField(nodes);
   bit = 0;
   blocks = 0;
-  out[0] = uint8_t(treeField >> 8);
-  out[1] = uint8_t(treeField);
-  memset(out + 2, 0, treeField);
+  zycStoreQuadTreeField(treeField, out);
+  memset(out + kQuadTreeHeadBytes, 0, treeField);
 }
 
 void zycQuadTreeWriter::Node(bool split) {
-  if (split) out[2 + (bit >> 3)] |= uint8_t(0x80 >> (bit & 7));
+  if (split) out[kQuadTreeHeadBytes + (bit >> 3)] |= uint8_t(0x80 >> (bit & 7));
   ++bit;
 }
 
@@ -24,4 +23,6 @@ void zycQuadTreeWriter::Block(const uint8_t block[8]) {
   ++blocks;
 }
 
-uint32_t zycQuadTreeWriter::Bytes() const { return 2 + treeField + blocks * kQuadTreeLeafBytes; }
+uint32_t zycQuadTreeWriter::Bytes() const {
+  return kQuadTreeHeadBytes + treeField + blocks * kQuadTreeLeafBytes;
+}

@@ -524,7 +524,7 @@ void zycMpmcEncoder::Write(zylProgress* progress) {
   header.frameCount = framesWritten;
   group.header.frames = framesWritten - lastKeyFrame;
   group.header.size = groupBytes;
-  if (file && !zycPatchAfterFrame(file, &header, group)) Fail();
+  if (file) zycPatchAfterFrame(outFile, &header, group);
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -170,8 +170,20 @@ uint8_t zycRecordFlags(const zycRecordContent& c) {
 }
 
 uint32_t zycRecordTableBytes(const zycRecordContent& c) {
-  uint32_t entries = (c.hasSound ? 1 : 0) + (c.hasPlanes ? 2 : 0);
-  return AlignUp4(4 + 6 * entries);
+  return zycRecordTableBytes((c.hasSound ? 1 : 0) + (c.hasPlanes ? 2 : 0));
+}
+
+uint32_t zycRecordTableBytes(uint32_t entries) { return AlignUp4(4 + 6 * entries); }
+
+void zycStoreRecordHead(uint8_t flags, uint32_t length, uint8_t out[4]) {
+  out[0] = flags;
+  out[1] = uint8_t(length >> 16);
+  zycStore16(out + 2, uint16_t(length));
+}
+
+void zycLoadRecordHead(const uint8_t in[4], uint8_t* flags, uint32_t* length) {
+  *flags = in[0];
+  *length = uint32_t(in[1]) << 16 | zycLoad16(in + 2);
 }
 
 void zycStoreRecordEntry(uint32_t offset, uint32_t size, uint8_t out[6]) {
@@ -213,9 +225,7 @@ uint32_t zycAppendRecord(const zycRecordContent& c, std::vector<uint8_t>* out) {
   const size_t base = out->size();
   out->resize(base + 4 + length, 0);
   uint8_t* r = out->data() + base;
-  r[0] = zycRecordFlags(c);
-  r[1] = uint8_t(length >> 16);
-  zycStore16(r + 2, uint16_t(length));
+  zycStoreRecordHead(zycRecordFlags(c), length, r);
   zycStore32(r + 4, c.firstSize);
   uint8_t* entry = r + 8;
   for (int i = 1; i < count; ++i, entry += 6) zycStoreRecordEntry(offsets[i], pieces[i].size, entry);
@@ -379,40 +389,41 @@ bool zycOpenSection(FILE* file, uint32_t magic, uint8_t keyType, zycOpenSectionS
   return std::fwrite(bytes, 1, count, file) == count;
 }
 
+bool zycWriteHeaderCounts(FILE* file, const zycStreamHeader& header) {
+  uint8_t word[4];
+  zycStore32(word, header.fileSize);
+  if (std::fseek(file, long(zycFileSizeAt(header.magic)), SEEK_SET) != 0 ||
+      std::fwrite(word, 1, 4, file) != 4)
+    return false;
+  zycStore32(word, header.frameCount);
+  return std::fseek(file, long(kFrameCountAt), SEEK_SET) == 0 && std::fwrite(word, 1, 4, file) == 4;
+}
+
 bool zycPatchAfterFrame(FILE* file, zycStreamHeader* header, const zycOpenSectionState& section) {
   if (std::fseek(file, 0, SEEK_END) != 0) return false;
   const long end = std::ftell(file);
   if (end < 0) return false;
   header->fileSize = uint32_t(end);
-  uint8_t word[4];
+  const bool zyl1 = header->magic == kMagicZyl1;
   uint8_t sectionBytes[kSectionHeaderSizeZyl1];
-  bool ok = true;
-  auto writeAt = [&](long position, const uint8_t* bytes, size_t count) {
-    ok = ok && std::fseek(file, position, SEEK_SET) == 0 &&
-         std::fwrite(bytes, 1, count, file) == count;
-  };
-  if (header->magic == kMagicZyl0) {
-    zycStoreSectionZyl0(section.header, sectionBytes);
-    writeAt(section.start, sectionBytes, kSectionHeaderSizeZyl0);
-    zycStore32(word, header->fileSize);
-    writeAt(8, word, 4);
-    zycStore32(word, header->frameCount);
-    writeAt(16, word, 4);
-  } else {
-    zycStore32(word, header->fileSize);
-    writeAt(12, word, 4);
-    zycStore32(word, header->frameCount);
-    writeAt(16, word, 4);
+  if (zyl1)
     zycStoreSectionZyl1(section.header, sectionBytes);
-    writeAt(section.start, sectionBytes, kSectionHeaderSizeZyl1);
-  }
-  ok = ok && std::fseek(file, 0, SEEK_END) == 0;
-  ok = ok && std::fflush(file) == 0;
-  return ok;
+  else
+    zycStoreSectionZyl0(section.header, sectionBytes);
+  const size_t sectionCount = zycSectionHeaderSize(header->magic);
+  auto writeSection = [&]() {
+    return std::fseek(file, section.start, SEEK_SET) == 0 &&
+           std::fwrite(sectionBytes, 1, sectionCount, file) == sectionCount;
+  };
+  // ZYL0 patches the section header first, ZYL1 the header fields first.
+  const bool ok = zyl1 ? zycWriteHeaderCounts(file, *header) && writeSection()
+                       : writeSection() && zycWriteHeaderCounts(file, *header);
+  return ok && std::fseek(file, 0, SEEK_END) == 0 && std::fflush(file) == 0;
 }
 
 bool zycPatchAfterFrame(zycFileHolder* output, zycStreamHeader* header,
-                        const zycOpenSectionState& section) {
+                        const zycOpenSectionState& section, uint64_t tailAt,
+                        const std::vector<uint8_t>* tail) {
   const bool patched =
       output->Check(output->file && zycPatchAfterFrame(output->file, header, section));
   // After any failure, this frame's or an earlier one's, the last whole state stands.
@@ -428,6 +439,6 @@ bool zycPatchAfterFrame(zycFileHolder* output, zycStreamHeader* header,
     zycStoreSectionZyl0(section.header, sectionBytes);
   }
   output->MarkWhole(header->fileSize, head, zycHeaderSize(header->magic), uint64_t(section.start),
-                    sectionBytes, zycSectionHeaderSize(header->magic));
+                    sectionBytes, zycSectionHeaderSize(header->magic), tailAt, tail);
   return true;
 }

@@ -42,8 +42,10 @@ uint32_t zycTailParamS(const zycStreamHeader& header);  // bits 16-23 from 57, 0
 // word layout of versions 1 to 3 leaves no packing byte, and such files are taken as deflate.
 uint8_t zycPacking(const zycStreamHeader& header);
 
-constexpr uint8_t kPackingDeflate = 0;
-constexpr uint8_t kPackingLzma = 1;
+// Where a header of the magic's format keeps fileSize: kFileSizeAtZyl0 or kFileSizeAtZyl1.
+inline uint32_t zycFileSizeAt(uint32_t magic) {
+  return magic == kMagicZyl1 ? kFileSizeAtZyl1 : kFileSizeAtZyl0;
+}
 
 // ---------------------------------------------------------------------------------------------
 // Section headers.
@@ -86,6 +88,11 @@ uint8_t zycRecordFlags(const zycRecordContent& content);
 // The table part of a record: 4 bytes of firstSize and 6 per stream entry, padded to a
 // multiple of 4.
 uint32_t zycRecordTableBytes(const zycRecordContent& content);
+uint32_t zycRecordTableBytes(uint32_t entries);
+// A record's first word: u8 recordFlags, u8 bits 16-23 and u16 bits 0-15 of the length, the
+// bytes of the record behind this word.
+void zycStoreRecordHead(uint8_t flags, uint32_t length, uint8_t out[4]);
+void zycLoadRecordHead(const uint8_t in[4], uint8_t* flags, uint32_t* length);
 // Appends the whole record (first word, firstSize, entries, pad, streams with the pads between
 // them) to `out`. Returns the bytes added. Sizes and offsets are 24-bit in the format: the
 // caller keeps every stream below 16 MiB.
@@ -174,6 +181,9 @@ bool zycWriteMovieStart(FILE* file, const zycStreamHeader& header,
 // Notes the file position and writes a zero section header there: ZYL0 six zero bytes; ZYL1
 // `keyType`, frame count 0 and size 8.
 bool zycOpenSection(FILE* file, uint32_t magic, uint8_t keyType, zycOpenSectionState* section);
+// Writes `fileSize` and then `frameCount` of `header` at their places in the file header of its
+// format. The file position is left behind frameCount. False when a seek or write failed.
+bool zycWriteHeaderCounts(FILE* file, const zycStreamHeader& header);
 // Takes the end position as `header->fileSize`; rewrites the section header and the header's
 // fileSize and frameCount (ZYL0: section header first, then offsets 8 and 16; ZYL1: offsets 12
 // and 16 first, then the section header); seeks to the end; flushes.
@@ -181,7 +191,8 @@ bool zycPatchAfterFrame(FILE* file, zycStreamHeader* header,
                         const zycOpenSectionState& section);
 // The same on the job's output holder: a failure is noted in it with the system's reason, and a
 // file patched whole becomes the holder's last whole state, which the job cuts back to when a
-// later frame fails. Writers that rewrite bytes in place (behind `tailAt`) say so to the holder
-// themselves.
+// later frame fails. A writer that rewrites bytes in place (an LZMA section packed afresh after
+// every frame) passes what now stands from `tailAt` on as `tail`.
 bool zycPatchAfterFrame(zycFileHolder* output, zycStreamHeader* header,
-                        const zycOpenSectionState& section);
+                        const zycOpenSectionState& section, uint64_t tailAt = 0,
+                        const std::vector<uint8_t>* tail = nullptr);

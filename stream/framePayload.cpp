@@ -2,6 +2,7 @@
 #include "stream/framePayload.h"
 
 #include "base/byteIo.h"
+#include "stream/container.h"
 #include "stream/zycDecoder.h"
 #include "stream/zylFormat.h"
 
@@ -133,9 +134,10 @@ bool recordFail(zycFrameRecord* record, zycPayloadError error, size_t offset) {
 bool zycSplitRecord(const uint8_t* data, size_t length, zycFrameRecord* record) {
   *record = zycFrameRecord();
   if (length < 8) return recordFail(record, zycPayloadError::recordCut, 0);
-  const uint8_t flags = data[0];
+  uint8_t flags;
+  uint32_t behind;
+  zycLoadRecordHead(data, &flags, &behind);
   record->recordFlags = flags;
-  const uint32_t behind = uint32_t(data[1]) << 16 | zycLoad16(data + 2);
   if (behind < 4) return recordFail(record, zycPayloadError::recordCut, 1);
   if (length - 4 < behind) return recordFail(record, zycPayloadError::recordSizeCut, 1);
   record->recordBytes = behind + 4;
@@ -149,7 +151,7 @@ bool zycSplitRecord(const uint8_t* data, size_t length, zycFrameRecord* record) 
 
   // Offsets below count from the byte behind the first word.
   const uint8_t* body = data + 4;
-  const uint32_t firstStart = (4 + 6 * entries + 3) & ~3u;
+  const uint32_t firstStart = zycRecordTableBytes(entries);
   if (firstStart > behind) return recordFail(record, zycPayloadError::entriesCut, 8);
   const uint32_t firstSize = zycLoad32(body);
   if (firstSize > behind - firstStart) return recordFail(record, zycPayloadError::streamCut, 4);
@@ -167,8 +169,8 @@ bool zycSplitRecord(const uint8_t* data, size_t length, zycFrameRecord* record) 
   uint32_t end = firstStart + firstSize;
   for (int i = 0; i < count; ++i) {
     const uint8_t* entry = body + 4 + 6 * i;
-    const uint32_t offset = zycLoad16(entry) | uint32_t(entry[4]) << 16;
-    const uint32_t size = zycLoad16(entry + 2) | uint32_t(entry[5]) << 16;
+    uint32_t offset, size;
+    zycLoadRecordEntry(entry, &offset, &size);
     const size_t entryAt = 8 + 6 * size_t(i);
     if (offset < end || (offset - firstStart) % 4 != 0)
       return recordFail(record, zycPayloadError::streamOverlap, entryAt);

@@ -7,8 +7,18 @@
 
 #include <cstdint>
 
+constexpr uint32_t kQuadTreeHeadBytes = 2;  // L
 constexpr uint32_t kQuadTreeLeafBytes = 8;
 constexpr uint32_t kQuadTreeMinSize = 4;  // the smallest square, one DXT1 block straight
+
+// L, big-endian, unlike every other field of the movie.
+inline void zycStoreQuadTreeField(uint32_t treeField, uint8_t out[kQuadTreeHeadBytes]) {
+  out[0] = uint8_t(treeField >> 8);
+  out[1] = uint8_t(treeField);
+}
+inline uint32_t zycLoadQuadTreeField(const uint8_t in[kQuadTreeHeadBytes]) {
+  return uint32_t(in[0]) << 8 | in[1];
+}
 
 inline uint32_t zycQuadTreeRootSize(uint32_t width, uint32_t height) {
   const uint32_t side = width > height ? width : height;
@@ -20,10 +30,10 @@ inline uint32_t zycQuadTreeRootSize(uint32_t width, uint32_t height) {
 // L: the tree bytes for `nodes` bits and the padding after them.
 inline uint32_t zycQuadTreeTreeField(uint32_t nodes) {
   const uint32_t treeBytes = (nodes + 7) / 8;
-  return (2 + treeBytes + 3) / 4 * 4 - 2;
+  return (kQuadTreeHeadBytes + treeBytes + 3) / 4 * 4 - kQuadTreeHeadBytes;
 }
 
 // Bytes of the whole image.
 inline uint32_t zycQuadTreeImageBytes(uint32_t nodes, uint32_t leafBlocks) {
-  return 2 + zycQuadTreeTreeField(nodes) + leafBlocks * kQuadTreeLeafBytes;
+  return kQuadTreeHeadBytes + zycQuadTreeTreeField(nodes) + leafBlocks * kQuadTreeLeafBytes;
 }

@@ -246,15 +246,16 @@ const char* zycQuadTreeReader::Decode(const uint8_t* image, uint32_t bytes, uint
   if (width == 0 || height == 0) return "empty picture";
   if (width > setupWidth || height > setupHeight) return "picture larger than Setup";
   if (pitch / 4 < width) return "pitch shorter than a row";
-  if (bytes < 2) return "image shorter than its header";
-  const uint32_t treeField = uint32_t(image[0]) << 8 | image[1];
-  if (treeField > bytes - 2) return "tree bytes past the image";
+  if (bytes < kQuadTreeHeadBytes) return "image shorter than its header";
+  const uint32_t treeField = zycLoadQuadTreeField(image);
+  if (treeField > bytes - kQuadTreeHeadBytes) return "tree bytes past the image";
+  const uint8_t* tree = image + kQuadTreeHeadBytes;
   Walk walk{this,
-            image + 2,
+            tree,
             treeField * 8,
             0,
-            image + 2 + treeField,
-            (bytes - 2 - treeField) / kQuadTreeLeafBytes,
+            tree + treeField,
+            (bytes - kQuadTreeHeadBytes - treeField) / kQuadTreeLeafBytes,
             0,
             pixels,
             pitch,

@@ -9,6 +9,7 @@
 #include "base/byteIo.h"
 #include "deps/lzmaLib/lzmaLib.h"
 #include "stream/decoderTables.h"
+#include "stream/imageFormat.h"
 #include "stream/zyl1Decoder.h"
 #include "stream/zycDecoder.h"
 
@@ -382,11 +383,12 @@ bool zycSafeReader::Unpack(const zycSectionEntry& entry, uint32_t index,
   for (const auto& u : unpacked_) room -= std::min<uint64_t>(room, u.size());
 
   if (zycPacking(header_) == kPackingLzma) {
-    if (size < 13) {
-      Problem(place + "LZMA data of " + Num(size) + " bytes is shorter than its 13-byte head");
+    if (size < kLzmaHeadBytes) {
+      Problem(place + "LZMA data of " + Num(size) + " bytes is shorter than its " +
+              Num(kLzmaHeadBytes) + "-byte head");
       return false;
     }
-    const uint64_t length = zycLoad64(data + 5);
+    const uint64_t length = zycLoad64(data + kLzmaPropertyBytes);
     if (length > room) {
       Problem(place + "LZMA data claims " + Num(length) + " unpacked bytes, beyond the limit of " +
               Num(room));
@@ -394,8 +396,9 @@ bool zycSafeReader::Unpack(const zycSectionEntry& entry, uint32_t index,
     }
     out->resize(size_t(length));
     size_t produced = size_t(length);
-    size_t consumed = size - 13;
-    const int result = LzmaUncompress(out->data(), &produced, data + 13, &consumed, data, 5);
+    size_t consumed = size - kLzmaHeadBytes;
+    const int result = LzmaUncompress(out->data(), &produced, data + kLzmaHeadBytes, &consumed,
+                                      data, kLzmaPropertyBytes);
     if (result != 0 || produced != length) {
       Problem(place + "LZMA data damaged (result " + std::to_string(result) + ", " +
               Num(produced) + " of " + Num(length) + " bytes)");
@@ -544,25 +547,27 @@ bool zycSafeReader::WalkZyl1() {
 
 bool zycSafeReader::CheckStillImage(const uint8_t* image, uint32_t size, uint32_t wantWidth,
                                     uint32_t wantHeight, std::string* why) {
-  if (size < 28) {
-    *why = "still image of " + Num(size) + " bytes is shorter than its 28-byte header";
+  if (size < kStillImageHeaderBytes) {
+    *why = "still image of " + Num(size) + " bytes is shorter than its " +
+           Num(kStillImageHeaderBytes) + "-byte header";
     return false;
   }
-  const uint32_t magic = zycLoad32(image);
-  const uint32_t tableBytes = zycLoad32(image + 4);
-  const uint32_t surfaceBits = image[9], vqBits = image[10];
-  const uint32_t width = zycLoad16(image + 12), height = zycLoad16(image + 14);
-  const uint32_t surfaceOffset = zycLoad32(image + 16);
-  const uint32_t codebookCount = zycLoad32(image + 20);
-  const uint32_t codebookOffset = zycLoad32(image + 24);
+  const zycStillImageHeader head = zycLoadStillImageHeader(image);
+  const uint32_t tableBytes = head.tableBytes;
+  const uint32_t surfaceBits = head.surfaceBits, vqBits = head.vqBits;
+  const uint32_t width = head.width, height = head.height;
+  const uint32_t surfaceOffset = head.surfaceOffset;
+  const uint32_t codebookCount = head.codebookCount;
+  const uint32_t codebookOffset = head.codebookOffset;
   char text[160];
-  if (magic != kStillImageMagic) {
-    std::snprintf(text, sizeof text, "still image has magic 0x%08X", magic);
+  if (head.magic != kStillImageMagic) {
+    std::snprintf(text, sizeof text, "still image has magic 0x%08X", head.magic);
     *why = text;
     return false;
   }
-  if (image[8] != 3) {
-    *why = "still image of version " + Num(image[8]) + " (3 expected)";
+  if (head.imageVersion != kStillImageVersion) {
+    *why = "still image of version " + Num(head.imageVersion) + " (" +
+           Num(kStillImageVersion) + " expected)";
     return false;
   }
   if (width != wantWidth || height != wantHeight) {
@@ -580,12 +585,13 @@ bool zycSafeReader::CheckStillImage(const uint8_t* image, uint32_t size, uint32_
            " entries does not fit its block table of " + Num(tableBytes) + " bytes";
     return false;
   }
-  if (codebookOffset < 28 || uint64_t(codebookOffset) + 8 * uint64_t(codebookCount) > size) {
+  if (codebookOffset < kStillImageHeaderBytes ||
+      uint64_t(codebookOffset) + kImageBlockBytes * uint64_t(codebookCount) > size) {
     *why = "still image codebook of " + Num(codebookCount) + " entries at byte " +
            Num(codebookOffset) + " lies outside the image (" + Num(size) + " bytes)";
     return false;
   }
-  if (surfaceOffset < 28 || surfaceOffset > size) {
+  if (surfaceOffset < kStillImageHeaderBytes || surfaceOffset > size) {
     *why = "still image surface table at byte " + Num(surfaceOffset) + " lies outside the image (" +
            Num(size) + " bytes)";
     return false;
@@ -595,9 +601,9 @@ bool zycSafeReader::CheckStillImage(const uint8_t* image, uint32_t size, uint32_
     return false;
   }
   const uint32_t surfaceEnd = codebookOffset > surfaceOffset ? codebookOffset : size;
-  const uint64_t surfaces = (surfaceEnd - surfaceOffset) / 36;
+  const uint64_t surfaces = (surfaceEnd - surfaceOffset) / kSurfaceEntryBytes;
 
-  CheckedBits bits(image + 28, (size - 28) / 4);
+  CheckedBits bits(image + kStillImageHeaderBytes, (size - kStillImageHeaderBytes) / 4);
   for (uint32_t by = 0; by + 8 <= height; by += 8) {
     for (uint32_t bx = 0; bx + 8 <= width; bx += 8) {
       const std::string block = " (block 8 at " + Num(bx) + "," + Num(by) + ")";
@@ -636,17 +642,19 @@ bool zycSafeReader::CheckStillImage(const uint8_t* image, uint32_t size, uint32_
 
 bool zycSafeReader::CheckTableImage(const uint8_t* image, uint32_t size, uint32_t colourBlocks,
                                     std::string* why) {
-  if (size < 24) {
-    *why = "table-block image of " + Num(size) + " bytes is shorter than its 24-byte header";
+  if (size < kTableImageHeaderBytes) {
+    *why = "table-block image of " + Num(size) + " bytes is shorter than its " +
+           Num(kTableImageHeaderBytes) + "-byte header";
     return false;
   }
-  if (image[0] != 0) return true;  // the frame's blocks are not decoded at all
-  const uint32_t indexBits = image[2];
-  const uint32_t tableBytes = zycLoad32(image + 4);
-  const uint32_t origin = zycLoad32(image + 8);
-  const uint32_t blockCount = zycLoad32(image + 12);
-  const uint32_t newCount = zycLoad32(image + 16);
-  const uint32_t newOffset = zycLoad32(image + 20);
+  const zycTableImageHeader head = zycLoadTableImageHeader(image);
+  if (head.marker != 0) return true;  // the frame's blocks are not decoded at all
+  const uint32_t indexBits = head.indexBits;
+  const uint32_t tableBytes = head.tableBytes;
+  const uint32_t origin = head.tableOrigin;
+  const uint32_t blockCount = head.blockCount;
+  const uint32_t newCount = head.newCount;
+  const uint32_t newOffset = head.newOffset;
   if (tableBytes == 0 || tableBytes % kBlockBytes != 0 || tableBytes > limits_.maxTableBytes) {
     *why = "table-block image with a block table of " + Num(tableBytes) +
            " bytes (a multiple of 48 within the limit expected)";
@@ -666,7 +674,8 @@ bool zycSafeReader::CheckTableImage(const uint8_t* image, uint32_t size, uint32_
            Num(tableBytes) + " bytes";
     return false;
   }
-  if (newOffset < 24 || uint64_t(newOffset) + 8 * uint64_t(newCount) > size) {
+  if (newOffset < kTableImageHeaderBytes ||
+      uint64_t(newOffset) + kImageBlockBytes * uint64_t(newCount) > size) {
     *why = "table-block image new entries at byte " + Num(newOffset) +
            " lie outside the image (" + Num(size) + " bytes)";
     return false;
@@ -676,14 +685,14 @@ bool zycSafeReader::CheckTableImage(const uint8_t* image, uint32_t size, uint32_
            Num(tableBytes) + " bytes";
     return false;
   }
-  const uint32_t writePos = image[1] ? 0 : tableWritePos;
+  const uint32_t writePos = head.reset ? 0 : tableWritePos;
   if (writePos > tableBytes || writePos % kBlockBytes != 0) {
     *why = "table-block image writes at byte " + Num(writePos) + " of a block table of " +
            Num(tableBytes) + " bytes";
     return false;
   }
   const uint64_t entries = tableBytes / kBlockBytes;
-  CheckedBits bits(image + 24, (size - 24) / 4);
+  CheckedBits bits(image + kTableImageHeaderBytes, (size - kTableImageHeaderBytes) / 4);
   for (uint32_t k = 0; k < blockCount; ++k) {
     uint32_t index;
     if (!bits.Read(indexBits, &index)) {
@@ -917,7 +926,9 @@ std::vector<zycSectionPrefix> zycWholeFramePrefixes(const zycStreamHeader& heade
     // word.
     size_t position = 0;
     while (position + 4 <= available) {
-      const uint32_t length = uint32_t(data[position + 1]) << 16 | zycLoad16(data + position + 2);
+      uint8_t flags;
+      uint32_t length;
+      zycLoadRecordHead(data + position, &flags, &length);
       if (position + 4 + length > available) break;
       position += 4 + length;
       prefixes.push_back({uint32_t(prefixes.size() + 1), uint32_t(position)});

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/byteIo.h"
 #include "base/consoleLog.h"
 
 uint32_t zycSoundLead(uint32_t soundLeadBase, uint32_t channels) {
@@ -16,6 +17,11 @@ double zycSamplesPerFrame(uint32_t soundRate, uint32_t frameDuration, uint32_t t
 
 uint32_t zycSoundChunkLimit(uint32_t soundLead, double samplesPerFrame, uint32_t channels) {
   return soundLead + uint32_t(std::ceil(samplesPerFrame)) * channels * 2u;
+}
+
+void zycStorePhoneSoundHead(uint32_t soundRate, uint8_t out[kPhoneSoundHeadBytes]) {
+  zycStore16(out, 4);
+  zycStore16(out + 2, soundRate == 16000 ? 2 : 1);
 }
 
 void zycSoundStep::Start(uint32_t rate, uint32_t channels, uint32_t soundLeadBase,

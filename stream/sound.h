@@ -17,6 +17,11 @@ double zycSamplesPerFrame(uint32_t soundRate, uint32_t frameDuration, uint32_t t
 // soundLead + ceil(samplesPerFrame) x channels x 2 (a sum of samples and bytes, by definition).
 uint32_t zycSoundChunkLimit(uint32_t soundLead, double samplesPerFrame, uint32_t channels);
 
+// In frames for the phone sound outputs the sound item puts a record of two u16 before the
+// chunk: 4, then 2 for 16000 samples a second, else 1.
+constexpr uint32_t kPhoneSoundHeadBytes = 4;
+void zycStorePhoneSoundHead(uint32_t soundRate, uint8_t out[kPhoneSoundHeadBytes]);
+
 struct zycSoundStep {
   uint32_t soundRate = 0;
   uint32_t soundChannels = 0;

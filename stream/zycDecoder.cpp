@@ -9,6 +9,7 @@
 #include "base/consoleLog.h"
 #include "stream/blockDecoder.h"
 #include "stream/decoderTables.h"
+#include "stream/imageFormat.h"
 #include "stream/zylFormat.h"
 
 uint32_t tableWritePos = 0;
@@ -234,13 +235,14 @@ void zycFrameDecoder::DecodeFrame(uint8_t* previous, uint8_t* current) {
   if (!resuming) {
     // Table path: bring this frame's blocks out of the ring into the scratch first.
     const uint8_t* image = tableStream;
-    if (image[0] != 0) return;
-    const uint32_t ringBytes = zycLoad32(image + 4);
-    const uint32_t origin = zycLoad32(image + 8);
-    const uint32_t blockCount = zycLoad32(image + 12);
-    const uint32_t newCount = zycLoad32(image + 16);
-    const uint32_t newOffset = zycLoad32(image + 20);
-    const uint32_t indexBits = image[2];
+    const zycTableImageHeader head = zycLoadTableImageHeader(image);
+    if (head.marker != 0) return;
+    const uint32_t ringBytes = head.tableBytes;
+    const uint32_t origin = head.tableOrigin;
+    const uint32_t blockCount = head.blockCount;
+    const uint32_t newCount = head.newCount;
+    const uint32_t newOffset = head.newOffset;
+    const uint32_t indexBits = head.indexBits;
     // A ring too small for its own new entries cannot be filled.
     if (uint64_t(newCount) * kBlockBytes > ringBytes) return;
     if (ringBytes > blockTableBytes && !ensureBuffer(io, &blockTable, &blockTableBytes, ringBytes))
@@ -263,7 +265,7 @@ void zycFrameDecoder::DecodeFrame(uint8_t* previous, uint8_t* current) {
         !ensureBuffer(io, &tableScratch, &tableScratchBytes, uint32_t(need)))
       return;
 
-    if (image[1]) tableWritePos = 0;
+    if (head.reset) tableWritePos = 0;
     const uint8_t* entries = image + newOffset;
     const uint64_t newBytes = uint64_t(newCount) * kBlockBytes;
     if (tableWritePos + newBytes > ringBytes) {
@@ -271,16 +273,16 @@ void zycFrameDecoder::DecodeFrame(uint8_t* previous, uint8_t* current) {
       const int64_t tail = room > 0 ? room / kBlockBytes : 0;
       uint32_t pos = tableWritePos;
       for (int64_t k = 0; k < tail; ++k, pos += kBlockBytes)
-        expandBlock(entries + 8 * k, blockTable + pos);
+        expandBlock(entries + kImageBlockBytes * k, blockTable + pos);
       ZYC_ASSERT(pos == ringBytes, "zycFrameDecoder::DecodeFrame", "block table wrap at %u of %u\n",
                  pos, ringBytes);
       pos = 0;
       for (int64_t k = tail; k < newCount; ++k, pos += kBlockBytes)
-        expandBlock(entries + 8 * k, blockTable + pos);
+        expandBlock(entries + kImageBlockBytes * k, blockTable + pos);
       tableWritePos = pos;
     } else {
       for (uint32_t k = 0; k < newCount; ++k, tableWritePos += kBlockBytes)
-        expandBlock(entries + 8 * k, blockTable + tableWritePos);
+        expandBlock(entries + kImageBlockBytes * k, blockTable + tableWritePos);
     }
 
     const int64_t entryCount = ringBytes / kBlockBytes;
@@ -336,15 +338,16 @@ void zycFrameDecoder::DecodeFrame(uint8_t* previous, uint8_t* current) {
 
 void zycFrameDecoder::DecodeImage(uint8_t* output) {
   const uint8_t* image = colourStream;
-  if (!image || zycLoad32(image) != kStillImageMagic) return;
-  const uint32_t ringBytes = zycLoad32(image + 4);
-  const uint32_t surfaceBits = image[9];
-  const uint32_t vqBits = image[10];
-  const uint32_t imageWidth = zycLoad16(image + 12);
-  const uint32_t imageHeight = zycLoad16(image + 14);
-  const uint8_t* surfaces = image + zycLoad32(image + 16);
-  const uint32_t codebookCount = zycLoad32(image + 20);
-  const uint8_t* codebook = image + zycLoad32(image + 24);
+  if (!image || !zycHasStillImageMagic(image)) return;
+  const zycStillImageHeader head = zycLoadStillImageHeader(image);
+  const uint32_t ringBytes = head.tableBytes;
+  const uint32_t surfaceBits = head.surfaceBits;
+  const uint32_t vqBits = head.vqBits;
+  const uint32_t imageWidth = head.width;
+  const uint32_t imageHeight = head.height;
+  const uint8_t* surfaces = image + head.surfaceOffset;
+  const uint32_t codebookCount = head.codebookCount;
+  const uint8_t* codebook = image + head.codebookOffset;
 
   if (ringBytes > blockTableBytes && !ensureBuffer(io, &blockTable, &blockTableBytes, ringBytes))
     return;
@@ -361,10 +364,10 @@ void zycFrameDecoder::DecodeImage(uint8_t* output) {
   }
 
   for (uint32_t k = 0; k < codebookCount; ++k)
-    expandBlock(codebook + 8 * size_t(k), blockTable + size_t(k) * kBlockBytes);
+    expandBlock(codebook + kImageBlockBytes * size_t(k), blockTable + size_t(k) * kBlockBytes);
   tableWritePos = codebookCount * kBlockBytes;
 
-  BitReader bits(image + 28);
+  BitReader bits(image + kStillImageHeaderBytes);
   for (uint32_t by = 0; by + 8 <= imageHeight; by += 8) {
     for (uint32_t bx = 0; bx + 8 <= imageWidth; bx += 8) {
       uint8_t* block = out + by * rowBytes + size_t(bx) * 3;
@@ -382,7 +385,7 @@ void zycFrameDecoder::DecodeImage(uint8_t* output) {
           }
         }
       } else {
-        const uint8_t* entry = surfaces + size_t(bits.Read(surfaceBits)) * 36;
+        const uint8_t* entry = surfaces + size_t(bits.Read(surfaceBits)) * kSurfaceEntryBytes;
         for (uint32_t row = 0; row < 8; ++row) {
           const int32_t y = surfaceCoordinate(by + row);
           uint8_t* to = block + row * rowBytes;

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "stream/zylFormat.h"
+
 // Allocator and file interface of a player. Ten slots; the block decoder uses Alloc and Free.
 // The base has no bodies for slots 0 to 8. Constructing one makes it the module's current
 // decoder (zycCurrentDecoder); destroying the current one clears that pointer.
@@ -67,7 +69,6 @@ class myDecoder final : public zycDecoder {
 // library: one encoder runs at a time in a process.
 extern uint32_t tableWritePos;
 
-constexpr uint32_t kBlockBytes = 48;  // one decoded 4x4 block of the block table, 3 bytes a pixel
 constexpr int kClampBias = 277;       // index of the value 0 in the clamp tables
 
 // Decoder state. Set up once per movie by Setup; the owner sets `io` and, per frame, the

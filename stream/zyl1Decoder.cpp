@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "base/byteIo.h"
+#include "stream/imageFormat.h"
 #include "stream/planeReader.h"
 #include "stream/quadTreeReader.h"
 #include "stream/zycDecoder.h"
@@ -100,10 +101,10 @@ const char* zycZyl1Decoder::Decode(uint8_t kind, const zycZyl1Streams& streams) 
   if (!ready_) return "the decoder is not set up";
   switch (kind) {
     case kFrameKindStill: {
-      if (streams.firstSize < 28 || zycLoad32(streams.first) != kStillImageMagic)
+      if (streams.firstSize < kStillImageHeaderBytes || !zycHasStillImageMagic(streams.first))
         return "the key frame is not a still image";
-      if (zycLoad16(streams.first + 12) != paddedWidth_ ||
-          zycLoad16(streams.first + 14) != paddedHeight_)
+      const zycStillImageHeader head = zycLoadStillImageHeader(streams.first);
+      if (head.width != paddedWidth_ || head.height != paddedHeight_)
         return "the still image is not of the movie's size";
       still_->colourStream = streams.first;
       still_->DecodeImage(picture_.data());

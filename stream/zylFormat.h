@@ -7,7 +7,6 @@
 // Magics, as little-endian 32-bit words of their four characters.
 constexpr uint32_t kMagicZyl0 = 0x304C595Au;  // "ZYL0"
 constexpr uint32_t kMagicZyl1 = 0x314C595Au;  // "ZYL1"
-constexpr uint32_t kStillImageMagic = 0x7FED52A5u;
 
 constexpr uint32_t kHeaderSizeZyl0 = 64;
 constexpr uint32_t kHeaderSizeZyl1 = 60;
@@ -15,6 +14,19 @@ constexpr uint32_t kSectionHeaderSizeZyl0 = 6;
 constexpr uint32_t kSectionHeaderSizeZyl1 = 8;
 constexpr uint32_t kTimeScale = 1000000;
 constexpr uint32_t kReserved52 = 7;
+
+// The two header fields that change after every frame: fileSize stands at 8 in ZYL0 and at 12
+// in ZYL1, frameCount at 16 in both.
+constexpr uint32_t kFileSizeAtZyl0 = 8;
+constexpr uint32_t kFileSizeAtZyl1 = 12;
+constexpr uint32_t kFrameCountAt = 16;
+
+// The section packing of a ZYL0 file, the byte at offset 56 of headers with a packing byte.
+constexpr uint8_t kPackingDeflate = 0;
+constexpr uint8_t kPackingLzma = 1;
+// An LZMA section starts with the LZMA properties and the unpacked length as a u64.
+constexpr uint32_t kLzmaPropertyBytes = 5;
+constexpr uint32_t kLzmaHeadBytes = kLzmaPropertyBytes + 8;
 
 // File header flags of ZYL0.
 constexpr uint32_t kHeaderFlagAlways = 1;
@@ -36,6 +48,16 @@ constexpr uint8_t kSymbolCopy = 0;
 constexpr uint8_t kSymbolSplit = 1;
 constexpr uint8_t kSymbolColour = 2;
 constexpr uint8_t kSymbolFade = 3;
+
+// Still images (key frames of both formats) and table-block images (the table item of a ZYL0
+// P-frame); their headers are in stream/imageFormat.h.
+constexpr uint32_t kStillImageMagic = 0x7FED52A5u;
+constexpr uint8_t kStillImageVersion = 3;
+constexpr uint32_t kStillImageHeaderBytes = 28;
+constexpr uint32_t kSurfaceEntryBytes = 36;  // three channels of six i16 coefficients
+constexpr uint32_t kTableImageHeaderBytes = 24;
+constexpr uint32_t kImageBlockBytes = 8;      // a codebook entry or new table entry: one DXT1 block
+constexpr uint32_t kBlockBytes = 48;  // one decoded 4x4 block of the block table, 3 bytes a pixel
 
 // ZYL1 frame record flags.
 constexpr uint8_t kRecordFlagSound = 1;

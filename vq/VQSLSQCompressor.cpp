@@ -12,6 +12,7 @@
 #include "base/byteIo.h"
 #include "base/consoleLog.h"
 #include "dxt/baseColourDxt.h"
+#include "stream/imageFormat.h"
 #include "stream/zycDecoder.h"
 #include "vq/VQCodebook.h"
 #include "vq/surfaceLSQSolver.h"
@@ -394,7 +395,7 @@ uint32_t VQSLSQCompressor::compress(const uint8_t* image, uint32_t width, uint32
   // Surfaces.
   SurfacePhase surfacePhase(powers.data(), pixels.data(), width, height, records.data(), verbose);
   const std::vector<uint8_t> elements = surfacePhase.run(referenceGroupSearch);
-  const uint32_t elementCount = uint32_t(elements.size() / kVqSurfaceElementBytes);
+  const uint32_t elementCount = uint32_t(elements.size() / kSurfaceEntryBytes);
   const double vqStart = threadSeconds();
   stats.slsqSeconds = vqStart - start;
 
@@ -412,7 +413,7 @@ uint32_t VQSLSQCompressor::compress(const uint8_t* image, uint32_t width, uint32
 
   // Codebook size from the target.
   const int64_t target = targetSize;
-  const int64_t surfaceTableBytes = int64_t(elementCount) * kVqSurfaceElementBytes;
+  const int64_t surfaceTableBytes = int64_t(elementCount) * kSurfaceEntryBytes;
   auto indexBytes = [&](int64_t b) {
     return (int64_t(1 + surfaceBits) * slsqBlocks + (1 + 4 * b) * int64_t(vqBlocks)) / 8;
   };
@@ -423,14 +424,17 @@ uint32_t VQSLSQCompressor::compress(const uint8_t* image, uint32_t width, uint32
     while (b >= 3) {
       --b;
       n = int64_t(1) << b;
-      if (target > (n * 51 / 100) * 48 / 6 + surfaceTableBytes + 28 + indexBytes(b)) {
+      const int64_t need =
+          (n * 51 / 100) * 48 / 6 + surfaceTableBytes + kStillImageHeaderBytes + indexBytes(b);
+      if (target > need) {
         limits = true;
         break;
       }
     }
   }
   if (limits) {
-    int64_t room = ((target - surfaceTableBytes - indexBytes(b) - 28) / 8) & ~int64_t(3);
+    int64_t room =
+        ((target - surfaceTableBytes - indexBytes(b) - kStillImageHeaderBytes) / 8) & ~int64_t(3);
     if (room == 0) room = 4;
     if (room < n) n = room;
     if (4 * int64_t(vqBlocks) < n) {
@@ -524,23 +528,22 @@ uint32_t VQSLSQCompressor::compress(const uint8_t* image, uint32_t width, uint32
 
   // Assembly.
   const uint32_t indexTableBytes = bits.byteSize();
-  const uint32_t surfaceOffset = kVqStillHeaderBytes + indexTableBytes;
+  const uint32_t surfaceOffset = kStillImageHeaderBytes + indexTableBytes;
   const uint32_t codebookOffset = surfaceOffset + uint32_t(elements.size());
   const uint32_t total = codebookOffset + codebookCount * 8;
   result.assign(total, 0);
   uint8_t* out = result.data();
-  zycStore32(out + 0, kVqStillMagic);
-  zycStore32(out + 4, tableLimit);
-  out[8] = kVqStillVersion;
-  out[9] = uint8_t(surfaceBits);
-  out[10] = uint8_t(b);
-  out[11] = 0;
-  zycStore16(out + 12, uint16_t(width));
-  zycStore16(out + 14, uint16_t(height));
-  zycStore32(out + 16, surfaceOffset);
-  zycStore32(out + 20, codebookCount);
-  zycStore32(out + 24, codebookOffset);
-  bits.copyTo(out + kVqStillHeaderBytes);
+  zycStillImageHeader head;
+  head.tableBytes = tableLimit;
+  head.surfaceBits = uint8_t(surfaceBits);
+  head.vqBits = uint8_t(b);
+  head.width = width;
+  head.height = height;
+  head.surfaceOffset = surfaceOffset;
+  head.codebookCount = codebookCount;
+  head.codebookOffset = codebookOffset;
+  zycStoreStillImageHeader(head, out);
+  bits.copyTo(out + kStillImageHeaderBytes);
   if (!elements.empty()) std::memcpy(out + surfaceOffset, elements.data(), elements.size());
   if (codebookCount) std::memcpy(out + codebookOffset, dxt.data(), dxt.size());
 
@@ -620,8 +623,9 @@ uint32_t VQSLSQCompressor::compress(const uint8_t* image, uint32_t width, uint32
 
 bool VQSLSQCompressor::decompress(const uint8_t* imageBlock, uint32_t size,
                                   std::vector<uint8_t>& pixels) {
-  if (size < kVqStillHeaderBytes || zycLoad32(imageBlock) != kVqStillMagic) return false;
-  const uint32_t width = zycLoad16(imageBlock + 12), height = zycLoad16(imageBlock + 14);
+  if (size < kStillImageHeaderBytes || !zycHasStillImageMagic(imageBlock)) return false;
+  const zycStillImageHeader head = zycLoadStillImageHeader(imageBlock);
+  const uint32_t width = head.width, height = head.height;
   auto decoder = std::make_unique<zycFrameDecoder>();
   myDecoder io;
   decoder->io = &io;

@@ -10,12 +10,6 @@
 
 struct VQCodebook;
 
-// Magic number and version of a still image block.
-constexpr uint32_t kVqStillMagic = 0x7FED52A5;
-constexpr uint8_t kVqStillVersion = 3;
-constexpr uint32_t kVqStillHeaderBytes = 28;
-constexpr uint32_t kVqSurfaceElementBytes = 36;  // three channels of six i16 coefficients
-
 // Figures of the last compress, for tests, benchmarks and the statistics lines.
 struct VQSLSQStatistics {
   uint32_t blockCount = 0;

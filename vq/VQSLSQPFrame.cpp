@@ -9,6 +9,7 @@
 #include "base/byteIo.h"
 #include "base/consoleLog.h"
 #include "dxt/baseColourDxt.h"
+#include "stream/imageFormat.h"
 #include "stream/zycDecoder.h"
 #include "vq/VQCodebook.h"
 #include "vq/VQSLSQCompressor.h"
@@ -17,8 +18,6 @@
 namespace {
 
 constexpr const char* kPFrameName = "VQSLSQCompressor::compressPFrame";
-constexpr uint32_t kTableHeaderBytes = 24;
-constexpr uint32_t kEntryBytes = 48;
 // Ring bytes kept free above a frame's new entries.
 constexpr uint32_t kRingSlack = 480;
 // Components of a padding vector: far from every real block, so it is never the nearest.
@@ -53,8 +52,8 @@ void VQSLSQCompressor::clearChain() {
 }
 
 uint32_t VQSLSQCompressor::stillCodebookBytes() const {
-  if (!currentImage || currentImageSize < kVqStillHeaderBytes) return 0;
-  return zycLoad32(currentImage + 20) * kEntryBytes;
+  if (!currentImage || currentImageSize < kStillImageHeaderBytes) return 0;
+  return zycLoadStillImageHeader(currentImage).codebookCount * kBlockBytes;
 }
 
 VQSLSQCompressor::TableBudget VQSLSQCompressor::tableBudget(uint32_t oldCount,
@@ -71,9 +70,9 @@ VQSLSQCompressor::TableBudget VQSLSQCompressor::tableBudget(uint32_t oldCount,
     // The rounding of the index table to words as it has always been reckoned here: the two
     // low bits cleared, and 4 added when any of bits 2 to 4 are set.
     indexBytes = (bits & ~int64_t(3)) + ((bits & 28) ? 4 : 0);
-    if (room * 48 / 6 + indexBytes + 24 > target || w >= 31) break;
+    if (room * 48 / 6 + indexBytes + kTableImageHeaderBytes > target || w >= 31) break;
   }
-  int64_t r = (target - indexBytes - 24) / 8;
+  int64_t r = (target - indexBytes - kTableImageHeaderBytes) / 8;
   r = r > 0 ? (r & ~int64_t(3)) : 0;
   if (r == 0) r = 4;
   if (r < room) room = r;
@@ -120,15 +119,15 @@ uint32_t VQSLSQCompressor::compressPFrame(const uint8_t* blocks, uint32_t blockC
   }
   const uint32_t stillBytes = stillCodebookBytes();
   auto oldCountOf = [&](const ChainView& c) {
-    uint32_t count = c.still ? stillBytes / kEntryBytes : 0;
-    for (uint32_t i = c.first; i < tableCount; ++i) count += tableSizes[i] / kEntryBytes;
+    uint32_t count = c.still ? stillBytes / kBlockBytes : 0;
+    for (uint32_t i = c.first; i < tableCount; ++i) count += tableSizes[i] / kBlockBytes;
     return count;
   };
 
   // Budget, ring capacity, drops at the old end.
   const TableBudget budget = tableBudget(oldCountOf(chain), blockCount, targetSize);
   const uint32_t trained = trainedCount(budget.newCount);
-  const uint32_t capacity = std::max(tableLimit, trained * kEntryBytes + kRingSlack);
+  const uint32_t capacity = std::max(tableLimit, trained * kBlockBytes + kRingSlack);
   if (reset) {
     ring = capacity;
   } else if (ring != capacity) {
@@ -139,12 +138,12 @@ uint32_t VQSLSQCompressor::compressPFrame(const uint8_t* blocks, uint32_t blockC
     chain.used = 0;
     chain.dropped = writePos;
   }
-  if (chain.used + uint64_t(trained) * kEntryBytes > capacity && chain.still) {
+  if (chain.used + uint64_t(trained) * kBlockBytes > capacity && chain.still) {
     chain.used -= stillBytes;
     chain.dropped += stillBytes;
     chain.still = false;
   }
-  while (chain.used + uint64_t(trained) * kEntryBytes > capacity && chain.first < tableCount) {
+  while (chain.used + uint64_t(trained) * kBlockBytes > capacity && chain.first < tableCount) {
     chain.used -= tableSizes[chain.first];
     chain.dropped += tableSizes[chain.first];
     ++chain.first;
@@ -164,22 +163,24 @@ uint32_t VQSLSQCompressor::compressPFrame(const uint8_t* blocks, uint32_t blockC
   // The old vectors as the decoder holds them: still image codebook, then tables oldest first.
   std::vector<uint8_t> oldBytes;
   if (chain.still && stillBytes) {
-    const uint8_t* codebook = currentImage + zycLoad32(currentImage + 24);
-    const uint32_t count = stillBytes / kEntryBytes;
-    oldBytes.resize(size_t(count) * kEntryBytes);
+    const uint8_t* codebook = currentImage + zycLoadStillImageHeader(currentImage).codebookOffset;
+    const uint32_t count = stillBytes / kBlockBytes;
+    oldBytes.resize(size_t(count) * kBlockBytes);
     for (uint32_t k = 0; k < count; ++k)
-      zycExpandTableBlock(codebook + 8 * size_t(k), &oldBytes[size_t(k) * kEntryBytes]);
+      zycExpandTableBlock(codebook + kImageBlockBytes * size_t(k),
+                          &oldBytes[size_t(k) * kBlockBytes]);
   }
   for (uint32_t i = chain.first; i < tableCount; ++i) {
-    const uint8_t* image = tableImages[i];
-    const uint32_t count = zycLoad32(image + 16);
-    const uint8_t* entries = image + zycLoad32(image + 20);
+    const zycTableImageHeader head = zycLoadTableImageHeader(tableImages[i]);
+    const uint32_t count = head.newCount;
+    const uint8_t* entries = tableImages[i] + head.newOffset;
     const size_t at = oldBytes.size();
-    oldBytes.resize(at + size_t(count) * kEntryBytes);
+    oldBytes.resize(at + size_t(count) * kBlockBytes);
     for (uint32_t k = 0; k < count; ++k)
-      zycExpandTableBlock(entries + 8 * size_t(k), &oldBytes[at + size_t(k) * kEntryBytes]);
+      zycExpandTableBlock(entries + kImageBlockBytes * size_t(k),
+                          &oldBytes[at + size_t(k) * kBlockBytes]);
   }
-  const uint32_t oldCount = uint32_t(oldBytes.size() / kEntryBytes);
+  const uint32_t oldCount = uint32_t(oldBytes.size() / kBlockBytes);
 
   std::vector<float> vectors(size_t(blockCount) * kVqComponents);
   for (size_t i = 0; i < vectors.size(); ++i) vectors[i] = float(blocks[i]);
@@ -196,7 +197,7 @@ uint32_t VQSLSQCompressor::compressPFrame(const uint8_t* blocks, uint32_t blockC
     VQCodebook old(padded, useSse);
     float row[kVqComponents];
     for (uint32_t k = 0; k < oldCount; ++k) {
-      const uint8_t* from = &oldBytes[size_t(oldCount - 1 - k) * kEntryBytes];
+      const uint8_t* from = &oldBytes[size_t(oldCount - 1 - k) * kBlockBytes];
       for (uint32_t c = 0; c < kVqComponents; ++c) row[c] = float(from[c]);
       old.setVector(k, row);
     }
@@ -269,7 +270,7 @@ uint32_t VQSLSQCompressor::compressPFrame(const uint8_t* blocks, uint32_t blockC
       if (newCount) {
         const uint32_t padded = (newCount + 3) & ~3u;
         newBook = std::make_unique<VQCodebook>(padded, useSse);
-        uint8_t expanded[kEntryBytes];
+        uint8_t expanded[kBlockBytes];
         float row[kVqComponents];
         for (uint32_t k = 0; k < newCount; ++k) {
           zycExpandTableBlock(&newDxt[size_t(k) * 8], expanded);
@@ -337,26 +338,26 @@ uint32_t VQSLSQCompressor::compressPFrame(const uint8_t* blocks, uint32_t blockC
   if (origin > capacity) origin -= (origin - 1) / capacity * capacity;
 
   const uint32_t indexBytes = bits.byteSize();
-  const uint32_t newOffset = kTableHeaderBytes + indexBytes;
-  const uint32_t total = newOffset + newCount * 8;
+  zycTableImageHeader head;
+  head.reset = reset ? 1 : 0;
+  head.indexBits = uint8_t(indexBits);
+  head.tableBytes = capacity;
+  head.tableOrigin = uint32_t(origin);
+  head.blockCount = blockCount;
+  head.newCount = newCount;
+  head.newOffset = kTableImageHeaderBytes + indexBytes;
+  const uint32_t newOffset = head.newOffset;
+  const uint32_t total = newOffset + newCount * kImageBlockBytes;
   result.assign(total, 0);
   uint8_t* out = result.data();
-  out[0] = 0;
-  out[1] = reset ? 1 : 0;
-  out[2] = uint8_t(indexBits);
-  out[3] = 0;
-  zycStore32(out + 4, capacity);
-  zycStore32(out + 8, uint32_t(origin));
-  zycStore32(out + 12, blockCount);
-  zycStore32(out + 16, newCount);
-  zycStore32(out + 20, newOffset);
-  bits.copyTo(out + kTableHeaderBytes);
+  zycStoreTableImageHeader(head, out);
+  bits.copyTo(out + kTableImageHeaderBytes);
   if (newCount) std::memcpy(out + newOffset, newDxt.data(), newDxt.size());
 
   pendingReset = reset ? 1 : 0;
   pendingTargetSize = targetSize;
   pendingBlockCount = blockCount;
-  pendingTableBytes = newCount * kEntryBytes;
+  pendingTableBytes = newCount * kBlockBytes;
   pendingImage = result;
 
   uint32_t finalHits = 0;
@@ -371,7 +372,7 @@ uint32_t VQSLSQCompressor::compressPFrame(const uint8_t* blocks, uint32_t blockC
   for (uint32_t b = 0; b < blockCount; ++b) pStats.squaredError += chosenDistance[b];
 
   if (verbose) {
-    const uint32_t raw = blockCount * kEntryBytes;
+    const uint32_t raw = blockCount * kBlockBytes;
     const uint32_t elementBytes = newCount * 8;
     zycLog("Blocks compressed: %d, target size: %d (target ratio %.1f:1)\n", int(blockCount),
            int(targetSize), ratio(raw, targetSize));
@@ -394,11 +395,11 @@ void VQSLSQCompressor::commitPFrame() {
     stillInChain = false;
   }
   // The same budget and drops as the try.
-  uint32_t oldCount = stillInChain ? stillCodebookBytes() / kEntryBytes : 0;
-  for (uint32_t i = 0; i < tableCount; ++i) oldCount += tableSizes[i] / kEntryBytes;
+  uint32_t oldCount = stillInChain ? stillCodebookBytes() / kBlockBytes : 0;
+  for (uint32_t i = 0; i < tableCount; ++i) oldCount += tableSizes[i] / kBlockBytes;
   const TableBudget budget = tableBudget(oldCount, pendingBlockCount, pendingTargetSize);
   const uint32_t trained = trainedCount(budget.newCount);
-  const uint32_t capacity = std::max(tableLimit, trained * kEntryBytes + kRingSlack);
+  const uint32_t capacity = std::max(tableLimit, trained * kBlockBytes + kRingSlack);
   const uint32_t stillBytes = stillCodebookBytes();
   uint32_t drop = 0;
   if (pendingReset) {
@@ -410,12 +411,12 @@ void VQSLSQCompressor::commitPFrame() {
     tableBytes = 0;
     droppedBytes = ringWritePos;
   }
-  if (uint64_t(tableBytes) + uint64_t(trained) * kEntryBytes > capacity && stillInChain) {
+  if (uint64_t(tableBytes) + uint64_t(trained) * kBlockBytes > capacity && stillInChain) {
     tableBytes -= stillBytes;
     droppedBytes += stillBytes;
     stillInChain = false;
   }
-  while (uint64_t(tableBytes) + uint64_t(trained) * kEntryBytes > capacity && drop < tableCount) {
+  while (uint64_t(tableBytes) + uint64_t(trained) * kBlockBytes > capacity && drop < tableCount) {
     tableBytes -= tableSizes[drop];
     droppedBytes += tableSizes[drop];
     ++drop;

@@ -80,9 +80,10 @@ std::vector<Patch> Patches(const Cut& cut, bool zyl1) {
   std::vector<Patch> patches;
   uint8_t word[4];
   zycStore32(word, uint32_t(cut.end));
-  patches.push_back({zyl1 ? 12u : 8u, std::vector<uint8_t>(word, word + 4)});
+  const uint32_t fileSizeAt = zyl1 ? kFileSizeAtZyl1 : kFileSizeAtZyl0;
+  patches.push_back({fileSizeAt, std::vector<uint8_t>(word, word + 4)});
   zycStore32(word, cut.frames);
-  patches.push_back({16, std::vector<uint8_t>(word, word + 4)});
+  patches.push_back({kFrameCountAt, std::vector<uint8_t>(word, word + 4)});
   if (cut.inside) {
     uint8_t section[kSectionHeaderSizeZyl1];
     if (zyl1) {
@@ -90,7 +91,8 @@ std::vector<Patch> Patches(const Cut& cut, bool zyl1) {
     } else {
       zycStoreSectionZyl0(cut.section, section);
     }
-    patches.push_back({cut.sectionAt, std::vector<uint8_t>(section, section + (zyl1 ? 8 : 6))});
+    const uint32_t sectionBytes = zyl1 ? kSectionHeaderSizeZyl1 : kSectionHeaderSizeZyl0;
+    patches.push_back({cut.sectionAt, std::vector<uint8_t>(section, section + sectionBytes)});
   }
   return patches;
 }

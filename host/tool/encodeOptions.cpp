@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "stream/zylFormat.h"
+
 namespace {
 
 // A plain decimal number without sign or exponent; `end` is where it stops.
@@ -133,9 +135,8 @@ int32_t RatioForPictureBudget(const RateInputs& in, double bytes) {
 }
 
 int32_t RatioForBytes(const RateInputs& in, double bytes) {
-  constexpr double kHeaderBytes = 64;
   if (in.frames == 0 || in.frameRate <= 0) return 1;
-  const double perFrame = (bytes - kHeaderBytes) / in.frames;
+  const double perFrame = (bytes - double(kHeaderSizeZyl0)) / in.frames;
   if (perFrame <= 0) return 0x7FFFFFFF;
   return ClampRatio(std::round(RawBytes(in) / perFrame));
 }

@@ -182,13 +182,16 @@ TEST_F(CodecMovie, AStoppedJobLeavesAValidMovieOfTheFramesDone) {
 // after the last frame that fitted. LZMA rewrites its section in place, so its cut puts the
 // old section back.
 TEST_F(CodecMovie, AFullDiskCutsTheMovieBackToItsLastWholeFrame) {
-  codec_->SetParam(Tag("EXTC"), 1);
   const struct {
+    uint32_t mode;  // 1: ZYL1
     int packing;
     int framesThatFit;
-  } cases[] = {{0, 3}, {1, 3}, {0, 0}};
+  } cases[] = {{0, 0, 3}, {0, 1, 3}, {0, 0, 0}, {1, 0, 3}};
   for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << "packing " << c.packing << ", " << c.framesThatFit);
+    SCOPED_TRACE(testing::Message() << "mode " << c.mode << ", packing " << c.packing << ", "
+                                    << c.framesThatFit);
+    codec_->SetCodecMode(c.mode);
+    codec_->SetParam(Tag("EXTC"), 1);
     codec_->SetParam(Tag("nFMT"), c.packing);
     std::string whole;  // the movie of the frames that fit
     if (c.framesThatFit > 0) {
