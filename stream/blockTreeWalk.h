@@ -1,17 +1,13 @@
-// The block decoder. One template, parameterised by the bytes of a pixel (4, 3 or 2) and by
-// where colour blocks come from, instantiated into the six routines. The block tree is
-// unrolled at compile time, 16 then 8 then 4. Pixels go through tables, except the fades of
-// 32-bit pixels, which SSE2 computes exactly (the plain table version stays, `plainFades`).
-#include "stream/blockDecoder.h"
+// The walk of the block decoder: one template, parameterised by the bytes of a pixel (4, 3 or
+// 2), by where colour blocks come from, and by the kernel set that copies and fades 32-bit
+// squares. The block tree is unrolled at compile time, 16 then 8 then 4. Each kernel set is
+// built in a file of its own (the AVX2 one under that target), so this header is made for
+// inclusion in those files only and keeps everything in an unnamed namespace.
+#pragma once
 
 #include <bit>
 #include <cstddef>
 #include <cstring>
-
-#if !defined(ZYL_NO_SIMD) && (defined(__SSE2__) || defined(__x86_64__))
-#include <emmintrin.h>
-#define ZYC_FADE_SSE2 1
-#endif
 
 #include "base/byteIo.h"
 #include "stream/zycDecoder.h"
@@ -141,7 +137,14 @@ void buildPalette(const zycFrameDecoder& d, uint32_t color0, uint32_t color1, ui
   }
 }
 
-template <int kBytes, BlockSource kSource>
+// `Kernels` copies and fades the squares of 32-bit pixels:
+//   template <int kSize> static void Copy(const uint8_t* from, uint8_t* to, ptrdiff_t stride);
+//   static constexpr bool kFades;  // true: it has
+//   template <int kSize> static void Fade(const uint8_t* from, uint8_t* to, ptrdiff_t stride,
+//                                         uint32_t level);
+// Squares of 3 and 2-byte pixels, and 32-bit fades of a set without kFades, go through the
+// tables.
+template <int kBytes, BlockSource kSource, class Kernels>
 class TreeWalk {
  public:
   explicit TreeWalk(zycFrameDecoder& d)
@@ -149,6 +152,7 @@ class TreeWalk {
         stride_(ptrdiff_t(d.width) * kBytes),
         tree_(d.treeStream),
         treeBits_(d.treeBits),
+        treeByte_(d.treeBits != 0 ? *d.treeStream : 0),
         motion_(d.motionStream),
         colour_(d.colourStream),
         index_(d.indexStream),
@@ -191,6 +195,7 @@ class TreeWalk {
 
  private:
   void Save() {
+    if (treeBits_ != 0) *tree_ = uint8_t(treeByte_);
     d_.treeStream = tree_;
     d_.treeBits = treeBits_;
     d_.motionStream = motion_;
@@ -212,13 +217,16 @@ class TreeWalk {
     }
   }
 
-  // Takes the two low bits of the tree byte and shifts the byte in place.
+  // Takes the two low bits of the tree byte and shifts the byte in place. The byte is kept
+  // in a register while its symbols are taken and stored as it stands when it is left (or
+  // the walk stops), so the buffer ends as if it had been shifted in place at every symbol.
   uint32_t Symbol() {
-    const uint32_t symbol = *tree_ & 3;
+    if (treeBits_ == 0) treeByte_ = *tree_;
+    const uint32_t symbol = treeByte_ & 3;
     if (++treeBits_ != 4) {
-      *tree_ = uint8_t(*tree_ >> 2);
+      treeByte_ >>= 2;
     } else {
-      ++tree_;
+      *tree_++ = uint8_t(treeByte_);
       treeBits_ = 0;
     }
     return symbol;
@@ -245,47 +253,19 @@ class TreeWalk {
     return *fade_++ >> 4;
   }
 
+  // A square copied by whole rows.
   template <int kSize>
   void Copy(const uint8_t* from, uint8_t* to) {
-    for (int row = 0; row < kSize; ++row) {
-      std::memcpy(to, from, kSize * kBytes);
-      from += stride_;
-      to += stride_;
-    }
-  }
-
-#ifdef ZYC_FADE_SSE2
-  // The tone curve computed instead of looked up, four pixels at a time. Level 8 and up:
-  // v + (255 - v) x (level - 7) / 20; below: v - v x (8 - level) / 20, both rounded down. The
-  // products stay below 2048, where the high half of x times 3277 is x / 20 rounded down; the
-  // top byte comes out 0 as from the tables.
-  template <int kSize>
-  void FadeSse2(const uint8_t* from, uint8_t* to, uint32_t level) {
-    // 255 - v is v ^ 255; the part is added as it is (lighter) or negated (darker).
-    const bool lighter = level >= 8;
-    const __m128i k = _mm_set1_epi16(int16_t(lighter ? level - 7 : 8 - level));
-    const __m128i flip = _mm_set1_epi16(lighter ? 255 : 0);
-    const __m128i negate = _mm_set1_epi16(lighter ? 0 : -1);
-    const __m128i fifth = _mm_set1_epi16(3277);
-    const __m128i zero = _mm_setzero_si128();
-    const __m128i keep = _mm_set1_epi32(0x00FFFFFF);
-    auto tone = [&](__m128i v) {
-      const __m128i part =
-          _mm_mulhi_epu16(_mm_mullo_epi16(_mm_xor_si128(v, flip), k), fifth);
-      return _mm_add_epi16(v, _mm_sub_epi16(_mm_xor_si128(part, negate), negate));
-    };
-    for (int row = 0; row < kSize; ++row) {
-      for (int i = 0; i < kSize; i += 4) {
-        const __m128i p = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + 4 * i));
-        const __m128i out = _mm_packus_epi16(tone(_mm_unpacklo_epi8(p, zero)),
-                                             tone(_mm_unpackhi_epi8(p, zero)));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(to + 4 * i), _mm_and_si128(out, keep));
+    if constexpr (kBytes == 4) {
+      Kernels::template Copy<kSize>(from, to, stride_);
+    } else {
+      for (int row = 0; row < kSize; ++row) {
+        std::memcpy(to, from, kSize * kBytes);
+        from += stride_;
+        to += stride_;
       }
-      from += stride_;
-      to += stride_;
     }
   }
-#endif
 
   // The tone curve of a level as pixel words already at the place of each field, made when
   // the frame first uses the level.
@@ -304,13 +284,9 @@ class TreeWalk {
 
   template <int kSize>
   void Fade(const uint8_t* from, uint8_t* to, uint32_t level) {
-    if constexpr (kBytes == 4) {
-#ifdef ZYC_FADE_SSE2
-      if (!d_.plainFades) {
-        FadeSse2<kSize>(from, to, level);
-        return;
-      }
-#endif
+    if constexpr (kBytes == 4 && Kernels::kFades) {
+      Kernels::template Fade<kSize>(from, to, stride_, level);
+    } else if constexpr (kBytes == 4) {
       const uint32_t(&words)[3][256] = FadeWords(level);
       for (int row = 0; row < kSize; ++row) {
         for (int i = 0; i < kSize; ++i) {
@@ -413,6 +389,7 @@ class TreeWalk {
   const ptrdiff_t stride_;
   uint8_t* tree_;
   uint32_t treeBits_;
+  uint32_t treeByte_;  // the current tree byte, shifted by the symbols already taken
   const uint8_t* motion_;
   const uint8_t* colour_;
   const uint8_t* index_;
@@ -420,101 +397,7 @@ class TreeWalk {
   uint32_t fadeHalf_;
   const uint8_t* table_;
   uint32_t fadeWordsMade_ = 0;
-  uint32_t fadeWords_[kBytes == 4 ? 16 : 1][3][256];
-};
-
-// The diagnostic view of the 32-bit DXT1 routine: paints each node by its symbol and size.
-class TreePainter {
- public:
-  explicit TreePainter(zycFrameDecoder& d) : d_(d), stride_(d.width) {}
-
-  void Run() {
-    uint32_t* dst = reinterpret_cast<uint32_t*>(d_.dst);
-    for (uint32_t y = 0; y < d_.height; y += 16) {
-      for (uint32_t x = 0; x < d_.width; x += 16) Paint(dst + x, 16, true);
-      dst += 16 * size_t(stride_);
-    }
-  }
-
- private:
-  uint32_t Symbol() {
-    const uint32_t symbol = *d_.treeStream & 3;
-    if (++d_.treeBits != 4) {
-      *d_.treeStream = uint8_t(*d_.treeStream >> 2);
-    } else {
-      ++d_.treeStream;
-      d_.treeBits = 0;
-    }
-    return symbol;
-  }
-
-  void Fill(uint32_t* to, uint32_t size, uint32_t value) {
-    for (uint32_t row = 0; row < size; ++row)
-      for (uint32_t i = 0; i < size; ++i) to[row * size_t(stride_) + i] = value;
-  }
-
-  static uint32_t Shade(uint32_t size, uint32_t v16, uint32_t v8, uint32_t v4) {
-    return size == 16 ? v16 : size == 8 ? v8 : size == 4 ? v4 : 0;
-  }
-
-  // Quadrants below size 4 read no symbol, as the tree holds none there, and paint 0.
-  void Paint(uint32_t* to, uint32_t size, bool readsSymbol) {
-    if (!readsSymbol) {
-      Fill(to, size, 0);
-      return;
-    }
-    switch (Symbol()) {
-      case 0:
-        Fill(to, size, Shade(size, 255, 191, 127));
-        break;
-      case 1: {
-        const uint32_t half = size / 2;
-        const bool below = half >= 4;
-        Paint(to, half, below);
-        Paint(to + half, half, below);
-        Paint(to + half * size_t(stride_), half, below);
-        Paint(to + half * size_t(stride_) + half, half, below);
-        break;
-      }
-      case 2:
-        Fill(to, size, Shade(size, 0xFF0000, 0xBF0000, 0x7F0000));
-        break;
-      default:
-        Fill(to, size, 0);
-        break;
-    }
-  }
-
-  zycFrameDecoder& d_;
-  uint32_t stride_;
+  uint32_t fadeWords_[kBytes == 4 && !Kernels::kFades ? 16 : 1][3][256];
 };
 
 }  // namespace
-
-void zycDxt1Palette32(const zycFrameDecoder& d, uint32_t color0, uint32_t color1,
-                      uint32_t palette[4]) {
-  palette32(d, color0, color1, palette);
-}
-
-void zycDecodeBlocksDxt32(zycFrameDecoder& decoder) {
-  if (decoder.treeView) {
-    TreePainter(decoder).Run();
-    return;
-  }
-  TreeWalk<4, BlockSource::dxt1>(decoder).Run();
-}
-void zycDecodeBlocksDxt24(zycFrameDecoder& decoder) {
-  TreeWalk<3, BlockSource::dxt1>(decoder).Run();
-}
-void zycDecodeBlocksDxt16(zycFrameDecoder& decoder) {
-  TreeWalk<2, BlockSource::dxt1>(decoder).Run();
-}
-void zycDecodeBlocksTable32(zycFrameDecoder& decoder) {
-  TreeWalk<4, BlockSource::table>(decoder).Run();
-}
-void zycDecodeBlocksTable24(zycFrameDecoder& decoder) {
-  TreeWalk<3, BlockSource::table>(decoder).Run();
-}
-void zycDecodeBlocksTable16(zycFrameDecoder& decoder) {
-  TreeWalk<2, BlockSource::table>(decoder).Run();
-}
