@@ -34,6 +34,9 @@ struct PlainKernels {
   static constexpr bool kFades = false;
   template <int kSize>
   static void Fade(const uint8_t*, uint8_t*, ptrdiff_t, uint32_t) {}
+  static constexpr bool kColourBlocks = false;
+  template <int kSize>
+  static void ColourBlock(const uint32_t*, uint32_t, uint8_t*, ptrdiff_t) {}
 };
 
 #ifdef ZYC_BLOCK_SSE2
@@ -80,6 +83,9 @@ struct Sse2Kernels {
       to += stride;
     }
   }
+  static constexpr bool kColourBlocks = false;
+  template <int kSize>
+  static void ColourBlock(const uint32_t*, uint32_t, uint8_t*, ptrdiff_t) {}
 };
 #endif
 

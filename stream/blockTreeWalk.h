@@ -105,7 +105,8 @@ void paletteYuv32(const zycFrameDecoder& d, uint32_t color0, uint32_t color1, ui
 // The palette in the pixel form of the routine: pixel words for 4 and 3 bytes, R5G6B5 words
 // for 2 bytes.
 template <int kBytes>
-void buildPalette(const zycFrameDecoder& d, uint32_t color0, uint32_t color1, uint32_t pal[4]) {
+[[gnu::always_inline]] inline void buildPalette(const zycFrameDecoder& d, uint32_t color0,
+                                                uint32_t color1, uint32_t pal[4]) {
   if constexpr (kBytes == 2) {
     if (d.yuv) {
       uint32_t f[4][3];
@@ -137,13 +138,16 @@ void buildPalette(const zycFrameDecoder& d, uint32_t color0, uint32_t color1, ui
   }
 }
 
-// `Kernels` copies and fades the squares of 32-bit pixels:
+// `Kernels` copies, fades and paints the squares of 32-bit pixels:
 //   template <int kSize> static void Copy(const uint8_t* from, uint8_t* to, ptrdiff_t stride);
 //   static constexpr bool kFades;  // true: it has
 //   template <int kSize> static void Fade(const uint8_t* from, uint8_t* to, ptrdiff_t stride,
 //                                         uint32_t level);
-// Squares of 3 and 2-byte pixels, and 32-bit fades of a set without kFades, go through the
-// tables.
+//   static constexpr bool kColourBlocks;  // true: it has
+//   template <int kSize> static void ColourBlock(const uint32_t palette[4], uint32_t index,
+//                                                uint8_t* to, ptrdiff_t stride);
+// Squares of 3 and 2-byte pixels, and what a set has not, go through the plain loops and
+// the tables.
 template <int kBytes, BlockSource kSource, class Kernels>
 class TreeWalk {
  public:
@@ -346,6 +350,10 @@ class TreeWalk {
       index_ += 4;
       uint32_t pal[4];
       buildPalette<kBytes>(d_, colour & 0xFFFF, colour >> 16, pal);
+      if constexpr (kBytes == 4 && Kernels::kColourBlocks) {
+        Kernels::template ColourBlock<kSize>(pal, index, to, stride_);
+        return;
+      }
       for (int i = 0; i < 16; ++i) {
         pixels[i] = pal[index & 3];
         index >>= 2;
