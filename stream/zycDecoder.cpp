@@ -166,6 +166,7 @@ void zycFrameDecoder::Setup(uint32_t sourceWidth, uint32_t sourceHeight, uint32_
   stopMask = 0;
   resumeRow = 0;
   smallMotion = smallMotion_;
+  kernels = zycBestBlockKernels();
 
   std::memset(motionOffset, 0, sizeof motionOffset);
   if (smallMotion) {

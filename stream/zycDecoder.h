@@ -92,7 +92,8 @@ struct zycFrameDecoder {
   uint8_t* src = nullptr;      // current block in the previous picture
   uint8_t* dst = nullptr;      // current block in the picture being made
   uint8_t smallMotion = 0;     // non-zero: u8 motion indices into the 256-entry table
-  uint8_t plainFades = 0;      // non-zero: 32-bit fades through the tone tables, no SIMD
+  uint8_t kernels = 0;         // kernel set of the 32-bit routines (blockDecoder.h); Setup
+                               // picks the fastest there is
   int32_t motionOffset[4096];  // dy * width + dx
   uint8_t thirds[768];         // (i + 1) / 3
   uint8_t tone5[16][32];

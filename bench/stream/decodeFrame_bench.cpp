@@ -1,6 +1,7 @@
-// DecodeFrame on the 32-bit DXT1 path at 1280x720: a key frame of colour blocks and a P-frame
-// with a usual mix of copies, splits, fades and colour blocks, beside a plain copy of a frame
-// of the same size as the baseline.
+// DecodeFrame on the 32-bit DXT1 path at 1280x720: a key frame of colour blocks, a P-frame
+// with a usual mix of copies, splits, fades and colour blocks, one of copies only and one of
+// fades only, each on every kernel set (arg: 0 plain, 1 SSE2, 2 AVX2), beside a plain copy of
+// a frame of the same size as the baseline.
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
@@ -8,6 +9,7 @@
 #include <memory>
 #include <vector>
 
+#include "stream/blockDecoder.h"
 #include "stream/decoderTables.h"
 #include "stream/zycDecoder.h"
 
@@ -126,13 +128,17 @@ FrameStreams pFrame() {
   return f;
 }
 
-// With `plain`, fades go through the decoder's tone tables instead of SIMD.
-void runDecode(benchmark::State& state, const FrameStreams& frame, bool plain = false) {
+// Decodes `frame` over and over with the kernel set of the benchmark's argument.
+void runDecode(benchmark::State& state, const FrameStreams& frame) {
   myDecoder io;
   auto decoder = std::make_unique<zycFrameDecoder>();
   decoder->io = &io;
   decoder->Setup(kWidth, kHeight, 32, 0, 1);
-  decoder->plainFades = plain ? 1 : 0;
+  if (state.range(0) > zycBestBlockKernels()) {
+    state.SkipWithError("kernel set not on this processor");
+    return;
+  }
+  decoder->kernels = uint8_t(state.range(0));
   std::vector<uint32_t> previous(kWidth * kHeight), current(kWidth * kHeight);
   for (size_t i = 0; i < previous.size(); ++i) previous[i] = uint32_t(i * 2654435761u);
   std::vector<uint8_t> tree(frame.tree);
@@ -156,18 +162,22 @@ void runDecode(benchmark::State& state, const FrameStreams& frame, bool plain = 
   state.SetBytesProcessed(int64_t(state.iterations()) * kWidth * kHeight * 4);
 }
 
+void kernelArgs(benchmark::internal::Benchmark* b) {
+  b->DenseRange(kBlockKernelsPlain, kBlockKernelsAvx2)->ArgName("kernels");
+  b->Unit(benchmark::kMicrosecond);
+}
+
 void BM_DecodeFrameKeyColourBlocks(benchmark::State& state) {
   static const FrameStreams frame = keyFrame();
   runDecode(state, frame);
 }
-BENCHMARK(BM_DecodeFrameKeyColourBlocks)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_DecodeFrameKeyColourBlocks)->Apply(kernelArgs);
 
-// arg: 1 plain fades.
 void BM_DecodeFramePMix(benchmark::State& state) {
   static const FrameStreams frame = pFrame();
-  runDecode(state, frame, state.range(0) != 0);
+  runDecode(state, frame);
 }
-BENCHMARK(BM_DecodeFramePMix)->Arg(0)->Arg(1)->ArgName("plain")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_DecodeFramePMix)->Apply(kernelArgs);
 
 // A P-frame of 16 by 16 copies only: the floor that the block access pattern sets.
 void BM_DecodeFramePCopiesOnly(benchmark::State& state) {
@@ -185,7 +195,7 @@ void BM_DecodeFramePCopiesOnly(benchmark::State& state) {
   }();
   runDecode(state, frame);
 }
-BENCHMARK(BM_DecodeFramePCopiesOnly)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_DecodeFramePCopiesOnly)->Apply(kernelArgs);
 
 // A P-frame of 16 by 16 fades only: the cost of the tone curves.
 void BM_DecodeFramePFadesOnly(benchmark::State& state) {
@@ -202,9 +212,9 @@ void BM_DecodeFramePFadesOnly(benchmark::State& state) {
     f.Finish();
     return f;
   }();
-  runDecode(state, frame, state.range(0) != 0);
+  runDecode(state, frame);
 }
-BENCHMARK(BM_DecodeFramePFadesOnly)->Arg(0)->Arg(1)->ArgName("plain")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_DecodeFramePFadesOnly)->Apply(kernelArgs);
 
 // Baseline: a plain copy of a frame of the same size.
 void BM_DecodeFrameBaselineMemcpy(benchmark::State& state) {

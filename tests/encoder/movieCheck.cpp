@@ -82,7 +82,7 @@ bool zycCheckMovie(const std::vector<uint8_t>& bytes, zycMovieCheck* check) {
   decoder->Setup(h.width, h.height, 32, (h.flags & kHeaderFlagYuv) ? 1 : 0,
                  (h.flags & kHeaderFlagWideMotion) ? 0 : 1);
   decoder->io = &io;
-  decoder->plainFades = check->plainFades ? 1 : 0;
+  if (check->kernels >= 0) decoder->kernels = uint8_t(check->kernels);
   const size_t pictureBytes = size_t(check->paddedWidth) * check->paddedHeight * 4;
   std::vector<uint8_t> previous(pictureBytes, 255), current(pictureBytes, 255);
 

@@ -10,8 +10,9 @@
 #include "stream/zylFormat.h"
 
 struct zycMovieCheck {
-  // Asked for: fades through the decoder's plain tables; every picture kept.
-  bool plainFades = false;
+  // Asked for: the decoder's kernel set (blockDecoder.h; -1: the one Setup picks); every
+  // picture kept.
+  int kernels = -1;
   bool keepPictures = false;
 
   zycStreamHeader header;

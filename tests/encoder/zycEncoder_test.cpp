@@ -12,6 +12,7 @@
 
 #include "base/byteIo.h"
 #include "encoder/zycEncoder.h"
+#include "stream/blockDecoder.h"
 #include "stream/container.h"
 #include "stream/framePayload.h"
 #include "stream/safeReader.h"
@@ -776,37 +777,47 @@ TEST(Encoder, PlainSimdAndSumBoundedSearchesWriteTheSameMovie) {
   EXPECT_EQ(files[1], files[2]);
 }
 
-// Rows of top blocks, bands of the levels and the fades are shared among threads; the movie
-// must not depend on how many there are. Every clip, deflate and LZMA, block-tree and
-// The decoder computes fades in SIMD; its plain tables must give the same pictures on the
-// golden movies and on a real clip with many fades.
-TEST(Encoder, SimdAndPlainFadesDecodeTheSamePictures) {
+// The decoder copies and fades with SIMD kernels; each set must give the plain decoder's
+// pictures on the golden movies and on real clips with many fades, block-tree and table
+// P-frames.
+TEST(Encoder, EveryDecoderKernelSetDecodesThePlainPictures) {
+  if (zycBestBlockKernels() == kBlockKernelsPlain) GTEST_SKIP() << "no SIMD kernels here";
   std::vector<std::vector<uint8_t>> movies;
   for (const char* name : {"walkers_speech_6f.zyl", "tree_still_lzma_5f.zyl"}) {
     movies.push_back(zycReadWholeFile(std::string(ZYL_SOURCE_DIR) + "/tests/golden/" + name));
   }
   auto frames = Clip("walkers_768x576_10fps_120f.mkv", 4, 96, 64);
   for (auto& f : frames) f = Scaled(f, 3 + int(&f - frames.data()), 6);  // darker, then lighter
-  EncodeRun run("fades");
-  ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
-  for (size_t i = 1; i < frames.size(); ++i) run.Next(frames[i]);
-  movies.push_back(run.FileBytes());
+  for (uint32_t table : {0u, 1u}) {
+    EncodeRun run("fades" + std::to_string(table));
+    run.encoder.pFrameFormat = table;
+    ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
+    for (size_t i = 1; i < frames.size(); ++i) run.Next(frames[i]);
+    movies.push_back(run.FileBytes());
+  }
   uint32_t fadeFrames = 0;
   for (const auto& movie : movies) {
-    zycMovieCheck fast, plain;
-    fast.keepPictures = plain.keepPictures = true;
-    plain.plainFades = true;
-    ASSERT_TRUE(zycCheckMovie(movie, &fast)) << fast.error;
+    zycMovieCheck plain;
+    plain.keepPictures = true;
+    plain.kernels = kBlockKernelsPlain;
     ASSERT_TRUE(zycCheckMovie(movie, &plain)) << plain.error;
-    ASSERT_EQ(fast.pictures.size(), plain.pictures.size());
-    for (size_t i = 0; i < fast.pictures.size(); ++i) {
-      ASSERT_EQ(fast.pictures[i], plain.pictures[i]) << "picture " << i;
+    for (int kernels = kBlockKernelsSse2; kernels <= zycBestBlockKernels(); ++kernels) {
+      zycMovieCheck fast;
+      fast.keepPictures = true;
+      fast.kernels = kernels;
+      ASSERT_TRUE(zycCheckMovie(movie, &fast)) << fast.error;
+      ASSERT_EQ(fast.pictures.size(), plain.pictures.size());
+      for (size_t i = 0; i < fast.pictures.size(); ++i) {
+        ASSERT_EQ(fast.pictures[i], plain.pictures[i]) << "kernels " << kernels << " picture " << i;
+      }
     }
-    fadeFrames += fast.fadeFrames;
+    fadeFrames += plain.fadeFrames;
   }
   EXPECT_GT(fadeFrames, 0u);
 }
 
+// Rows of top blocks, bands of the levels and the fades are shared among threads; the movie
+// must not depend on how many there are. Every clip, deflate and LZMA, block-tree and
 // still-image key frames, with a key frame in the middle of the job.
 TEST(Encoder, EveryThreadCountWritesTheSameMovie) {
   const char* const clips[] = {"walkers_768x576_10fps_120f.mkv", "handheld_box_640x480_30fps_sound.mp4",
