@@ -195,6 +195,9 @@ uint32_t zycMotionSearch::Search(zycBlock& block, const Guess& guess) const {
 
   const size_t at = size_t(block.y) * stride + size_t(block.x) * 4;
   const uint8_t* cur = sourceYuv + at;
+  // The same square in the fades, which may start at a later row.
+  const size_t fadeSquare = at - size_t(fadeTop) * stride;
+  const int32_t fadeY = block.y - int32_t(fadeTop);
   const zycSadFn all = kernels.all[level];
   const zycSadFn colour = kernels.colour[level];
   const zycFadeSadFn fades = kernels.fades[level];
@@ -239,7 +242,8 @@ uint32_t zycMotionSearch::Search(zycBlock& block, const Guess& guess) const {
       }
     }
     if (pipelined && guess.fadeMotion < count && guess.fade < 16 && inside(guess.fadeMotion)) {
-      const uint32_t err = colour(cur, references[guess.fade + 1] + at + offsetOf(guess.fadeMotion),
+      const uint32_t err = colour(cur, references[guess.fade + 1] + fadeSquare +
+                                      offsetOf(guess.fadeMotion),
                                   stride, 0xFFFFFFFFu);
       if (err != 0) {
         block.fadeError = err;
@@ -264,7 +268,7 @@ uint32_t zycMotionSearch::Search(zycBlock& block, const Guess& guess) const {
   // then, which can only have fallen since: it may let through fades that no longer can win,
   // and the comparison below turns those away.
   uint32_t mask = pipelined && k < count
-                      ? fadeSums->Candidates(block.x + table[k][0], block.y + table[k][1], s,
+                      ? fadeSums->Candidates(block.x + table[k][0], fadeY + table[k][1], s,
                                              curSum, fadeLimit(k))
                       : 0;
   while (k < count) {
@@ -272,7 +276,7 @@ uint32_t zycMotionSearch::Search(zycBlock& block, const Guess& guess) const {
     const uint32_t following = nextInside(k + 1);
     const uint32_t followingMask =
         pipelined && following < count
-            ? fadeSums->Candidates(block.x + table[following][0], block.y + table[following][1],
+            ? fadeSums->Candidates(block.x + table[following][0], fadeY + table[following][1],
                                    s, curSum, fadeLimit(following))
             : 0;
     const int32_t sx = block.x + table[k][0];
@@ -295,7 +299,7 @@ uint32_t zycMotionSearch::Search(zycBlock& block, const Guess& guess) const {
       const uint32_t early = tried & earlierFades(k);
       if (early) {
         uint32_t limit = block.fadeError + 1;
-        if (fades(cur, references + 1, ptrdiff_t(at) + offset, stride, early, &limit,
+        if (fades(cur, references + 1, ptrdiff_t(fadeSquare) + offset, stride, early, &limit,
                   &block.fadeIndex)) {
           block.fadeError = limit;
           block.fadeMotionIndex = k;
@@ -303,7 +307,7 @@ uint32_t zycMotionSearch::Search(zycBlock& block, const Guess& guess) const {
         }
       }
       const uint32_t late = tried & ~early;
-      if (late && fades(cur, references + 1, ptrdiff_t(at) + offset, stride, late,
+      if (late && fades(cur, references + 1, ptrdiff_t(fadeSquare) + offset, stride, late,
                         &block.fadeError, &block.fadeIndex)) {
         block.fadeMotionIndex = k;
         fadeAt = k * 16 + block.fadeIndex;
@@ -313,7 +317,7 @@ uint32_t zycMotionSearch::Search(zycBlock& block, const Guess& guess) const {
         const uint32_t f = uint32_t(__builtin_ctz(mask));
         mask &= mask - 1;
         const uint32_t limit = block.fadeError + (k * 16 + f < fadeAt ? 1u : 0u);
-        err = colour(cur, references[f + 1] + at + offset, stride, limit);
+        err = colour(cur, references[f + 1] + fadeSquare + offset, stride, limit);
         if (err < limit) {
           block.fadeError = err;
           block.fadeMotionIndex = k;
@@ -324,7 +328,7 @@ uint32_t zycMotionSearch::Search(zycBlock& block, const Guess& guess) const {
     } else if (!noFade) {
       for (uint32_t f = 0; f < 16; ++f) {
         if (block.fadeError == 0) break;
-        err = colour(cur, references[f + 1] + at + offset, stride, block.fadeError);
+        err = colour(cur, references[f + 1] + fadeSquare + offset, stride, block.fadeError);
         if (err < block.fadeError) {
           block.fadeError = err;
           block.fadeMotionIndex = k;

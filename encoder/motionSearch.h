@@ -108,6 +108,9 @@ struct zycMotionSearch {
   const zycBlockSums* sourceSums = nullptr;
   const zycBlockSums* referenceSums = nullptr;  // references[0]
   const zycFadeSums* fadeSums = nullptr;        // references[1] to [16]
+  // The fades, references[1] to [16], and their sums may hold a band of rows only: their row 0
+  // is the picture's row `fadeTop`.
+  uint32_t fadeTop = 0;
 
   // Searches a square whose size, x and y are set, and its subtree. Returns 0 when the square
   // has a perfect copy, else the smallest motion error of the square and its subtree. The
