@@ -33,18 +33,25 @@ void zycFadeBand::Release() {
 }
 
 void zycFadeBand::Build(const uint8_t* picture, uint32_t first, uint32_t count, bool withSums,
-                        uint32_t threads) {
+                        uint32_t threads, bool follows) {
   ZYC_ASSERT(count <= rows_, "zycFadeBand::Build", "a band of %u rows in room for %u\n", count,
              rows_);
-  first_ = first;
-  const uint32_t pixels = width_ * count;
-  const uint8_t* p = picture + size_t(first) * width_ * 4;
+  // The rows that this band shares with the one before, moved to its top.
+  uint32_t kept = 0;
+  const uint32_t drop = first - first_;
+  if (follows && first >= first_ && first < first_ + count_ && first + count >= first_ + count_) {
+    kept = first_ + count_ - first;
+  }
+  const size_t rowBytes = size_t(width_) * 4;
+  const uint32_t pixels = width_ * (count - kept);
+  const uint8_t* p = picture + (size_t(first) + kept) * rowBytes;
   zycParallelFor(threads, 16, [&](uint32_t f) {
+    if (kept && drop) std::memmove(pictures_[f], pictures_[f] + drop * rowBytes, kept * rowBytes);
     uint8_t tone[256];
     for (int c = 0; c < 256; ++c) {
       tone[c] = f < 8 ? Darker(uint8_t(c), int(f)) : Lighter(uint8_t(c), int(f));
     }
-    uint8_t* out = pictures_[f];
+    uint8_t* out = pictures_[f] + kept * rowBytes;
     for (uint32_t i = 0; i < pixels * 4; i += 4) {
       out[i] = tone[p[i]];
       out[i + 1] = tone[p[i + 1]];
@@ -52,7 +59,15 @@ void zycFadeBand::Build(const uint8_t* picture, uint32_t first, uint32_t count, 
     }
     zycConvertToYuv(out, out, pixels);
   });
-  if (withSums) sums_.Build(pictures_, width_, count);
+  if (withSums) {
+    if (kept) {
+      sums_.Continue(pictures_, width_, drop, kept, count);
+    } else {
+      sums_.Build(pictures_, width_, count);
+    }
+  }
+  first_ = first;
+  count_ = count;
 }
 
 zycRowSpan zycFadeRows(uint32_t firstTop, uint32_t endTop, uint32_t blockMax, uint32_t reach,

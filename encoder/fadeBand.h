@@ -21,9 +21,10 @@ class zycFadeBand {
   void Release();
   // Makes rows [first, first + count) of the fades of `picture` (4 bytes a pixel B, G, R, any;
   // rows 4 x width bytes apart), and their sums when `withSums`. The fades are shared among up
-  // to `threads` threads.
+  // to `threads` threads. With `follows`, the band before was of the same picture (and as
+  // `withSums`): the rows the two share are kept, not made again.
   void Build(const uint8_t* picture, uint32_t first, uint32_t count, bool withSums,
-             uint32_t threads);
+             uint32_t threads, bool follows);
 
   // Fade f's row `first()` and the rows after it.
   const uint8_t* Picture(int f) const { return pictures_[f]; }
@@ -36,6 +37,7 @@ class zycFadeBand {
   uint32_t width_ = 0;
   uint32_t rows_ = 0;
   uint32_t first_ = 0;
+  uint32_t count_ = 0;
   zycFadeSums sums_;
 };
 

@@ -60,9 +60,22 @@ void zycBlockSums::Build(const uint8_t* picture, uint32_t width, uint32_t height
 void zycFadeSums::Build(const uint8_t* const pictures[16], uint32_t width, uint32_t height) {
   stride_ = width + 1;
   table_.assign(size_t(stride_) * (height + 1) * 16, 0);
-  for (uint32_t y = 0; y < height; ++y) {
-    const uint16_t* above = table_.data() + size_t(y) * stride_ * 16;
-    uint16_t* here = table_.data() + size_t(y + 1) * stride_ * 16;
+  Continue(pictures, width, 0, 0, height);
+}
+
+void zycFadeSums::Continue(const uint8_t* const pictures[16], uint32_t width, uint32_t drop,
+                           uint32_t kept, uint32_t height) {
+  ZYC_ASSERT(stride_ == width + 1, "zycFadeSums::Continue", "a table of another width\n");
+  const size_t rowWords = size_t(stride_) * 16;
+  // Corner rows [drop, drop + kept] become rows [0, kept]. Their values still count the rows
+  // above, but a square's sum is a difference in which those cancel.
+  if (drop) {
+    std::memmove(table_.data(), table_.data() + drop * rowWords, (kept + 1) * rowWords * 2);
+  }
+  table_.resize(rowWords * (height + 1));
+  for (uint32_t y = kept; y < height; ++y) {
+    const uint16_t* above = table_.data() + size_t(y) * rowWords;
+    uint16_t* here = table_.data() + size_t(y + 1) * rowWords;
     uint16_t run[16] = {};
     for (uint32_t x = 0; x < width; ++x) {
       const size_t at = (size_t(y) * width + x) * 4;

@@ -74,6 +74,11 @@ class zycBlockSums {
 class zycFadeSums {
  public:
   void Build(const uint8_t* const pictures[16], uint32_t width, uint32_t height);
+  // The table of rows [drop, drop + kept) of the pictures it was built over, followed by rows
+  // [kept, height) of `pictures`, which now start at that first kept row: a band of rows moving
+  // down a picture keeps what it had made. Sums of squares come out as from Build.
+  void Continue(const uint8_t* const pictures[16], uint32_t width, uint32_t drop, uint32_t kept,
+                uint32_t height);
   void Sums(int32_t x, int32_t y, int32_t size, uint32_t out[16]) const;
   // Bit f set when the sum of fade f's square differs from `sum` by less than `limit`: the
   // fades whose comparison could still win.

@@ -272,7 +272,7 @@ uint32_t zycEncoder::BuildMotionVector(bool searchOff, bool buildLevels) {
     if (withFades) {
       const zycRowSpan span = zycFadeRows(row, end, blockMax, reach, s.paddedHeight);
       s.fades.Build(s.previousFrame.data, span.first, span.count, m.referenceSums != nullptr,
-                    s.threads);
+                    s.threads, row != 0);
       for (int f = 0; f < 16; ++f) m.references[f + 1] = s.fades.Picture(f);
       m.fadeTop = span.first;
       m.fadeSums = m.referenceSums ? &s.fades.sums() : nullptr;

@@ -6,6 +6,7 @@
 
 #include "base/cpuFeatures.h"
 #include "dxt/yuvConvert.h"
+#include "encoder/fadeBand.h"
 #include "encoder/motionSearch.h"
 #include "stream/decoderTables.h"
 #include "tests/support/imageLoad.h"
@@ -199,6 +200,39 @@ TEST(MotionSearch, SquareSumsAreTheSumsOfTheColourBytes) {
           }
           ASSERT_EQ(fadeSums.Candidates(x, y, s, sum, limit), want) << "limit " << limit;
           ASSERT_EQ(fadeSums.Candidates(x, y, s, expected, limit) & (1u << 5), 1u << 5);
+        }
+      }
+    }
+  }
+}
+
+// Bands moving down a real picture, each keeping the rows it shares with the one before, hold
+// the same fades and square sums as one band over the whole picture.
+TEST(MotionSearch, FadeBandsMovingDownMatchOneWholeBand) {
+  const uint32_t w = 48, h = 96;
+  zylTestImage photo;
+  ASSERT_TRUE(zylLoadPng(zylMediaPath("photo_coffee_600x400.png"), &photo));
+  const zylTestImage crop = zylCropImage(photo, 200, 100, w, h);
+  zycFadeBand whole, band;
+  whole.Allocate(w, h);
+  whole.Build(crop.pixels.data(), 0, h, true, 2, false);
+  band.Allocate(w, 40);
+  // Spans as the search asks them: bands of one top-block row reaching 12 rows each way.
+  for (uint32_t top = 0; top < h / 16; ++top) {
+    const zycRowSpan span = zycFadeRows(top, top + 1, 16, 12, h);
+    band.Build(crop.pixels.data(), span.first, span.count, true, 2, top != 0);
+    ASSERT_EQ(band.first(), span.first);
+    for (int f = 0; f < 16; ++f) {
+      ASSERT_EQ(std::memcmp(band.Picture(f), whole.Picture(f) + size_t(span.first) * w * 4,
+                            size_t(span.count) * w * 4), 0) << "fade " << f << " top " << top;
+    }
+    for (int32_t s : {4, 8, 16}) {
+      for (int32_t y = 0; y + s <= int32_t(span.count); y += 3) {
+        for (int32_t x = 0; x + s <= int32_t(w); x += 5) {
+          uint32_t got[16], want[16];
+          band.sums().Sums(x, y, s, got);
+          whole.sums().Sums(x, y + int32_t(span.first), s, want);
+          ASSERT_EQ(std::memcmp(got, want, sizeof got), 0) << x << "," << y << " size " << s;
         }
       }
     }
