@@ -76,6 +76,11 @@ class zycBlockSums {
 class zycFadeSums {
  public:
   void Build(const uint8_t* const pictures[16], uint32_t width, uint32_t height);
+  // The table of rows [drop, drop + kept) of the pictures it was built over, followed by rows
+  // [kept, height) of `pictures`, which now start at that first kept row: a band of rows moving
+  // down a picture keeps what it had made. Sums of squares come out as from Build.
+  void Continue(const uint8_t* const pictures[16], uint32_t width, uint32_t drop, uint32_t kept,
+                uint32_t height);
   void Sums(int32_t x, int32_t y, int32_t size, uint32_t out[16]) const;
   // Bit f set when the sum of fade f's square differs from `sum` by less than `limit`: the
   // fades whose comparison could still win.
@@ -110,10 +115,26 @@ struct zycMotionSearch {
   const zycBlockSums* sourceSums = nullptr;
   const zycBlockSums* referenceSums = nullptr;  // references[0]
   const zycFadeSums* fadeSums = nullptr;        // references[1] to [16]
+  // The fades, references[1] to [16], and their sums may hold a band of rows only: their row 0
+  // is the picture's row `fadeTop`.
+  uint32_t fadeTop = 0;
 
   // Searches a square whose size, x and y are set, and its subtree. Returns 0 when the square
-  // has a perfect copy, else the smallest motion error of the square and its subtree.
+  // has a perfect copy, else the smallest motion error of the square and its subtree. The
+  // square's motion and fade fields, as a previous search left them, are the first guess; the
+  // tree does not depend on them.
   uint32_t SearchBlock(zycBlock& block) const;
+
+ private:
+  // Candidates compared before the loop to narrow its bounds: a motion index, and a fade's
+  // motion index and level.
+  struct Guess {
+    uint32_t motion = 0;
+    uint32_t fadeMotion = 0;
+    uint32_t fade = 0;
+    bool none = true;
+  };
+  uint32_t Search(zycBlock& block, const Guess& guess) const;
 };
 
 // The arrays that a walk fills: opcodes (first byte reserved for the frame flags), motion

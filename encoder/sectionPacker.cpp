@@ -88,8 +88,9 @@ void zycSectionPacker::Open(uint32_t packing, uint32_t bufferBytes, uint32_t lzm
     InitStream();
   } else {
     lzmaDictionary_ = lzmaDictionary;
-    lzmaInput_.assign(size_t(bufferBytes) * 30, 0);
-    lzmaOutput_.assign(size_t(bufferBytes) * 30, 0);
+    // Both grow as the section does; a start of two frames' room keeps a short section small.
+    lzmaInput_.assign(size_t(bufferBytes) * 2, 0);
+    lzmaOutput_.assign(size_t(bufferBytes) * 2, 0);
     lzmaInputSize_ = 0;
     lzmaMark_ = 0;
     lzmaDirty_ = true;

@@ -18,7 +18,7 @@ class zycSectionPacker {
   zycSectionPacker& operator=(const zycSectionPacker&) = delete;
 
   // packing 0: deflate into a buffer of `bufferBytes`; 1: LZMA with `lzmaDictionary`, its input
-  // and output buffers starting at `bufferBytes` x 30 bytes.
+  // and output buffers starting at `bufferBytes` x 2 bytes.
   void Open(uint32_t packing, uint32_t bufferBytes, uint32_t lzmaDictionary, FILE* file);
   // A new section: an empty deflate state, or an empty LZMA input.
   void Restart();

@@ -20,6 +20,7 @@
 #include "dxt/buildLevels.h"
 #include "dxt/yuvConvert.h"
 #include "encoder/blockTreeWriter.h"
+#include "encoder/fadeBand.h"
 #include "encoder/keyFrames.h"
 #include "encoder/motionSearch.h"
 #include "encoder/rateControl.h"
@@ -45,6 +46,10 @@ struct Picture {
   ~Picture() { std::free(data); }
 };
 
+// Top-block rows of a band of fades: more rows cost memory, fewer make the rows that the vectors
+// reach above and below each band a larger share of the work.
+constexpr uint32_t kFadeBandTops = 8;
+
 // True when the bytes went out (or there is no file).
 bool WriteZeros(FILE* file, size_t count) {
   static const uint8_t kZeros[8] = {};
@@ -69,7 +74,8 @@ struct zycEncoder::State {
   Picture sourceYuv;
   Picture previousFrame;
   Picture decoded;  // the decoder's output, exchanged with previousFrame after each frame
-  Picture references[17];
+  Picture reference;  // the rebuilt picture in YUV
+  zycFadeBand fades;   // its fades, a band of rows at a time
   zycDxtLevels levels;
 
   std::vector<zycBlock> topBlocks;
@@ -89,7 +95,6 @@ struct zycEncoder::State {
   zycSadKernels kernels;
   zycBlockSums sourceSums;
   zycBlockSums referenceSums;
-  zycFadeSums fadeSums;
   int8_t largeTable[kLargeMotionCount][2] = {};
   zycMotionSearch search;
   std::vector<uint32_t> topResults;  // the search's result of each top block
@@ -176,9 +181,6 @@ void TakePicture(const zylFrameImage& image, uint32_t paddedWidth, uint32_t padd
   zycConvertToYuv(sourceFrame, sourceYuv, paddedWidth * paddedHeight);
 }
 
-inline uint8_t Darker(uint8_t c, int f) { return uint8_t(c - c * (8 - f) / 20); }
-inline uint8_t Lighter(uint8_t c, int f) { return uint8_t(c + (255 - c) * (f - 7) / 20); }
-
 }  // namespace
 
 // A table frame carries no fade item: a player reads no fade levels for it. So that the encoder
@@ -186,37 +188,19 @@ inline uint8_t Lighter(uint8_t c, int f) { return uint8_t(c + (255 - c) * (f - 7
 // their trees never hold a fade node.
 bool zycEncoder::FadesSearched() const { return !noFade && pFrameFormat == 0; }
 
-// references[0] is the rebuilt picture in YUV; 1 to 16 are its fades, darker by 40% down to
-// 5%, then lighter by 5% up to 40%.
+// The rebuilt picture in YUV, for the next frame's search; its fades are made band by band
+// as the search goes.
 void zycEncoder::BuildReferences() {
   State& s = *state_;
-  const uint32_t count = s.paddedWidth * s.paddedHeight;
-  const uint8_t* p = s.previousFrame.data;
-  // Job 0 is the picture itself, jobs 1 to 16 its fades; each writes only its own reference.
-  const bool withFades = FadesSearched();
-  zycParallelFor(s.threads, withFades ? 17 : 1, [&](uint32_t job) {
-    if (job == 0) {
-      zycConvertToYuv(p, s.references[0].data, count);
-      if (useSums) s.referenceSums.Build(s.references[0].data, s.paddedWidth, s.paddedHeight);
-      return;
-    }
-    const int f = int(job) - 1;
-    uint8_t tone[256];
-    for (int c = 0; c < 256; ++c) tone[c] = f < 8 ? Darker(uint8_t(c), f) : Lighter(uint8_t(c), f);
-    uint8_t* out = s.references[job].data;
-    for (uint32_t i = 0; i < count * 4; i += 4) {
-      out[i] = tone[p[i]];
-      out[i + 1] = tone[p[i + 1]];
-      out[i + 2] = tone[p[i + 2]];
-    }
-    zycConvertToYuv(out, out, count);
+  constexpr uint32_t kParts = 16;  // runs of rows, shared among the threads
+  const size_t rowBytes = size_t(s.paddedWidth) * 4;
+  zycParallelFor(s.threads, kParts, [&](uint32_t part) {
+    const uint32_t first = s.paddedHeight * part / kParts;
+    const uint32_t end = s.paddedHeight * (part + 1) / kParts;
+    zycConvertToYuv(s.previousFrame.data + first * rowBytes, s.reference.data + first * rowBytes,
+                    s.paddedWidth * (end - first));
   });
-  if (!withFades) return;
-  if (useSums) {
-    const uint8_t* fades[16];
-    for (int f = 0; f < 16; ++f) fades[f] = s.references[f + 1].data;
-    s.fadeSums.Build(fades, s.paddedWidth, s.paddedHeight);
-  }
+  if (useSums) s.referenceSums.Build(s.reference.data, s.paddedWidth, s.paddedHeight);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -235,7 +219,9 @@ uint32_t zycEncoder::BuildMotionVector(bool searchOff, bool buildLevels) {
   s.pool.Reset();
   zycMotionSearch& m = s.search;
   m.sourceYuv = s.sourceYuv.data;
-  for (int i = 0; i < 17; ++i) m.references[i] = s.references[i].data;
+  m.references[0] = s.reference.data;
+  for (int i = 1; i < 17; ++i) m.references[i] = nullptr;
+  m.fadeTop = 0;
   for (int i = 0; i < 3; ++i) m.dxtPreview[i] = s.levels.preview[i];
   m.paddedWidth = s.paddedWidth;
   m.paddedHeight = s.paddedHeight;
@@ -259,24 +245,49 @@ uint32_t zycEncoder::BuildMotionVector(bool searchOff, bool buildLevels) {
     s.sourceSums.Build(s.sourceYuv.data, s.paddedWidth, s.paddedHeight);
     m.sourceSums = &s.sourceSums;
     m.referenceSums = &s.referenceSums;
-    m.fadeSums = FadesSearched() ? &s.fadeSums : nullptr;
   }
 
   // Top blocks are searched apart, each taking its nodes from its own part of the pool; a tree
   // does not depend on the thread that searched it. Threads take the next top block as they
   // become free: the work of a block varies a lot, that of whole rows too.
+  // The fades are made for a band of top-block rows at a time, with the rows above and below
+  // that the vectors reach.
   const uint32_t across = s.paddedWidth / blockMax;
   const uint32_t tops = uint32_t(s.topBlocks.size());
-  zycParallelFor(s.threads, tops, [&](uint32_t i) {
-    zycMotionSearch local = m;
-    zycBlockPool part = s.pool.Part(i, 1);
-    local.pool = &part;
-    zycBlock& b = s.topBlocks[i];
-    b.size = int32_t(blockMax);
-    b.x = int32_t((i % across) * blockMax);
-    b.y = int32_t((i / across) * blockMax);
-    s.topResults[i] = local.SearchBlock(b);
-  });
+  const uint32_t down = tops / across;
+  const bool withFades = FadesSearched() && !searchOff && m.count;
+  uint32_t reach = 0;
+  for (uint32_t k = 0; k < m.count; ++k) {
+    const uint32_t dy = uint32_t(m.table[k][1] < 0 ? -m.table[k][1] : m.table[k][1]);
+    if (dy > reach) reach = dy;
+  }
+  const uint32_t bandTops = withFades ? kFadeBandTops : down;
+  if (withFades) {
+    const uint32_t most = bandTops * blockMax + 2 * reach;
+    s.fades.Allocate(s.paddedWidth, most < s.paddedHeight ? most : s.paddedHeight);
+  }
+  for (uint32_t row = 0; row < down; row += bandTops) {
+    const uint32_t end = row + bandTops < down ? row + bandTops : down;
+    if (withFades) {
+      const zycRowSpan span = zycFadeRows(row, end, blockMax, reach, s.paddedHeight);
+      s.fades.Build(s.previousFrame.data, span.first, span.count, m.referenceSums != nullptr,
+                    s.threads, row != 0);
+      for (int f = 0; f < 16; ++f) m.references[f + 1] = s.fades.Picture(f);
+      m.fadeTop = span.first;
+      m.fadeSums = m.referenceSums ? &s.fades.sums() : nullptr;
+    }
+    zycParallelFor(s.threads, (end - row) * across, [&](uint32_t j) {
+      const uint32_t i = row * across + j;
+      zycMotionSearch local = m;
+      zycBlockPool part = s.pool.Part(i, 1);
+      local.pool = &part;
+      zycBlock& b = s.topBlocks[i];
+      b.size = int32_t(blockMax);
+      b.x = int32_t((i % across) * blockMax);
+      b.y = int32_t((i / across) * blockMax);
+      s.topResults[i] = local.SearchBlock(b);
+    });
+  }
   uint32_t result = 0;
   for (uint32_t i = 0; i < tops; ++i) result += s.topResults[i];
   TimerStop(kTimerBuildMotionVector);
@@ -606,7 +617,7 @@ int32_t zycEncoder::Begin(zycStreamHeader& header, const zylFrameImage& image,
   const size_t bytes = s.PictureBytes();
   s.previousFrame.Allocate(bytes, 255);
   s.decoded.Allocate(bytes, 255);
-  for (Picture& r : s.references) r.Allocate(bytes, 255);
+  s.reference.Allocate(bytes, 255);
   s.sourceFrame.Allocate(bytes, 255);
   s.sourceYuv.Allocate(bytes, 255);
   s.levels.Allocate(s.paddedWidth, s.paddedHeight);

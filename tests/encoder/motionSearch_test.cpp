@@ -6,6 +6,7 @@
 
 #include "base/cpuFeatures.h"
 #include "dxt/yuvConvert.h"
+#include "encoder/fadeBand.h"
 #include "encoder/motionSearch.h"
 #include "stream/decoderTables.h"
 #include "tests/support/imageLoad.h"
@@ -205,6 +206,39 @@ TEST(MotionSearch, SquareSumsAreTheSumsOfTheColourBytes) {
   }
 }
 
+// Bands moving down a real picture, each keeping the rows it shares with the one before, hold
+// the same fades and square sums as one band over the whole picture.
+TEST(MotionSearch, FadeBandsMovingDownMatchOneWholeBand) {
+  const uint32_t w = 48, h = 96;
+  zylTestImage photo;
+  ASSERT_TRUE(zylLoadPng(zylMediaPath("photo_coffee_600x400.png"), &photo));
+  const zylTestImage crop = zylCropImage(photo, 200, 100, w, h);
+  zycFadeBand whole, band;
+  whole.Allocate(w, h);
+  whole.Build(crop.pixels.data(), 0, h, true, 2, false);
+  band.Allocate(w, 40);
+  // Spans as the search asks them: bands of one top-block row reaching 12 rows each way.
+  for (uint32_t top = 0; top < h / 16; ++top) {
+    const zycRowSpan span = zycFadeRows(top, top + 1, 16, 12, h);
+    band.Build(crop.pixels.data(), span.first, span.count, true, 2, top != 0);
+    ASSERT_EQ(band.first(), span.first);
+    for (int f = 0; f < 16; ++f) {
+      ASSERT_EQ(std::memcmp(band.Picture(f), whole.Picture(f) + size_t(span.first) * w * 4,
+                            size_t(span.count) * w * 4), 0) << "fade " << f << " top " << top;
+    }
+    for (int32_t s : {4, 8, 16}) {
+      for (int32_t y = 0; y + s <= int32_t(span.count); y += 3) {
+        for (int32_t x = 0; x + s <= int32_t(w); x += 5) {
+          uint32_t got[16], want[16];
+          band.sums().Sums(x, y, s, got);
+          whole.sums().Sums(x, y + int32_t(span.first), s, want);
+          ASSERT_EQ(std::memcmp(got, want, sizeof got), 0) << x << "," << y << " size " << s;
+        }
+      }
+    }
+  }
+}
+
 TEST(MotionSearch, FadeMasksMatchTheSumsWhenEveryFadeDiffers) {
   const uint32_t w = 64, h = 48;
   std::vector<uint8_t> picture = SearchScene::Photo(300, 200, w, h);
@@ -279,6 +313,33 @@ TEST(MotionSearch, FindsAShiftedPictureAndStaysInsideThePaddedPicture) {
       EXPECT_GT(b.motionError, 0u);  // the right column can't reach x + 1
     }
   }
+}
+
+// The search starts from the block's fields of the last search as guesses. When a perfect copy
+// ends the loop early, a fade guessed beyond it must not stay chosen: the fade is the best of
+// the candidates up to the perfect one, as without the guess.
+TEST(MotionSearch, AGuessBeyondAPerfectCopyLeavesTheTreeAsWithoutGuesses) {
+  SearchScene plain(64, 48), guessed(64, 48);
+  for (SearchScene* s : {&plain, &guessed}) {
+    ShiftByOne(*s);  // a perfect copy at table entry 3
+    for (uint32_t f = 1; f < 17; ++f) s->references[f] = SearchScene::Photo(20 * f, 9 * f, 64, 48);
+  }
+  // The best fades over every candidate, with no perfect copy to stop at.
+  std::vector<uint8_t> copy = guessed.references[0];
+  guessed.references[0] = SearchScene::Photo(400, 300, 64, 48);
+  guessed.Run(256, true);
+  guessed.references[0] = copy;
+  plain.Run(256, false);
+  uint32_t beyond = 0;
+  for (size_t i = 0; i < plain.top.size(); ++i) {
+    if (plain.top[i].motionError == 0 && guessed.top[i].fadeMotionIndex > 3 &&
+        guessed.top[i].fadeError < plain.top[i].fadeError) {
+      ++beyond;
+    }
+  }
+  EXPECT_GT(beyond, 0u);
+  guessed.Run(256, true, false, false, true);
+  for (size_t i = 0; i < plain.top.size(); ++i) ExpectSameTree(plain.top[i], guessed.top[i]);
 }
 
 TEST(MotionSearch, MotiEightTriesOnlyTheZeroVectorAndNineTriesNothing) {
