@@ -186,17 +186,6 @@ TEST(BlockDecoder, KeyFrameOfColourBlocks) {
   expectSquare(current, 24, 8, 8, word(132, 130, 132), "mid grey");
 }
 
-TEST(BlockDecoder, CopiesOfVectorZeroRepeatThePreviousPicture) {
-  TestDecoder decoder(48, 32);
-  Picture previous = numbered(48, 32), current(48, 32);
-  TreeFrame tree;
-  for (int i = 0; i < 6; ++i) tree.Copy(0);
-  Bytes frame = tree.Build();
-  EXPECT_EQ(frame[4], 3);
-  decoder.Frame(frame, previous.data(), current.data());
-  EXPECT_EQ(current.pixels, previous.pixels);
-}
-
 TEST(BlockDecoder, MotionCopiesTakeBlocksAtTheirVectors) {
   TestDecoder decoder(32, 32);
   Picture previous = numbered(32, 32), current(32, 32, 0xDEADBEEF);
