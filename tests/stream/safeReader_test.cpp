@@ -97,32 +97,6 @@ TEST(SafeReaderDecode, KeyFrameHoldsItsMagnifiedColourBlocks) {
   }
 }
 
-TEST(SafeReaderDecode, CopyBlocksKeepThePreviousPicture) {
-  const auto movie = movieBuilder::Zyl0({});
-  auto reader = Read(movie);
-  const auto pictures = DecodeAll(*reader);
-  ASSERT_EQ(pictures.size(), 5u);
-  // In frame 1, blocks 1 (odd k + frame) copy with vector (0,0); block 0 and 2 are split.
-  for (uint32_t y = 0; y < 16; ++y)
-    for (uint32_t x = 16; x < 32; ++x)
-      ASSERT_EQ(Pixel(pictures[1], 48, x, y), Pixel(pictures[0], 48, x, y));
-  // The split block's colour quadrant changed something.
-  EXPECT_NE(pictures[1], pictures[0]);
-}
-
-TEST(SafeReaderDecode, LzmaAndDeflateSectionsGiveTheSamePictures) {
-  movieBuilder::MovieOptions o;
-  o.sections = {2, 3, 1};
-  auto deflated = Read(movieBuilder::Zyl0(o));
-  o.packing = kPackingLzma;
-  auto lzma = Read(movieBuilder::Zyl0(o));
-  EXPECT_TRUE(lzma->problems().empty()) << lzma->error();
-  const auto a = DecodeAll(*deflated), b = DecodeAll(*lzma);
-  ASSERT_EQ(a.size(), 6u);
-  EXPECT_EQ(a, b);
-  EXPECT_FALSE(a[0].empty());
-}
-
 TEST(SafeReaderDecode, StillKeyFramesDecodeWithOpaquePixels) {
   movieBuilder::MovieOptions o;
   o.stillKeyFrames = true;
@@ -135,24 +109,6 @@ TEST(SafeReaderDecode, StillKeyFramesDecodeWithOpaquePixels) {
   EXPECT_EQ(reader->sound()[0], 0);
   for (uint32_t i = 0; i < 48 * 16; ++i) ASSERT_EQ(reader->picture()[4 * i + 3], 255) << i;
   EXPECT_TRUE(reader->CheckAll().empty());
-}
-
-TEST(SafeReaderDecode, TableFramesFillTheirColourBlocksFromTheRing) {
-  movieBuilder::MovieOptions o;
-  o.tableFrames = true;
-  o.sections = {7};  // the ring of 8 entries wraps after four frames of two new entries
-  auto reader = Read(movieBuilder::Zyl0(o));
-  ASSERT_TRUE(reader->problems().empty()) << reader->error();
-  EXPECT_EQ(reader->frames()[1].flags, kFrameFlagAlways | kFrameFlagMotion | kFrameFlagTable);
-  EXPECT_TRUE(reader->CheckAll().empty());
-  const auto pictures = DecodeAll(*reader);
-  ASSERT_EQ(pictures.size(), 7u);
-  // Frame 1 copies block 1 and takes blocks 0 and 2 from ring entries 1 and 3: entry 1 is the
-  // second new entry of this frame, whose colours are (0x8001, 0x0410) as stored.
-  for (uint32_t x = 16; x < 32; ++x) EXPECT_EQ(Pixel(pictures[1], 48, x, 3), Pixel(pictures[0], 48, x, 3));
-  const uint32_t p = Pixel(pictures[1], 48, 0, 0);
-  EXPECT_EQ(p >> 24, 255u);  // table blocks are opaque
-  EXPECT_NE(pictures[1], pictures[0]);
 }
 
 TEST(SafeReaderDecode, TreeViewPaintsColourBlocksRed) {
