@@ -24,23 +24,10 @@ struct Expanded {
 };
 
 Expanded expand(uint16_t c0, uint16_t c1, uint32_t indices) {
-  const int a[3] = {int(widen5(c0 >> 11)), int(widen6((c0 >> 5) & 63)), int(widen5(c0 & 31))};
-  const int b[3] = {int(widen5(c1 >> 11)), int(widen6((c1 >> 5) & 63)), int(widen5(c1 & 31))};
-  int pal[4][3];
-  for (int f = 0; f < 3; ++f) {
-    pal[0][f] = a[f];
-    pal[1][f] = b[f];
-    if (c0 > c1) {
-      pal[2][f] = int(std::floor((2.0 * a[f] + b[f]) / 3.0));
-      pal[3][f] = int(std::floor((a[f] + 2.0 * b[f]) / 3.0));
-    } else {
-      pal[2][f] = (a[f] + b[f]) / 2;
-      pal[3][f] = 0;
-    }
-  }
+  const auto palette = dxt1Palette(c0, c1, Thirds::truncated);
   Expanded e;
   for (int i = 0; i < 16; ++i)
-    for (int f = 0; f < 3; ++f) e.bytes[i][f] = uint8_t(pal[(indices >> (2 * i)) & 3][f]);
+    for (int f = 0; f < 3; ++f) e.bytes[i][f] = uint8_t(palette[(indices >> (2 * i)) & 3][f]);
   return e;
 }
 
