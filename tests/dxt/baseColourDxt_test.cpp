@@ -5,6 +5,7 @@
 #include <cstring>
 #include <vector>
 
+#include "tests/stream/dxt1Rules.h"
 #include "tests/support/imageLoad.h"
 #include "tests/support/testMedia.h"
 
@@ -21,27 +22,14 @@ void gather(const zylTestImage& image, uint32_t x, uint32_t y, uint8_t out[64]) 
 }
 
 // The weighted error of a block as written, each pixel taken at the entry its index names,
-// with the search's palette (thirds by 0x55555556 >> 32).
+// with the search's palette: four-colour mode, thirds truncated.
 uint32_t errorAsWritten(const uint8_t pixels[64], uint32_t mask, const uint8_t block[8]) {
-  const uint16_t c0 = word16(block), c1 = word16(block + 2);
-  auto expand = [](uint16_t w, int e[3]) {
-    const int a = w >> 11, b = w >> 5 & 63, c = w & 31;
-    e[0] = a << 3 | a >> 2;
-    e[1] = b << 2 | b >> 4;
-    e[2] = c << 3 | c >> 2;
-  };
-  int pal[4][3];
-  expand(c0, pal[0]);
-  expand(c1, pal[1]);
-  for (int c = 0; c < 3; ++c) {
-    pal[2][c] = int((uint64_t(2 * pal[0][c] + pal[1][c]) * 0x55555556u) >> 32);
-    pal[3][c] = int((uint64_t(pal[0][c] + 2 * pal[1][c]) * 0x55555556u) >> 32);
-  }
+  const auto pal = dxt1Palette(word16(block), word16(block + 2), Thirds::truncated);
   const uint32_t indices = word32(block + 4);
   uint32_t total = 0;
   for (int k = 0; k < 16; ++k) {
     if (!(mask >> k & 1)) continue;
-    const int* e = pal[indices >> (2 * k) & 3];
+    const auto& e = pal[indices >> (2 * k) & 3];
     const int d0 = pixels[4 * k] - e[0], d1 = pixels[4 * k + 1] - e[1], d2 = pixels[4 * k + 2] - e[2];
     total += uint32_t(4 * d0 * d0 + 16 * d1 * d1 + d2 * d2);
   }

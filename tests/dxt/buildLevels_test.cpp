@@ -8,6 +8,7 @@
 
 #include "dxt/dxtBackEnds.h"
 #include "dxt/yuvConvert.h"
+#include "tests/stream/dxt1Rules.h"
 #include "tests/support/imageLoad.h"
 #include "tests/support/testMedia.h"
 
@@ -31,45 +32,14 @@ std::vector<uint8_t> redFirst(std::vector<uint8_t> pixels) {
   return pixels;
 }
 
-int clampInt(int v) { return v < 0 ? 0 : v > 255 ? 255 : v; }
-
-// A DXT1 block decoded straight from the rule: channels widened by repeating high bits,
-// (2 c0 + c1 + 1) / 3 in four-colour mode, the mean and black in three-colour mode. With
-// `yuv` the channels are Cr (top), Y, Cb and go to RGB by the fixed-point tables. Returns the
-// 16 pixels as B, G, R.
-void decodeIndependently(const uint8_t* block, bool yuv, int out[16][3]) {
-  const int c0 = block[0] | block[1] << 8, c1 = block[2] | block[3] << 8;
-  auto widen = [](int c, int f[3]) {  // f: top, middle, low field
-    const int t = c >> 11, m = c >> 5 & 63, l = c & 31;
-    f[0] = t << 3 | t >> 2;
-    f[1] = m << 2 | m >> 4;
-    f[2] = l << 3 | l >> 2;
-  };
-  int pal[4][3];
-  widen(c0, pal[0]);
-  widen(c1, pal[1]);
-  for (int k = 0; k < 3; ++k) {
-    if (c0 > c1) {
-      pal[2][k] = (2 * pal[0][k] + pal[1][k] + 1) / 3;
-      pal[3][k] = (pal[0][k] + 2 * pal[1][k] + 1) / 3;
-    } else {
-      pal[2][k] = (pal[0][k] + pal[1][k]) / 2;
-      pal[3][k] = 0;
-    }
-  }
+// A DXT1 block decoded straight from the rule as 16 pixel words; with `yuv` the fields are Cr,
+// Y, Cb and go to RGB by the fixed-point rule.
+void decodeIndependently(const uint8_t* block, bool yuv, uint32_t out[16]) {
+  const uint16_t c0 = uint16_t(block[0] | block[1] << 8), c1 = uint16_t(block[2] | block[3] << 8);
   const uint32_t indices = uint32_t(block[4] | block[5] << 8 | block[6] << 16 | block[7] << 24);
   for (int p = 0; p < 16; ++p) {
-    const int* f = pal[indices >> (2 * p) & 3];
-    if (yuv) {
-      const int y = ((f[1] - 16) * 76309 + 32768) >> 16;
-      out[p][2] = clampInt(y + (((f[0] - 128) * 104597 + 32768) >> 16));
-      out[p][1] = clampInt(y + (((f[0] - 128) * -53279 + 32768) >> 16) + (((f[2] - 128) * -25674 + 32768) >> 16));
-      out[p][0] = clampInt(y + (((f[2] - 128) * 132201 + 32768) >> 16));
-    } else {
-      out[p][0] = f[2];
-      out[p][1] = f[1];
-      out[p][2] = f[0];
-    }
+    const uint32_t w = dxt1Word(c0, c1, indices >> (2 * p) & 3);
+    out[p] = yuv ? yuvWordOf(w) : w;
   }
 }
 
@@ -229,11 +199,11 @@ TEST(DxtLevels, PreviewsAreTheLevelBlocksDecodedAndConverted) {
         const uint8_t* block = levels.blocks[l].data();
         for (uint32_t by = 0; by < height / step; ++by) {
           for (uint32_t bx = 0; bx < width / step; ++bx, block += 8) {
-            int pixels[16][3];
+            uint32_t pixels[16];
             decodeIndependently(block, yuv, pixels);
             threeColourBlocks += (block[0] | block[1] << 8) <= (block[2] | block[3] << 8);
             for (uint32_t p = 0; p < 16; ++p) {
-              const uint32_t want = zycYuvPixel(uint8_t(pixels[p][0]), uint8_t(pixels[p][1]), uint8_t(pixels[p][2]));
+              const uint32_t want = zycYuvPixel(uint8_t(pixels[p]), uint8_t(pixels[p] >> 8), uint8_t(pixels[p] >> 16));
               for (uint32_t v = 0; v < (1u << l); ++v) {
                 for (uint32_t u = 0; u < (1u << l); ++u) {
                   const uint32_t x = bx * step + ((p % 4) << l) + u, y = by * step + ((p / 4) << l) + v;
@@ -260,11 +230,9 @@ TEST(DxtLevels, DecodingFollowsThreeColourModeAndYuvTables) {
   for (uint32_t yuv : {0u, 1u}) {
     uint32_t got[16];
     zycDecodeLevelBlock(levels, block, yuv, got);
-    int want[16][3];
+    uint32_t want[16];
     decodeIndependently(block, yuv, want);
-    for (int p = 0; p < 16; ++p) {
-      EXPECT_EQ(got[p], uint32_t(want[p][2] << 16 | want[p][1] << 8 | want[p][0])) << "yuv " << yuv << " pixel " << p;
-    }
+    for (int p = 0; p < 16; ++p) EXPECT_EQ(got[p], want[p]) << "yuv " << yuv << " pixel " << p;
     // Index 3 in YUV is Y, Cb, Cr of 0: the dark green 0x008700.
     EXPECT_EQ(got[3], yuv ? 0x008700u : 0u);
   }
