@@ -14,26 +14,12 @@
 #include "dxt/squishFront.h"
 #include "mpmc/DXT1QuadTreeCompressor.h"
 #include "stream/quadTreeReader.h"
-#include "tests/support/imageLoad.h"
-#include "tests/support/testMedia.h"
+#include "tests/vq/stillTestSupport.h"
 
 namespace {
 
-struct Picture {
-  uint32_t width = 0, height = 0;
-  std::vector<uint8_t> bgr;  // 3 bytes a pixel
-};
-
-Picture Photo(const char* name, uint32_t x, uint32_t y, uint32_t width, uint32_t height,
-              uint32_t shrink) {
-  zylTestImage image;
-  EXPECT_TRUE(zylLoadPng(zylMediaPath(name), &image)) << name;
-  const zylTestImage cut = zylCropImage(image, x, y, width, height, shrink);
-  Picture picture{width, height, std::vector<uint8_t>(size_t(width) * height * 3)};
-  for (size_t i = 0; i < size_t(width) * height; ++i)
-    for (int c = 0; c < 3; ++c) picture.bgr[3 * i + c] = cut.pixels[4 * i + c];
-  return picture;
-}
+// Pictures of 3-byte pixels, B, G, R.
+using Picture = StillPicture;
 
 struct Coded {
   std::vector<uint8_t> bytes;
@@ -46,7 +32,7 @@ Coded Compress(const Picture& picture, uint32_t target) {
   uint32_t outSize = 0;
   testing::internal::CaptureStdout();
   DXT1QuadTreeCompressor compressor;
-  compressor.compress(picture.bgr.data(), picture.width, picture.height, target, out.data(),
+  compressor.compress(picture.pixels.data(), picture.width, picture.height, target, out.data(),
                       &outSize);
   std::istringstream log(testing::internal::GetCapturedStdout());
   Coded coded;
@@ -81,7 +67,7 @@ double Psnr(const Picture& picture, const std::vector<uint8_t>& decoded) {
   for (size_t i = 0; i < size_t(picture.width) * picture.height; ++i) {
     EXPECT_EQ(decoded[4 * i + 3], 255);
     for (int c = 0; c < 3; ++c) {
-      const double d = double(picture.bgr[3 * i + c]) - decoded[4 * i + c];
+      const double d = double(picture.pixels[3 * i + c]) - decoded[4 * i + c];
       sum += d * d;
     }
   }
@@ -113,7 +99,7 @@ class QuadTreePhoto : public testing::TestWithParam<PhotoCase> {};
 
 TEST_P(QuadTreePhoto, ComesToItsTargetAndDecodesNearTheSource) {
   const PhotoCase& c = GetParam();
-  const Picture picture = Photo(c.name, c.x, c.y, c.width, c.height, c.shrink);
+  const Picture picture = photoPicture(c.name, c.x, c.y, c.width, c.height, c.shrink);
   const Coded coded = Compress(picture, c.target);
   EXPECT_EQ(coded.head, "DXT1 QuadTree Compression. targetSize:" + std::to_string(c.target));
   ASSERT_FALSE(coded.passes.empty());
@@ -174,7 +160,7 @@ void SmallestTree(uint32_t x, uint32_t y, uint32_t size, uint32_t width, uint32_
 
 TEST(QuadTreeSearch, StopsWhereTheBudgetLeavesNoChoice) {
   // A budget for the full tree: the first pass, at ErrorMax 0, fits and ends the search.
-  const Picture small = Photo("photo_coffee_600x400.png", 200, 100, 64, 64, 1);
+  const Picture small = photoPicture("photo_coffee_600x400.png", 200, 100, 64, 64, 1);
   const Coded full = Compress(small, 1u << 20);
   ASSERT_EQ(full.passes.size(), 1u);
   EXPECT_EQ(full.passes[0].first, 0);
@@ -183,7 +169,7 @@ TEST(QuadTreeSearch, StopsWhereTheBudgetLeavesNoChoice) {
 
   // A budget below the smallest tree: ErrorMax climbs until no merge is left, and the result
   // is that smallest tree, over the budget.
-  const Picture photo = Photo("photo_coffee_600x400.png", 0, 0, 320, 240, 1);
+  const Picture photo = photoPicture("photo_coffee_600x400.png", 0, 0, 320, 240, 1);
   const Coded starved = Compress(photo, 64);
   uint32_t nodes = 0, leaves = 0;
   SmallestTree(0, 0, 512, 320, 240, &nodes, &leaves);
@@ -196,10 +182,10 @@ TEST(QuadTreeSearch, StopsWhereTheBudgetLeavesNoChoice) {
 
   // A uniform power-of-two square: the root is a leaf with no error at once, 12 bytes.
   Picture flat{64, 64, std::vector<uint8_t>(64 * 64 * 3)};
-  for (size_t i = 0; i < flat.bgr.size(); i += 3) {
-    flat.bgr[i] = 132;  // exact in R5G6B5
-    flat.bgr[i + 1] = 130;
-    flat.bgr[i + 2] = 132;
+  for (size_t i = 0; i < flat.pixels.size(); i += 3) {
+    flat.pixels[i] = 132;  // exact in R5G6B5
+    flat.pixels[i + 1] = 130;
+    flat.pixels[i + 2] = 132;
   }
   const Coded root = Compress(flat, 1000);
   ASSERT_EQ(root.passes.size(), 1u);
