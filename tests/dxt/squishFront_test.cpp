@@ -128,18 +128,3 @@ TEST(SquishFront, CompressImageMasksPixelsOutsideOddSizedPictures) {
     EXPECT_EQ(image, byBlock) << "flags " << flags;
   }
 }
-
-TEST(SquishFront, DecompressGivesTheBlockColours) {
-  // Colour 0 pure red, colour 1 pure blue; pixel 0 index 1, the rest index 0.
-  const uint8_t block[8] = {0x00, 0xF8, 0x1F, 0x00, 0x01, 0x00, 0x00, 0x00};
-  uint8_t rgba[64];
-  Decompress(rgba, block, kDxt1);
-  EXPECT_EQ(rgba[0], 0);
-  EXPECT_EQ(rgba[2], 255);
-  EXPECT_EQ(rgba[3], 255);
-  for (int k = 1; k < 16; ++k) {
-    EXPECT_EQ(rgba[4 * k], 255);
-    EXPECT_EQ(rgba[4 * k + 1], 0);
-    EXPECT_EQ(rgba[4 * k + 2], 0);
-  }
-}

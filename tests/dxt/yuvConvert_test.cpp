@@ -15,7 +15,7 @@ Yuv unpack(uint32_t w) { return {int(w & 255), int(w >> 8 & 255), int(w >> 16 & 
 }  // namespace
 
 // Values worked out by hand from the fixed-point formulas.
-TEST(YuvConversion, BlackWhiteAndPrimariesMatchHandValues) {
+TEST(YuvConversion, BlackWhitePrimariesAndAlphaMatchHandValues) {
   const struct {
     uint8_t b, g, r;
     Yuv want;
@@ -25,18 +25,16 @@ TEST(YuvConversion, BlackWhiteAndPrimariesMatchHandValues) {
       {255, 0, 0, {240, 41, 110}},       // T = 102255
       {0, 0, 255, {90, 81, 240}},        // T = 268260
       {0, 255, 0, {54, 145, 34}},        // T = 526575
+      {10, 200, 30, {70, 126, 67}},
   };
   for (const auto& c : cases) {
-    const Yuv got = unpack(zycYuvPixel(c.b, c.g, c.r));
+    const uint32_t word = zycYuvPixel(c.b, c.g, c.r);
+    const Yuv got = unpack(word);
+    EXPECT_EQ(word >> 24, 255u);
     EXPECT_EQ(got.u, c.want.u) << int(c.b) << "," << int(c.g) << "," << int(c.r);
     EXPECT_EQ(got.y, c.want.y) << int(c.b) << "," << int(c.g) << "," << int(c.r);
     EXPECT_EQ(got.v, c.want.v) << int(c.b) << "," << int(c.g) << "," << int(c.r);
   }
-}
-
-TEST(YuvConversion, AlphaByteIs255) {
-  EXPECT_EQ(zycYuvPixel(0, 0, 0) >> 24, 255u);
-  EXPECT_EQ(zycYuvPixel(10, 200, 30), 0xFF437E46u);  // U 70, Y 126, V 67
 }
 
 TEST(YuvConversion, PictureConverterWorksInPlaceAndSetsAlpha) {

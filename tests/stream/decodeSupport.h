@@ -9,6 +9,7 @@
 
 #include "stream/framePayload.h"
 #include "stream/zycDecoder.h"
+#include "tests/stream/dxt1Rules.h"
 #include "tests/support/movieBuilder.h"
 
 struct TestDecoder {
@@ -39,19 +40,6 @@ struct TestDecoder {
     state->DecodeImage(static_cast<uint8_t*>(output));
   }
 };
-
-// R5G6B5 fields widened by repeating their top bits.
-inline uint32_t widen5(uint32_t v) { return (v << 3) | (v >> 2); }
-inline uint32_t widen6(uint32_t v) { return (v << 2) | (v >> 4); }
-
-inline uint16_t rgb565(uint32_t high, uint32_t middle, uint32_t low) {
-  return uint16_t(high << 11 | middle << 5 | low);
-}
-
-// A 32-bit pixel word from its three fields.
-inline uint32_t word(uint32_t high, uint32_t middle, uint32_t low) {
-  return high << 16 | middle << 8 | low;
-}
 
 // Index word whose 16 entries are all `index`.
 inline uint32_t allIndices(uint32_t index) {

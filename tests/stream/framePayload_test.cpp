@@ -16,7 +16,7 @@ Bytes body(const Bytes& frame, const zycFrameItem& item) {
 
 }  // namespace
 
-TEST(FrameSplit, PFrameItemsInTableOrder) {
+TEST(FrameSplit, PFrameItemsInTableOrderBecomeTheDecodersStreams) {
   movieBuilder::TreeFrame tree;
   tree.Copy(5).Colour(0x1234, 0x5678, 0x9ABCDEF0).Fade(2, 9).Sound({7, 7, 7});
   Bytes frame = tree.Build();
@@ -33,6 +33,15 @@ TEST(FrameSplit, PFrameItemsInTableOrder) {
   EXPECT_EQ(body(frame, items.fade), (Bytes{9}));
   EXPECT_FALSE(items.image.present);
   EXPECT_FALSE(items.table.present);
+
+  zycFrameDecoder decoder;
+  zycSetFrameStreams(decoder, items, frame.data());
+  EXPECT_EQ(decoder.treeStream, frame.data() + 5);
+  EXPECT_EQ(decoder.motionStream, frame.data() + items.motion.offset);
+  EXPECT_EQ(decoder.colourStream, frame.data() + items.colour.offset);
+  EXPECT_EQ(decoder.indexStream, frame.data() + items.colour.offset + 4);  // behind one colour pair
+  EXPECT_EQ(decoder.fadeStream, frame.data() + items.fade.offset);
+  EXPECT_EQ(decoder.tableStream, nullptr);
 }
 
 TEST(FrameSplit, ImageFrameHasTreeImageSound) {
@@ -64,22 +73,6 @@ TEST(FrameSplit, TableFrameOmitsFadeItemEvenWithFadeFlag) {
   EXPECT_EQ(body(frame, items.table), (Bytes{0xAB, 0xCD}));
   EXPECT_FALSE(items.fade.present);
   EXPECT_EQ(items.frameBytes, frame.size());
-}
-
-TEST(FrameSplit, SetsDecoderStreamsFromItems) {
-  movieBuilder::TreeFrame tree;
-  tree.Colour(1, 2, 3).Colour(4, 5, 6).Fade(0, 1);
-  Bytes frame = tree.Build();
-  zycFrameItems items;
-  ASSERT_TRUE(zycSplitFrame(frame.data(), frame.size(), &items));
-  zycFrameDecoder decoder;
-  zycSetFrameStreams(decoder, items, frame.data());
-  EXPECT_EQ(decoder.treeStream, frame.data() + 5);
-  EXPECT_EQ(decoder.motionStream, frame.data() + items.motion.offset);
-  EXPECT_EQ(decoder.colourStream, frame.data() + items.colour.offset);
-  EXPECT_EQ(decoder.indexStream, frame.data() + items.colour.offset + 8);
-  EXPECT_EQ(decoder.fadeStream, frame.data() + items.fade.offset);
-  EXPECT_EQ(decoder.tableStream, nullptr);
 }
 
 TEST(FrameSplit, EveryCutOfAFrameIsRefused) {

@@ -164,20 +164,19 @@ TEST(VqSort, AscendingAndStableReturningAPermutation) {
   const uint32_t expected[] = {4, 1, 3, 6, 2, 5, 0};
   for (int i = 0; i < 7; ++i) EXPECT_EQ(order[i], expected[i]) << i;
   EXPECT_EQ(keys[0], 3.0f);  // input left in place
-}
 
-TEST(VqSort, OrdersFractionsAcrossExponents) {
+  // Fractions across exponents, with a tie.
   std::mt19937 random(11);
   std::uniform_real_distribution<float> key(0.0f, 6.0f);
-  std::vector<float> keys(500);
-  for (float& k : keys) k = key(random);
-  keys[10] = keys[20];
-  std::vector<uint32_t> order(500);
-  vqSortAscending(keys.data(), 500, order.data());
+  std::vector<float> many(500);
+  for (float& k : many) k = key(random);
+  many[10] = many[20];
+  std::vector<uint32_t> sorted(500);
+  vqSortAscending(many.data(), 500, sorted.data());
   for (int i = 1; i < 500; ++i) {
-    ASSERT_LE(keys[order[i - 1]], keys[order[i]]);
-    if (keys[order[i - 1]] == keys[order[i]]) {
-      ASSERT_LT(order[i - 1], order[i]);
+    ASSERT_LE(many[sorted[i - 1]], many[sorted[i]]);
+    if (many[sorted[i - 1]] == many[sorted[i]]) {
+      ASSERT_LT(sorted[i - 1], sorted[i]);
     }
   }
 }

@@ -33,56 +33,34 @@ TEST_F(SurfaceLSQSolverTest, PowerTableHasZeroToTheZeroAsOne) {
   EXPECT_EQ(powers[7 * 5 + 3], 343.0);
 }
 
-TEST_F(SurfaceLSQSolverTest, ConstantBlockGivesItsValueAsK0) {
-  Channel c(64, 48);
-  for (uint32_t y = 24; y < 32; ++y)
-    for (uint32_t x = 40; x < 48; ++x) c.at(x, y) = 137.0f;
-  float k[6];
-  const float error = solve(c, {40, 24}, k);
-  EXPECT_NEAR(k[0], 137.0f, 1e-2);
-  EXPECT_NEAR(k[1], 0.0f, 1e-3);
-  EXPECT_NEAR(k[2], 0.0f, 1e-3);
-  EXPECT_NEAR(k[3], 0.0f, 1e-4);
-  EXPECT_NEAR(k[4], 0.0f, 1e-4);
-  EXPECT_NEAR(k[5], 0.0f, 1e-4);
-  EXPECT_LT(error, 1e-3f);
-}
-
-TEST_F(SurfaceLSQSolverTest, BlockAtTheOriginIsFitted) {
-  Channel c(8, 8);
-  for (uint32_t y = 0; y < 8; ++y)
-    for (uint32_t x = 0; x < 8; ++x) c.at(x, y) = float(50 + 3 * x * x + 2 * x * y);
-  float k[6];
-  EXPECT_LT(solve(c, {0, 0}, k), 1e-3f);
-  EXPECT_NEAR(k[0], 50.0f, 1e-3);
-  EXPECT_NEAR(k[3], 3.0f, 1e-4);
-  EXPECT_NEAR(k[5], 2.0f, 1e-4);
-}
-
-TEST_F(SurfaceLSQSolverTest, RampInXIsFittedByK1Alone) {
-  Channel c(128, 16);
-  for (uint32_t y = 0; y < 16; ++y)
-    for (uint32_t x = 0; x < 128; ++x) c.at(x, y) = 10.0f + 1.5f * float(x);
-  float k[6];
-  const float error = solve(c, {64, 8, 72, 8, 80, 0}, k);
-  EXPECT_LT(error, 1e-3f);
-  EXPECT_NEAR(k[1], 1.5f, 1e-4);
-  EXPECT_NEAR(k[2], 0.0f, 1e-4);
-  EXPECT_NEAR(k[0], 10.0f, 1e-2);
-}
-
-TEST_F(SurfaceLSQSolverTest, QuadraticSurfaceOverBlocksFarApartIsExact) {
-  Channel c(640, 360);
-  const double k0 = 20, k1 = 0.3, k2 = -0.2, k3 = 4e-4, k4 = 6e-4, k5 = -2e-4;
-  for (uint32_t y = 0; y < 360; ++y)
-    for (uint32_t x = 0; x < 640; ++x)
-      c.at(x, y) = float(k0 + k1 * x + k2 * y + k3 * x * x + k4 * y * y + k5 * x * y);
-  float k[6];
-  const float error = solve(c, {0, 0, 632, 0, 320, 176, 8, 352, 632, 352, 400, 40}, k);
-  EXPECT_LT(error, 2e-3f);
-  EXPECT_NEAR(k[1], k1, 1e-4);
-  EXPECT_NEAR(k[3], k3, 1e-7);
-  EXPECT_NEAR(k[5], k5, 1e-7);
+// Surfaces that the fit must find: a constant block, a block at the origin, a ramp in x, and a
+// full quadratic over blocks far apart. Each fits with no error and gives its coefficients.
+TEST_F(SurfaceLSQSolverTest, ExactSurfacesGiveTheirCoefficients) {
+  const struct {
+    const char* what;
+    uint32_t width, height;
+    double k[6];
+    std::vector<int32_t> positions;
+    double tolerance[6];
+    float error;
+  } cases[] = {
+      {"constant", 64, 48, {137, 0, 0, 0, 0, 0}, {40, 24}, {1e-2, 1e-3, 1e-3, 1e-4, 1e-4, 1e-4}, 1e-3f},
+      {"origin", 8, 8, {50, 0, 0, 3, 0, 2}, {0, 0}, {1e-3, 1, 1, 1e-4, 1, 1e-4}, 1e-3f},
+      {"ramp", 128, 16, {10, 1.5, 0, 0, 0, 0}, {64, 8, 72, 8, 80, 0}, {1e-2, 1e-4, 1e-4, 1, 1, 1}, 1e-3f},
+      {"quadratic", 640, 360, {20, 0.3, -0.2, 4e-4, 6e-4, -2e-4},
+       {0, 0, 632, 0, 320, 176, 8, 352, 632, 352, 400, 40}, {1, 1e-4, 1, 1e-7, 1, 1e-7}, 2e-3f},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    Channel channel(c.width, c.height);
+    for (uint32_t y = 0; y < c.height; ++y)
+      for (uint32_t x = 0; x < c.width; ++x)
+        channel.at(x, y) = float(c.k[0] + c.k[1] * x + c.k[2] * y + c.k[3] * x * x + c.k[4] * y * y +
+                                 c.k[5] * x * y);
+    float k[6];
+    EXPECT_LT(solve(channel, c.positions, k), c.error);
+    for (int i = 0; i < 6; ++i) EXPECT_NEAR(k[i], c.k[i], c.tolerance[i]) << "k" << i;
+  }
 }
 
 TEST_F(SurfaceLSQSolverTest, ErrorIsTheLargestDeviationOfAnyPixel) {

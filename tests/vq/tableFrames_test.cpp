@@ -5,6 +5,7 @@
 #include <cstring>
 #include <vector>
 
+#include "tests/stream/dxt1Rules.h"
 #include "tests/vq/stillTestSupport.h"
 #include "vq/VQCodebook.h"
 #include "vq/VQSLSQCompressor.h"
@@ -33,20 +34,10 @@ struct Ring {
   uint32_t writePos = 0;
 
   static void Expand(const uint8_t* block, uint8_t* out) {
-    const uint32_t c[2] = {uint32_t(block[0] | block[1] << 8), uint32_t(block[2] | block[3] << 8)};
-    uint32_t pal[4][3];
-    for (int e = 0; e < 2; ++e) {
-      const uint32_t f[3] = {c[e] >> 11, (c[e] >> 5) & 63, c[e] & 31};
-      pal[e][0] = f[0] << 3 | f[0] >> 2;
-      pal[e][1] = f[1] << 2 | f[1] >> 4;
-      pal[e][2] = f[2] << 3 | f[2] >> 2;
-    }
-    for (int f = 0; f < 3; ++f) {
-      pal[2][f] = c[0] > c[1] ? (2 * pal[0][f] + pal[1][f]) / 3 : (pal[0][f] + pal[1][f]) / 2;
-      pal[3][f] = c[0] > c[1] ? (pal[0][f] + 2 * pal[1][f]) / 3 : 0;
-    }
+    const auto palette = dxt1Palette(uint16_t(block[0] | block[1] << 8), uint16_t(block[2] | block[3] << 8),
+                                     Thirds::truncated);
     for (int i = 0; i < 16; ++i)
-      for (int f = 0; f < 3; ++f) out[3 * i + f] = uint8_t(pal[(block[4 + i / 4] >> (2 * (i % 4))) & 3][f]);
+      for (int f = 0; f < 3; ++f) out[3 * i + f] = uint8_t(palette[(block[4 + i / 4] >> (2 * (i % 4))) & 3][f]);
   }
 
   // The blocks an image means, 48 bytes each.

@@ -13,30 +13,26 @@ std::vector<uint8_t> bytesOf(const VqBitWriter& writer) {
   return out;
 }
 
-TEST(VqBitWriter, FirstBitGoesToTheTopOfALittleEndianWord) {
-  VqBitWriter writer;
-  writer.put(1, 1);
-  writer.put(0b101, 3);
-  EXPECT_EQ(bytesOf(writer), (std::vector<uint8_t>{0x00, 0x00, 0x00, 0xD0}));
-}
-
-TEST(VqBitWriter, ValueCrossingAWordIsSplitHighPartFirst) {
-  VqBitWriter writer;
-  writer.put(0, 30);
-  writer.put(0b1011, 4);
-  EXPECT_EQ(bytesOf(writer), (std::vector<uint8_t>{0x02, 0, 0, 0, 0, 0, 0, 0xC0}));
-  EXPECT_EQ(writer.bitCount(), 34u);
-}
-
-TEST(VqBitWriter, ZeroWidthWritesNothingAndOutputIsPaddedToWords) {
-  VqBitWriter writer;
-  writer.put(0xFFFFFFFF, 0);
-  EXPECT_EQ(writer.byteSize(), 0u);
-  writer.put(1, 1);
-  EXPECT_EQ(writer.byteSize(), 4u);
-  writer.put(0xFFFFFFFF, 32);
-  EXPECT_EQ(writer.byteSize(), 8u);
-  EXPECT_EQ(bytesOf(writer), (std::vector<uint8_t>{0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x00, 0x00, 0x80}));
+// The first bit goes to the top of a little-endian word, a value crossing a word is split high
+// part first, a zero width writes nothing, and the output is padded to whole words.
+TEST(VqBitWriter, WritesWordsTopBitFirst) {
+  const struct {
+    std::vector<std::pair<uint32_t, uint32_t>> puts;  // value, width
+    std::vector<uint8_t> bytes;
+    uint32_t bits;
+  } cases[] = {
+      {{{1, 1}, {0b101, 3}}, {0x00, 0x00, 0x00, 0xD0}, 4},
+      {{{0, 30}, {0b1011, 4}}, {0x02, 0, 0, 0, 0, 0, 0, 0xC0}, 34},
+      {{{0xFFFFFFFF, 0}}, {}, 0},
+      {{{0xFFFFFFFF, 0}, {1, 1}, {0xFFFFFFFF, 32}}, {0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x00, 0x00, 0x80}, 33},
+  };
+  for (const auto& c : cases) {
+    VqBitWriter writer;
+    for (const auto& [value, width] : c.puts) writer.put(value, width);
+    EXPECT_EQ(writer.bitCount(), c.bits);
+    EXPECT_EQ(writer.byteSize(), c.bytes.size()) << c.bits;
+    EXPECT_EQ(bytesOf(writer), c.bytes) << c.bits;
+  }
 }
 
 TEST(VqBitReader, ReadsBackWhatTheWriterWrote) {
