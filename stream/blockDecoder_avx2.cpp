@@ -1,8 +1,9 @@
 // The AVX2 kernel set of the 32-bit block routines: rows of 16 and 8 pixels copied as 32-byte
 // moves, fades computed eight pixels a vector (four for squares of 4) in the same exact
-// integer form as the SSE2 set, colour blocks picked from their palette eight pixels at once. The walk is built here under the AVX2 target; everything it
-// includes from elsewhere is included first, so that no shared inline function is made for
-// that target. Only called when the processor has AVX2.
+// integer form as the SSE2 set, colour blocks picked from their palette eight pixels at once.
+// The walk is built here under the AVX2 target; everything it includes from elsewhere is
+// included first, so that no shared inline function is made for that target. Only called
+// when the processor has AVX2.
 #include "stream/blockDecoder.h"
 
 #if !defined(ZYL_NO_SIMD) && defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
@@ -43,8 +44,8 @@ struct FadeAvx2 {
     const __m256i odd = _mm256_srli_epi16(u, 8);
     const __m256i a = _mm256_sub_epi16(even, _mm256_mulhi_epu16(even, factor));
     const __m256i b = _mm256_sub_epi16(odd, _mm256_mulhi_epu16(odd, factor));
-    return _mm256_and_si256(
-        _mm256_xor_si256(_mm256_or_si256(a, _mm256_slli_epi16(b, 8)), flip), keep);
+    return _mm256_and_si256(_mm256_xor_si256(_mm256_or_si256(a, _mm256_slli_epi16(b, 8)), flip),
+                            keep);
   }
   __m128i Tone(__m128i p) const {
     const __m128i u = _mm_xor_si128(p, _mm256_castsi256_si128(flip));

@@ -1,8 +1,8 @@
 // The walk of the block decoder: one template, parameterised by the bytes of a pixel (4, 3 or
-// 2), by where colour blocks come from, and by the kernel set that copies and fades 32-bit
-// squares. The block tree is unrolled at compile time, 16 then 8 then 4. Each kernel set is
-// built in a file of its own (the AVX2 one under that target), so this header is made for
-// inclusion in those files only and keeps everything in an unnamed namespace.
+// 2), by where colour blocks come from, and by the kernel set that copies, fades and paints
+// 32-bit squares. The block tree is unrolled at compile time, 16 then 8 then 4. Each kernel
+// set is built in a file of its own (the AVX2 one under that target), so this header is made
+// for inclusion in those files only and keeps everything in an unnamed namespace.
 #pragma once
 
 #include <bit>
@@ -64,7 +64,8 @@ inline void palette8(const zycFrameDecoder& d, uint32_t color0, uint32_t color1,
 }
 
 // The palette of YUV colour words, converted to 32-bit pixel words.
-void paletteYuv32(const zycFrameDecoder& d, uint32_t color0, uint32_t color1, uint32_t palette[4]) {
+inline void paletteYuv32(const zycFrameDecoder& d, uint32_t color0, uint32_t color1,
+                         uint32_t palette[4]) {
   uint32_t f[4][3];
   palette8(d, color0, color1, f);
   const uint8_t* clamp = d.clampTable + kClampBias;
