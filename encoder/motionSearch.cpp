@@ -184,19 +184,6 @@ inline uint32_t Distance(uint32_t a, uint32_t b) { return a > b ? a - b : b - a;
 }  // namespace
 
 uint32_t zycMotionSearch::SearchBlock(zycBlock& block) const {
-  // The search starts from the block's own fields: a good guess makes the bounds tight from
-  // the first candidate on.
-  const Guess guess{block.motionIndex, block.fadeMotionIndex, block.fadeIndex, false};
-  return Search(block, guess);
-}
-
-// The candidates are compared in table order, and a candidate replaces the one chosen so far
-// when its error is smaller, or equal and it comes earlier in the order: the choice is the
-// first smallest error in table order. A guess is compared before the loop; it only narrows the
-// bounds, and the loop still ends on the same choice. Only when the loop stops early on a
-// perfect copy (error 0) does the other choice have to be the best of the candidates up to
-// that one: if the guess is still chosen there, the block is searched again without it.
-uint32_t zycMotionSearch::Search(zycBlock& block, const Guess& guess) const {
   const int32_t s = block.size;
   const int level = zycSizeLevel(s);
   const uint32_t stride = paddedWidth * 4;
@@ -210,7 +197,7 @@ uint32_t zycMotionSearch::Search(zycBlock& block, const Guess& guess) const {
   const size_t at = size_t(block.y) * stride + size_t(block.x) * 4;
   const uint8_t* cur = sourceYuv + at;
   // The same square in the fades, which may start at a later row.
-  const size_t fadeSquare = at - size_t(fadeTop) * stride;
+  const size_t fadeAt = at - size_t(fadeTop) * stride;
   const int32_t fadeY = block.y - int32_t(fadeTop);
   const zycSadFn all = kernels.all[level];
   const zycSadFn colour = kernels.colour[level];
@@ -230,52 +217,7 @@ uint32_t zycMotionSearch::Search(zycBlock& block, const Guess& guess) const {
     while (k < count && !inside(k)) ++k;
     return k;
   };
-  auto offsetOf = [&](uint32_t k) {
-    return ptrdiff_t(table[k][1]) * ptrdiff_t(stride) + ptrdiff_t(table[k][0]) * 4;
-  };
   const bool pipelined = fadeBounds && !noFade;
-
-  // Where the choice stands in the order: the motion candidate's index, and the fade's
-  // candidate index x 16 + fade. Past the end while nothing is chosen.
-  constexpr uint32_t kNone = 0xFFFFFFFFu;
-  uint32_t motionAt = kNone;
-  uint32_t fadeAt = kNone;
-  bool guessed = false;
-  // Guesses are only taken with the sums (the search without them compares every candidate in
-  // full, as it always did), and only with a non-zero error: a perfect copy ends the loop, and
-  // the loop must find it itself.
-  if (bounds && !guess.none) {
-    if (guess.motion < count && inside(guess.motion)) {
-      const uint32_t err = all(cur, references[0] + at + offsetOf(guess.motion), stride,
-                               0xFFFFFFFFu);
-      if (err != 0) {
-        block.motionError = err;
-        block.motionIndex = guess.motion;
-        motionAt = guess.motion;
-        guessed = true;
-      }
-    }
-    if (pipelined && guess.fadeMotion < count && guess.fade < 16 && inside(guess.fadeMotion)) {
-      const uint32_t err = colour(cur, references[guess.fade + 1] + fadeSquare +
-                                      offsetOf(guess.fadeMotion),
-                                  stride, 0xFFFFFFFFu);
-      if (err != 0) {
-        block.fadeError = err;
-        block.fadeMotionIndex = guess.fadeMotion;
-        block.fadeIndex = guess.fade;
-        fadeAt = guess.fadeMotion * 16 + guess.fade;
-        guessed = true;
-      }
-    }
-  }
-  // The fades of candidate k that come before the fade chosen so far: a tie takes them.
-  auto earlierFades = [&](uint32_t k) -> uint32_t {
-    if (fadeAt == kNone || fadeAt >= k * 16 + 16) return 0xFFFFu;
-    if (fadeAt <= k * 16) return 0;
-    return (1u << (fadeAt - k * 16)) - 1;
-  };
-  auto fadeLimit = [&](uint32_t k) { return block.fadeError + (earlierFades(k) ? 1u : 0u); };
-
   uint32_t k = searchOff ? count : nextInside(0);
   // The fade mask of the next candidate is worked out one step ahead, so that its sums are
   // being fetched while this candidate is compared. It was made with the error as it stood
@@ -283,7 +225,7 @@ uint32_t zycMotionSearch::Search(zycBlock& block, const Guess& guess) const {
   // and the comparison below turns those away.
   uint32_t mask = pipelined && k < count
                       ? fadeSums->Candidates(block.x + table[k][0], fadeY + table[k][1], s,
-                                             curSum, fadeLimit(k))
+                                             curSum, block.fadeError)
                       : 0;
   while (k < count) {
     if (block.motionError == 0 || block.fadeError == 0) break;
@@ -291,70 +233,47 @@ uint32_t zycMotionSearch::Search(zycBlock& block, const Guess& guess) const {
     const uint32_t followingMask =
         pipelined && following < count
             ? fadeSums->Candidates(block.x + table[following][0], fadeY + table[following][1],
-                                   s, curSum, fadeLimit(following))
+                                   s, curSum, block.fadeError)
             : 0;
     const int32_t sx = block.x + table[k][0];
     const int32_t sy = block.y + table[k][1];
-    const ptrdiff_t offset = offsetOf(k);
+    const ptrdiff_t offset = ptrdiff_t(table[k][1]) * ptrdiff_t(stride) + ptrdiff_t(table[k][0]) * 4;
     uint32_t err;
-    const uint32_t motionLimit = block.motionError + (k < motionAt ? 1u : 0u);
-    if (!bounds || Distance(curSum, referenceSums[0].Sum(sx, sy, s)) < motionLimit) {
-      err = all(cur, references[0] + at + offset, stride, motionLimit);
-      if (err < motionLimit) {
+    if (!bounds || Distance(curSum, referenceSums[0].Sum(sx, sy, s)) < block.motionError) {
+      err = all(cur, references[0] + at + offset, stride, block.motionError);
+      if (err < block.motionError) {
         block.motionError = err;
         block.motionIndex = k;
-        motionAt = k;
       }
     }
     if (fades && !noFade) {
-      // The fades that the sums leave, or all 16 without sums; those before the chosen fade
-      // first, where a tie takes them, then the rest.
+      // The fades that the sums leave, or all 16 without sums.
       const uint32_t tried = pipelined ? mask : 0xFFFFu;
-      const uint32_t early = tried & earlierFades(k);
-      if (early) {
-        uint32_t limit = block.fadeError + 1;
-        if (fades(cur, references + 1, ptrdiff_t(fadeSquare) + offset, stride, early, &limit,
-                  &block.fadeIndex)) {
-          block.fadeError = limit;
-          block.fadeMotionIndex = k;
-          fadeAt = k * 16 + block.fadeIndex;
-        }
-      }
-      const uint32_t late = tried & ~early;
-      if (late && fades(cur, references + 1, ptrdiff_t(fadeSquare) + offset, stride, late,
-                        &block.fadeError, &block.fadeIndex)) {
+      if (tried && fades(cur, references + 1, ptrdiff_t(fadeAt) + offset, stride, tried,
+                         &block.fadeError, &block.fadeIndex)) {
         block.fadeMotionIndex = k;
-        fadeAt = k * 16 + block.fadeIndex;
       }
     } else if (pipelined) {
       while (mask && block.fadeError) {
         const uint32_t f = uint32_t(__builtin_ctz(mask));
         mask &= mask - 1;
-        const uint32_t limit = block.fadeError + (k * 16 + f < fadeAt ? 1u : 0u);
-        err = colour(cur, references[f + 1] + fadeSquare + offset, stride, limit);
-        if (err < limit) {
-          block.fadeError = err;
-          block.fadeMotionIndex = k;
-          block.fadeIndex = f;
-          fadeAt = k * 16 + f;
-        }
-      }
-    } else if (!noFade) {
-      for (uint32_t f = 0; f < 16; ++f) {
-        if (block.fadeError == 0) break;
-        err = colour(cur, references[f + 1] + fadeSquare + offset, stride, block.fadeError);
+        err = colour(cur, references[f + 1] + fadeAt + offset, stride, block.fadeError);
         if (err < block.fadeError) {
           block.fadeError = err;
           block.fadeMotionIndex = k;
           block.fadeIndex = f;
         }
       }
-    }
-    if ((block.motionError == 0 || block.fadeError == 0) && guessed &&
-        (motionAt > k || fadeAt > k * 16 + 15)) {
-      // Stopped early with a guess beyond this candidate still chosen: the other choice must be
-      // the best of the candidates so far, which the guess's bound may have skipped.
-      return Search(block, Guess{});
+    } else if (!noFade) {
+      for (uint32_t f = 0; f < 16; ++f) {
+        if (block.fadeError == 0) break;
+        err = colour(cur, references[f + 1] + fadeAt + offset, stride, block.fadeError);
+        if (err < block.fadeError) {
+          block.fadeError = err;
+          block.fadeMotionIndex = k;
+          block.fadeIndex = f;
+        }
+      }
     }
     k = following;
     mask = followingMask;
@@ -370,13 +289,11 @@ uint32_t zycMotionSearch::Search(zycBlock& block, const Guess& guess) const {
   block.children = four;
   const int32_t half = s / 2;
   uint32_t best = block.motionError;
-  // Each child starts from its parent's choices.
-  const Guess parent{block.motionIndex, block.fadeMotionIndex, block.fadeIndex, false};
   for (int i = 0; i < 4; ++i) {
     four[i].size = half;
     four[i].x = block.x + (i & 1) * half;
     four[i].y = block.y + (i >> 1) * half;
-    uint32_t r = Search(four[i], parent);
+    uint32_t r = SearchBlock(four[i]);
     if (r < best) best = r;
   }
   return best;

@@ -120,21 +120,8 @@ struct zycMotionSearch {
   uint32_t fadeTop = 0;
 
   // Searches a square whose size, x and y are set, and its subtree. Returns 0 when the square
-  // has a perfect copy, else the smallest motion error of the square and its subtree. The
-  // square's motion and fade fields, as a previous search left them, are the first guess; the
-  // tree does not depend on them.
+  // has a perfect copy, else the smallest motion error of the square and its subtree.
   uint32_t SearchBlock(zycBlock& block) const;
-
- private:
-  // Candidates compared before the loop to narrow its bounds: a motion index, and a fade's
-  // motion index and level.
-  struct Guess {
-    uint32_t motion = 0;
-    uint32_t fadeMotion = 0;
-    uint32_t fade = 0;
-    bool none = true;
-  };
-  uint32_t Search(zycBlock& block, const Guess& guess) const;
 };
 
 // The arrays that a walk fills: opcodes (first byte reserved for the frame flags), motion

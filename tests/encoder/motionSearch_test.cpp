@@ -315,33 +315,6 @@ TEST(MotionSearch, FindsAShiftedPictureAndStaysInsideThePaddedPicture) {
   }
 }
 
-// The search starts from the block's fields of the last search as guesses. When a perfect copy
-// ends the loop early, a fade guessed beyond it must not stay chosen: the fade is the best of
-// the candidates up to the perfect one, as without the guess.
-TEST(MotionSearch, AGuessBeyondAPerfectCopyLeavesTheTreeAsWithoutGuesses) {
-  SearchScene plain(64, 48), guessed(64, 48);
-  for (SearchScene* s : {&plain, &guessed}) {
-    ShiftByOne(*s);  // a perfect copy at table entry 3
-    for (uint32_t f = 1; f < 17; ++f) s->references[f] = SearchScene::Photo(20 * f, 9 * f, 64, 48);
-  }
-  // The best fades over every candidate, with no perfect copy to stop at.
-  std::vector<uint8_t> copy = guessed.references[0];
-  guessed.references[0] = SearchScene::Photo(400, 300, 64, 48);
-  guessed.Run(256, true);
-  guessed.references[0] = copy;
-  plain.Run(256, false);
-  uint32_t beyond = 0;
-  for (size_t i = 0; i < plain.top.size(); ++i) {
-    if (plain.top[i].motionError == 0 && guessed.top[i].fadeMotionIndex > 3 &&
-        guessed.top[i].fadeError < plain.top[i].fadeError) {
-      ++beyond;
-    }
-  }
-  EXPECT_GT(beyond, 0u);
-  guessed.Run(256, true, false, false, true);
-  for (size_t i = 0; i < plain.top.size(); ++i) ExpectSameTree(plain.top[i], guessed.top[i]);
-}
-
 TEST(MotionSearch, MotiEightTriesOnlyTheZeroVectorAndNineTriesNothing) {
   SearchScene s(64, 48);
   ShiftByOne(s);
