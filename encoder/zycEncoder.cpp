@@ -365,10 +365,15 @@ int32_t zycEncoder::WriteTree(bool hasSound) {
   if (l.dxtList.size()) size += p.PackItem(s.colourItem.data(), l.dxtList.size() * 8);
   if (hasSound) size += PackSound();
   if (s.fadeLength) size += p.PackItem(l.fadeBytes.data(), s.fadeLength);
-  size = p.FinishSize(size);
-  p.Commit();
+  return CommitFrame(p.FinishSize(size));
+}
+
+// Writes the items packed since the last restore; `size` is what they take in the section.
+int32_t zycEncoder::CommitFrame(int32_t size) {
+  State& s = *state_;
+  s.packer.Commit();
   s.sectionSize += uint32_t(size);
-  p.sectionPackedSize += uint32_t(size);
+  s.packer.sectionPackedSize += uint32_t(size);
   return size;
 }
 
@@ -446,9 +451,7 @@ int32_t zycEncoder::WriteTable(bool key, int32_t budget, bool hasSound) {
            packed, raw > 0 ? packed * 100.0 / raw : 0.0, packed > 0 ? raw / packed : 0.0,
            s.tableImageSize ? packed * 100.0 / s.tableImageSize : 0.0);
   }
-  p.Commit();
-  s.sectionSize += uint32_t(size);
-  p.sectionPackedSize += uint32_t(size);
+  CommitFrame(size);
   // The frame is written: its new entries are in the ring from now on.
   s.vqCompressor.commitPFrame();
   s.tableFrame = true;
@@ -496,10 +499,7 @@ int32_t zycEncoder::WriteStill(int32_t wantedSize, bool hasSound) {
   int32_t size = p.PackItem(s.lists.opcodes.data(), 1);
   size += p.PackItem(s.stillImage.data(), uint32_t(s.stillImage.size()));
   if (hasSound) size += PackSound();
-  size = p.FinishSize(size);
-  p.Commit();
-  s.sectionSize += uint32_t(size);
-  p.sectionPackedSize += uint32_t(size);
+  size = CommitFrame(p.FinishSize(size));
   s.stillFrame = true;
   return size;
 }
@@ -509,39 +509,30 @@ void zycEncoder::Rebuild() {
   State& s = *state_;
   zycFrameLists& l = s.lists;
   zycFrameDecoder& d = *s.frameDecoder;
-  if (s.stillFrame) {
-    uint32_t stopWord = 0;
-    uint32_t stateWord = 0;
-    d.io = &s.decoderIo;
-    d.colourStream = s.stillImage.data();
-    d.tableStream = nullptr;
-    d.stopWord = &stopWord;
-    d.stateWord = &stateWord;
-    d.stopMask = 0;
-    d.DecodeImage(s.previousFrame.data);
-    d.stopWord = &d.ownStopWord;
-    d.stateWord = &d.ownStateWord;
-    s.stillFrame = false;
-    BuildReferences();
-    return;
-  }
-  s.treeCopy.assign(l.opcodes.data(), l.opcodes.data() + s.opcodeLength);
-  s.treeCopy.resize(s.treeCopy.size() + 8, 0);  // the decoder may look one word ahead
   uint32_t stopWord = 0;
   uint32_t stateWord = 0;
   d.io = &s.decoderIo;
-  d.treeStream = s.treeCopy.data() + 1;
-  d.motionStream = l.motionBytes.data();
-  d.colourStream = s.colourItem.data();
-  d.indexStream = s.colourItem.data() + size_t(l.dxtList.size()) * 4;
-  d.fadeStream = l.fadeBytes.data();
-  d.tableStream = s.tableFrame ? s.tableImage.data() : nullptr;
-  s.tableFrame = false;
   d.stopWord = &stopWord;
   d.stateWord = &stateWord;
   d.stopMask = 0;
-  d.DecodeFrame(s.previousFrame.data, s.decoded.data);
-  std::swap(s.previousFrame.data, s.decoded.data);
+  if (s.stillFrame) {
+    d.colourStream = s.stillImage.data();
+    d.tableStream = nullptr;
+    d.DecodeImage(s.previousFrame.data);
+    s.stillFrame = false;
+  } else {
+    s.treeCopy.assign(l.opcodes.data(), l.opcodes.data() + s.opcodeLength);
+    s.treeCopy.resize(s.treeCopy.size() + 8, 0);  // the decoder may look one word ahead
+    d.treeStream = s.treeCopy.data() + 1;
+    d.motionStream = l.motionBytes.data();
+    d.colourStream = s.colourItem.data();
+    d.indexStream = s.colourItem.data() + size_t(l.dxtList.size()) * 4;
+    d.fadeStream = l.fadeBytes.data();
+    d.tableStream = s.tableFrame ? s.tableImage.data() : nullptr;
+    s.tableFrame = false;
+    d.DecodeFrame(s.previousFrame.data, s.decoded.data);
+    std::swap(s.previousFrame.data, s.decoded.data);
+  }
   d.stopWord = &d.ownStopWord;
   d.stateWord = &d.ownStateWord;
   BuildReferences();
@@ -700,19 +691,18 @@ void zycEncoder::WriteHeader(zycStreamHeader& header, FILE** extraOutputs,
     zycSetTailPacking(&s.header, uint8_t(packing), headerS, headerT);
   }
 
+  // The header and the zero head of the first section.
   uint8_t head[kHeaderSizeZyl0];
   zycStoreHeaderZyl0(s.header, head);
+  const auto writeStart = [&](FILE* f) {
+    s.Check(std::fseek(f, 0, SEEK_SET) == 0 &&
+            std::fwrite(head, 1, sizeof head, f) == sizeof head && WriteZeros(f, 6));
+  };
   if (!embedded) {
-    if (FILE* f = s.file()) {
-      s.Check(std::fseek(f, 0, SEEK_SET) == 0 &&
-              std::fwrite(head, 1, sizeof head, f) == sizeof head && WriteZeros(f, 6));
-    }
+    if (FILE* f = s.file()) writeStart(f);
   } else {
-    for (FILE* f : s.extra) {
-      if (!f) continue;
-      s.Check(std::fseek(f, 0, SEEK_SET) == 0 &&
-              std::fwrite(head, 1, sizeof head, f) == sizeof head && WriteZeros(f, 6));
-    }
+    for (FILE* f : s.extra)
+      if (f) writeStart(f);
   }
   header = s.header;  // the job's record, completed
   s.sectionStart = 64;
@@ -747,10 +737,12 @@ void zycEncoder::FirstFrame(const zylFrameImage& image, zylProgress* progress) {
   const int32_t wantedSize = s.budget.KeyFrameSize();
   FrameInfo info;
   if (iFrameFormat != 0) {
-    info = FrameInfo{true, wantedSize, WriteStill(wantedSize, hasSound)};
+    info = FrameInfo{.keyFrame = true, .wantedSize = wantedSize,
+                     .size = WriteStill(wantedSize, hasSound)};
   } else {
     BuildMotionVector(Search::kOff, Levels::kBuild);
-    info = CodeTree(Caller::kBegin, true, wantedSize, hasSound);
+    const bool key = true;  // Begin's frame is always a key frame
+    info = CodeTree(Caller::kBegin, key, wantedSize, hasSound);
   }
   info.changed = 100.0;
   FinishFrame(Caller::kBegin, info, hasSound, progress);
@@ -788,9 +780,11 @@ int32_t zycEncoder::Next(const zylFrameImage& image, zylProgress* progress) {
   }
 
   TimerStart(kTimerNext);
-  FrameInfo info = key && iFrameFormat != 0
-                       ? FrameInfo{true, wantedSize, WriteStill(wantedSize, hasSound)}
-                       : CodeTree(Caller::kNext, key, wantedSize, hasSound);
+  FrameInfo info =
+      key && iFrameFormat != 0
+          ? FrameInfo{.keyFrame = true, .wantedSize = wantedSize,
+                      .size = WriteStill(wantedSize, hasSound)}
+          : CodeTree(Caller::kNext, key, wantedSize, hasSound);
   info.changed = changed;
   FinishFrame(Caller::kNext, info, hasSound, progress);
   return 0;

@@ -112,6 +112,7 @@ class zycEncoder : public zycJobEncoder {
   FrameInfo CodeTree(Caller caller, bool key, int32_t wantedSize, bool hasSound);
   int32_t TryTree(bool key, uint32_t threshold, uint32_t& errorNext, bool hasSound);
   int32_t WriteTree(bool hasSound);
+  int32_t CommitFrame(int32_t size);
   int32_t WriteStill(int32_t wantedSize, bool hasSound);
   int32_t FinishBlockFrame(bool key, int32_t wantedSize, int32_t size, uint32_t& errorMax,
                            uint32_t& errorNext, uint32_t& passes, bool hasSound);
