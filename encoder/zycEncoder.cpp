@@ -381,32 +381,40 @@ int32_t zycEncoder::CommitFrame(int32_t size) {
 // budget of their own: what the frame's size leaves after its opcode and motion items, plus a
 // hundredth of any credit. While that budget is gone, far too small for a frame that is too
 // big, or asks more than the largest reduction of the table coder, the threshold moves on to
-// the next error that matters, which takes more blocks out of the colour list.
-int32_t zycEncoder::FinishBlockFrame(bool key, int32_t wantedSize, int32_t size,
-                                     uint32_t& errorMax, uint32_t& errorNext, uint32_t& passes,
-                                     bool hasSound) {
+// the next error that matters, which takes more blocks out of the colour list. `frame` holds
+// the last try; its size becomes that of the frame written.
+void zycEncoder::FinishBlockFrame(FrameInfo& frame, bool hasSound) {
   State& s = *state_;
-  if (pFrameFormat != 1 || s.lists.dxtList.size() == 0) return WriteTree(hasSound);
+  const bool key = frame.keyFrame;
+  const int32_t wantedSize = frame.wantedSize;
+  if (pFrameFormat != 1 || s.lists.dxtList.size() == 0) {
+    frame.size = WriteTree(hasSound);
+    return;
+  }
   const float maxRatio = key ? vqRatioMaxKey : vqRatioMaxP;
   int32_t budget = 0;
   for (;;) {
     const double raw = 48.0 * s.lists.dxtList.size();
     budget = wantedSize - s.headerBytes;
     if (s.budget.credit > 0) budget += s.budget.credit / 100;
-    const bool again = budget < 1 ||
-                       (size > wantedSize && int64_t(budget) <= int64_t(wantedSize) * 40 / 100) ||
-                       raw / budget > maxRatio;
+    const bool again =
+        budget < 1 ||
+        (frame.size > wantedSize && int64_t(budget) <= int64_t(wantedSize) * 40 / 100) ||
+        raw / budget > maxRatio;
     // Nothing left to take out: the frame goes out as it is.
-    if (!again || errorNext == kErrorNextStart || errorMax == errorNext) break;
-    errorMax = errorNext;
-    ++passes;
-    size = TryTree(key, errorMax, errorNext, hasSound);
+    if (!again || frame.errorNext == kErrorNextStart || frame.errorMax == frame.errorNext) break;
+    frame.errorMax = frame.errorNext;
+    ++frame.passes;
+    frame.size = TryTree(key, frame.errorMax, frame.errorNext, hasSound);
     s.packer.Restore();
-    if (s.lists.dxtList.size() == 0) return WriteTree(hasSound);
+    if (s.lists.dxtList.size() == 0) {
+      frame.size = WriteTree(hasSound);
+      return;
+    }
   }
   const double raw = 48.0 * s.lists.dxtList.size();
   if (budget > 0 && raw / budget < vqRatioMin) budget = int32_t(raw / vqRatioMin);
-  return WriteTable(key, budget, hasSound);
+  frame.size = WriteTable(key, budget, hasSound);
 }
 
 // The final write of a table frame: the opcode and motion items, the sound, then the colour
@@ -830,8 +838,9 @@ zycEncoder::FrameInfo zycEncoder::CodeTree(Caller caller, bool key, int32_t want
     if (!loop.AfterPass(size, errorNext)) break;
   }
   if (timed) TimerStop(kTimerQuantizeCompress);
-  size = FinishBlockFrame(key, wantedSize, size, loop.errorMax, errorNext, loop.passes, hasSound);
-  return FrameInfo{key, wantedSize, size, loop.errorMax, errorNext, loop.passes};
+  FrameInfo frame{key, wantedSize, size, loop.errorMax, errorNext, loop.passes};
+  FinishBlockFrame(frame, hasSound);
+  return frame;
 }
 
 // The end of every frame: the credit, the figures, the progress record, the closed loop, and

@@ -114,8 +114,7 @@ class zycEncoder : public zycJobEncoder {
   int32_t WriteTree(bool hasSound);
   int32_t CommitFrame(int32_t size);
   int32_t WriteStill(int32_t wantedSize, bool hasSound);
-  int32_t FinishBlockFrame(bool key, int32_t wantedSize, int32_t size, uint32_t& errorMax,
-                           uint32_t& errorNext, uint32_t& passes, bool hasSound);
+  void FinishBlockFrame(FrameInfo& frame, bool hasSound);
   int32_t WriteTable(bool key, int32_t budget, bool hasSound);
   bool FadesSearched() const;
   int32_t PackSound();
