@@ -6,11 +6,35 @@
 #include "base/consoleLog.h"
 #include "encoder/motionSearch.h"
 
+void zycBudget::Open(const zycBudgetSetup& in, bool verbose) {
+  credit = -70;
+  const uint32_t ratioDivisor = in.ratio ? in.ratio : 1;
+  const uint32_t raw = in.pictureBytes + in.soundChunkLimit - in.soundLead;
+  if (in.soundRate == 0 || in.soundFlags == 0) {
+    compressionSize = int32_t(raw / ratioDivisor);
+    if (verbose) zycLog("No Sound. CompressionSize:%d\n", compressionSize);
+  } else {
+    credit = -74;
+    const uint32_t perFrame = in.soundChunkLimit - in.soundLead;
+    compressionSize =
+        int32_t(raw / ratioDivisor) - int32_t(perFrame >> ((in.soundFlags & 32) ? 3 : 2));
+    if (verbose) zycLog("Has Sound. CompressionSize:%d\n", compressionSize);
+  }
+  // A forced last key frame is paid for by every frame, unless that takes more than 30%.
+  if (in.lastKeyOver && frameDuration) {
+    const int32_t share = int32_t(double(compressionSize) * iRat);
+    const int32_t candidate =
+        compressionSize -
+        int32_t(uint32_t(KeyFrameSize() + share - compressionSize) / in.lastKeyOver);
+    if (candidate > 0.7 * compressionSize) compressionSize = candidate;
+  }
+}
+
 int32_t zycBudget::KeyFrameSize() const {
   return int32_t(double(iDmp) * FramesPerSecond() * double(compressionSize) * iRat);
 }
 
-int32_t zycBudget::PFrameSize(double changed, int32_t credit) const {
+int32_t zycBudget::PFrameSize(double changed) const {
   if (changed > 25.0) {
     int32_t k = KeyFrameSize();
     if (credit >= 0 || changed >= 50.0) return k;
@@ -59,18 +83,15 @@ zycConvergence zycConvergenceStep(uint32_t errorMax, uint32_t errorNext, int32_t
 
 void zycRateLoop::Start(int32_t wanted, int32_t target, uint32_t ratio, uint32_t minError,
                         uint32_t limitError) {
-  wantedSize = wanted;
-  targetSize = target;
-  errorMin = minError;
-  errorLimit = limitError;
-  errorMax = 0;
-  current = 0;
-  low = 0;
+  *this = zycRateLoop{wanted, target, minError, limitError, verbose};
   step = 20 * ratio;
-  stop = false;
-  prevSize = 0;
-  stagnantDicotomie = 0;
-  passes = 0;
+}
+
+void zycRateLoop::StartConverging(int32_t wanted, int32_t target, uint32_t minError,
+                                  uint32_t limitError) {
+  *this = zycRateLoop{wanted, target, minError, limitError, verbose};
+  stop = true;
+  reportSteps = true;
 }
 
 bool zycRateLoop::AfterPass(int32_t size, uint32_t errorNext) {
@@ -94,27 +115,12 @@ bool zycRateLoop::AfterPass(int32_t size, uint32_t errorNext) {
     }
     prevSize = size;
   }
-  bool checkEnd;
-  if (stop && size <= targetSize) {
-    checkEnd = true;
-  } else {
-    checkEnd = errorNext >= errorLimit;
-  }
+  const bool checkEnd = (stop && size <= targetSize) || errorNext >= errorLimit;
   if (checkEnd && errorMax >= errorMin) return false;
   if (errorMax == errorNext) return false;
   if (stop && errorNext == kErrorNextStart) return false;
-  uint32_t n = zycConvergenceStep(errorMax, errorNext, size, wantedSize).next;
-  if (!stop) n = current;
-  errorMax = n;
-  ++passes;
-  return true;
-}
-
-bool zycBeginRateLoop::AfterPass(int32_t size, uint32_t errorNext) {
-  if ((size <= targetSize || errorNext >= errorLimit) && errorMax >= errorMin) return false;
-  if (errorMax == errorNext || errorNext == kErrorNextStart) return false;
-  zycConvergence c = zycConvergenceStep(errorMax, errorNext, size, wantedSize);
-  if (verbose) {
+  const zycConvergence c = zycConvergenceStep(errorMax, errorNext, size, wantedSize);
+  if (verbose && reportSteps) {
     if (c.branch == 1) {
       zycLog("current convergence coeff: %f, %.0f%% Increase\n", double(c.coeff), double(c.pct));
     } else if (c.branch == 2) {
@@ -123,7 +129,7 @@ bool zycBeginRateLoop::AfterPass(int32_t size, uint32_t errorNext) {
       zycLog("current convergence coeff: %f\n", double(c.coeff));
     }
   }
-  errorMax = c.next;
+  errorMax = stop ? c.next : current;
   ++passes;
   return true;
 }

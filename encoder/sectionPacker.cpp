@@ -140,14 +140,14 @@ void zycSectionPacker::Restore() {
   }
 }
 
-uint32_t zycSectionPacker::Pack(const void* data, uint32_t count, bool commit) {
+uint32_t zycSectionPacker::Pack(const void* data, uint32_t count, Step step) {
   const uLong before = zip_->total_out;
   zip_->next_in = static_cast<Bytef*>(const_cast<void*>(data));
   zip_->avail_in = count;
   if (count) deflate(zip_, Z_SYNC_FLUSH);
   const uint32_t grown = uint32_t(zip_->total_out - before);
   zipPending_ += grown;
-  if (commit && zipPending_) {
+  if (step == Step::kCommit && zipPending_) {
     if (file_) Check(std::fwrite(zipBuffer_.data(), 1, zipPending_, file_) == zipPending_);
     zip_->next_out = zipBuffer_.data();
     zip_->avail_out = uInt(zipBuffer_.size());
@@ -178,8 +178,7 @@ size_t zycSectionPacker::Compress() {
   return outSize;
 }
 
-int32_t zycSectionPacker::PackLzma(const void* data, uint32_t count, bool commit,
-                                   bool estimate) {
+int32_t zycSectionPacker::PackLzma(const void* data, uint32_t count, Step step) {
   if (count) {
     if (lzmaInput_.size() < size_t(lzmaInputSize_) + count) {
       lzmaInput_.resize((size_t(lzmaInputSize_) + count) * 2);
@@ -188,7 +187,7 @@ int32_t zycSectionPacker::PackLzma(const void* data, uint32_t count, bool commit
     lzmaInputSize_ += count;
     lzmaDirty_ = true;
   }
-  if (commit && lzmaInputSize_) {
+  if (step == Step::kCommit && lzmaInputSize_) {
     size_t packed = lzmaDirty_ ? Compress() : lzmaCachedSize_;
     if (!file_) return int32_t(packed + kLzmaHeadBytes);  // no output open: the bytes go nowhere
     uint8_t size8[8];
@@ -217,7 +216,7 @@ int32_t zycSectionPacker::PackLzma(const void* data, uint32_t count, bool commit
     }
     return int32_t(packed + kLzmaHeadBytes);
   }
-  if (estimate && lzmaInputSize_) return int32_t(Compress() + kLzmaHeadBytes);
+  if (step == Step::kEstimate && lzmaInputSize_) return int32_t(Compress() + kLzmaHeadBytes);
   return int32_t(count * 0.8999999761581421);
 }
 
@@ -225,23 +224,23 @@ int32_t zycSectionPacker::PackItem(const void* data, uint32_t count) {
   uint8_t length[4];
   zycStore32(length, count);
   if (packing_ == kPackingDeflate) {
-    uint32_t sum = Pack(length, 4, false);
-    return int32_t(sum + Pack(data, count, false));
+    uint32_t sum = Pack(length, 4, Step::kAppend);
+    return int32_t(sum + Pack(data, count, Step::kAppend));
   }
-  int32_t sum = PackLzma(length, 4, false, false);
-  return sum + PackLzma(data, count, false, false);
+  int32_t sum = PackLzma(length, 4, Step::kAppend);
+  return sum + PackLzma(data, count, Step::kAppend);
 }
 
 int32_t zycSectionPacker::FinishSize(int32_t roughSum) {
   if (packing_ == kPackingDeflate) return roughSum;
-  return PackLzma(nullptr, 0, false, true) - int32_t(sectionPackedSize);
+  return PackLzma(nullptr, 0, Step::kEstimate) - int32_t(sectionPackedSize);
 }
 
 void zycSectionPacker::Commit() {
   if (packing_ == kPackingDeflate) {
-    Pack(nullptr, 0, true);
+    Pack(nullptr, 0, Step::kCommit);
   } else {
-    PackLzma(nullptr, 0, true, false);
+    PackLzma(nullptr, 0, Step::kCommit);
   }
 }
 

@@ -24,14 +24,6 @@ class zycSectionPacker {
   void Restart();
   void Save();
   void Restore();
-  // Deflate: packs `count` bytes with a sync flush (nothing for 0); with `commit` writes what is
-  // pending to the file. Returns the bytes deflate produced for this call.
-  uint32_t Pack(const void* data, uint32_t count, bool commit);
-  // LZMA: appends the bytes; with `commit` writes the packed section (first time 5 property
-  // bytes, the 8-byte unpacked size and the data; later the size and the data over the old
-  // ones); with `estimate` packs the section; returns the packed size plus 13, or a rough
-  // 0.9 x `count` when neither is asked.
-  int32_t PackLzma(const void* data, uint32_t count, bool commit, bool estimate);
   // One item, its 32-bit length and its bytes, without commit. Returns the packed bytes (deflate)
   // or the rough figure (LZMA).
   int32_t PackItem(const void* data, uint32_t count);
@@ -57,6 +49,20 @@ class zycSectionPacker {
   int writeError = 0;              // errno of the first failed file operation, 0 while none
 
  private:
+  // What a call of Pack or PackLzma does after taking its bytes.
+  enum class Step {
+    kAppend,    // nothing more
+    kCommit,    // writes the frame to the file
+    kEstimate,  // LZMA: packs the section to learn its size
+  };
+  // Deflate: packs `count` bytes with a sync flush (nothing for 0); kCommit writes what is
+  // pending to the file. Returns the bytes deflate produced for this call.
+  uint32_t Pack(const void* data, uint32_t count, Step step);
+  // LZMA: appends the bytes; kCommit writes the packed section (first time 5 property bytes,
+  // the 8-byte unpacked size and the data; later the size and the data over the old ones);
+  // kEstimate packs the section; both return the packed size plus 13, kAppend a rough
+  // 0.9 x `count`.
+  int32_t PackLzma(const void* data, uint32_t count, Step step);
   void InitStream();
   void EndStream(z_stream* stream);
   size_t Compress();

@@ -65,8 +65,7 @@ struct zycEncoder::State {
   uint32_t frameIndex = 0;
   uint32_t lastKeyFrame = 0;
   uint32_t threads = 1;  // "THRD" as Begin resolved it
-  int32_t compressionSize = 0;
-  int32_t credit = 0;
+  zycBudget budget;
   long sectionStart = 0;
   uint32_t sectionSize = 0;
 
@@ -152,8 +151,8 @@ void zycEncoder::SetJobRange(uint32_t first, uint32_t total) {
 const uint8_t* zycEncoder::Reconstructed() const { return state_->previousFrame.data; }
 uint32_t zycEncoder::Pitch() const { return state_->paddedWidth * 4; }
 const zycEncoder::FrameInfo& zycEncoder::LastFrame() const { return state_->last; }
-int32_t zycEncoder::CompressionSize() const { return state_->compressionSize; }
-int32_t zycEncoder::Credit() const { return state_->credit; }
+int32_t zycEncoder::CompressionSize() const { return state_->budget.compressionSize; }
+int32_t zycEncoder::Credit() const { return state_->budget.credit; }
 uint32_t zycEncoder::PaddedWidth() const { return state_->paddedWidth; }
 uint32_t zycEncoder::PaddedHeight() const { return state_->paddedHeight; }
 const uint8_t* zycEncoder::SourceFrame() const { return state_->sourceFrame.data; }
@@ -206,10 +205,11 @@ void zycEncoder::BuildReferences() {
 // ---------------------------------------------------------------------------------------------
 // Search.
 
-uint32_t zycEncoder::BuildMotionVector(bool searchOff, bool buildLevels) {
+uint32_t zycEncoder::BuildMotionVector(Search search, Levels levels) {
   State& s = *state_;
+  const bool searchOff = search == Search::kOff;
   const uint64_t start = zycClockMicroseconds();
-  if (buildLevels && (pFrameFormat == 0 || pFrameFormat == 1)) {
+  if (levels == Levels::kBuild && (pFrameFormat == 0 || pFrameFormat == 1)) {
     TimerStart(kTimerDxt1Compression);
     BuildLevels(s.levels, yuvCoding ? s.sourceYuv.data : s.sourceFrame.data, dxtBackEnd,
                 yuvCoding, s.threads);
@@ -304,8 +304,7 @@ uint32_t zycEncoder::BuildMotionVector(bool searchOff, bool buildLevels) {
 // ---------------------------------------------------------------------------------------------
 // One try of a block tree frame: walk at `threshold`, pack the items through the packer.
 
-int32_t zycEncoder::TryTree(bool key, uint32_t threshold, uint32_t& errorNext, bool hasSound,
-                            bool fadeAllowed) {
+int32_t zycEncoder::TryTree(bool key, uint32_t threshold, uint32_t& errorNext, bool hasSound) {
   State& s = *state_;
   zycFrameLists& l = s.lists;
   TimerStart(kTimerQuantize);
@@ -320,8 +319,8 @@ int32_t zycEncoder::TryTree(bool key, uint32_t threshold, uint32_t& errorNext, b
     }
   }
   s.opcodeLength = zycPackOpcodes(l.opcodes.data(), l.opcodes.size());
-  const uint32_t fadeCount = fadeAllowed ? l.fadeBytes.size() : 0;
-  l.opcodes[0] = zycBlockTreeFlags(l.motionBytes.size(), l.dxtList.size(), fadeCount,
+  // The key frame walk makes no fade blocks.
+  l.opcodes[0] = zycBlockTreeFlags(l.motionBytes.size(), l.dxtList.size(), l.fadeBytes.size(),
                                    pFrameFormat, hasSound);
   TimerStop(kTimerQuantize);
 
@@ -375,10 +374,15 @@ int32_t zycEncoder::WriteTree(bool hasSound) {
   if (l.dxtList.size()) size += p.PackItem(s.colourItem.data(), l.dxtList.size() * 8);
   if (hasSound) size += PackSound();
   if (s.fadeLength) size += p.PackItem(l.fadeBytes.data(), s.fadeLength);
-  size = p.FinishSize(size);
-  p.Commit();
+  return CommitFrame(p.FinishSize(size));
+}
+
+// Writes the items packed since the last restore; `size` is what they take in the section.
+int32_t zycEncoder::CommitFrame(int32_t size) {
+  State& s = *state_;
+  s.packer.Commit();
   s.sectionSize += uint32_t(size);
-  p.sectionPackedSize += uint32_t(size);
+  s.packer.sectionPackedSize += uint32_t(size);
   return size;
 }
 
@@ -386,32 +390,40 @@ int32_t zycEncoder::WriteTree(bool hasSound) {
 // budget of their own: what the frame's size leaves after its opcode and motion items, plus a
 // hundredth of any credit. While that budget is gone, far too small for a frame that is too
 // big, or asks more than the largest reduction of the table coder, the threshold moves on to
-// the next error that matters, which takes more blocks out of the colour list.
-int32_t zycEncoder::FinishBlockFrame(bool key, int32_t wantedSize, int32_t size,
-                                     uint32_t& errorMax, uint32_t& errorNext, uint32_t& passes,
-                                     bool hasSound) {
+// the next error that matters, which takes more blocks out of the colour list. `frame` holds
+// the last try; its size becomes that of the frame written.
+void zycEncoder::FinishBlockFrame(FrameInfo& frame, bool hasSound) {
   State& s = *state_;
-  if (pFrameFormat != 1 || s.lists.dxtList.size() == 0) return WriteTree(hasSound);
+  const bool key = frame.keyFrame;
+  const int32_t wantedSize = frame.wantedSize;
+  if (pFrameFormat != 1 || s.lists.dxtList.size() == 0) {
+    frame.size = WriteTree(hasSound);
+    return;
+  }
   const float maxRatio = key ? vqRatioMaxKey : vqRatioMaxP;
   int32_t budget = 0;
   for (;;) {
     const double raw = 48.0 * s.lists.dxtList.size();
     budget = wantedSize - s.headerBytes;
-    if (s.credit > 0) budget += s.credit / 100;
-    const bool again = budget < 1 ||
-                       (size > wantedSize && int64_t(budget) <= int64_t(wantedSize) * 40 / 100) ||
-                       raw / budget > maxRatio;
+    if (s.budget.credit > 0) budget += s.budget.credit / 100;
+    const bool again =
+        budget < 1 ||
+        (frame.size > wantedSize && int64_t(budget) <= int64_t(wantedSize) * 40 / 100) ||
+        raw / budget > maxRatio;
     // Nothing left to take out: the frame goes out as it is.
-    if (!again || errorNext == kErrorNextStart || errorMax == errorNext) break;
-    errorMax = errorNext;
-    ++passes;
-    size = TryTree(key, errorMax, errorNext, hasSound, true);
+    if (!again || frame.errorNext == kErrorNextStart || frame.errorMax == frame.errorNext) break;
+    frame.errorMax = frame.errorNext;
+    ++frame.passes;
+    frame.size = TryTree(key, frame.errorMax, frame.errorNext, hasSound);
     s.packer.Restore();
-    if (s.lists.dxtList.size() == 0) return WriteTree(hasSound);
+    if (s.lists.dxtList.size() == 0) {
+      frame.size = WriteTree(hasSound);
+      return;
+    }
   }
   const double raw = 48.0 * s.lists.dxtList.size();
   if (budget > 0 && raw / budget < vqRatioMin) budget = int32_t(raw / vqRatioMin);
-  return WriteTable(key, budget, hasSound);
+  frame.size = WriteTable(key, budget, hasSound);
 }
 
 // The final write of a table frame: the opcode and motion items, the sound, then the colour
@@ -456,9 +468,7 @@ int32_t zycEncoder::WriteTable(bool key, int32_t budget, bool hasSound) {
            packed, raw > 0 ? packed * 100.0 / raw : 0.0, packed > 0 ? raw / packed : 0.0,
            s.tableImageSize ? packed * 100.0 / s.tableImageSize : 0.0);
   }
-  p.Commit();
-  s.sectionSize += uint32_t(size);
-  p.sectionPackedSize += uint32_t(size);
+  CommitFrame(size);
   // The frame is written: its new entries are in the ring from now on.
   s.vqCompressor.commitPFrame();
   s.tableFrame = true;
@@ -506,10 +516,7 @@ int32_t zycEncoder::WriteStill(int32_t wantedSize, bool hasSound) {
   int32_t size = p.PackItem(s.lists.opcodes.data(), 1);
   size += p.PackItem(s.stillImage.data(), uint32_t(s.stillImage.size()));
   if (hasSound) size += PackSound();
-  size = p.FinishSize(size);
-  p.Commit();
-  s.sectionSize += uint32_t(size);
-  p.sectionPackedSize += uint32_t(size);
+  size = CommitFrame(p.FinishSize(size));
   s.stillFrame = true;
   return size;
 }
@@ -519,39 +526,30 @@ void zycEncoder::Rebuild() {
   State& s = *state_;
   zycFrameLists& l = s.lists;
   zycFrameDecoder& d = *s.frameDecoder;
-  if (s.stillFrame) {
-    uint32_t stopWord = 0;
-    uint32_t stateWord = 0;
-    d.io = &s.decoderIo;
-    d.colourStream = s.stillImage.data();
-    d.tableStream = nullptr;
-    d.stopWord = &stopWord;
-    d.stateWord = &stateWord;
-    d.stopMask = 0;
-    d.DecodeImage(s.previousFrame.data);
-    d.stopWord = &d.ownStopWord;
-    d.stateWord = &d.ownStateWord;
-    s.stillFrame = false;
-    BuildReferences();
-    return;
-  }
-  s.treeCopy.assign(l.opcodes.data(), l.opcodes.data() + s.opcodeLength);
-  s.treeCopy.resize(s.treeCopy.size() + 8, 0);  // the decoder may look one word ahead
   uint32_t stopWord = 0;
   uint32_t stateWord = 0;
   d.io = &s.decoderIo;
-  d.treeStream = s.treeCopy.data() + 1;
-  d.motionStream = l.motionBytes.data();
-  d.colourStream = s.colourItem.data();
-  d.indexStream = s.colourItem.data() + size_t(l.dxtList.size()) * 4;
-  d.fadeStream = l.fadeBytes.data();
-  d.tableStream = s.tableFrame ? s.tableImage.data() : nullptr;
-  s.tableFrame = false;
   d.stopWord = &stopWord;
   d.stateWord = &stateWord;
   d.stopMask = 0;
-  d.DecodeFrame(s.previousFrame.data, s.decoded.data);
-  std::swap(s.previousFrame.data, s.decoded.data);
+  if (s.stillFrame) {
+    d.colourStream = s.stillImage.data();
+    d.tableStream = nullptr;
+    d.DecodeImage(s.previousFrame.data);
+    s.stillFrame = false;
+  } else {
+    s.treeCopy.assign(l.opcodes.data(), l.opcodes.data() + s.opcodeLength);
+    s.treeCopy.resize(s.treeCopy.size() + 8, 0);  // the decoder may look one word ahead
+    d.treeStream = s.treeCopy.data() + 1;
+    d.motionStream = l.motionBytes.data();
+    d.colourStream = s.colourItem.data();
+    d.indexStream = s.colourItem.data() + size_t(l.dxtList.size()) * 4;
+    d.fadeStream = l.fadeBytes.data();
+    d.tableStream = s.tableFrame ? s.tableImage.data() : nullptr;
+    s.tableFrame = false;
+    d.DecodeFrame(s.previousFrame.data, s.decoded.data);
+    std::swap(s.previousFrame.data, s.decoded.data);
+  }
   d.stopWord = &d.ownStopWord;
   d.stateWord = &d.ownStateWord;
   BuildReferences();
@@ -574,22 +572,52 @@ void zycEncoder::PatchFile() {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Begin.
+// Begin: the settings checked, the job's storage, the header, the budget, the first key frame.
 
 int32_t zycEncoder::Begin(zycStreamHeader& header, const zylFrameImage& image,
                           zycFileHolder* output, FILE** extraOutputs,
                           zylAudioSupplierFn audioSupplier, void* audioUser,
                           zylProgress* progress, const zylKeyframeRange* plan) {
   End();
-  State& s = *state_;
+  state_->output = output;
+  if (!CheckSettings(header)) return 1;
+  keyframePlan = plan;
+  Allocate(header);
+  WriteHeader(header, extraOutputs, audioSupplier, audioUser);
+  OpenBudget();
+  FirstFrame(image, progress);
+  return 0;
+}
+
+// False, after saying why, for settings no movie can be made with. Sets `embedded`.
+bool zycEncoder::CheckSettings(const zycStreamHeader& header) {
   // Headers of versions 1 to 3 carry two words where the packing byte stands, so a reader
   // takes their sections as deflate.
   if (packing != kPackingDeflate && zycTailHoldsWords(header.version)) {
     if (verbose) zycLog("Lzma packing needs a header version other than 1, 2 or 3\n");
-    return 1;
+    return false;
   }
+  embedded = (header.soundRate && embedRequest && (soundFlags & 15)) ? 1 : 0;
+  if (!embedded) return true;
+  if (packing == kPackingLzma) {
+    if (verbose) zycLog("Lzma is not compatible with Docomo embedded file");
+    return false;
+  }
+  if (pFrameFormat != 0) {
+    if (verbose) zycLog("PFrameFormat!=zyPFrameDXTC is not compatible with Docomo embedded file");
+    return false;
+  }
+  if (state_->file() && verbose) {
+    zycLog("WARNING: when encoding with docomo embedding sound we don't directly write in main "
+           "output file (but in extraSoundFiles)");
+  }
+  return true;
+}
+
+// The pictures, tree, lists and kernels of a job of this picture size, and its frame decoder.
+void zycEncoder::Allocate(const zycStreamHeader& header) {
+  State& s = *state_;
   s.vqCompressor.tableLimit = vqLimit / 48 * 48;
-  s.output = output;
   if (dataFileWanted) {
     dataFile = std::fopen("c:/test.txt", "w");
     if (dataFile) {
@@ -600,11 +628,7 @@ int32_t zycEncoder::Begin(zycStreamHeader& header, const zylFrameImage& image,
       std::fputs("//--------------------------------\n\n", dataFile);
     }
   }
-  keyframePlan = plan;
-
-  // Set-up.
   if (!motionByte) zycFillLargeMotionTable(s.largeTable);
-  s.header = header;
   s.paddedWidth = (header.width + blockMax - 1) / blockMax * blockMax;
   s.paddedHeight = (header.height + blockMax - 1) / blockMax * blockMax;
   s.frameIndex = 0;
@@ -625,6 +649,17 @@ int32_t zycEncoder::Begin(zycStreamHeader& header, const zylFrameImage& image,
   s.colourItem.reserve(size_t(s.paddedWidth) * s.paddedHeight / 2);
   zycSadChoose(&s.kernels, allowSimd);
 
+  s.frameDecoder->Setup(s.paddedWidth, s.paddedHeight, 32, yuvCoding, motionByte ? 1 : 0);
+  s.frameDecoder->io = &s.decoderIo;
+  s.decoderReady = true;
+}
+
+// The job's header completed from the settings and the sound, written at the start of the main
+// file (of the extra files when the sound is embedded), and the packer opened behind it.
+void zycEncoder::WriteHeader(zycStreamHeader& header, FILE** extraOutputs,
+                             zylAudioSupplierFn audioSupplier, void* audioUser) {
+  State& s = *state_;
+  s.header = header;
   s.header.fileSize = 0;
   s.header.frameCount = 0;
   s.header.reserved36 = 0;
@@ -640,27 +675,6 @@ int32_t zycEncoder::Begin(zycStreamHeader& header, const zylFrameImage& image,
                 header.timeScale, audioSupplier, audioUser);
   s.header.soundChunkLimit =
       zycSoundChunkLimit(s.sound.soundLead, s.sound.samplesPerFrame, header.soundChannels);
-
-  s.frameDecoder->Setup(s.paddedWidth, s.paddedHeight, 32, yuvCoding, motionByte ? 1 : 0);
-  s.frameDecoder->io = &s.decoderIo;
-  s.decoderReady = true;
-
-  embedded = (header.soundRate && embedRequest && (soundFlags & 15)) ? 1 : 0;
-  if (embedded) {
-    if (packing == kPackingLzma) {
-      if (verbose) zycLog("Lzma is not compatible with Docomo embedded file");
-      return 1;
-    }
-    if (pFrameFormat != 0) {
-      if (verbose) zycLog("PFrameFormat!=zyPFrameDXTC is not compatible with Docomo embedded file");
-      return 1;
-    }
-    if (s.file() && verbose) {
-      zycLog("WARNING: when encoding with docomo embedding sound we don't directly write in main "
-             "output file (but in extraSoundFiles)");
-    }
-  }
-  if (progress) progress->keyFrame = 1;
 
   for (int i = 0; i < kExtraOutputCount; ++i) s.extra[i] = extraOutputs ? extraOutputs[i] : nullptr;
   if (extraOutputs && !embedRequest) {
@@ -692,94 +706,41 @@ int32_t zycEncoder::Begin(zycStreamHeader& header, const zylFrameImage& image,
   // be larger than the picture itself.
   s.packer.Open(packing, s.paddedWidth * s.paddedHeight * 3 + 2 * s.header.soundChunkLimit + 4096,
                 lzmaDictionary, embedded ? nullptr : s.file());
+}
 
-  s.credit = -70;
-  const uint32_t ratioDivisor = ratio ? ratio : 1;
-  const uint32_t raw = s.paddedWidth * s.paddedHeight * 3 + s.header.soundChunkLimit -
-                       s.sound.soundLead;
-  if (header.soundRate == 0 || soundFlags == 0) {
-    s.compressionSize = int32_t(raw / ratioDivisor);
-    if (verbose) zycLog("No Sound. CompressionSize:%d\n", s.compressionSize);
-  } else {
-    s.credit = -74;
-    const uint32_t perFrame = s.header.soundChunkLimit - s.sound.soundLead;
-    s.compressionSize =
-        int32_t(raw / ratioDivisor) - int32_t(perFrame >> ((soundFlags & 32) ? 3 : 2));
-    if (verbose) zycLog("Has Sound. CompressionSize:%d\n", s.compressionSize);
-  }
-  if (forceLastKey && frameTotal && s.header.frameDuration) {
-    const double fps = double(s.header.timeScale) / double(s.header.frameDuration);
-    const int32_t k = int32_t(fps * double(iDmp) * double(s.compressionSize) * iRat);
-    const int32_t t = int32_t(double(s.compressionSize) * iRat);
-    const int32_t candidate =
-        s.compressionSize - int32_t(uint32_t(k + t - s.compressionSize) / frameTotal);
-    if (candidate > 0.7 * s.compressionSize) s.compressionSize = candidate;
-  }
+void zycEncoder::OpenBudget() {
+  State& s = *state_;
+  zycBudgetSetup setup;
+  setup.pictureBytes = s.paddedWidth * s.paddedHeight * 3;
+  setup.soundChunkLimit = s.header.soundChunkLimit;
+  setup.soundLead = s.sound.soundLead;
+  setup.soundRate = s.header.soundRate;
+  setup.soundFlags = soundFlags;
+  setup.ratio = ratio;
+  setup.lastKeyOver = forceLastKey ? frameTotal : 0;
+  s.budget = zycBudget{0, iRat, iDmp, s.header.timeScale, s.header.frameDuration, 0};
+  s.budget.Open(setup, verbose);
+}
 
+// The first key frame: a still image, or the tree with the search off and Begin's rate loop.
+void zycEncoder::FirstFrame(const zylFrameImage& image, zylProgress* progress) {
+  State& s = *state_;
+  if (progress) progress->keyFrame = 1;
   TakePicture(image, s.paddedWidth, s.paddedHeight, s.sourceFrame.data, s.sourceYuv.data);
   s.sound.Take(soundFlags, s.extra);
   const bool hasSound = s.soundHandled && s.sound.soundSize != 0;
-
-  zycBudget budget{s.compressionSize, iRat, iDmp, s.header.timeScale, s.header.frameDuration};
-  const int32_t wantedSize = budget.KeyFrameSize();
+  const int32_t wantedSize = s.budget.KeyFrameSize();
+  FrameInfo info;
   if (iFrameFormat != 0) {
-    const int32_t size = WriteStill(wantedSize, hasSound);
-    s.credit += s.compressionSize - size + (hasSound ? int32_t(s.sound.soundSize) : 0);
-    s.last = FrameInfo{true, wantedSize, size, 0, 0, 0, 100.0};
-    FillProgress(progress, true, size, hasSound);
-    Rebuild();
-    ++s.frameIndex;
-    PatchFile();
-    return 0;
+    info = FrameInfo{.keyFrame = true, .wantedSize = wantedSize,
+                     .size = WriteStill(wantedSize, hasSound)};
+  } else {
+    BuildMotionVector(Search::kOff, Levels::kBuild);
+    const bool key = true;  // Begin's frame is always a key frame
+    info = CodeTree(Caller::kBegin, key, wantedSize, hasSound);
   }
-
-  // The first key frame: the tree with the search off, and the rate loop of Begin.
-  BuildMotionVector(true, true);
-  zycBeginRateLoop loop;
-  loop.wantedSize = wantedSize;
-  // A table frame's try packs the colour item, which the table image then replaces by
-  // something smaller.
-  loop.targetSize = pFrameFormat == 1 ? 2 * wantedSize : wantedSize;
-  loop.errorMin = errorMin;
-  loop.errorLimit = errorLimit;
-  loop.verbose = verbose;
-  uint32_t errorNext = 0;
-  int32_t size = 0;
-  for (;;) {
-    size = TryTree(true, loop.errorMax, errorNext, hasSound, false);
-    s.packer.Restore();
-    if (!loop.AfterPass(size, errorNext)) break;
-  }
-  size = FinishBlockFrame(true, wantedSize, size, loop.errorMax, errorNext, loop.passes, hasSound);
-  s.credit += s.compressionSize - size + (hasSound ? int32_t(s.sound.soundSize) : 0);
-  if (verbose) {
-    zycLog("errorNext: %u, errorMax: %u, size: %u, wantedSize: %u\n", errorNext, loop.errorMax,
-           uint32_t(size), uint32_t(wantedSize));
-    zycLog("-------------------------------------------------------------\n");
-  }
-  s.last = FrameInfo{true, wantedSize, size, loop.errorMax, errorNext, loop.passes, 100.0};
-  NoteTable();
-  FillProgress(progress, true, size, hasSound);
-  Rebuild();
-  s.pool.Reset();
-  ++s.frameIndex;
-  PatchFile();
-  return 0;
-}
-
-void zycEncoder::FillProgress(zylProgress* progress, bool key, int32_t size, bool hasSound) {
-  if (!progress) return;
-  State& s = *state_;
-  progress->frameIndex = s.frameIndex;
-  progress->keyFrame = key ? 1 : 0;
-  progress->size = size;
-  progress->soundSize = hasSound ? s.sound.soundSize : 0;
-  progress->credit = s.credit;
-  progress->quantizer = s.last.errorMax;
-  progress->opcodeBytes = s.opcodeLength;
-  progress->motionBytesCount = s.lists.motionBytes.size();
-  progress->dxtBlockCount = s.stillFrame ? s.stillTarget : s.lists.dxtList.size();
-  progress->fadeBytesCount = s.fadeLength;
+  info.changed = 100.0;
+  FinishFrame(Caller::kBegin, info, hasSound, progress);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -790,7 +751,7 @@ int32_t zycEncoder::Next(const zylFrameImage& image, zylProgress* progress) {
   if (!s.decoderReady) return 0;
   if (progress) progress->keyFrame = 0;
   TakePicture(image, s.paddedWidth, s.paddedHeight, s.sourceFrame.data, s.sourceYuv.data);
-  BuildMotionVector(false, true);
+  BuildMotionVector(Search::kMotion, Levels::kBuild);
 
   s.sound.Take(soundFlags, s.extra);
   if (verbose) zycLog("soundSize:%d\n", s.sound.soundSize);
@@ -798,65 +759,99 @@ int32_t zycEncoder::Next(const zylFrameImage& image, zylProgress* progress) {
 
   // Key frame or P-frame.
   const double changed = zycChangedPercent(s.topBlocks.data(), uint32_t(s.topBlocks.size()));
-  zycBudget budget{s.compressionSize, iRat, iDmp, s.header.timeScale, s.header.frameDuration};
-  const double fps = budget.FramesPerSecond();
+  const double fps = s.budget.FramesPerSecond();
   const double seconds = fps > 0 ? double(s.frameIndex - s.lastKeyFrame) / fps : 0.0;
   zycKeyPlanVerdict verdict = zycWalkKeyPlan(keyframePlan, firstFrame + s.frameIndex);
   if (forceLastKey && frameTotal && s.frameIndex == frameTotal - 1) verdict.forced = true;
   const bool key = zycIsKeyFrame(changed, seconds, iRng, verdict.forced, verdict.inhibited);
-  int32_t wantedSize = budget.PFrameSize(changed, s.credit);
-
+  int32_t wantedSize = s.budget.PFrameSize(changed);
   if (key) {
-    s.packer.Restart();
-    if (progress) progress->keyFrame = 1;
-    if (verbose) zycLog("--- Start a new keyframe ---\n");
-    if (FILE* f = s.file(); f && !embedded) {
-      zycOpenSectionState opened;
-      s.Check(zycOpenSection(f, kMagicZyl0, 0, &opened));
-      s.sectionStart = opened.start;
-    }
-    s.sectionSize = 0;
+    OpenSection(progress);
     // The levels of this picture are already made; only the tree is searched again.
-    if (iFrameFormat == 0) BuildMotionVector(true, false);
-    wantedSize = budget.KeyFrameSize();
-    s.credit -= 6;
+    if (iFrameFormat == 0) BuildMotionVector(Search::kOff, Levels::kKeep);
+    wantedSize = s.budget.KeyFrameSize();
+    s.budget.OpenSection();
     s.lastKeyFrame = s.frameIndex;
   }
 
-  if (key && iFrameFormat != 0) {
-    TimerStart(kTimerNext);
-    const int32_t size = WriteStill(wantedSize, hasSound);
-    s.credit += s.compressionSize - size + (hasSound ? int32_t(s.sound.soundSize) : 0);
-    s.last = FrameInfo{true, wantedSize, size, 0, 0, 0, changed};
-    FillProgress(progress, true, size, hasSound);
-    Rebuild();
-    TimerStop(kTimerNext);
-    s.pool.Reset();
-    ++s.frameIndex;
-    PatchFile();
-    return 0;
-  }
+  TimerStart(kTimerNext);
+  FrameInfo info =
+      key && iFrameFormat != 0
+          ? FrameInfo{.keyFrame = true, .wantedSize = wantedSize,
+                      .size = WriteStill(wantedSize, hasSound)}
+          : CodeTree(Caller::kNext, key, wantedSize, hasSound);
+  info.changed = changed;
+  FinishFrame(Caller::kNext, info, hasSound, progress);
+  return 0;
+}
 
+// A key frame starts a new section: the packer forgets the frames before, and the section's
+// head is written as zeros for the patch to fill.
+void zycEncoder::OpenSection(zylProgress* progress) {
+  State& s = *state_;
+  s.packer.Restart();
+  if (progress) progress->keyFrame = 1;
+  if (verbose) zycLog("--- Start a new keyframe ---\n");
+  if (FILE* f = s.file(); f && !embedded) {
+    zycOpenSectionState opened;
+    s.Check(zycOpenSection(f, kMagicZyl0, 0, &opened));
+    s.sectionStart = opened.start;
+  }
+  s.sectionSize = 0;
+}
+
+// A block tree frame: the rate loop over the tree's thresholds, then the frame's final write.
+zycEncoder::FrameInfo zycEncoder::CodeTree(Caller caller, bool key, int32_t wantedSize,
+                                           bool hasSound) {
+  State& s = *state_;
   zycRateLoop loop;
   loop.verbose = verbose;
-  loop.Start(wantedSize, pFrameFormat == 1 ? 2 * wantedSize : wantedSize, ratio, errorMin,
-             errorLimit);
+  // A table frame's try packs the colour item, which the table image then replaces by
+  // something smaller.
+  const int32_t target = pFrameFormat == 1 ? 2 * wantedSize : wantedSize;
+  const bool timed = caller == Caller::kNext;
+  if (timed) {
+    loop.Start(wantedSize, target, ratio, errorMin, errorLimit);
+    TimerStart(kTimerQuantizeCompress);
+  } else {
+    loop.StartConverging(wantedSize, target, errorMin, errorLimit);
+  }
   uint32_t errorNext = 0;
   int32_t size = 0;
-  TimerStart(kTimerNext);
-  TimerStart(kTimerQuantizeCompress);
   for (;;) {
-    size = TryTree(key, loop.errorMax, errorNext, hasSound, true);
-    TimerStart(kTimerDeflateEnd);
+    size = TryTree(key, loop.errorMax, errorNext, hasSound);
+    if (timed) TimerStart(kTimerDeflateEnd);
     s.packer.Restore();
-    TimerStop(kTimerDeflateEnd);
+    if (timed) TimerStop(kTimerDeflateEnd);
     if (!loop.AfterPass(size, errorNext)) break;
   }
-  TimerStop(kTimerQuantizeCompress);
-  size = FinishBlockFrame(key, wantedSize, size, loop.errorMax, errorNext, loop.passes, hasSound);
-  s.credit += s.compressionSize - size + (hasSound ? int32_t(s.sound.soundSize) : 0);
+  if (timed) TimerStop(kTimerQuantizeCompress);
+  FrameInfo frame{key, wantedSize, size, loop.errorMax, errorNext, loop.passes};
+  FinishBlockFrame(frame, hasSound);
+  return frame;
+}
 
-  if (dataFile) {
+// The end of every frame: the credit, the figures, the progress record, the closed loop, and
+// the headers patched so that the file is a whole movie.
+void zycEncoder::FinishFrame(Caller caller, const FrameInfo& info, bool hasSound,
+                             zylProgress* progress) {
+  State& s = *state_;
+  s.budget.Spend(info.size, hasSound ? s.sound.soundSize : 0);
+  if (!s.stillFrame) ReportTreeFrame(caller, info);
+  s.last = info;
+  NoteTable();
+  FillProgress(progress, hasSound);
+  Rebuild();
+  if (caller == Caller::kNext) TimerStop(kTimerNext);
+  s.pool.Reset();
+  ++s.frameIndex;
+  PatchFile();
+}
+
+// The data file's lines and the closing messages of a block tree frame.
+void zycEncoder::ReportTreeFrame(Caller caller, const FrameInfo& info) {
+  State& s = *state_;
+  if (dataFile && caller == Caller::kNext) {
     const zycFrameLists& l = s.lists;
     std::fprintf(dataFile, "Frame %d : %d blocks\n", int(s.frameIndex), int(l.motionBlocks.size()));
     const int8_t (*table)[2] = motionByte ? kSmallMotionTable : s.largeTable;
@@ -867,22 +862,26 @@ int32_t zycEncoder::Next(const zylFrameImage& image, zylProgress* progress) {
                    table[index][1]);
     }
   }
-  if (verbose) {
-    zycLog("Pass number before convergence: %u\n", loop.passes);
-    zycLog("errorNext: %u, errorMax: %u, size: %u, wantedSize: %u\n", errorNext, loop.errorMax,
-           uint32_t(size), uint32_t(wantedSize));
-    zycLog("-------------------------------------------------------------\n");
-  }
-  s.last = FrameInfo{key, wantedSize, size, loop.errorMax, errorNext, loop.passes, changed};
-  NoteTable();
-  FillProgress(progress, key, size, hasSound);
+  if (!verbose) return;
+  if (caller == Caller::kNext) zycLog("Pass number before convergence: %u\n", info.passes);
+  zycLog("errorNext: %u, errorMax: %u, size: %u, wantedSize: %u\n", info.errorNext, info.errorMax,
+         uint32_t(info.size), uint32_t(info.wantedSize));
+  zycLog("-------------------------------------------------------------\n");
+}
 
-  Rebuild();
-  TimerStop(kTimerNext);
-  s.pool.Reset();
-  ++s.frameIndex;
-  PatchFile();
-  return 0;
+void zycEncoder::FillProgress(zylProgress* progress, bool hasSound) {
+  if (!progress) return;
+  State& s = *state_;
+  progress->frameIndex = s.frameIndex;
+  progress->keyFrame = s.last.keyFrame ? 1 : 0;
+  progress->size = s.last.size;
+  progress->soundSize = hasSound ? s.sound.soundSize : 0;
+  progress->credit = s.budget.credit;
+  progress->quantizer = s.last.errorMax;
+  progress->opcodeBytes = s.opcodeLength;
+  progress->motionBytesCount = s.lists.motionBytes.size();
+  progress->dxtBlockCount = s.stillFrame ? s.stillTarget : s.lists.dxtList.size();
+  progress->fadeBytesCount = s.fadeLength;
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -94,21 +94,38 @@ class zycEncoder : public zycJobEncoder {
   const uint8_t* SourceFrame() const;
 
  private:
-  uint32_t BuildMotionVector(bool searchOff, bool buildLevels);
-  int32_t TryTree(bool key, uint32_t threshold, uint32_t& errorNext, bool hasSound,
-                  bool fadeAllowed);
+  // Who codes the frame. Begin's first key frame has no stepping phase in its rate loop, and no
+  // "- Next()" timer, data file lines or pass count.
+  enum class Caller { kBegin, kNext };
+  enum class Search { kMotion, kOff };  // kOff: DXT1 errors only, the tree of a key frame
+  enum class Levels { kBuild, kKeep };  // kKeep: the levels of this picture are already made
+
+  // Begin, in its order.
+  bool CheckSettings(const zycStreamHeader& header);
+  void Allocate(const zycStreamHeader& header);
+  void WriteHeader(zycStreamHeader& header, FILE** extraOutputs,
+                   zylAudioSupplierFn audioSupplier, void* audioUser);
+  void OpenBudget();
+  void FirstFrame(const zylFrameImage& image, zylProgress* progress);
+
+  void OpenSection(zylProgress* progress);
+  uint32_t BuildMotionVector(Search search, Levels levels);
+  FrameInfo CodeTree(Caller caller, bool key, int32_t wantedSize, bool hasSound);
+  int32_t TryTree(bool key, uint32_t threshold, uint32_t& errorNext, bool hasSound);
   int32_t WriteTree(bool hasSound);
+  int32_t CommitFrame(int32_t size);
   int32_t WriteStill(int32_t wantedSize, bool hasSound);
-  int32_t FinishBlockFrame(bool key, int32_t wantedSize, int32_t size, uint32_t& errorMax,
-                           uint32_t& errorNext, uint32_t& passes, bool hasSound);
+  void FinishBlockFrame(FrameInfo& frame, bool hasSound);
   int32_t WriteTable(bool key, int32_t budget, bool hasSound);
   bool FadesSearched() const;
   int32_t PackSound();
+  void FinishFrame(Caller caller, const FrameInfo& info, bool hasSound, zylProgress* progress);
+  void ReportTreeFrame(Caller caller, const FrameInfo& info);
   void NoteTable();
+  void FillProgress(zylProgress* progress, bool hasSound);
   void Rebuild();
   void BuildReferences();
   void PatchFile();
-  void FillProgress(zylProgress* progress, bool key, int32_t size, bool hasSound);
 
   struct State;      // everything Begin makes; defined with the encoder's code
   State* state_ = nullptr;

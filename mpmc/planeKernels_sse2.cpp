@@ -41,13 +41,14 @@ void zycSadTable4x4Sse2(const uint8_t* target, int32_t targetStride, const uint8
 
 namespace {
 
-// Eight (or, with `four`, four) pixels of a row: o, mp and r widened or narrowed to 16 bits.
-template <bool kAffine>
-inline __m128i RowError(const uint8_t* o, const int32_t* mp, const int32_t* r, bool four, __m128i a,
+// kPixels (eight or four) pixels of a row: o, mp and r widened or narrowed to 16 bits.
+template <bool kAffine, int kPixels>
+inline __m128i RowError(const uint8_t* o, const int32_t* mp, const int32_t* r, __m128i a,
                         __m128i b) {
+  static_assert(kPixels == 4 || kPixels == 8);
   const __m128i zero = _mm_setzero_si128();
   __m128i ov, mv, rv;
-  if (four) {
+  if constexpr (kPixels == 4) {
     ov = _mm_unpacklo_epi8(Load4(o), zero);
     mv = _mm_packs_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(mp)), zero);
     rv = _mm_packs_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(r)), zero);
@@ -64,7 +65,7 @@ inline __m128i RowError(const uint8_t* o, const int32_t* mp, const int32_t* r, b
     const __m128i p0 = _mm_srai_epi32(_mm_unpacklo_epi16(lo, hi), 8);
     const __m128i p1 = _mm_srai_epi32(_mm_unpackhi_epi16(lo, hi), 8);
     rv = _mm_add_epi16(_mm_packs_epi32(p0, p1), b);
-    if (four) rv = _mm_unpacklo_epi64(rv, zero);
+    if constexpr (kPixels == 4) rv = _mm_unpacklo_epi64(rv, zero);
   }
   __m128i t = _mm_add_epi16(mv, rv);
   t = _mm_min_epi16(_mm_max_epi16(t, zero), _mm_set1_epi16(255));
@@ -79,10 +80,10 @@ int32_t MovedError(const uint8_t* o, int32_t oStride, const int32_t* mp, int32_t
   __m128i acc = _mm_setzero_si128();
   for (int32_t j = 0; j < size; ++j, o += oStride, mp += mpStride, r += rStride) {
     if (size == 4) {
-      acc = _mm_add_epi32(acc, RowError<kAffine>(o, mp, r, true, av, bv));
+      acc = _mm_add_epi32(acc, RowError<kAffine, 4>(o, mp, r, av, bv));
     } else {
       for (int32_t i = 0; i < size; i += 8)
-        acc = _mm_add_epi32(acc, RowError<kAffine>(o + i, mp + i, r + i, false, av, bv));
+        acc = _mm_add_epi32(acc, RowError<kAffine, 8>(o + i, mp + i, r + i, av, bv));
     }
   }
   acc = _mm_add_epi32(acc, _mm_srli_si128(acc, 8));
@@ -102,11 +103,11 @@ int32_t MovedDelta(const uint8_t* o, int32_t oStride, const int32_t* now, int32_
   for (int32_t j = 0; j < rows; ++j, o += oStride, now += nowStride, before += beforeStride, r += rStride) {
     int32_t i = 0;
     for (; i + 8 <= columns; i += 8)
-      acc = _mm_add_epi32(acc, _mm_sub_epi32(RowError<kAffine>(o + i, now + i, r + i, false, av, bv),
-                                             RowError<kAffine>(o + i, before + i, r + i, false, av, bv)));
+      acc = _mm_add_epi32(acc, _mm_sub_epi32(RowError<kAffine, 8>(o + i, now + i, r + i, av, bv),
+                                             RowError<kAffine, 8>(o + i, before + i, r + i, av, bv)));
     if (i + 4 <= columns) {
-      acc = _mm_add_epi32(acc, _mm_sub_epi32(RowError<kAffine>(o + i, now + i, r + i, true, av, bv),
-                                             RowError<kAffine>(o + i, before + i, r + i, true, av, bv)));
+      acc = _mm_add_epi32(acc, _mm_sub_epi32(RowError<kAffine, 4>(o + i, now + i, r + i, av, bv),
+                                             RowError<kAffine, 4>(o + i, before + i, r + i, av, bv)));
       i += 4;
     }
     for (; i < columns; ++i) {

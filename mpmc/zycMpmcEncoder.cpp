@@ -78,9 +78,8 @@ void zycMpmcEncoder::Fail() {
   if (outFile) outFile->NoteError(errno);
 }
 
-// The padded picture: the source inside its size; outside it the source's edge (I-frames) or
-// the old picture (P-frames, where padding then costs nothing).
-void zycMpmcEncoder::ReadFrame(const zylFrameImage& image, bool edgeRepeat) {
+// The padded picture: the source inside its size, `padding` outside it.
+void zycMpmcEncoder::ReadFrame(const zylFrameImage& image, Padding padding) {
   const uint32_t w = image.pixels && image.width > 0 ? uint32_t(image.width) : 0;
   const uint32_t h = image.pixels && image.height > 0 ? uint32_t(image.height) : 0;
   uint8_t* out = CurrentBitmapColor.data();
@@ -89,7 +88,7 @@ void zycMpmcEncoder::ReadFrame(const zylFrameImage& image, bool edgeRepeat) {
       const uint8_t* from;
       if (x < w && y < h) {
         from = image.pixels + (size_t(y) * w + x) * 4;
-      } else if (!edgeRepeat) {
+      } else if (padding == Padding::kOld) {
         from = OldBitmapColor.data() + (size_t(y) * paddedWidth + x) * 4;
       } else if (w && h) {
         from = image.pixels + (size_t(y < h ? y : h - 1) * w + (x < w ? x : w - 1)) * 4;
@@ -239,8 +238,8 @@ int32_t zycMpmcEncoder::Begin(zycStreamHeader& jobHeader, const zylFrameImage& i
 
   // 10. The sound, the picture with its edges repeated, the I-frame.
   sound.Take(soundFlags, extraSoundFiles);
-  ReadFrame(image, true);
-  Compress(iFrameFormat == 1 ? modeVQ : modeQuadTree, wantedSize);
+  ReadFrame(image, Padding::kEdge);
+  Compress(IFrameMode(), wantedSize);
   Write(progress);
   return 0;
 }
@@ -280,13 +279,13 @@ int32_t zycMpmcEncoder::Next(const zylFrameImage& image, zylProgress* progress) 
   uint32_t frameMode;
   if (((newSoundBlock && keyFrameOnSoundBlock) || forcedKey) && !inNoKeyRange) {
     // 5. A forced I-frame.
-    ReadFrame(image, true);
-    frameMode = iFrameFormat == 1 ? modeVQ : modeQuadTree;
+    ReadFrame(image, Padding::kEdge);
+    frameMode = IFrameMode();
     used = CreditToUse();
     wantedSize = IFrameWantedSize(used);
   } else {
     // 6. An unchanged source repeats the old picture.
-    ReadFrame(image, false);
+    ReadFrame(image, Padding::kOld);
     const Measure same = Compare(CurrentBitmapColor, OldBitmapColor);
     if (verbose) {
       zycLog("Check same Frame: CurrentBitmapColor-->OldBitmapColor: ErrorMaxAvg:%f, "
@@ -345,8 +344,8 @@ int32_t zycMpmcEncoder::Next(const zylFrameImage& image, zylProgress* progress) 
     }
     if (IFrameCreditCount >= iFrameCreditMin && quality > qualityLimite && !inNoKeyRange) {
       if (verbose) zycLog("Create KeyFrame\n");
-      ReadFrame(image, true);
-      frameMode = iFrameFormat == 1 ? modeVQ : modeQuadTree;
+      ReadFrame(image, Padding::kEdge);
+      frameMode = IFrameMode();
       used = CreditToUse();
       wantedSize = IFrameWantedSize(used);
       if (verbose) {

@@ -108,7 +108,12 @@ class zycMpmcEncoder : public zycJobEncoder {
     double errorMaxAvgSq = 0.0;
     double snr = 0.0;
   };
-  void ReadFrame(const zylFrameImage& image, bool edgeRepeat);
+  // What the padded picture holds outside the source: its edge repeated (I-frames), or the
+  // old picture (P-frames, where padding then costs nothing).
+  enum class Padding { kEdge, kOld };
+  void ReadFrame(const zylFrameImage& image, Padding padding);
+  // The I-frame mode "iFMT" asks for.
+  uint32_t IFrameMode() const { return iFrameFormat == 1 ? modeVQ : modeQuadTree; }
   Measure Compare(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b) const;
   double Fps() const;
   uint32_t CreditToUse() const;

@@ -359,60 +359,16 @@ int percent(uint64_t part, uint64_t whole) { return whole ? int(part * 100 / who
 double percentF(double part, double whole) { return whole > 0 ? part * 100.0 / whole : 0.0; }
 double ratio(double whole, double part) { return part > 0 ? whole / part : 0.0; }
 
-}  // namespace
+// The codebook's index width and vector count: the largest codebook that fits the target
+// beside the surfaces and the index table, and no more vectors than the codebook blocks have
+// quarters.
+struct CodebookPlan {
+  int64_t bits = 12;
+  int64_t vectors = 4096;
+};
 
-VQSLSQCompressor::VQSLSQCompressor(bool sse)
-    : useSse(sse) {
-  scratch = static_cast<uint8_t*>(std::aligned_alloc(16, kScratchBytes));
-}
-
-VQSLSQCompressor::~VQSLSQCompressor() {
-  clearChain();
-  std::free(currentImage);
-  std::free(scratch);
-}
-
-uint32_t VQSLSQCompressor::compress(const uint8_t* image, uint32_t width, uint32_t height,
-                                    int32_t targetSize, std::vector<uint8_t>& result) {
-  const double start = threadSeconds();
-  stats = VQSLSQStatistics();
-
-  // Powers, a fresh chain, working arrays.
-  // Powers for every position of the picture, wrapped as the decoder wraps them.
-  const int powerRows = int(std::max<uint32_t>({uint32_t(SLSQ_MAX_RESOLUTION), width, height}));
-  powers.assign(size_t(powerRows) * kSlsqPowers, 0.0);
-  slsqFillPowers(powers.data(), powerRows);
-  clearChain();
-  pendingReset = 0;
-  const uint32_t blocksX = width / 8, blocksY = height / 8;
-  const uint32_t blockCount = blocksX * blocksY;
-  std::vector<BlockRecord> records(blockCount);
-  std::memset(records.data(), 0xFF, records.size() * sizeof(BlockRecord));
-  const size_t sampleCount = size_t(width) * height * 3;
-  std::vector<float> pixels(sampleCount);
-  for (size_t i = 0; i < sampleCount; ++i) pixels[i] = float(image[i]);
-
-  // Surfaces.
-  SurfacePhase surfacePhase(powers.data(), pixels.data(), width, height, records.data(), verbose);
-  const std::vector<uint8_t> elements = surfacePhase.run(referenceGroupSearch);
-  const uint32_t elementCount = uint32_t(elements.size() / kSurfaceEntryBytes);
-  const double vqStart = threadSeconds();
-  stats.slsqSeconds = vqStart - start;
-
-  // Bits of a surface index; counts of both kinds of blocks.
-  if (verbose) {
-    zycLog("SLSQ calculation: 100%%.\n");
-    zycLog("VQ Calculation...\r");
-  }
-  const uint32_t surfaceBits = bitLength(elementCount);
-  uint32_t slsqBlocks = 0, vqBlocks = 0;
-  for (const BlockRecord& r : records) {
-    if (r.blockType == kTypeSurface) ++slsqBlocks;
-    if (r.blockType == kTypeCodebook) ++vqBlocks;
-  }
-
-  // Codebook size from the target.
-  const int64_t target = targetSize;
+CodebookPlan planCodebook(int64_t target, uint32_t elementCount, uint32_t surfaceBits,
+                          uint32_t slsqBlocks, uint32_t vqBlocks) {
   const int64_t surfaceTableBytes = int64_t(elementCount) * kSurfaceEntryBytes;
   auto indexBytes = [&](int64_t b) {
     return (int64_t(1 + surfaceBits) * slsqBlocks + (1 + 4 * b) * int64_t(vqBlocks)) / 8;
@@ -442,78 +398,91 @@ uint32_t VQSLSQCompressor::compress(const uint8_t* image, uint32_t width, uint32
       b = bitLength(uint32_t(n));
     }
   }
+  return {b, n};
+}
 
-  // Training on the quarters of all codebook blocks.
-  std::vector<uint32_t> vqBlockList;
-  vqBlockList.reserve(vqBlocks);
-  for (uint32_t i = 0; i < blockCount; ++i)
-    if (records[i].blockType == kTypeCodebook) vqBlockList.push_back(i);
+// The codebook trained on the quarters of all codebook blocks, and each quarter's nearest
+// vector written into its block's record.
+struct Assignment {
+  std::vector<uint32_t> blocks;  // the codebook blocks, in picture order
+  std::vector<uint8_t> used;     // per trained vector: some quarter took it
+  float biggest = 0.0f;          // largest squared distance of a quarter to its vector
+  uint32_t rounds = 0;
+};
+
+Assignment trainAndAssign(const float* pixels, uint32_t width, std::vector<BlockRecord>& records,
+                          uint32_t vqBlocks, VQCodebook& codebook, bool verbose) {
+  Assignment a;
+  a.blocks.reserve(vqBlocks);
+  for (uint32_t i = 0; i < records.size(); ++i)
+    if (records[i].blockType == kTypeCodebook) a.blocks.push_back(i);
   std::vector<float> training(size_t(vqBlocks) * 4 * kVqComponents);
   for (uint32_t v = 0; v < vqBlocks; ++v)
     for (uint32_t q = 0; q < 4; ++q)
-      quarterVector(pixels.data(), width, vqBlockList[v], q,
-                    &training[(size_t(v) * 4 + q) * kVqComponents]);
-  vqCodebook = std::make_unique<VQCodebook>(uint32_t(n), useSse);
-  stats.trainingRounds = vqCodebook->train(training.data(), vqBlocks * 4, verbose);
+      quarterVector(pixels, width, a.blocks[v], q, &training[(size_t(v) * 4 + q) * kVqComponents]);
+  a.rounds = codebook.train(training.data(), vqBlocks * 4, verbose);
 
-  // Final assignment.
-  std::vector<uint8_t> used(size_t(n), 0);
-  float biggest = 0.0f;
+  a.used.assign(codebook.size, 0);
   for (uint32_t v = 0; v < vqBlocks; ++v) {
     for (uint32_t q = 0; q < 4; ++q) {
       float d;
-      const uint32_t index =
-          vqCodebook->nearest(&training[(size_t(v) * 4 + q) * kVqComponents], &d);
-      records[vqBlockList[v]].vqIndex[q] = uint16_t(index);
-      used[index] = 1;
-      if (d > biggest) biggest = d;
+      const uint32_t index = codebook.nearest(&training[(size_t(v) * 4 + q) * kVqComponents], &d);
+      records[a.blocks[v]].vqIndex[q] = uint16_t(index);
+      a.used[index] = 1;
+      if (d > a.biggest) a.biggest = d;
     }
   }
-  if (verbose)
-    zycLog("Error with %d bits codebook: %.1f (VQ Tolerance equ. %.1f).\n", int(b), double(biggest),
-           std::sqrt(double(biggest) / 48.0));
+  return a;
+}
 
-  // Compaction to the used vectors, components truncated to bytes.
+// The used vectors, components cut to bytes, sorted by colour, the blocks' indices renumbered
+// to match; stored as DXT1 blocks, one a vector, as the decoder reads them.
+std::vector<uint8_t> storeCodebook(const VQCodebook& codebook, uint32_t bits,
+                                   const Assignment& a, std::vector<BlockRecord>& records) {
+  const uint32_t n = codebook.size;
   std::vector<uint32_t> compactNumber(size_t(n), 0);
   std::vector<uint8_t> compact;
-  uint32_t codebookCount = 0;
-  for (uint32_t i = 0; i < uint32_t(n); ++i) {
-    if (!used[i]) continue;
-    compactNumber[i] = codebookCount++;
-    const float* row = vqCodebook->vectors + size_t(i) * kVqComponents;
+  uint32_t count = 0;
+  for (uint32_t i = 0; i < n; ++i) {
+    if (!a.used[i]) continue;
+    compactNumber[i] = count++;
+    const float* row = codebook.vectors + size_t(i) * kVqComponents;
     for (uint32_t c = 0; c < kVqComponents; ++c)
       compact.push_back(uint8_t(std::clamp(row[c], 0.0f, 255.0f)));
   }
-  ZYC_ASSERT(codebookCount <= uint32_t(n) && codebookCount <= (uint32_t(1) << b) &&
-                 codebookCount <= 65536,
-             kCompressName, "Internal error.\n");
+  ZYC_ASSERT(count <= n && count <= (uint32_t(1) << bits) && count <= 65536, kCompressName,
+             "Internal error.\n");
 
-  // Colour sort and renumbering.
-  std::vector<float> keys(codebookCount);
-  for (uint32_t i = 0; i < codebookCount; ++i) keys[i] = vqColourKey(&compact[size_t(i) * 48]);
-  std::vector<uint32_t> order(codebookCount), rank(codebookCount);
-  vqSortAscending(keys.data(), codebookCount, order.data());
+  std::vector<float> keys(count);
+  for (uint32_t i = 0; i < count; ++i) keys[i] = vqColourKey(&compact[size_t(i) * 48]);
+  std::vector<uint32_t> order(count), rank(count);
+  vqSortAscending(keys.data(), count, order.data());
   std::vector<uint8_t> sorted(compact.size());
-  for (uint32_t k = 0; k < codebookCount; ++k) {
+  for (uint32_t k = 0; k < count; ++k) {
     rank[order[k]] = k;
     std::memcpy(&sorted[size_t(k) * 48], &compact[size_t(order[k]) * 48], 48);
   }
-  for (uint32_t block : vqBlockList)
+  for (uint32_t block : a.blocks)
     for (uint32_t q = 0; q < 4; ++q)
       records[block].vqIndex[q] = uint16_t(rank[compactNumber[records[block].vqIndex[q]]]);
 
-  // The codebook as DXT1 blocks: one column of 4x4 pictures, one block each.
-  std::vector<uint8_t> dxt(size_t(codebookCount) * 8);
-  if (codebookCount) zycCompressDxtn(3, 4, int(4 * codebookCount), sorted.data(), dxt.data());
-  const size_t dxtBytes = size_t((4 + 3) / 4) * ((4 * codebookCount + 3) / 4) * 8;
-  ZYC_ASSERT(dxtBytes == size_t(codebookCount) * 8, kCompressName, "Internal error.\n");
+  // One column of 4x4 pictures, one block each.
+  std::vector<uint8_t> dxt(size_t(count) * 8);
+  if (count) zycCompressDxtn(3, 4, int(4 * count), sorted.data(), dxt.data());
+  const size_t dxtBytes = size_t((4 + 3) / 4) * ((4 * count + 3) / 4) * 8;
+  ZYC_ASSERT(dxtBytes == size_t(count) * 8, kCompressName, "Internal error.\n");
+  return dxt;
+}
 
-  // Index table.
+// The index table: per block in picture order, a 1 and its four codebook indices, or a 0 and
+// its surface element.
+VqBitWriter writeIndexTable(const std::vector<BlockRecord>& records, uint32_t vqBits,
+                            uint32_t surfaceBits) {
   VqBitWriter bits;
   for (const BlockRecord& r : records) {
     if (r.blockType == kTypeCodebook) {
       bits.put(1, 1);
-      for (uint32_t q = 0; q < 4; ++q) bits.put(r.vqIndex[q], uint32_t(b));
+      for (uint32_t q = 0; q < 4; ++q) bits.put(r.vqIndex[q], vqBits);
     } else if (r.blockType == kTypeSurface) {
       bits.put(0, 1);
       bits.put(r.slsqIndex / 3u, surfaceBits);
@@ -521,6 +490,118 @@ uint32_t VQSLSQCompressor::compress(const uint8_t* image, uint32_t width, uint32
       ZYC_ERROR(kCompressName, "Invalid internal state");
     }
   }
+  return bits;
+}
+
+// The statistics lines of a compress.
+void logStatistics(const VQSLSQStatistics& st, uint32_t width, uint32_t height) {
+  const uint32_t blocksX = width / 8, blocksY = height / 8;
+  const uint32_t blockCount = st.blockCount, slsqBlocks = st.slsqBlocks, vqBlocks = st.vqBlocks;
+  const uint32_t pixelCount = width * height;
+  const uint32_t rgbBytes = pixelCount * 3;
+  const uint32_t pureDxt = pixelCount / 2;
+  const uint32_t surfaceBytes = st.surfaceElements * kSurfaceEntryBytes;
+  const uint32_t vqElementBytes = st.codebookCount * 8;
+  const uint32_t compressed = st.indexTableBytes + surfaceBytes + vqElementBytes;
+  zycLog("Global image statistics:\n");
+  zycLog("blocks: %dx%d.\n", int(blocksX), int(blocksY));
+  zycLog("Image pixel count: %d.\n", int(pixelCount));
+  zycLog("Image size in RGB: %d.\n", int(rgbBytes));
+  zycLog("Elementary %dx%d compression block count: %d (%dx%d).\n", 8, 8, int(blockCount),
+         int(blocksX), int(blocksY));
+  zycLog(" - SLSQ block count: %d (%d%%).\n", int(slsqBlocks), percent(slsqBlocks, blockCount));
+  zycLog(" - VQ block count: %d (%d%%).\n", int(vqBlocks), percent(vqBlocks, blockCount));
+  zycLog("SLSQ blocks statistics:\n");
+  zycLog("SLSQ index bit size: %d bits\n", int(st.surfaceBits));
+  zycLog("SLSQ pixel tolerance: %.1f.\n", double(kSlsqTolerance));
+  zycLog("SLSQ Minimum block number inside one multi-block group: %d.\n", int(kMinGroupBlocks));
+  zycLog("SLSQ multi-block efficiency: %d elements stored %.1f:1.\n", int(st.surfaceElements),
+         ratio(slsqBlocks, st.surfaceElements));
+  zycLog("VQ blocks statistics:\n");
+  zycLog("VQ Block size: %dx%d (%d VQ blocks per compression blocs)\n", 4, 4, 4);
+  zycLog("VQ Block count: %d\n", int(vqBlocks * 4));
+  zycLog("VQ codebook element count: %d (%d bits) average %.1f VQ block per codebook\n",
+         int(st.codebookCount), int(st.vqBits), ratio(vqBlocks * 4.0, st.codebookCount));
+  zycLog("VQ pixel tolerance: %.1f. (tolerance for the square full vector distance: %.1f)\n",
+         kVqPixelTolerance, kVqVectorTolerance);
+  zycLog("Biggest VQ error: %.1f\n", double(st.biggestVqError));
+  zycLog("Pure DXT1/ETC compressed image size: %d (%.1f%%) ratio %.1f:1.\n", int(pureDxt),
+         percentF(pureDxt, rgbBytes), ratio(rgbBytes, pureDxt));
+  zycLog("Compressed image size: %d (%.1f%%) ratio %.1f:1.\n", int(compressed),
+         percentF(compressed, rgbBytes), ratio(rgbBytes, compressed));
+  zycLog(" - Index Table size: %d (%d%%).\n", int(st.indexTableBytes),
+         percent(st.indexTableBytes, compressed));
+  zycLog(" - SLSQ element size: %d (%d%%) local compression %.1f%% ratio %.1f:1.\n",
+         int(surfaceBytes), percent(surfaceBytes, compressed),
+         percentF(surfaceBytes, slsqBlocks * 192.0), ratio(slsqBlocks * 192.0, surfaceBytes));
+  zycLog(" - VQ element size: %d (%d%%) local compression %.1f%% ratio %.1f:1.\n",
+         int(vqElementBytes), percent(vqElementBytes, compressed),
+         percentF(vqElementBytes, vqBlocks * 192.0), ratio(vqBlocks * 192.0, vqElementBytes));
+  zycLog(" - RAW VQ element size: %d.\n", int(st.codebookCount * 48));
+  zycLog("Final compressed image size: %d (%.1f%%) ratio %.1f:1.\n", int(st.totalBytes),
+         percentF(st.totalBytes, rgbBytes), ratio(rgbBytes, st.totalBytes));
+}
+
+}  // namespace
+
+VQSLSQCompressor::VQSLSQCompressor(bool sse)
+    : useSse(sse) {
+  scratch = static_cast<uint8_t*>(std::aligned_alloc(16, kScratchBytes));
+}
+
+VQSLSQCompressor::~VQSLSQCompressor() {
+  clearChain();
+  std::free(currentImage);
+  std::free(scratch);
+}
+
+uint32_t VQSLSQCompressor::compress(const uint8_t* image, uint32_t width, uint32_t height,
+                                    int32_t targetSize, std::vector<uint8_t>& result) {
+  const double start = threadSeconds();
+  stats = VQSLSQStatistics();
+
+  // Powers for every position of the picture, wrapped as the decoder wraps them; a fresh
+  // chain; the pixels as floats.
+  const int powerRows = int(std::max<uint32_t>({uint32_t(SLSQ_MAX_RESOLUTION), width, height}));
+  powers.assign(size_t(powerRows) * kSlsqPowers, 0.0);
+  slsqFillPowers(powers.data(), powerRows);
+  clearChain();
+  pendingReset = 0;
+  const uint32_t blockCount = width / 8 * (height / 8);
+  std::vector<BlockRecord> records(blockCount);
+  std::memset(records.data(), 0xFF, records.size() * sizeof(BlockRecord));
+  const std::vector<float> pixels(image, image + size_t(width) * height * 3);
+
+  // Surfaces.
+  SurfacePhase surfacePhase(powers.data(), pixels.data(), width, height, records.data(), verbose);
+  const std::vector<uint8_t> elements = surfacePhase.run(referenceGroupSearch);
+  const uint32_t elementCount = uint32_t(elements.size() / kSurfaceEntryBytes);
+  const double vqStart = threadSeconds();
+  stats.slsqSeconds = vqStart - start;
+  if (verbose) {
+    zycLog("SLSQ calculation: 100%%.\n");
+    zycLog("VQ Calculation...\r");
+  }
+  const uint32_t surfaceBits = bitLength(elementCount);
+  uint32_t slsqBlocks = 0, vqBlocks = 0;
+  for (const BlockRecord& r : records) {
+    if (r.blockType == kTypeSurface) ++slsqBlocks;
+    if (r.blockType == kTypeCodebook) ++vqBlocks;
+  }
+
+  // The codebook.
+  const CodebookPlan plan = planCodebook(targetSize, elementCount, surfaceBits, slsqBlocks,
+                                         vqBlocks);
+  const int64_t b = plan.bits;
+  vqCodebook = std::make_unique<VQCodebook>(uint32_t(plan.vectors), useSse);
+  const Assignment assignment =
+      trainAndAssign(pixels.data(), width, records, vqBlocks, *vqCodebook, verbose);
+  if (verbose)
+    zycLog("Error with %d bits codebook: %.1f (VQ Tolerance equ. %.1f).\n", int(b),
+           double(assignment.biggest), std::sqrt(double(assignment.biggest) / 48.0));
+  const std::vector<uint8_t> dxt = storeCodebook(*vqCodebook, uint32_t(b), assignment, records);
+  const uint32_t codebookCount = uint32_t(dxt.size() / 8);
+  const VqBitWriter bits = writeIndexTable(records, uint32_t(b), surfaceBits);
 
   // The table size rises above the decoded codebook before the header is written.
   const uint32_t codebookTableBytes = codebookCount * 48;
@@ -565,59 +646,14 @@ uint32_t VQSLSQCompressor::compress(const uint8_t* image, uint32_t width, uint32
   stats.surfaceElements = elementCount;
   stats.surfaceBits = surfaceBits;
   stats.vqBits = uint32_t(b);
-  stats.codebookSize = uint32_t(n);
+  stats.codebookSize = uint32_t(plan.vectors);
   stats.codebookCount = codebookCount;
-  stats.biggestVqError = biggest;
+  stats.trainingRounds = assignment.rounds;
+  stats.biggestVqError = assignment.biggest;
   stats.indexTableBytes = indexTableBytes;
   stats.totalBytes = total;
   stats.vqSeconds = threadSeconds() - vqStart;
-
-  // Statistics.
-  if (verbose) {
-    const uint32_t pixelCount = width * height;
-    const uint32_t rgbBytes = pixelCount * 3;
-    const uint32_t pureDxt = pixelCount / 2;
-    const uint32_t compressed = indexTableBytes + uint32_t(elements.size()) + codebookCount * 8;
-    const uint32_t surfaceBytes = uint32_t(elements.size());
-    const uint32_t vqElementBytes = codebookCount * 8;
-    zycLog("Global image statistics:\n");
-    zycLog("blocks: %dx%d.\n", int(blocksX), int(blocksY));
-    zycLog("Image pixel count: %d.\n", int(pixelCount));
-    zycLog("Image size in RGB: %d.\n", int(rgbBytes));
-    zycLog("Elementary %dx%d compression block count: %d (%dx%d).\n", 8, 8, int(blockCount),
-           int(blocksX), int(blocksY));
-    zycLog(" - SLSQ block count: %d (%d%%).\n", int(slsqBlocks), percent(slsqBlocks, blockCount));
-    zycLog(" - VQ block count: %d (%d%%).\n", int(vqBlocks), percent(vqBlocks, blockCount));
-    zycLog("SLSQ blocks statistics:\n");
-    zycLog("SLSQ index bit size: %d bits\n", int(surfaceBits));
-    zycLog("SLSQ pixel tolerance: %.1f.\n", double(kSlsqTolerance));
-    zycLog("SLSQ Minimum block number inside one multi-block group: %d.\n", int(kMinGroupBlocks));
-    zycLog("SLSQ multi-block efficiency: %d elements stored %.1f:1.\n", int(elementCount),
-           ratio(slsqBlocks, elementCount));
-    zycLog("VQ blocks statistics:\n");
-    zycLog("VQ Block size: %dx%d (%d VQ blocks per compression blocs)\n", 4, 4, 4);
-    zycLog("VQ Block count: %d\n", int(vqBlocks * 4));
-    zycLog("VQ codebook element count: %d (%d bits) average %.1f VQ block per codebook\n",
-           int(codebookCount), int(b), ratio(vqBlocks * 4.0, codebookCount));
-    zycLog("VQ pixel tolerance: %.1f. (tolerance for the square full vector distance: %.1f)\n",
-           kVqPixelTolerance, kVqVectorTolerance);
-    zycLog("Biggest VQ error: %.1f\n", double(biggest));
-    zycLog("Pure DXT1/ETC compressed image size: %d (%.1f%%) ratio %.1f:1.\n", int(pureDxt),
-           percentF(pureDxt, rgbBytes), ratio(rgbBytes, pureDxt));
-    zycLog("Compressed image size: %d (%.1f%%) ratio %.1f:1.\n", int(compressed),
-           percentF(compressed, rgbBytes), ratio(rgbBytes, compressed));
-    zycLog(" - Index Table size: %d (%d%%).\n", int(indexTableBytes),
-           percent(indexTableBytes, compressed));
-    zycLog(" - SLSQ element size: %d (%d%%) local compression %.1f%% ratio %.1f:1.\n",
-           int(surfaceBytes), percent(surfaceBytes, compressed),
-           percentF(surfaceBytes, slsqBlocks * 192.0), ratio(slsqBlocks * 192.0, surfaceBytes));
-    zycLog(" - VQ element size: %d (%d%%) local compression %.1f%% ratio %.1f:1.\n",
-           int(vqElementBytes), percent(vqElementBytes, compressed),
-           percentF(vqElementBytes, vqBlocks * 192.0), ratio(vqBlocks * 192.0, vqElementBytes));
-    zycLog(" - RAW VQ element size: %d.\n", int(codebookTableBytes));
-    zycLog("Final compressed image size: %d (%.1f%%) ratio %.1f:1.\n", int(total),
-           percentF(total, rgbBytes), ratio(rgbBytes, total));
-  }
+  if (verbose) logStatistics(stats, width, height);
   return total;
 }
 

@@ -15,20 +15,25 @@ zycBudget Budget2000() {
   return b;
 }
 
-TEST(RateControl, OrdinaryPFrameGetsItsShareAndSavingsUpToTheSlack) {
-  const zycBudget b = Budget2000();
-  EXPECT_EQ(b.PFrameSize(3.0, 10), 2010);
-  EXPECT_EQ(b.PFrameSize(3.0, 1000), 2400);
-  EXPECT_EQ(b.PFrameSize(3.0, 0), 2000);
-  EXPECT_EQ(b.PFrameSize(25.0, -1), 1600);  // a debt costs the share
-}
-
-TEST(RateControl, KeyFrameAndSceneChangeBudgets) {
-  const zycBudget b = Budget2000();
-  EXPECT_EQ(b.KeyFrameSize(), 10000);
-  EXPECT_EQ(b.PFrameSize(30.0, 5), 10000);
-  EXPECT_EQ(b.PFrameSize(30.0, -5), 5000);   // a debt halves it
-  EXPECT_EQ(b.PFrameSize(50.0, -5), 10000);  // unless half the picture changed
+TEST(RateControl, FrameBudgetsFromTheChangeAndTheCredit) {
+  struct Case {
+    double changed;
+    int32_t credit;
+    int32_t wanted;
+  };
+  // A = 2000, F = 0.2, 25 frames a second: K = 10000, the slack share 400.
+  const Case cases[] = {
+      {3.0, 10, 2010},     {3.0, 1000, 2400},  // savings, up to the share
+      {3.0, 0, 2000},      {25.0, -1, 1600},   // a debt costs the share
+      {30.0, 5, 10000},    {30.0, -5, 5000},   // a scene change: K, halved by a debt
+      {50.0, -5, 10000},                       // unless half the picture changed
+  };
+  for (const Case& c : cases) {
+    zycBudget b = Budget2000();
+    b.credit = c.credit;
+    EXPECT_EQ(b.PFrameSize(c.changed), c.wanted) << c.changed << "% changed, credit " << c.credit;
+  }
+  EXPECT_EQ(Budget2000().KeyFrameSize(), 10000);
 }
 
 TEST(RateControl, ConvergenceFromZeroTakesTheNextError) {
@@ -129,10 +134,9 @@ TEST(RateLoop, NoErrorLeftEndsTheSecondPhase) {
   EXPECT_FALSE(loop.AfterPass(5000, kErrorNextStart));
 }
 
-TEST(BeginRateLoop, ConvergesUntilTheFrameFits) {
-  zycBeginRateLoop loop;
-  loop.wantedSize = 1000;
-  loop.targetSize = 1000;
+TEST(RateLoop, BeginsLoopConvergesUntilTheFrameFits) {
+  zycRateLoop loop;
+  loop.StartConverging(1000, 1000, 0, 100000);
   ASSERT_TRUE(loop.AfterPass(3000, 40));
   EXPECT_EQ(loop.errorMax, 40u);
   ASSERT_TRUE(loop.AfterPass(2000, 45));
