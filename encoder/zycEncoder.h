@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "codec/zycJobEncoder.h"
+#include "seam/zycJobEncoder.h"
 
 class zycEncoder : public zycJobEncoder {
  public:

@@ -88,11 +88,14 @@ TEST(VQCodebook, SizeNotAMultipleOfFourTraps) {
   EXPECT_DEATH({ VQCodebook codebook(6, false); }, "");
 }
 
-TEST(VQCodebook, SseDistancesEqualPlainDistancesBitForBit) {
+TEST(VQCodebook, SseKernelsEqualPlainKernelsBitForBit) {
   std::mt19937 random(3);
   std::uniform_real_distribution<float> sample(0.0f, 255.0f);
+  vqCodebookKernels plainKernels, sseKernels;
+  vqCodebookPlain(&plainKernels);
+  if (!vqCodebookSse(&sseKernels)) GTEST_SKIP() << "no SSE in this build";
   VQCodebook codebook(64, true);
-  if (!codebook.sse) GTEST_SKIP() << "no SSE in this build";
+  EXPECT_TRUE(codebook.kernels.simd);
   std::vector<float> row(kVqComponents);
   for (uint32_t i = 0; i < 64; ++i) {
     for (float& v : row) v = sample(random);
@@ -101,9 +104,17 @@ TEST(VQCodebook, SseDistancesEqualPlainDistancesBitForBit) {
   std::vector<float> plain(64), fast(64);
   for (int trial = 0; trial < 50; ++trial) {
     for (float& v : row) v = sample(random);
-    vqDistancesPlain(codebook.vectors, 64, row.data(), plain.data());
-    ASSERT_TRUE(vqDistancesSse(codebook.interleaved, 64, row.data(), fast.data()));
+    plainKernels.distances(codebook, row.data(), plain.data());
+    sseKernels.distances(codebook, row.data(), fast.data());
     ASSERT_EQ(std::memcmp(plain.data(), fast.data(), 64 * sizeof(float)), 0);
+    // The pruned search, from every fourth hint, against the same lower bounds.
+    float nearPlain = 0, nearFast = 0;
+    codebook.nearest(row.data(), &nearPlain);  // fills the lower bounds
+    for (uint32_t hint = 0; hint < 64; hint += 4) {
+      ASSERT_EQ(plainKernels.nearest(codebook, row.data(), hint, &nearPlain),
+                sseKernels.nearest(codebook, row.data(), hint, &nearFast));
+      ASSERT_EQ(nearPlain, nearFast);
+    }
   }
 }
 
