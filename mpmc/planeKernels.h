@@ -1,7 +1,8 @@
-// The plane coder's kernel sets: the level-0 SAD tables and their best entries, the moved blocks' errors of the motion
-// and affine searches and their changes after an atom, the blocks' estimated gains and the 64-filter bank, plain and with
-// SSE2 or AVX2, in a table as the motion search keeps its zycSadKernels. Every set gives the plain
-// results bit for bit; which one runs is chosen once per job from the processor's features.
+// The plane coder's kernel sets: the level-0 SAD tables and their best entries, the moved blocks'
+// errors of the motion and affine searches and their changes after an atom, the blocks' estimated
+// gains and the 64-filter bank, plain and with SSE2 or AVX2, in a table as the motion search keeps
+// its zycSadKernels. Every set gives the plain results bit for bit; which one runs is chosen once
+// per job from the processor's features.
 #pragma once
 
 #include <cstdint>

@@ -261,9 +261,9 @@ TEST_F(EncodeJob, PrintsTheFrameTimesAndTheEndLinesInOrder) {
 
 TEST_F(EncodeJob, NullSourceIsRefused) {
   std::u16string name = Name("a.zyl");
-  EXPECT_EQ(RunEncodeJob(codec_->JobSettings(), &encoder_, nullptr, name.c_str(), 0, 0, nullptr,
-                         nullptr),
-            2);
+  EXPECT_EQ(
+      RunEncodeJob(codec_->JobSettings(), &encoder_, nullptr, name.c_str(), 0, 0, nullptr, nullptr),
+      2);
   EXPECT_TRUE(encoder_.calls.empty());
   EXPECT_FALSE(fs::exists(dir_ / "a.zyl"));
 }

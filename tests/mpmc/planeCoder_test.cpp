@@ -160,7 +160,8 @@ TEST(PlaneCoder, StreamsOfRealPlanesKeepTheirDigests) {
   for (bool simd : {false, true}) {
     zycPlaneKernelsChoose(&planeKernels, simd);
     for (const Case& c : cases) {
-      SCOPED_TRACE(testing::Message() << "simd " << simd << " plane " << c.plane << " bits " << c.bits);
+      SCOPED_TRACE(testing::Message()
+                   << "simd " << simd << " plane " << c.plane << " bits " << c.bits);
       const bool luma = c.plane == 0;
       mpmcafPlaneSize(luma ? 320 : 160, luma ? 184 : 92);
       const auto& pick = [&](const zylTestPlanes& f) -> const std::vector<uint8_t>& {
@@ -201,24 +202,30 @@ TEST(PlaneCoder, FastKernelsGiveThePlainResultsOnRealPixels) {
     for (int32_t count = 1; count <= 40; ++count) {
       const size_t at = static_cast<size_t>(count) * 97;
       for (int32_t fx : {0, 1})
-        out.values.push_back(planeKernels.motionEstimate(r.data() + at, r.data() + at + stride, fx, window.data() + at,
-                                               mc.data() + at, target.data() + at, error.data() + at, count));
+        out.values.push_back(planeKernels.motionEstimate(
+            r.data() + at, r.data() + at + stride, fx, window.data() + at, mc.data() + at,
+            target.data() + at, error.data() + at, count));
       for (auto [a, b] : {std::pair{256, 0}, {-700, 255}, {3071, -256}, {130, 40}}) {
-        out.values.push_back(planeKernels.affineEstimate(r.data() + at, a, b, window.data() + at, mc.data() + at,
-                                               target.data() + at, error.data() + at, count));
+        out.values.push_back(planeKernels.affineEstimate(r.data() + at, a, b, window.data() + at,
+                                                         mc.data() + at, target.data() + at,
+                                                         error.data() + at, count));
         if (count <= 9)
           for (int32_t rows = 1; rows <= 8; rows += 7) {
-            out.values.push_back(planeKernels.motionDelta(o.data() + at, stride, now.data() + at, stride, before.data() + at,
-                                                stride, r.data() + at, stride, count, rows, 256, 0));
-            out.values.push_back(planeKernels.affineDelta(o.data() + at, stride, now.data() + at, stride, before.data() + at,
-                                                stride, r.data() + at, stride, count, rows, a, b));
+            out.values.push_back(planeKernels.motionDelta(
+                o.data() + at, stride, now.data() + at, stride, before.data() + at, stride,
+                r.data() + at, stride, count, rows, 256, 0));
+            out.values.push_back(planeKernels.affineDelta(
+                o.data() + at, stride, now.data() + at, stride, before.data() + at, stride,
+                r.data() + at, stride, count, rows, a, b));
           }
         for (int32_t size : {4, 8, 16, 32})
           if (count == size) {
-            out.values.push_back(planeKernels.motionError(o.data() + at, stride, before.data() + at, stride, r.data() + at,
-                                                stride, size, 256, 0));
-            out.values.push_back(planeKernels.affineError(o.data() + at, stride, before.data() + at, stride, r.data() + at,
-                                                stride, size, a, b));
+            out.values.push_back(planeKernels.motionError(o.data() + at, stride, before.data() + at,
+                                                          stride, r.data() + at, stride, size, 256,
+                                                          0));
+            out.values.push_back(planeKernels.affineError(o.data() + at, stride, before.data() + at,
+                                                          stride, r.data() + at, stride, size, a,
+                                                          b));
           }
       }
       table[1000 - count * 25] = 0;  // each lowest entry left of those before
