@@ -37,7 +37,6 @@ uint32_t zycBaseColourPairError(const uint8_t pixels[64], uint32_t mask, uint16_
 uint32_t zycBaseColourAssignPlain(const uint8_t pixels[64], uint32_t mask, const int palette[4][3],
                                   uint8_t indices[16]);
 #if !defined(ZYL_NO_SIMD)
-#define ZYL_DXT_SSE2 1
 uint32_t zycBaseColourAssignSse2(const uint8_t pixels[64], uint32_t mask, const int palette[4][3],
                                  uint8_t indices[16]);
 #endif

@@ -11,7 +11,7 @@ void zycDxtPlain(zycDxtKernels* kernels) {
 }
 
 bool zycDxtSse2(zycDxtKernels* kernels) {
-#ifdef ZYL_DXT_SSE2
+#ifndef ZYL_NO_SIMD
   kernels->fastDxt = zycFastDxtSse2;
   kernels->baseColourAssign = zycBaseColourAssignSse2;
   kernels->simd = true;

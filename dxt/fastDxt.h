@@ -11,7 +11,6 @@
 // multiples of 4. `blocks` receives (width / 4) x (height / 4) blocks of 8 bytes, raster order.
 void zycFastDxtPlain(const uint8_t* pixels, uint32_t width, uint32_t height, uint8_t* blocks);
 #if !defined(ZYL_NO_SIMD)
-#define ZYL_DXT_SSE2 1
 void zycFastDxtSse2(const uint8_t* pixels, uint32_t width, uint32_t height, uint8_t* blocks);
 #endif
 
