@@ -1,4 +1,5 @@
-# Installs the shared library with its one header (include/zyl/zylCodec.h), the zyl tool, a
+# Installs the shared library with its one header (include/zyl/zylCodec.h, and the plain records
+# it includes as include/zyl/base/zylTypes.h), the zyl tool, a
 # pkg-config file and a CMake package, so that a host can find_package(zyl) or
 # pkg-config --cflags --libs zyl.
 include(GNUInstallDirs)
@@ -10,6 +11,8 @@ install(TARGETS zyl EXPORT zylTargets
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/codec/zylCodec.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zyl)
+install(FILES ${PROJECT_SOURCE_DIR}/base/zylTypes.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zyl/base)
 if(TARGET zyl_cli)
   install(TARGETS zyl_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()

@@ -68,10 +68,9 @@ int FailedWrite(zycFileHolder* output, const char16_t* outputName) {
   return reason;
 }
 
-int32_t RunJob(zycCodec& codec, zycJobEncoder* encoder, zylSource* source,
+int32_t RunJob(const zycJobSettings& settings, zycJobEncoder* encoder, zylSource* source,
                const char16_t* outputName, uint32_t firstFrame, uint32_t frameCount,
                const zylKeyframeRange* keyframePlan, char16_t* outputNameBuffer, int* reason) {
-  codec.source = source;
   if (!source) return 2;
 
   zycStreamHeader header;
@@ -89,12 +88,12 @@ int32_t RunJob(zycCodec& codec, zycJobEncoder* encoder, zylSource* source,
   // in up to four numbered copies.
   FILE** extra = nullptr;
   bool embedOnly = false;
-  if (codec.soundEnabled != 0 && (flags & kFlagEmbeddedSound) == 0 && !codec.skipExtraFiles) {
-    if (codec.mode != 0) {
+  if (settings.soundEnabled && (flags & kFlagEmbeddedSound) == 0 && !settings.skipExtraFiles) {
+    if (settings.mode != 0) {
       zycLog("docomo sound is only implemented for ZYL0\n");
       return 3;
     }
-    embedOnly = codec.encoder.embedRequest != 0 && (flags & kFlagExtraOutputs) != 0;
+    embedOnly = settings.embedRequest && (flags & kFlagExtraOutputs) != 0;
     extra = static_cast<FILE**>(std::calloc(kExtraOutputCount, sizeof(FILE*)));
     if (!extra) return 3;
     for (int index = 1; index <= 4; ++index) {
@@ -142,16 +141,16 @@ int32_t RunJob(zycCodec& codec, zycJobEncoder* encoder, zylSource* source,
   uint64_t previous = start;
 
   if (encoder) {
-    header.soundChannels = codec.soundEnabled ? uint32_t(source->audioChannels) : 0;
-    header.soundRate = codec.soundEnabled ? uint32_t(source->audioSampleRate) : 0;
+    header.soundChannels = settings.soundEnabled ? uint32_t(source->audioChannels) : 0;
+    header.soundRate = settings.soundEnabled ? uint32_t(source->audioSampleRate) : 0;
     header.width = uint32_t(image.width);
     header.height = uint32_t(image.height);
-    header.version = codec.headerVersion;
-    header.magic = codec.mode == 0 ? kMagicZyl0 : kMagicZyl1;
+    header.version = settings.headerVersion;
+    header.magic = settings.mode == 0 ? kMagicZyl0 : kMagicZyl1;
     encoder->SetJobRange(firstFrame, frameCount);
 
-    int32_t begun = encoder->Begin(header, image, &output, extra, zylAudioSupplier, &codec,
-                                   &progress, keyframePlan);
+    int32_t begun = encoder->Begin(header, image, &output, extra, settings.audioSupplier,
+                                   settings.audioUser, &progress, keyframePlan);
     progress.reconstructed = encoder->Reconstructed();
     progress.pitch = encoder->Pitch();
     if (begun != 0 || output.error != 0) {
@@ -174,7 +173,8 @@ int32_t RunJob(zycCodec& codec, zycJobEncoder* encoder, zylSource* source,
   previous = now;
 
   bool aborted = false;
-  if (codec.progressCallback && codec.progressCallback(&progress, codec.progressUser) == 0) {
+  if (settings.progressCallback &&
+      settings.progressCallback(&progress, settings.progressUser) == 0) {
     aborted = true;
   }
 
@@ -191,7 +191,8 @@ int32_t RunJob(zycCodec& codec, zycJobEncoder* encoder, zylSource* source,
       if (output.error != 0) break;
     }
     progress.pixels = image.pixels;
-    if (codec.progressCallback && codec.progressCallback(&progress, codec.progressUser) == 0) {
+    if (settings.progressCallback &&
+        settings.progressCallback(&progress, settings.progressUser) == 0) {
       aborted = true;
     }
     now = zycClockMicroseconds();
@@ -221,11 +222,11 @@ int32_t RunJob(zycCodec& codec, zycJobEncoder* encoder, zylSource* source,
 
 }  // namespace
 
-int32_t RunEncodeJob(zycCodec& codec, zycJobEncoder* encoder, zylSource* source,
+int32_t RunEncodeJob(const zycJobSettings& settings, zycJobEncoder* encoder, zylSource* source,
                      const char16_t* outputName, uint32_t firstFrame, uint32_t frameCount,
                      const zylKeyframeRange* keyframePlan, char16_t* outputNameBuffer) {
   int reason = 0;
-  const int32_t status = RunJob(codec, encoder, source, outputName, firstFrame, frameCount,
+  const int32_t status = RunJob(settings, encoder, source, outputName, firstFrame, frameCount,
                                 keyframePlan, outputNameBuffer, &reason);
   errno = reason;
   return status;

@@ -4,6 +4,7 @@
 
 #include "codec/encodeJob.h"
 #include "codec/fileSurgery.h"
+#include "codec/framePump.h"
 #include "codec/paramTable.h"
 
 zycCodec::zycCodec(zylProgressCallback callback, uint32_t user)
@@ -26,6 +27,20 @@ zycJobEncoder* zycCodec::ModeEncoder() {
   if (mode == 0) return &encoder;
   if (mode == 1) return &mpmcEncoder;
   return nullptr;
+}
+
+zycJobSettings zycCodec::JobSettings() {
+  zycJobSettings settings;
+  settings.mode = mode;
+  settings.headerVersion = headerVersion;
+  settings.soundEnabled = soundEnabled != 0;
+  settings.skipExtraFiles = skipExtraFiles;
+  settings.embedRequest = encoder.embedRequest != 0;
+  settings.audioSupplier = zylAudioSupplier;
+  settings.audioUser = this;
+  settings.progressCallback = progressCallback;
+  settings.progressUser = progressUser;
+  return settings;
 }
 
 int32_t zycCodec::GetParam(uint32_t tag) {
@@ -88,8 +103,9 @@ int32_t zycCodec::Encode(zylSource* src, uint32_t reserved, const char16_t* outp
                          const zylKeyframeRange* keyframePlan, char16_t* outputNameBuffer) {
   // Nothing is thrown across the interface: a job the encoders could not finish (out of memory)
   // has unwound its picture and main output and counts as a failed job.
+  source = src;  // the audio supplier reads it
   try {
-    return RunEncodeJob(*this, ModeEncoder(), src, outputName, firstFrame, frameCount,
+    return RunEncodeJob(JobSettings(), ModeEncoder(), src, outputName, firstFrame, frameCount,
                         keyframePlan, outputNameBuffer);
   } catch (...) {
     return 3;

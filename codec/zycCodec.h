@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "base/growableArray.h"
+#include "codec/encodeJob.h"
 #include "codec/zylCodec.h"
 #include "encoder/zycEncoder.h"
 #include "mpmc/zycMpmcEncoder.h"
@@ -44,6 +45,9 @@ class zycCodec : public zylCodec {
 
   // The encoder of the current mode behind the job seam; null in a mode other than 0 and 1.
   zycJobEncoder* ModeEncoder();
+  // What an encode job takes from the codec; its sound comes through zylAudioSupplier from
+  // `source`, which the job's caller sets first.
+  zycJobSettings JobSettings();
 
   // ---- Fields, in order.
   uint32_t headerVersion = 0;  // "HXTC"

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "base/byteIo.h"
+#include "dxt/dxtKernels.h"
 
 namespace {
 
@@ -67,12 +68,7 @@ uint32_t assign(const uint8_t pixels[64], uint32_t mask, const Rgb palette[4], i
                              {palette[1].c[0], palette[1].c[1], palette[1].c[2]},
                              {palette[2].c[0], palette[2].c[1], palette[2].c[2]},
                              {palette[3].c[0], palette[3].c[1], palette[3].c[2]}};
-#ifdef ZYL_BASE_COLOUR_SSE2
-  // Every x86-64 processor has SSE2.
-  return zycBaseColourAssignSse2(pixels, mask, entries, indices);
-#else
-  return zycBaseColourAssignPlain(pixels, mask, entries, indices);
-#endif
+  return zycDxtBest().baseColourAssign(pixels, mask, entries, indices);
 }
 
 // Least-squares base colours for a given assignment: each pixel is modelled as

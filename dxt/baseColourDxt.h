@@ -36,8 +36,7 @@ uint32_t zycBaseColourPairError(const uint8_t pixels[64], uint32_t mask, uint16_
 // the summed error. The SSE2 kernel gives the same indices and sum as the plain one.
 uint32_t zycBaseColourAssignPlain(const uint8_t pixels[64], uint32_t mask, const int palette[4][3],
                                   uint8_t indices[16]);
-#if !defined(ZYL_NO_SIMD) && defined(__x86_64__)
-#define ZYL_BASE_COLOUR_SSE2 1
+#if !defined(ZYL_NO_SIMD)
 uint32_t zycBaseColourAssignSse2(const uint8_t pixels[64], uint32_t mask, const int palette[4][3],
                                  uint8_t indices[16]);
 #endif

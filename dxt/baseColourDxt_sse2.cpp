@@ -1,7 +1,5 @@
 #include "dxt/baseColourDxt.h"
 
-#ifdef ZYL_BASE_COLOUR_SSE2
-
 #include <emmintrin.h>
 
 uint32_t zycBaseColourAssignSse2(const uint8_t pixels[64], uint32_t mask, const int palette[4][3],
@@ -51,5 +49,3 @@ uint32_t zycBaseColourAssignSse2(const uint8_t pixels[64], uint32_t mask, const 
   total = _mm_add_epi32(total, _mm_shuffle_epi32(total, _MM_SHUFFLE(2, 3, 0, 1)));
   return uint32_t(_mm_cvtsi128_si32(total));
 }
-
-#endif

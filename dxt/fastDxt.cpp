@@ -1,6 +1,7 @@
 #include "dxt/fastDxt.h"
 
 #include "base/byteIo.h"
+#include "dxt/dxtKernels.h"
 
 namespace {
 
@@ -73,10 +74,5 @@ void zycFastDxtPlain(const uint8_t* pixels, uint32_t width, uint32_t height, uin
 }
 
 void zycFastDxt(const uint8_t* pixels, uint32_t width, uint32_t height, uint8_t* blocks) {
-#ifdef ZYL_FAST_DXT_SSE2
-  // Every x86-64 processor has SSE2.
-  zycFastDxtSse2(pixels, width, height, blocks);
-#else
-  zycFastDxtPlain(pixels, width, height, blocks);
-#endif
+  zycDxtBest().fastDxt(pixels, width, height, blocks);
 }

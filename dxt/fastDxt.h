@@ -10,10 +10,9 @@
 // the 5-6-5 colours, byte 1 to the middle six, byte 2 to the low five. width and height are
 // multiples of 4. `blocks` receives (width / 4) x (height / 4) blocks of 8 bytes, raster order.
 void zycFastDxtPlain(const uint8_t* pixels, uint32_t width, uint32_t height, uint8_t* blocks);
-#if !defined(ZYL_NO_SIMD) && defined(__x86_64__)
-#define ZYL_FAST_DXT_SSE2 1
+#if !defined(ZYL_NO_SIMD)
 void zycFastDxtSse2(const uint8_t* pixels, uint32_t width, uint32_t height, uint8_t* blocks);
 #endif
 
-// The best kernel the machine has.
+// The kernel of zycDxtBest.
 void zycFastDxt(const uint8_t* pixels, uint32_t width, uint32_t height, uint8_t* blocks);

@@ -1,7 +1,5 @@
 #include "dxt/fastDxt.h"
 
-#ifdef ZYL_FAST_DXT_SSE2
-
 #include <emmintrin.h>
 
 #include "base/byteIo.h"
@@ -90,5 +88,3 @@ void zycFastDxtSse2(const uint8_t* pixels, uint32_t width, uint32_t height, uint
     }
   }
 }
-
-#endif

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "codec/zylCodec.h"
+#include "base/zylTypes.h"
 
 struct zycBlock;
 

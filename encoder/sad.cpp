@@ -32,6 +32,12 @@ void zycSadPlain(zycSadKernels* kernels) {
   kernels->simd = false;
 }
 
+#ifdef ZYL_NO_SIMD
+// A build of plain kernels only has no SSE2 or AVX2 set to fill.
+bool zycSadSse2(zycSadKernels*) { return false; }
+bool zycSadAvx2(zycSadKernels*) { return false; }
+#endif
+
 void zycSadChoose(zycSadKernels* kernels, bool allowSimd) {
   zycSadPlain(kernels);
   if (!allowSimd) return;

@@ -5,7 +5,6 @@
 // the limit is reached. The squares of 4 keep the SSE2 kernels: a row is only 16 bytes.
 #include "encoder/sad.h"
 
-#if !defined(ZYL_NO_SIMD) && defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
 #include <immintrin.h>
 
 #define ZYC_AVX2 __attribute__((target("avx2")))
@@ -63,9 +62,3 @@ bool zycSadAvx2(zycSadKernels* kernels) {
   kernels->simd = true;
   return true;
 }
-
-#else
-
-bool zycSadAvx2(zycSadKernels*) { return false; }
-
-#endif

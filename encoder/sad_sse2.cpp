@@ -3,7 +3,6 @@
 // Rows are summed in groups and the kernel stops once the limit is reached.
 #include "encoder/sad.h"
 
-#if !defined(ZYL_NO_SIMD) && (defined(__SSE2__) || defined(__x86_64__))
 #include <emmintrin.h>
 
 namespace {
@@ -90,9 +89,3 @@ bool zycSadSse2(zycSadKernels* kernels) {
   kernels->simd = true;
   return true;
 }
-
-#else
-
-bool zycSadSse2(zycSadKernels*) { return false; }
-
-#endif

@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "codec/zycJobEncoder.h"
+#include "seam/zycJobEncoder.h"
 
 class zycEncoder : public zycJobEncoder {
  public:

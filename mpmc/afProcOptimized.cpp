@@ -7,6 +7,7 @@
 
 #include "base/consoleLog.h"
 #include "mpmc/mcProcOptimized.h"
+#include "mpmc/planeKernels.h"
 
 int32_t afProcOptimized::levelBestGain[4];
 uint32_t afProcOptimized::levelBestFit[4];
@@ -108,18 +109,18 @@ int32_t PositionGain(int32_t k, int32_t pos, int32_t x, int32_t y, int32_t size,
   const int32_t a = static_cast<int32_t>(fit & 0xfff) - 1024;
   const int32_t b = static_cast<int32_t>(fit >> 12) - 256;
   if (lastMethod == 0 || fit != fitBefore) {
-    movedError[k][pos] = zycAffineError(sourceIn->rows[y] + x, width, mpIn->rows[y] + x, mpIn->width,
-                                        paddedRef->rows[y + kPadMargin] + x + kPadMargin,
-                                        paddedRef->width, size, a, b);
+    movedError[k][pos] = planeKernels.affineError(
+        sourceIn->rows[y] + x, width, mpIn->rows[y] + x, mpIn->width,
+        paddedRef->rows[y + kPadMargin] + x + kPadMargin, paddedRef->width, size, a, b);
   } else if (lastMethod == 2) {
     const int32_t x0 = std::max(x, changed.x0), x1 = std::min(x + size, changed.x1);
     const int32_t y0 = std::max(y, changed.y0), y1 = std::min(y + size, changed.y1);
     const int32_t delta =
         x0 < x1 && y0 < y1
-            ? zycAffineDelta(sourceIn->rows[y0] + x0, width, mpIn->rows[y0] + x0, mpIn->width,
-                             mpBefore + static_cast<size_t>(y0) * width + x0, width,
-                             paddedRef->rows[y0 + kPadMargin] + x0 + kPadMargin, paddedRef->width,
-                             x1 - x0, y1 - y0, a, b)
+            ? planeKernels.affineDelta(sourceIn->rows[y0] + x0, width, mpIn->rows[y0] + x0,
+                                       mpIn->width, mpBefore + static_cast<size_t>(y0) * width + x0,
+                                       width, paddedRef->rows[y0 + kPadMargin] + x0 + kPadMargin,
+                                       paddedRef->width, x1 - x0, y1 - y0, a, b)
             : 0;
     movedError[k][pos] += delta;
   }

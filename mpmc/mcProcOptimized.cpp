@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "base/consoleLog.h"
+#include "mpmc/planeKernels.h"
 #include "stream/mpmcTables.h"
 
 int32_t mcProcOptimized::levelBestGain[4];
@@ -13,15 +14,6 @@ int32_t mcProcOptimized::levelBestVector[4];
 int32_t mcProcOptimized::levelBestX[4];
 int32_t mcProcOptimized::levelBestY[4];
 
-zycSadTableFn zycSadTable4x4 = zycSadTable4x4Plain;
-zycMovedErrorFn zycMotionError = zycMotionErrorPlain;
-zycBestEntry16Fn zycBestEntry16 = zycBestEntry16Plain;
-zycBestEntry32Fn zycBestEntry32 = zycBestEntry32Plain;
-zycMovedErrorFn zycAffineError = zycAffineErrorPlain;
-zycMovedDeltaFn zycMotionDelta = zycMotionDeltaPlain;
-zycMovedDeltaFn zycAffineDelta = zycAffineDeltaPlain;
-zycMotionEstimateFn zycMotionEstimate = zycMotionEstimatePlain;
-zycAffineEstimateFn zycAffineEstimate = zycAffineEstimatePlain;
 Label* omcWindows[4];
 
 namespace {
@@ -125,19 +117,19 @@ int32_t BestEntry(const T* table) {
 int32_t PositionGain(int32_t k, int32_t pos, int32_t x, int32_t y, int32_t size, int32_t vector) {
   const int32_t dx = (vector & 31) - 16, dy = (vector >> 5) - 16;
   if (lastMethod == 0) {
-    movedError[k][pos] = zycMotionError(sourceIn->rows[y] + x, width, mpIn->rows[y] + x, mpIn->width,
-                                        paddedRef->rows[y + dy + kPadMargin] + x + dx + kPadMargin,
-                                        paddedRef->width, size, 256, 0);
+    movedError[k][pos] = planeKernels.motionError(
+        sourceIn->rows[y] + x, width, mpIn->rows[y] + x, mpIn->width,
+        paddedRef->rows[y + dy + kPadMargin] + x + dx + kPadMargin, paddedRef->width, size, 256, 0);
   } else if (lastMethod == 2) {
     const int32_t x0 = std::max(x, changed.x0), x1 = std::min(x + size, changed.x1);
     const int32_t y0 = std::max(y, changed.y0), y1 = std::min(y + size, changed.y1);
     const int32_t delta =
-        x0 < x1 && y0 < y1
-            ? zycMotionDelta(sourceIn->rows[y0] + x0, width, mpIn->rows[y0] + x0, mpIn->width,
-                             mpBefore + static_cast<size_t>(y0) * width + x0, width,
-                             paddedRef->rows[y0 + dy + kPadMargin] + x0 + dx + kPadMargin,
-                             paddedRef->width, x1 - x0, y1 - y0, 256, 0)
-            : 0;
+        x0 < x1 && y0 < y1 ? planeKernels.motionDelta(
+                                 sourceIn->rows[y0] + x0, width, mpIn->rows[y0] + x0, mpIn->width,
+                                 mpBefore + static_cast<size_t>(y0) * width + x0, width,
+                                 paddedRef->rows[y0 + dy + kPadMargin] + x0 + dx + kPadMargin,
+                                 paddedRef->width, x1 - x0, y1 - y0, 256, 0)
+                           : 0;
     movedError[k][pos] += delta;
   }
   return errorSum[k][pos] - movedError[k][pos];
@@ -159,10 +151,11 @@ void LevelZeroRow(int32_t gy) {
   uint16_t* ring = sadTable0 + static_cast<size_t>(gy % kRing) * gridW * 1024;
   for (int32_t x = 0; x < width; x += 4) {
     uint16_t* table = ring + static_cast<size_t>(x / 4) * 1024;
-    zycSadTable4x4(targetBytes + static_cast<size_t>(y) * width + x, width,
-                   refBytes + static_cast<size_t>(y + kRefMargin - 16) * refStride + x + kRefMargin - 16,
-                   refStride, table);
-    int32_t best = zycBestEntry16(table);
+    planeKernels.sadTable4x4(
+        targetBytes + static_cast<size_t>(y) * width + x, width,
+        refBytes + static_cast<size_t>(y + kRefMargin - 16) * refStride + x + kRefMargin - 16,
+        refStride, table);
+    int32_t best = planeKernels.bestEntry16(table);
     // The single-block pass of the last column records the entry after the best one.
     if (lastSingle && x + 4 == width) best = std::min(best + 1, 1023);
     bestVector[0][gy * gridW + x / 4] = static_cast<uint16_t>(best);
@@ -191,7 +184,7 @@ void LargerRow(int32_t k, int32_t gy) {
       const uint32_t* d = c + static_cast<size_t>(half) * 1024;
       for (int32_t i = 0; i < 1024; ++i) out[i] = a[i] + b[i] + c[i] + d[i];
     }
-    bestVector[k][gy * positionsX[k] + gx] = static_cast<uint16_t>(zycBestEntry32(out));
+    bestVector[k][gy * positionsX[k] + gx] = static_cast<uint16_t>(planeKernels.bestEntry32(out));
   }
 }
 
@@ -499,10 +492,12 @@ int32_t applyBlock(const McBlock* block, Label* mc, Label* mp, const mpmcParam* 
       if (block->type == 0) {
         const int32_t* r0 = paddedRef->rows[y + kPadMargin + iy] + kPadMargin + ix;
         const int32_t* r1 = paddedRef->rows[y + kPadMargin + iy + fy] + kPadMargin + ix;
-        g += zycMotionEstimate(r0 + x0, r1 + x0, fx, wrow + x0, c + x0, t + x0, e + x0, x1 - x0);
+        g += planeKernels.motionEstimate(r0 + x0, r1 + x0, fx, wrow + x0, c + x0, t + x0, e + x0,
+                                         x1 - x0);
       } else {
         const int32_t* r = paddedRef->rows[y + kPadMargin] + kPadMargin;
-        g += zycAffineEstimate(r + x0, block->a, block->b, wrow + x0, c + x0, t + x0, e + x0, x1 - x0);
+        g += planeKernels.affineEstimate(r + x0, block->a, block->b, wrow + x0, c + x0, t + x0,
+                                         e + x0, x1 - x0);
       }
     }
     return g;

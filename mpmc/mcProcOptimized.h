@@ -29,16 +29,12 @@ using zycSadTableFn = void (*)(const uint8_t* target, int32_t targetStride, cons
                                int32_t refStride, uint16_t* out);
 void zycSadTable4x4Plain(const uint8_t* target, int32_t targetStride, const uint8_t* ref,
                          int32_t refStride, uint16_t* out);
-// The kernel in use; the plain one unless a faster one is selected.
-extern zycSadTableFn zycSadTable4x4;
 
 // The first index of the smallest of 1024 table entries (all below 2^31).
 using zycBestEntry16Fn = int32_t (*)(const uint16_t* table);
 using zycBestEntry32Fn = int32_t (*)(const uint32_t* table);
 int32_t zycBestEntry16Plain(const uint16_t* table);
 int32_t zycBestEntry32Plain(const uint32_t* table);
-extern zycBestEntry16Fn zycBestEntry16;
-extern zycBestEntry32Fn zycBestEntry32;
 
 // Sum over a size x size block of (o - clamp(mp + m))^2, m the moved pixel: the reference
 // pixel r itself for motion, ((a * r) >> 8) + b for the affine map. Rows of each image are
@@ -50,8 +46,6 @@ int32_t zycMotionErrorPlain(const uint8_t* o, int32_t oStride, const int32_t* mp
                             const int32_t* r, int32_t rStride, int32_t size, int32_t a, int32_t b);
 int32_t zycAffineErrorPlain(const uint8_t* o, int32_t oStride, const int32_t* mp, int32_t mpStride,
                             const int32_t* r, int32_t rStride, int32_t size, int32_t a, int32_t b);
-extern zycMovedErrorFn zycMotionError;
-extern zycMovedErrorFn zycAffineError;
 
 // How a moved block's error changes where mpImage changed: the sum over `columns` x `rows`
 // pixels of (o - clamp(now + m))^2 - (o - clamp(before + m))^2, m as above.
@@ -65,8 +59,6 @@ int32_t zycMotionDeltaPlain(const uint8_t* o, int32_t oStride, const int32_t* no
 int32_t zycAffineDeltaPlain(const uint8_t* o, int32_t oStride, const int32_t* now, int32_t nowStride,
                             const int32_t* before, int32_t beforeStride, const int32_t* r,
                             int32_t rStride, int32_t columns, int32_t rows, int32_t a, int32_t b);
-extern zycMovedDeltaFn zycMotionDelta;
-extern zycMovedDeltaFn zycAffineDelta;
 
 // One row of a block's estimated gain, sum of e - (blend - t)^2 over `count` pixels, where the
 // block's pixel v is blended with mc by the window: (v * w + (65536 - w) * mc + 32768) >> 16.
@@ -82,8 +74,6 @@ int32_t zycMotionEstimatePlain(const int32_t* r0, const int32_t* r1, int32_t fx,
                                const int32_t* mc, const int32_t* target, const int32_t* error, int32_t count);
 int32_t zycAffineEstimatePlain(const int32_t* r, int32_t a, int32_t b, const int32_t* window,
                                const int32_t* mc, const int32_t* target, const int32_t* error, int32_t count);
-extern zycMotionEstimateFn zycMotionEstimate;
-extern zycAffineEstimateFn zycAffineEstimate;
 
 // The overlapped windows of the four block sizes, printed as they are made.
 void initOmcWindows();

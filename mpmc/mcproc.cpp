@@ -182,7 +182,7 @@ double chooseQuantStep(double minGain) {
 
 void mpmcafBeginJob(uint32_t width, uint32_t height) {
   setDefaultParam();
-  zycSelectPlaneKernels(zycBestPlaneKernels());
+  zycPlaneKernelsChoose(&planeKernels, true);
   param.width = static_cast<int32_t>(width);
   param.height = static_cast<int32_t>(height);
   buildPlaneBuffers();

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "base/consoleLog.h"
+#include "mpmc/planeKernels.h"
 #include "stream/mpmcTables.h"
 
 int16_t* mpProcOptimized::m_optimizedDict = nullptr;
@@ -15,7 +16,6 @@ mpAtom* atoms = nullptr;
 mpAtom** sortedAtoms = nullptr;
 int32_t atomCount = 0;
 int32_t atomBitsTotal = 0;
-zycFilterBankFn zycFilterBank = zycFilterBankPlain;
 
 namespace {
 
@@ -311,7 +311,7 @@ void mpProcOptimized::mpSearch() {
   if (area.x1 <= area.x0 || area.y1 <= area.y0) return;
   zycFilterArea a{residual16 + WorkIndex(0, 0), workStride, firstPass, best32 + WorkIndex(0, 0),
                   bestIndex + WorkIndex(0, 0), workStride, area.x0, area.y0, area.x1, area.y1};
-  zycFilterBank(a, m_optimizedDict);
+  planeKernels.filterBank(a, m_optimizedDict);
   constexpr double scale = 1.0 / 1048576.0;
   for (int32_t y = area.y0; y < area.y1; ++y) {
     const int32_t* b = best32 + WorkIndex(0, y);

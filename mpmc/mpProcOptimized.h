@@ -67,4 +67,3 @@ struct zycFilterArea {
 };
 using zycFilterBankFn = void (*)(const zycFilterArea& area, const int16_t* dict);
 void zycFilterBankPlain(const zycFilterArea& area, const int16_t* dict);
-extern zycFilterBankFn zycFilterBank;

@@ -2,50 +2,49 @@
 
 #include "base/cpuFeatures.h"
 
-bool zycSelectPlaneKernels(zycPlaneKernelSet set) {
-  zycSadTable4x4 = zycSadTable4x4Plain;
-  zycFilterBank = zycFilterBankPlain;
-  zycMotionError = zycMotionErrorPlain;
-  zycAffineError = zycAffineErrorPlain;
-  zycMotionDelta = zycMotionDeltaPlain;
-  zycAffineDelta = zycAffineDeltaPlain;
-  zycMotionEstimate = zycMotionEstimatePlain;
-  zycAffineEstimate = zycAffineEstimatePlain;
-  zycBestEntry16 = zycBestEntry16Plain;
-  zycBestEntry32 = zycBestEntry32Plain;
-#if !defined(ZYL_NO_SIMD) && defined(__x86_64__)
-  if (set == kPlaneKernelsSse2 && zycCpuHasSse2()) {
-    zycSadTable4x4 = zycSadTable4x4Sse2;
-    zycFilterBank = zycFilterBankSse2;
-    zycMotionError = zycMotionErrorSse2;
-    zycAffineError = zycAffineErrorSse2;
-    zycMotionDelta = zycMotionDeltaSse2;
-    zycAffineDelta = zycAffineDeltaSse2;
-    zycBestEntry16 = zycBestEntry16Sse2;
-    zycBestEntry32 = zycBestEntry32Sse2;
-    return true;
-  }
-  if (set == kPlaneKernelsAvx2 && zycCpuHasAvx2()) {
-    zycSadTable4x4 = zycSadTable4x4Avx2;
-    zycFilterBank = zycFilterBankAvx2;
-    zycMotionError = zycMotionErrorAvx2;
-    zycAffineError = zycAffineErrorAvx2;
-    zycMotionEstimate = zycMotionEstimateAvx2;
-    zycAffineEstimate = zycAffineEstimateAvx2;
-    zycMotionDelta = zycMotionDeltaSse2;
-    zycAffineDelta = zycAffineDeltaSse2;
-    zycBestEntry16 = zycBestEntry16Sse2;
-    zycBestEntry32 = zycBestEntry32Avx2;
-    return true;
-  }
+zycPlaneKernels planeKernels;
+
+void zycPlaneKernelsPlain(zycPlaneKernels* kernels) { *kernels = zycPlaneKernels(); }
+
+bool zycPlaneKernelsSse2(zycPlaneKernels* kernels) {
+#ifndef ZYL_NO_SIMD
+  zycPlaneKernelsPlain(kernels);
+  kernels->sadTable4x4 = zycSadTable4x4Sse2;
+  kernels->filterBank = zycFilterBankSse2;
+  kernels->motionError = zycMotionErrorSse2;
+  kernels->affineError = zycAffineErrorSse2;
+  kernels->motionDelta = zycMotionDeltaSse2;
+  kernels->affineDelta = zycAffineDeltaSse2;
+  kernels->bestEntry16 = zycBestEntry16Sse2;
+  kernels->bestEntry32 = zycBestEntry32Sse2;
+  kernels->simd = true;
+  return true;
+#else
+  (void)kernels;
+  return false;
 #endif
-  return set == kPlaneKernelsPlain;
 }
 
-zycPlaneKernelSet zycBestPlaneKernels() {
-#if !defined(ZYL_NO_SIMD) && defined(__x86_64__)
-  if (zycCpuHasAvx2()) return kPlaneKernelsAvx2;
-  if (zycCpuHasSse2()) return kPlaneKernelsSse2;
+bool zycPlaneKernelsAvx2(zycPlaneKernels* kernels) {
+#ifndef ZYL_NO_SIMD
+  zycPlaneKernelsSse2(kernels);
+  kernels->sadTable4x4 = zycSadTable4x4Avx2;
+  kernels->filterBank = zycFilterBankAvx2;
+  kernels->motionError = zycMotionErrorAvx2;
+  kernels->affineError = zycAffineErrorAvx2;
+  kernels->motionEstimate = zycMotionEstimateAvx2;
+  kernels->affineEstimate = zycAffineEstimateAvx2;
+  kernels->bestEntry32 = zycBestEntry32Avx2;
+  return true;
+#else
+  (void)kernels;
+  return false;
 #endif
-  return kPlaneKernelsPlain;
+}
+
+void zycPlaneKernelsChoose(zycPlaneKernels* kernels, bool allowSimd) {
+  zycPlaneKernelsPlain(kernels);
+  if (!allowSimd) return;
+  if (zycCpuHasAvx2() && zycPlaneKernelsAvx2(kernels)) return;
+  if (zycCpuHasSse2()) zycPlaneKernelsSse2(kernels);
 }

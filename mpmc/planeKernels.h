@@ -1,7 +1,8 @@
-// The plane coder's kernel sets: the level-0 SAD tables and their best entries, the moved blocks' errors of the motion
-// and affine searches and their changes after an atom, the blocks' estimated gains and the 64-filter bank, plain and with
-// SSE2 or AVX2. Every set gives the plain results bit for bit; which one runs is chosen once per
-// job from the processor's features, or by a test or benchmark.
+// The plane coder's kernel sets: the level-0 SAD tables and their best entries, the moved blocks'
+// errors of the motion and affine searches and their changes after an atom, the blocks' estimated
+// gains and the 64-filter bank, plain and with SSE2 or AVX2, in a table as the motion search keeps
+// its zycSadKernels. Every set gives the plain results bit for bit; which one runs is chosen once
+// per job from the processor's features.
 #pragma once
 
 #include <cstdint>
@@ -9,12 +10,33 @@
 #include "mpmc/mcProcOptimized.h"
 #include "mpmc/mpProcOptimized.h"
 
-enum zycPlaneKernelSet : int32_t { kPlaneKernelsPlain = 0, kPlaneKernelsSse2 = 1, kPlaneKernelsAvx2 = 2 };
+struct zycPlaneKernels {
+  zycSadTableFn sadTable4x4 = zycSadTable4x4Plain;
+  zycBestEntry16Fn bestEntry16 = zycBestEntry16Plain;
+  zycBestEntry32Fn bestEntry32 = zycBestEntry32Plain;
+  zycMovedErrorFn motionError = zycMotionErrorPlain;
+  zycMovedErrorFn affineError = zycAffineErrorPlain;
+  zycMovedDeltaFn motionDelta = zycMotionDeltaPlain;
+  zycMovedDeltaFn affineDelta = zycAffineDeltaPlain;
+  zycMotionEstimateFn motionEstimate = zycMotionEstimatePlain;
+  zycAffineEstimateFn affineEstimate = zycAffineEstimatePlain;
+  zycFilterBankFn filterBank = zycFilterBankPlain;
+  bool simd = false;
+};
 
-// Selects a set; false (and the plain set) when this build or this processor lacks it.
-bool zycSelectPlaneKernels(zycPlaneKernelSet set);
-// The fastest set this processor runs.
-zycPlaneKernelSet zycBestPlaneKernels();
+void zycPlaneKernelsPlain(zycPlaneKernels* kernels);
+// Fills the SSE2 kernels; false (and nothing changed) in a build without SIMD.
+bool zycPlaneKernelsSse2(zycPlaneKernels* kernels);
+// Fills the SSE2 kernels, then the AVX2 ones over them (the deltas and the 16-bit best entry stay
+// SSE2); false (and nothing changed) in a build without SIMD. Only for a processor with AVX2.
+bool zycPlaneKernelsAvx2(zycPlaneKernels* kernels);
+// The fastest set that the processor runs when `allowSimd`: AVX2 when it has it, else SSE2 when
+// it has that, else plain.
+void zycPlaneKernelsChoose(zycPlaneKernels* kernels, bool allowSimd);
+
+// The set the plane coder runs, part of its module state: the fastest, chosen by
+// mpmcafBeginJob; a test or benchmark may put another in after that.
+extern zycPlaneKernels planeKernels;
 
 // Defined only in builds with SIMD.
 void zycSadTable4x4Sse2(const uint8_t* target, int32_t targetStride, const uint8_t* ref,

@@ -4,7 +4,6 @@
 // processor has AVX2; each function carries the AVX2 target attribute itself.
 #include "mpmc/planeKernels.h"
 
-#if !defined(ZYL_NO_SIMD) && defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
 #include <immintrin.h>
 
 #include <cstring>
@@ -221,5 +220,3 @@ ZYC_AVX2 void zycFilterBankAvx2(const zycFilterArea& a, const int16_t* dict) {
     }
   }
 }
-
-#endif

@@ -4,7 +4,6 @@
 // magnitudes is unsigned, as the plain kernel's is.
 #include "mpmc/planeKernels.h"
 
-#if !defined(ZYL_NO_SIMD) && defined(__x86_64__)
 #include <emmintrin.h>
 
 #include <cstdlib>
@@ -268,5 +267,3 @@ void zycFilterBankSse2(const zycFilterArea& a, const int16_t* dict) {
     for (int32_t j = 0; j < 8; ++j) zycFilterSecondPassSse2(a, dict + j * 8, static_cast<uint16_t>(i + 8 * j), 0);
   }
 }
-
-#endif

@@ -10,7 +10,7 @@
 #include <memory>
 #include <vector>
 
-#include "codec/zycJobEncoder.h"
+#include "seam/zycJobEncoder.h"
 #include "stream/container.h"
 #include "stream/sound.h"
 

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Builds and runs every test. With an argument, uses that CMake preset (dev, asan, tsan); tsan
-# builds and runs only the encoder's tests, whose jobs share each frame among two threads.
+# Builds and runs every test. With an argument, uses that CMake preset (dev, asan, tsan, scalar);
+# tsan builds and runs only the encoder's tests, whose jobs share each frame among two threads;
+# scalar builds the plain kernels only (no SSE2 or AVX2 code), and a second argument there is a
+# ctest regular expression of tests to leave out.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 preset="${1:-dev}"
@@ -9,6 +11,7 @@ case "$preset" in
   asan) dir=build-asan ;;
   tsan) dir=build-tsan ;;
   release) dir=build-release ;;
+  scalar) dir=build-scalar ;;
   *) echo "unknown preset $preset" >&2; exit 2 ;;
 esac
 cmake --preset "$preset" >/dev/null
@@ -24,4 +27,6 @@ if [ "$preset" = tsan ]; then
 fi
 cmake --build "$dir" -j"$(nproc)"
 cd "$dir"
-ctest --output-on-failure -j"$(nproc)" --timeout 900
+exclude=()
+if [ "$preset" = scalar ] && [ -n "${2:-}" ]; then exclude=(-E "$2"); fi
+ctest --output-on-failure -j"$(nproc)" --timeout 900 "${exclude[@]}"

@@ -1,7 +1,5 @@
 #include "stream/quadTreeLerp.h"
 
-#ifdef ZYL_QUAD_TREE_SSE2
-
 #include <emmintrin.h>
 
 #include "base/byteIo.h"
@@ -24,5 +22,3 @@ void zycQuadTreeLerpSse2(uint32_t from, uint32_t to, uint32_t shift, uint32_t co
     value = _mm_add_epi32(value, step);
   }
 }
-
-#endif

@@ -7,8 +7,11 @@
 #include <cstdio>
 #include <vector>
 
-#include "codec/zycJobEncoder.h"
 #include "stream/adpcm.h"
+
+// Hands `bytes` bytes of 16-bit PCM to the sound step; `user` is the value given with it (the
+// codec, whose frame pump reads the source).
+typedef const uint8_t* (*zylAudioSupplierFn)(uint32_t bytes, void* user);
 
 // ("oFMT" x 4) / (channels x 2), in unsigned integers; 0 without channels.
 uint32_t zycSoundLead(uint32_t soundLeadBase, uint32_t channels);

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "base/consoleLog.h"
+#include "base/cpuFeatures.h"
 
 namespace {
 
@@ -40,8 +41,7 @@ VQCodebook::VQCodebook(uint32_t n, bool useSse) : size(n) {
   interleaved = alignedZeros<float>(size_t(n) * kVqComponents);
   channelMeans = alignedZeros<double>(size_t(n) * 4);
   lowerBounds = alignedZeros<double>(n);
-  // The fast kind only where the build has it.
-  sse = useSse && vqDistancesSse(interleaved, 4, vectors, distances);
+  vqCodebookChoose(&kernels, useSse);
 }
 
 VQCodebook::~VQCodebook() {
@@ -74,10 +74,7 @@ void VQCodebook::init() {
 }
 
 void VQCodebook::computeDistances(const float* vector) {
-  if (sse)
-    vqDistancesSse(interleaved, size, vector, distances);
-  else
-    vqDistancesPlain(vectors, size, vector, distances);
+  kernels.distances(*this, vector, distances);
 }
 
 uint32_t VQCodebook::nearest(const float* vector, float* outDistance, uint32_t hint) {
@@ -92,10 +89,7 @@ uint32_t VQCodebook::nearest(const float* vector, float* outDistance, uint32_t h
   }
   // Without a hint the search starts from the code vector of the closest means.
   if (hint >= size) hint = closest;
-  uint32_t index;
-  if (sse && vqNearestSse(interleaved, lowerBounds, size, vector, hint, &index, outDistance))
-    return index;
-  return vqNearestPlain(vectors, lowerBounds, size, vector, hint, outDistance);
+  return kernels.nearest(*this, vector, hint, outDistance);
 }
 
 uint32_t VQCodebook::nearestExhaustive(const float* vector, float* outDistance) {
@@ -171,12 +165,18 @@ uint32_t VQCodebook::train(const float* trainingVectors, uint32_t count, bool ve
   return rounds;
 }
 
-void vqDistancesPlain(const float* vectors, uint32_t size, const float* vector, float* out) {
-  for (uint32_t i = 0; i < size; ++i) out[i] = vqDistance(vectors + size_t(i) * kVqComponents, vector);
+namespace {
+
+void DistancesPlain(const VQCodebook& book, const float* vector, float* out) {
+  for (uint32_t i = 0; i < book.size; ++i)
+    out[i] = vqDistance(book.vectors + size_t(i) * kVqComponents, vector);
 }
 
-uint32_t vqNearestPlain(const float* vectors, const double* lowerBounds, uint32_t size,
-                        const float* vector, uint32_t hint, float* outDistance) {
+uint32_t NearestPlain(const VQCodebook& book, const float* vector, uint32_t hint,
+                      float* outDistance) {
+  const float* vectors = book.vectors;
+  const double* lowerBounds = book.lowerBounds;
+  const uint32_t size = book.size;
   uint32_t bestIndex = hint;
   float best = vqDistance(vectors + size_t(hint) * kVqComponents, vector);
   for (uint32_t i = 0; i < size; ++i) {
@@ -199,6 +199,24 @@ uint32_t vqNearestPlain(const float* vectors, const double* lowerBounds, uint32_
   }
   *outDistance = best;
   return bestIndex;
+}
+
+}  // namespace
+
+void vqCodebookPlain(vqCodebookKernels* kernels) {
+  kernels->distances = DistancesPlain;
+  kernels->nearest = NearestPlain;
+  kernels->simd = false;
+}
+
+#ifdef ZYL_NO_SIMD
+// A build of plain kernels only has no SSE set to fill.
+bool vqCodebookSse(vqCodebookKernels*) { return false; }
+#endif
+
+void vqCodebookChoose(vqCodebookKernels* kernels, bool allowSimd) {
+  vqCodebookPlain(kernels);
+  if (allowSimd && zycCpuHasSse()) vqCodebookSse(kernels);
 }
 
 void vqSortAscending(const float* keys, uint32_t count, uint32_t* order) {

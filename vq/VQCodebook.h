@@ -8,12 +8,38 @@
 #include <cstdint>
 
 constexpr uint32_t kVqComponents = 48;
+
+struct VQCodebook;
+
+// The codebook's two kernels, plain beside SSE, in a table as the motion search keeps its
+// zycSadKernels. Both kinds sum a distance over the 48 components in the same order, so they
+// give the same distances to the last bit.
+// Distances from `vector` to every code vector, into `out`.
+typedef void (*vqDistancesFn)(const VQCodebook& book, const float* vector, float* out);
+// Nearest code vector with the pruned search (the lower number on a tie), starting from `hint`;
+// `book.lowerBounds[i]` is at most the distance to code vector i, and a code vector whose bound
+// passes the best so far by more than the float sum's rounding is not summed at all.
+typedef uint32_t (*vqNearestFn)(const VQCodebook& book, const float* vector, uint32_t hint,
+                                float* outDistance);
+
+struct vqCodebookKernels {
+  vqDistancesFn distances = nullptr;
+  vqNearestFn nearest = nullptr;
+  bool simd = false;
+};
+
+void vqCodebookPlain(vqCodebookKernels* kernels);
+// Fills the SSE kernels (four code vectors at a time from the interleaved layout); false (and
+// nothing changed) in a build without SIMD.
+bool vqCodebookSse(vqCodebookKernels* kernels);
+// The SSE kernels when `allowSimd` and the processor has SSE, else the plain ones.
+void vqCodebookChoose(vqCodebookKernels* kernels, bool allowSimd);
 // A move of the mean smaller than or equal to this squared distance is not applied.
 constexpr float kVqUpdateThreshold = 2.55f;
 
 struct VQCodebook {
-  // `size` must be a multiple of 4 (trap otherwise). `useSse` picks the fast kind; without SSE
-  // in the build the plain kind is used.
+  // `size` must be a multiple of 4 (trap otherwise). `useSse` picks the fast kind where the
+  // build and the processor have it.
   VQCodebook(uint32_t size, bool useSse);
   ~VQCodebook();
   VQCodebook(const VQCodebook&) = delete;
@@ -53,7 +79,7 @@ struct VQCodebook {
   uint32_t usedVectors = 0;
   uint32_t updatedVectors = 0;
 
-  bool sse = false;
+  vqCodebookKernels kernels;
   // The fast kind's copy of the code vectors, four at a time component by component:
   // interleaved[(i / 4) * 192 + c * 4 + i % 4] = vectors[i * 48 + c].
   float* interleaved = nullptr;
@@ -76,21 +102,6 @@ inline float vqDistance(const float* a, const float* b) {
   }
   return sum;
 }
-
-// Distances from `vector` to every code vector, one at a time.
-void vqDistancesPlain(const float* vectors, uint32_t size, const float* vector, float* out);
-// The same with four code vectors at a time from the interleaved layout; identical results.
-// False when the build has no SSE (nothing written).
-bool vqDistancesSse(const float* interleaved, uint32_t size, const float* vector, float* out);
-
-// Nearest code vector with the pruned search, in each kind; same result as the full scan.
-// `lowerBounds[i]` is at most the distance to code vector i (or null); a code vector whose
-// bound passes the best so far by more than the float sum's rounding is not summed at all.
-uint32_t vqNearestPlain(const float* vectors, const double* lowerBounds, uint32_t size,
-                        const float* vector, uint32_t hint, float* outDistance);
-// False when the build has no SSE.
-bool vqNearestSse(const float* interleaved, const double* lowerBounds, uint32_t size,
-                  const float* vector, uint32_t hint, uint32_t* outIndex, float* outDistance);
 
 // True when a code vector with this lower bound of its distance can't be nearer than, nor as
 // near as, `best`: a float sum of 48 squares is within 3e-6 of the exact value.

@@ -2,11 +2,13 @@
 // components in order exactly as the plain kind does.
 #include "vq/VQCodebook.h"
 
-#if defined(__SSE__) && !defined(ZYL_NO_SIMD)
 #include <xmmintrin.h>
 
-bool vqDistancesSse(const float* interleaved, uint32_t size, const float* vector, float* out) {
-  for (uint32_t group = 0; group < size; group += 4) {
+namespace {
+
+void DistancesSse(const VQCodebook& book, const float* vector, float* out) {
+  const float* interleaved = book.interleaved;
+  for (uint32_t group = 0; group < book.size; group += 4) {
     const float* g = interleaved + size_t(group) * kVqComponents;
     __m128 sum = _mm_setzero_ps();
     for (uint32_t c = 0; c < kVqComponents; ++c) {
@@ -15,11 +17,13 @@ bool vqDistancesSse(const float* interleaved, uint32_t size, const float* vector
     }
     _mm_storeu_ps(out + group, sum);
   }
-  return true;
 }
 
-bool vqNearestSse(const float* interleaved, const double* lowerBounds, uint32_t size,
-                  const float* vector, uint32_t hint, uint32_t* outIndex, float* outDistance) {
+uint32_t NearestSse(const VQCodebook& book, const float* vector, uint32_t hint,
+                    float* outDistance) {
+  const float* interleaved = book.interleaved;
+  const double* lowerBounds = book.lowerBounds;
+  const uint32_t size = book.size;
   // The hint's distance first, summed in the same order as every other.
   float best;
   {
@@ -62,17 +66,15 @@ bool vqNearestSse(const float* interleaved, const double* lowerBounds, uint32_t 
       }
     }
   }
-  *outIndex = bestIndex;
   *outDistance = best;
+  return bestIndex;
+}
+
+}  // namespace
+
+bool vqCodebookSse(vqCodebookKernels* kernels) {
+  kernels->distances = DistancesSse;
+  kernels->nearest = NearestSse;
+  kernels->simd = true;
   return true;
 }
-
-#else
-
-bool vqDistancesSse(const float*, uint32_t, const float*, float*) { return false; }
-bool vqNearestSse(const float*, const double*, uint32_t, const float*, uint32_t, uint32_t*,
-                  float*) {
-  return false;
-}
-
-#endif

@@ -1,6 +1,7 @@
 // BuildLevels on real pictures for every back end: time per frame on the calling thread, and
 // the PSNR (over U, Y, V) of the full-scale preview against the source picture.
 // The squish back ends run on squish's OpenMP threads: the third argument sets their number.
+// The DXT1 kernel table, plain against SSE2, on the same picture: compare within one run.
 #include <benchmark/benchmark.h>
 #include <omp.h>
 
@@ -10,6 +11,7 @@
 
 #include "dxt/buildLevels.h"
 #include "dxt/dxtBackEnds.h"
+#include "dxt/dxtKernels.h"
 #include "dxt/yuvConvert.h"
 #include "tests/support/imageLoad.h"
 #include "tests/support/testMedia.h"
@@ -85,6 +87,54 @@ void BM_BuildLevelsBaselineYuv(benchmark::State& state) {
   }
 }
 
+// The kernels of zycDxtKernels over the 640 x 368 picture: argument 0 is the set (0 plain, 1
+// SSE2), argument 1 the kernel (0 the "DXTC" 5 level, 1 the base-colour assignment of every
+// block to a palette of its first, last and two mixed pixels).
+void BM_DxtKernels(benchmark::State& state) {
+  zycDxtKernels kernels;
+  zycDxtPlain(&kernels);
+  if (state.range(0) == 1 && !zycDxtSse2(&kernels)) {
+    state.SkipWithError("no SSE2 in this build");
+    return;
+  }
+  const zylTestImage& image = picture(0);
+  if (image.pixels.empty()) {
+    state.SkipWithError("photo_flower_2268x1512.png not found");
+    return;
+  }
+  const uint32_t w = image.width, h = image.height;
+  std::vector<uint8_t> blocks(size_t(w / 4) * (h / 4) * 8);
+  // Each block's 16 pixels gathered once, rows top first.
+  std::vector<uint8_t> gathered;
+  for (uint32_t by = 0; by < h; by += 4)
+    for (uint32_t bx = 0; bx < w; bx += 4)
+      for (uint32_t y = 0; y < 4; ++y) {
+        const uint8_t* row = image.pixels.data() + (size_t(by + y) * w + bx) * 4;
+        gathered.insert(gathered.end(), row, row + 16);
+      }
+  uint32_t sum = 0;
+  for (auto _ : state) {
+    if (state.range(1) == 0) {
+      kernels.fastDxt(image.pixels.data(), w, h, blocks.data());
+    } else {
+      for (size_t b = 0; b < gathered.size(); b += 64) {
+        const uint8_t* p = gathered.data() + b;
+        int palette[4][3];
+        for (int c = 0; c < 3; ++c) {
+          palette[0][c] = p[c];
+          palette[1][c] = p[60 + c];
+          palette[2][c] = (2 * p[c] + p[60 + c]) / 3;
+          palette[3][c] = (p[c] + 2 * p[60 + c]) / 3;
+        }
+        uint8_t indices[16];
+        sum += kernels.baseColourAssign(p, 0xFFFF, palette, indices);
+      }
+    }
+    benchmark::DoNotOptimize(blocks.data());
+    benchmark::DoNotOptimize(sum);
+  }
+}
+
 }  // namespace
 
 BENCHMARK(BM_BuildLevelsBaselineYuv)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
@@ -98,3 +148,4 @@ void buildLevelsArguments(benchmark::internal::Benchmark* b) {
   }
 }
 BENCHMARK(BM_BuildLevels)->Apply(buildLevelsArguments)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_DxtKernels)->ArgsProduct({{0, 1}, {0, 1}})->Unit(benchmark::kMicrosecond);

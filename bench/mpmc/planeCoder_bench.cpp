@@ -78,7 +78,7 @@ void BM_Plane(benchmark::State& state) {
     QuietStdout quiet;
     mpmcafBeginJob(w, h);
   }
-  zycSelectPlaneKernels(state.range(1) ? zycBestPlaneKernels() : kPlaneKernelsPlain);
+  zycPlaneKernelsChoose(&planeKernels, state.range(1) != 0);
   for (auto _ : state) {
     recon = reference;
     QuietStdout quiet;

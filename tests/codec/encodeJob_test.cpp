@@ -72,8 +72,9 @@ class EncodeJob : public testing::Test {
               char16_t* nameBuffer = nullptr) {
     std::u16string name = Name(file);
     testing::internal::CaptureStdout();
-    int32_t status = RunEncodeJob(*codec_, &encoder_, media.source(), name.c_str(), firstFrame,
-                                  frameCount, plan, nameBuffer);
+    codec_->source = media.source();
+    int32_t status = RunEncodeJob(codec_->JobSettings(), &encoder_, media.source(), name.c_str(),
+                                  firstFrame, frameCount, plan, nameBuffer);
     printed_ = testing::internal::GetCapturedStdout();
     return status;
   }
@@ -260,7 +261,9 @@ TEST_F(EncodeJob, PrintsTheFrameTimesAndTheEndLinesInOrder) {
 
 TEST_F(EncodeJob, NullSourceIsRefused) {
   std::u16string name = Name("a.zyl");
-  EXPECT_EQ(RunEncodeJob(*codec_, &encoder_, nullptr, name.c_str(), 0, 0, nullptr, nullptr), 2);
+  EXPECT_EQ(
+      RunEncodeJob(codec_->JobSettings(), &encoder_, nullptr, name.c_str(), 0, 0, nullptr, nullptr),
+      2);
   EXPECT_TRUE(encoder_.calls.empty());
   EXPECT_FALSE(fs::exists(dir_ / "a.zyl"));
 }
@@ -328,7 +331,8 @@ TEST_F(EncodeJob, NumberedNamesCutAtTheLastZylAfterTheFirstCharacter) {
   zycMemorySource media2(zycTestPicture::Patterns(8, 4, 3), 25.0);
   std::u16string name = Name("clip");
   testing::internal::CaptureStdout();
-  EXPECT_EQ(RunEncodeJob(*codec_, &second, media2.source(), name.c_str(), 0, 0, nullptr, nullptr),
+  EXPECT_EQ(RunEncodeJob(codec_->JobSettings(), &second, media2.source(), name.c_str(), 0, 0,
+                         nullptr, nullptr),
             0);
   testing::internal::GetCapturedStdout();
   EXPECT_TRUE(fs::exists(dir_ / "clip_1.mds"));
@@ -342,7 +346,8 @@ TEST_F(EncodeJob, ANameThatIsOnlyTheExtensionKeepsIt) {
   encoder.soundFlags = 1;
   zycMemorySource media(zycTestPicture::Patterns(8, 4, 3), 25.0);
   testing::internal::CaptureStdout();
-  int32_t status = RunEncodeJob(*codec_, &encoder, media.source(), u".zyl", 0, 0, nullptr, nullptr);
+  int32_t status = RunEncodeJob(codec_->JobSettings(), &encoder, media.source(), u".zyl", 0, 0,
+                                nullptr, nullptr);
   testing::internal::GetCapturedStdout();
   fs::current_path(previous);
   EXPECT_EQ(status, 0);
@@ -365,7 +370,8 @@ TEST_F(EncodeJob, NoExtraFilesWhenSkippedOrSoundIsOff) {
   zycMemorySource media2(zycTestPicture::Patterns(8, 4, 3), 25.0);
   std::u16string name = Name("b.zyl");
   testing::internal::CaptureStdout();
-  EXPECT_EQ(RunEncodeJob(*codec_, &second, media2.source(), name.c_str(), 0, 0, nullptr, nullptr),
+  EXPECT_EQ(RunEncodeJob(codec_->JobSettings(), &second, media2.source(), name.c_str(), 0, 0,
+                         nullptr, nullptr),
             0);
   testing::internal::GetCapturedStdout();
   EXPECT_FALSE(second.hadExtraOutputs);
@@ -415,7 +421,6 @@ TEST_F(EncodeJob, SoundThatEndsIsFilledWithZerosAndStaysEnded) {
   EXPECT_EQ(samples(4), std::vector<int16_t>(1000, 0));
   EXPECT_EQ(samples(5), std::vector<int16_t>(1000, 0));
   EXPECT_EQ(media.source()->audioEnded, 1);
-  EXPECT_EQ(codec_->source, media.source());
 }
 
 TEST_F(EncodeJob, UnknownModeDrivesNoEncoder) {
@@ -427,6 +432,7 @@ TEST_F(EncodeJob, UnknownModeDrivesNoEncoder) {
   testing::internal::CaptureStdout();
   EXPECT_EQ(codec_->Encode(media.source(), 0, name.c_str()), 0);
   testing::internal::GetCapturedStdout();
+  EXPECT_EQ(codec_->source, media.source());  // left in place after the job
   EXPECT_EQ(watcher_.calls, 3);
   EXPECT_EQ(watcher_.records[0].reconstructed, nullptr);
   EXPECT_EQ(ReadFile(dir_ / "a.zyl"), "");

@@ -2,8 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "base/cpuFeatures.h"
 #include "mpmc/afProcOptimized.h"
 #include "mpmc/mcproc.h"
 #include "mpmc/mpProcOptimized.h"
@@ -110,6 +112,17 @@ TEST(PlaneCoder, PlanesSmallerThanTheLargestBlockStillReadBack) {
   EXPECT_EQ(allocCount, 0u);
 }
 
+// Every kernel set this build and this processor run, by name, the plain one first.
+std::vector<std::pair<const char*, zycPlaneKernels>> PlaneKernelSets() {
+  std::vector<std::pair<const char*, zycPlaneKernels>> sets;
+  zycPlaneKernels set;
+  zycPlaneKernelsPlain(&set);
+  sets.emplace_back("plain", set);
+  if (zycCpuHasSse2() && zycPlaneKernelsSse2(&set)) sets.emplace_back("SSE2", set);
+  if (zycCpuHasAvx2() && zycPlaneKernelsAvx2(&set)) sets.emplace_back("AVX2", set);
+  return sets;
+}
+
 TEST(PlaneCoder, StreamsOfRealPlanesKeepTheirDigests) {
   // Digests of streams written by the first working coder: any speed-up, and every kernel set
   // this machine runs, must keep every bit.
@@ -122,10 +135,10 @@ TEST(PlaneCoder, StreamsOfRealPlanesKeepTheirDigests) {
   const Case cases[] = {{0, 1200, 152, 907603288u},  {0, 6000, 823, 777714774u},
                         {0, 20000, 1366, 1916678911u}, {1, 1500, 177, 2589162053u},
                         {2, 4000, 73, 2663380614u}};
-  for (zycPlaneKernelSet set : {kPlaneKernelsPlain, kPlaneKernelsSse2, kPlaneKernelsAvx2}) {
-    if (!zycSelectPlaneKernels(set)) continue;
+  for (const auto& [name, set] : PlaneKernelSets()) {
+    planeKernels = set;
     for (const Case& c : cases) {
-      SCOPED_TRACE(testing::Message() << "set " << set << " plane " << c.plane << " bits " << c.bits);
+      SCOPED_TRACE(testing::Message() << name << " plane " << c.plane << " bits " << c.bits);
       const bool luma = c.plane == 0;
       mpmcafPlaneSize(luma ? 320 : 160, luma ? 184 : 92);
       const auto& pick = [&](const zylTestPlanes& f) -> const std::vector<uint8_t>& {
@@ -166,40 +179,46 @@ TEST(PlaneCoder, FastKernelsGiveThePlainResultsOnRealPixels) {
     for (int32_t count = 1; count <= 40; ++count) {
       const size_t at = static_cast<size_t>(count) * 97;
       for (int32_t fx : {0, 1})
-        out.values.push_back(zycMotionEstimate(r.data() + at, r.data() + at + stride, fx, window.data() + at,
-                                               mc.data() + at, target.data() + at, error.data() + at, count));
+        out.values.push_back(planeKernels.motionEstimate(
+            r.data() + at, r.data() + at + stride, fx, window.data() + at, mc.data() + at,
+            target.data() + at, error.data() + at, count));
       for (auto [a, b] : {std::pair{256, 0}, {-700, 255}, {3071, -256}, {130, 40}}) {
-        out.values.push_back(zycAffineEstimate(r.data() + at, a, b, window.data() + at, mc.data() + at,
-                                               target.data() + at, error.data() + at, count));
+        out.values.push_back(planeKernels.affineEstimate(r.data() + at, a, b, window.data() + at,
+                                                         mc.data() + at, target.data() + at,
+                                                         error.data() + at, count));
         if (count <= 9)
           for (int32_t rows = 1; rows <= 8; rows += 7) {
-            out.values.push_back(zycMotionDelta(o.data() + at, stride, now.data() + at, stride, before.data() + at,
-                                                stride, r.data() + at, stride, count, rows, 256, 0));
-            out.values.push_back(zycAffineDelta(o.data() + at, stride, now.data() + at, stride, before.data() + at,
-                                                stride, r.data() + at, stride, count, rows, a, b));
+            out.values.push_back(planeKernels.motionDelta(
+                o.data() + at, stride, now.data() + at, stride, before.data() + at, stride,
+                r.data() + at, stride, count, rows, 256, 0));
+            out.values.push_back(planeKernels.affineDelta(
+                o.data() + at, stride, now.data() + at, stride, before.data() + at, stride,
+                r.data() + at, stride, count, rows, a, b));
           }
         for (int32_t size : {4, 8, 16, 32})
           if (count == size) {
-            out.values.push_back(zycMotionError(o.data() + at, stride, before.data() + at, stride, r.data() + at,
-                                                stride, size, 256, 0));
-            out.values.push_back(zycAffineError(o.data() + at, stride, before.data() + at, stride, r.data() + at,
-                                                stride, size, a, b));
+            out.values.push_back(planeKernels.motionError(o.data() + at, stride, before.data() + at,
+                                                          stride, r.data() + at, stride, size, 256,
+                                                          0));
+            out.values.push_back(planeKernels.affineError(o.data() + at, stride, before.data() + at,
+                                                          stride, r.data() + at, stride, size, a,
+                                                          b));
           }
       }
       table[1000 - count * 25] = 0;  // each lowest entry left of those before
-      out.values.push_back(zycBestEntry32(table.data()));
+      out.values.push_back(planeKernels.bestEntry32(table.data()));
     }
     for (uint32_t i = 0; i < 1024; ++i) table[i] = 700000u - r[i] * 100u;
     return out;
   };
-  ASSERT_TRUE(zycSelectPlaneKernels(kPlaneKernelsPlain));
+  zycPlaneKernelsPlain(&planeKernels);
   const Result plain = run();
-  for (zycPlaneKernelSet set : {kPlaneKernelsSse2, kPlaneKernelsAvx2}) {
-    if (!zycSelectPlaneKernels(set)) continue;
-    SCOPED_TRACE(set);
+  for (const auto& [name, set] : FastPlaneKernels()) {
+    planeKernels = set;
+    SCOPED_TRACE(name);
     EXPECT_EQ(run().values, plain.values);
   }
-  zycSelectPlaneKernels(kPlaneKernelsPlain);
+  zycPlaneKernelsPlain(&planeKernels);
 }
 
 TEST(PlaneCoder, PlaneEqualToItsReferenceCodesNothing) {

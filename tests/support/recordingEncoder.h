@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "codec/zycJobEncoder.h"
+#include "seam/zycJobEncoder.h"
 
 struct zycRecordedPicture {
   int32_t width = 0;

@@ -91,8 +91,11 @@ TEST(VQCodebook, SizeNotAMultipleOfFourTraps) {
 TEST(VQCodebook, SseDistancesEqualPlainDistancesBitForBit) {
   std::mt19937 random(3);
   std::uniform_real_distribution<float> sample(0.0f, 255.0f);
+  vqCodebookKernels plainKernels, sseKernels;
+  vqCodebookPlain(&plainKernels);
+  if (!vqCodebookSse(&sseKernels)) GTEST_SKIP() << "no SSE in this build";
   VQCodebook codebook(64, true);
-  if (!codebook.sse) GTEST_SKIP() << "no SSE in this build";
+  EXPECT_TRUE(codebook.kernels.simd);
   std::vector<float> row(kVqComponents);
   for (uint32_t i = 0; i < 64; ++i) {
     for (float& v : row) v = sample(random);
@@ -101,8 +104,8 @@ TEST(VQCodebook, SseDistancesEqualPlainDistancesBitForBit) {
   std::vector<float> plain(64), fast(64);
   for (int trial = 0; trial < 50; ++trial) {
     for (float& v : row) v = sample(random);
-    vqDistancesPlain(codebook.vectors, 64, row.data(), plain.data());
-    ASSERT_TRUE(vqDistancesSse(codebook.interleaved, 64, row.data(), fast.data()));
+    plainKernels.distances(codebook, row.data(), plain.data());
+    sseKernels.distances(codebook, row.data(), fast.data());
     ASSERT_EQ(std::memcmp(plain.data(), fast.data(), 64 * sizeof(float)), 0);
   }
 }

@@ -7,11 +7,9 @@
 #include <cstdio>
 
 #include "base/fileIo.h"
-#include "codec/zylCodec.h"
+#include "base/zylTypes.h"
+#include "stream/sound.h"
 #include "stream/zylFormat.h"
-
-// Hands `bytes` bytes of 16-bit PCM to the encoder; `user` is the codec.
-typedef const uint8_t* (*zylAudioSupplierFn)(uint32_t bytes, void* user);
 
 // The extra numbered outputs of a job: five slots, the first four of which the job may open.
 constexpr int kExtraOutputCount = 5;
