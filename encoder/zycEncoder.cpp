@@ -574,9 +574,14 @@ void zycEncoder::PatchFile() {
   if (ok && s.output->error == 0) {
     uint8_t head[kHeaderSizeZyl0];
     zycStoreHeaderZyl0(s.header, head);
-    const bool rewritten = s.packer.packing() == 1 && !s.packer.committed().empty();
-    s.output->MarkWhole(uint64_t(end), head, kHeaderSizeZyl0, uint64_t(s.sectionStart), section, 6,
-                        rewritten ? uint64_t(s.packer.committedAt()) : 0,
+    // An LZMA section rewrites its unpacked size, which stands with the property bytes right
+    // behind the section header, and the packed bytes from `committedAt` on.
+    uint8_t record[6 + 13];
+    std::memcpy(record, section, 6);
+    const bool rewritten = s.packer.packing() == 1 && s.packer.headAt() == s.sectionStart + 6;
+    if (rewritten) std::memcpy(record + 6, s.packer.head(), 13);
+    s.output->MarkWhole(uint64_t(end), head, kHeaderSizeZyl0, uint64_t(s.sectionStart), record,
+                        rewritten ? 19 : 6, rewritten ? uint64_t(s.packer.committedAt()) : 0,
                         rewritten ? &s.packer.committed() : nullptr);
   }
 }
