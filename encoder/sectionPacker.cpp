@@ -3,6 +3,7 @@
 #include <unistd.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -217,7 +218,8 @@ int32_t zycSectionPacker::PackLzma(const void* data, uint32_t count, bool commit
       const size_t stable = lzma_ ? zycLzmaResumeStableBytes(lzma_) : 0;
       if (stable > lzmaStable_) lzmaStable_ = stable;
       committedAt_ = lzmaSizePosition_ + 8 + long(lzmaStable_);
-      committed_.assign(lzmaTail_.begin() + long(lzmaStable_ - lzmaTailFrom_), lzmaTail_.end());
+      const size_t skip = std::min(lzmaStable_ - lzmaTailFrom_, lzmaTail_.size());
+      committed_.assign(lzmaTail_.begin() + long(skip), lzmaTail_.end());
     }
     return int32_t(packed + 13);
   }
@@ -235,13 +237,17 @@ void zycSectionPacker::WriteLzma(size_t packed) {
     Check(lzmaSizePosition_ >= 0 && std::fwrite(lzmaHead_ + 5, 1, 8, file_) == 8);
     lzmaHeadWritten_ = true;
   } else {
-    from = lzmaStable_;
+    from = std::max(lzmaStable_, lzmaTailFrom_);
     Check(std::fseek(file_, lzmaSizePosition_, SEEK_SET) == 0 &&
           std::fwrite(lzmaHead_ + 5, 1, 8, file_) == 8 &&
           std::fseek(file_, lzmaSizePosition_ + 8 + long(from), SEEK_SET) == 0);
   }
-  const uint8_t* tail = lzmaTail_.data() + (from - lzmaTailFrom_);
-  Check(std::fwrite(tail, 1, packed - from, file_) == packed - from);
+  // After an error of the SDK the packed size may be short of what was there: nothing new.
+  const size_t last = std::min(packed, lzmaTailFrom_ + lzmaTail_.size());
+  if (last > from) {
+    const size_t count = last - from;
+    Check(std::fwrite(lzmaTail_.data() + (from - lzmaTailFrom_), 1, count, file_) == count);
+  }
   // A section packed again may come out shorter than before: cut what stood behind it.
   const long end = std::ftell(file_);
   Check(end >= 0 && std::fflush(file_) == 0 && std::fseek(file_, 0, SEEK_END) == 0);
