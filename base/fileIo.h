@@ -23,7 +23,7 @@ struct zycWholeState {
   uint8_t head[64] = {};  // the bytes at offset 0
   uint32_t headBytes = 0;
   uint64_t sectionAt = 0;  // file position of `section`
-  uint8_t section[8] = {};
+  uint8_t section[24] = {};  // a section header, and what follows it that later frames rewrite
   uint32_t sectionBytes = 0;
   // Bytes that later frames rewrite in place (a section packed afresh after every frame): what
   // stood from `tailAt` on.

@@ -14,12 +14,14 @@ if(NOT TARGET zyl::squish)
 endif()
 
 # The LZMA encoder ships as C sources only; build them here with our LzmaCompress wrapper.
+# LzmaEnc.c is compiled inside lzmaResume.c, which copies and resumes its encoder state.
 find_path(LZMASDK_INCLUDE_DIR NAMES lzma/LzmaEnc.h lzma/7zVersion.h REQUIRED)
 set(LZMASDK_DIR "${LZMASDK_INCLUDE_DIR}/lzma")
 if(NOT TARGET zyl_lzmasdk)
   add_library(zyl_lzmasdk STATIC
-    ${LZMASDK_DIR}/LzmaEnc.c ${LZMASDK_DIR}/LzFind.c ${LZMASDK_DIR}/LzmaDec.c
-    ${CMAKE_CURRENT_LIST_DIR}/../deps/lzmaLib/lzmaLib.c)
+    ${LZMASDK_DIR}/LzFind.c ${LZMASDK_DIR}/LzmaDec.c
+    ${CMAKE_CURRENT_LIST_DIR}/../deps/lzmaLib/lzmaLib.c
+    ${CMAKE_CURRENT_LIST_DIR}/../deps/lzmaLib/lzmaResume.c)
   target_compile_definitions(zyl_lzmasdk PRIVATE _7ZIP_ST)
   target_compile_options(zyl_lzmasdk PRIVATE -w)
   target_include_directories(zyl_lzmasdk PUBLIC ${CMAKE_CURRENT_LIST_DIR}/../deps/lzmaLib)

@@ -3,6 +3,7 @@
 #include <unistd.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -10,7 +11,7 @@
 #include "base/byteIo.h"
 #include "base/consoleLog.h"
 #include "stream/zylFormat.h"
-#include "lzmaLib.h"
+#include "lzmaResume.h"
 
 // zlib's allocations go through a pool of freed blocks by size, so that the copy of a deflate
 // state on every trial reuses memory instead of asking the system for fresh pages.
@@ -88,13 +89,24 @@ void zycSectionPacker::Open(uint32_t packing, uint32_t bufferBytes, uint32_t lzm
     InitStream();
   } else {
     lzmaDictionary_ = lzmaDictionary;
-    // Both grow as the section does; a start of two frames' room keeps a short section small.
+    lzma_ = zycLzmaResumeCreate(lzmaDictionary, lzmaHead_);
+    if (!lzma_) zycLog("Memory allocation error\n");
+    // The input grows as the section does; a start of two frames' room keeps a short section
+    // small.
     lzmaInput_.assign(size_t(bufferBytes) * 2, 0);
-    lzmaOutput_.assign(size_t(bufferBytes) * 2, 0);
-    lzmaInputSize_ = 0;
-    lzmaMark_ = 0;
-    lzmaDirty_ = true;
+    lzmaTail_.reserve(size_t(bufferBytes) * 3);
+    RestartLzma();
   }
+}
+
+void zycSectionPacker::RestartLzma() {
+  if (lzma_) zycLzmaResumeRestart(lzma_);
+  lzmaInputSize_ = 0;
+  lzmaMark_ = 0;
+  lzmaDirty_ = true;
+  lzmaStable_ = 0;
+  lzmaHeadWritten_ = false;
+  committed_.clear();
 }
 
 void zycSectionPacker::Restart() {
@@ -103,9 +115,7 @@ void zycSectionPacker::Restart() {
     EndStream(zip_);
     InitStream();
   } else {
-    lzmaInputSize_ = 0;
-    lzmaMark_ = 0;
-    lzmaDirty_ = true;
+    RestartLzma();
   }
   sectionPackedSize = 0;
 }
@@ -156,14 +166,25 @@ uint32_t zycSectionPacker::Pack(const void* data, uint32_t count, Step step) {
   return grown;
 }
 
+namespace {
+
+size_t AppendTo(void* user, const void* data, size_t size) {
+  std::vector<uint8_t>& out = *static_cast<std::vector<uint8_t>*>(user);
+  const uint8_t* bytes = static_cast<const uint8_t*>(data);
+  out.insert(out.end(), bytes, bytes + size);
+  return size;
+}
+
+}  // namespace
+
 size_t zycSectionPacker::Compress() {
-  if (lzmaOutput_.size() < size_t(lzmaInputSize_) + lzmaInputSize_ / 2 + 65536) {
-    lzmaOutput_.resize(size_t(lzmaInputSize_) + lzmaInputSize_ / 2 + 65536);
+  lzmaTail_.clear();
+  size_t packed = 0;
+  int r = 2;
+  if (lzma_) {
+    lzmaTailFrom_ = zycLzmaResumeSentBytes(lzma_);
+    r = zycLzmaResumePack(lzma_, lzmaInput_.data(), lzmaInputSize_, AppendTo, &lzmaTail_, &packed);
   }
-  size_t outSize = lzmaOutput_.size();
-  size_t propsSize = 5;
-  int r = LzmaCompress(lzmaOutput_.data(), &outSize, lzmaInput_.data(), lzmaInputSize_,
-                       lzmaProperties_, &propsSize, 1, lzmaDictionary_, 2, 0, 2, 8, 1);
   if (r != 0) {
     switch (r) {
       case 2: zycLog("Memory allocation error\n"); break;
@@ -173,9 +194,9 @@ size_t zycSectionPacker::Compress() {
       default: zycLog("Unknown LZMA error.\n"); break;
     }
   }
-  lzmaCachedSize_ = uint32_t(outSize);
+  lzmaCachedSize_ = uint32_t(packed);
   lzmaDirty_ = false;
-  return outSize;
+  return packed;
 }
 
 int32_t zycSectionPacker::PackLzma(const void* data, uint32_t count, Step step) {
@@ -188,36 +209,55 @@ int32_t zycSectionPacker::PackLzma(const void* data, uint32_t count, Step step) 
     lzmaDirty_ = true;
   }
   if (step == Step::kCommit && lzmaInputSize_) {
-    size_t packed = lzmaDirty_ ? Compress() : lzmaCachedSize_;
-    if (!file_) return int32_t(packed + kLzmaHeadBytes);  // no output open: the bytes go nowhere
-    uint8_t size8[8];
-    zycStore64(size8, lzmaInputSize_);
-    if (sectionPackedSize == 0) {
-      Check(std::fwrite(lzmaProperties_, 1, kLzmaPropertyBytes, file_) == kLzmaPropertyBytes);
-      lzmaSizePosition_ = std::ftell(file_);
-      Check(lzmaSizePosition_ >= 0 && std::fwrite(size8, 1, 8, file_) == 8);
-    } else {
-      Check(std::fseek(file_, lzmaSizePosition_, SEEK_SET) == 0 &&
-            std::fwrite(size8, 1, 8, file_) == 8);
-    }
-    Check(std::fwrite(lzmaOutput_.data(), 1, packed, file_) == packed);
-    // A section packed afresh may come out shorter than before: cut what stood behind it.
-    const long end = std::ftell(file_);
-    Check(end >= 0 && std::fflush(file_) == 0 && std::fseek(file_, 0, SEEK_END) == 0);
-    if (std::ftell(file_) > end && ftruncate(fileno(file_), end) != 0) {
-      Check(false);
-      zycLog("Could not shorten the LZMA section\n");
-    }
-    Check(std::fseek(file_, end, SEEK_SET) == 0);
-    if (writeError == 0) {
-      committedAt_ = lzmaSizePosition_;
-      committed_.assign(size8, size8 + 8);
-      committed_.insert(committed_.end(), lzmaOutput_.data(), lzmaOutput_.data() + packed);
+    const size_t packed = lzmaDirty_ ? Compress() : lzmaCachedSize_;
+    if (file_) WriteLzma(packed);
+    // The committed bytes are final: the resumed state moves on through what of them no
+    // later byte can change, and the next packing starts from there.
+    if (lzma_) zycLzmaResumeAdvance(lzma_, lzmaInput_.data(), lzmaInputSize_);
+    lzmaDirty_ = true;
+    if (file_ && writeError == 0) {
+      // Only the bytes after the stable ones can change in a later commit of the section.
+      const size_t stable = lzma_ ? zycLzmaResumeStableBytes(lzma_) : 0;
+      if (stable > lzmaStable_) lzmaStable_ = stable;
+      committedAt_ = lzmaSizePosition_ + 8 + long(lzmaStable_);
+      const size_t skip = std::min(lzmaStable_ - lzmaTailFrom_, lzmaTail_.size());
+      committed_.assign(lzmaTail_.begin() + long(skip), lzmaTail_.end());
     }
     return int32_t(packed + kLzmaHeadBytes);
   }
   if (step == Step::kEstimate && lzmaInputSize_) return int32_t(Compress() + kLzmaHeadBytes);
   return int32_t(count * 0.8999999761581421);
+}
+
+void zycSectionPacker::WriteLzma(size_t packed) {
+  zycStore64(lzmaHead_ + 5, lzmaInputSize_);
+  // Packed bytes before `from` stand on the file already, as the earlier commits left them.
+  size_t from = 0;
+  if (!lzmaHeadWritten_) {
+    Check(std::fwrite(lzmaHead_, 1, kLzmaPropertyBytes, file_) == kLzmaPropertyBytes);
+    lzmaSizePosition_ = std::ftell(file_);
+    Check(lzmaSizePosition_ >= 0 && std::fwrite(lzmaHead_ + 5, 1, 8, file_) == 8);
+    lzmaHeadWritten_ = true;
+  } else {
+    from = std::max(lzmaStable_, lzmaTailFrom_);
+    Check(std::fseek(file_, lzmaSizePosition_, SEEK_SET) == 0 &&
+          std::fwrite(lzmaHead_ + 5, 1, 8, file_) == 8 &&
+          std::fseek(file_, lzmaSizePosition_ + 8 + long(from), SEEK_SET) == 0);
+  }
+  // After an error of the SDK the packed size may be short of what was there: nothing new.
+  const size_t last = std::min(packed, lzmaTailFrom_ + lzmaTail_.size());
+  if (last > from) {
+    const size_t count = last - from;
+    Check(std::fwrite(lzmaTail_.data() + (from - lzmaTailFrom_), 1, count, file_) == count);
+  }
+  // A section packed again may come out shorter than before: cut what stood behind it.
+  const long end = std::ftell(file_);
+  Check(end >= 0 && std::fflush(file_) == 0 && std::fseek(file_, 0, SEEK_END) == 0);
+  if (std::ftell(file_) > end && ftruncate(fileno(file_), end) != 0) {
+    Check(false);
+    zycLog("Could not shorten the LZMA section\n");
+  }
+  Check(std::fseek(file_, end, SEEK_SET) == 0);
 }
 
 int32_t zycSectionPacker::PackItem(const void* data, uint32_t count) {
@@ -259,9 +299,11 @@ void zycSectionPacker::Close() {
   pool_ = nullptr;
   zipBuffer_.clear();
   zipBuffer_.shrink_to_fit();
+  zycLzmaResumeDestroy(lzma_);
+  lzma_ = nullptr;
   lzmaInput_.clear();
   lzmaInput_.shrink_to_fit();
-  lzmaOutput_.clear();
-  lzmaOutput_.shrink_to_fit();
+  lzmaTail_.clear();
+  lzmaTail_.shrink_to_fit();
   open_ = false;
 }

@@ -564,11 +564,14 @@ void zycEncoder::PatchFile() {
   section.header.frames = s.frameIndex - s.lastKeyFrame;
   section.header.size = s.sectionSize;
   s.header.frameCount = s.frameIndex;
-  // An LZMA section is packed afresh after every frame, over its bytes of the frame before.
-  const bool rewritten = s.packer.packing() == kPackingLzma && !s.packer.committed().empty();
+  // An LZMA section rewrites its unpacked size, which stands with the property bytes right
+  // behind the section header, and the packed bytes from `committedAt` on.
+  const bool rewritten =
+      s.packer.packing() == kPackingLzma && s.packer.headAt() == s.sectionStart + 6;
   zycPatchAfterFrame(s.output, &s.header, section,
                      rewritten ? uint64_t(s.packer.committedAt()) : 0,
-                     rewritten ? &s.packer.committed() : nullptr);
+                     rewritten ? &s.packer.committed() : nullptr,
+                     rewritten ? s.packer.head() : nullptr, rewritten ? kLzmaHeadBytes : 0);
 }
 
 // ---------------------------------------------------------------------------------------------

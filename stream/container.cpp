@@ -1,5 +1,6 @@
 #include "stream/container.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -423,14 +424,16 @@ bool zycPatchAfterFrame(FILE* file, zycStreamHeader* header, const zycOpenSectio
 
 bool zycPatchAfterFrame(zycFileHolder* output, zycStreamHeader* header,
                         const zycOpenSectionState& section, uint64_t tailAt,
-                        const std::vector<uint8_t>* tail) {
+                        const std::vector<uint8_t>* tail, const uint8_t* sectionTail,
+                        uint32_t sectionTailBytes) {
   const bool patched =
       output->Check(output->file && zycPatchAfterFrame(output->file, header, section));
   // After any failure, this frame's or an earlier one's, the last whole state stands.
   if (!patched || output->error != 0) return false;
   const bool zyl1 = header->magic == kMagicZyl1;
   uint8_t head[kHeaderSizeZyl0];
-  uint8_t sectionBytes[kSectionHeaderSizeZyl1];
+  // The section's record: its header, and the bytes right behind it that change with it.
+  uint8_t sectionBytes[kSectionHeaderSizeZyl1 + kLzmaHeadBytes];
   if (zyl1) {
     zycStoreHeaderZyl1(*header, head);
     zycStoreSectionZyl1(section.header, sectionBytes);
@@ -438,7 +441,11 @@ bool zycPatchAfterFrame(zycFileHolder* output, zycStreamHeader* header,
     zycStoreHeaderZyl0(*header, head);
     zycStoreSectionZyl0(section.header, sectionBytes);
   }
+  const uint32_t headerBytes = zycSectionHeaderSize(header->magic);
+  sectionTailBytes = std::min(sectionTailBytes, kLzmaHeadBytes);
+  if (sectionTail) std::memcpy(sectionBytes + headerBytes, sectionTail, sectionTailBytes);
   output->MarkWhole(header->fileSize, head, zycHeaderSize(header->magic), uint64_t(section.start),
-                    sectionBytes, zycSectionHeaderSize(header->magic), tailAt, tail);
+                    sectionBytes, headerBytes + (sectionTail ? sectionTailBytes : 0), tailAt,
+                    tail);
   return true;
 }

@@ -192,7 +192,10 @@ bool zycPatchAfterFrame(FILE* file, zycStreamHeader* header,
 // The same on the job's output holder: a failure is noted in it with the system's reason, and a
 // file patched whole becomes the holder's last whole state, which the job cuts back to when a
 // later frame fails. A writer that rewrites bytes in place (an LZMA section packed afresh after
-// every frame) passes what now stands from `tailAt` on as `tail`.
+// every frame) passes what now stands from `tailAt` on as `tail`, and the bytes right behind the
+// section header that change with it (the LZMA property bytes and unpacked size, at most 13) as
+// `sectionTail`.
 bool zycPatchAfterFrame(zycFileHolder* output, zycStreamHeader* header,
                         const zycOpenSectionState& section, uint64_t tailAt = 0,
-                        const std::vector<uint8_t>* tail = nullptr);
+                        const std::vector<uint8_t>* tail = nullptr,
+                        const uint8_t* sectionTail = nullptr, uint32_t sectionTailBytes = 0);

@@ -6,10 +6,12 @@
 #include <vector>
 
 #include "base/byteIo.h"
+#include "dxt/dxtBackEnds.h"
 #include "encoder/sectionPacker.h"
 #include "lzmaLib.h"
 #include "tests/support/imageLoad.h"
 #include "tests/support/testMedia.h"
+#include "tests/support/videoFrames.h"
 
 namespace {
 
@@ -175,6 +177,96 @@ TEST(SectionPacker, LzmaWritesPropsSizeAndDataThenRewritesThemInPlace) {
   EXPECT_TRUE(std::equal(b.begin(), b.end(), unpacked.begin() + 5008));
   p.Close();
   std::fclose(f);
+}
+
+// DXT1 blocks of 16 pictures of a real clip at 320x176, one after another.
+const std::vector<uint8_t>& ClipBlocks() {
+  static std::vector<uint8_t> blocks;
+  if (blocks.empty()) {
+    for (const auto& f : zylDecodeVideoFrames(zylMediaPath("walkers_768x576_10fps_120f.mkv"), 16,
+                                              320, 176)) {
+      std::vector<uint8_t> out(size_t(f.width / 4) * (f.height / 4) * 8);
+      zycDxtCompressHere(kDxtBackEndFast, f.pixels.data(), uint32_t(f.width), uint32_t(f.height),
+                         out.data());
+      blocks.insert(blocks.end(), out.begin(), out.end());
+    }
+  }
+  return blocks;
+}
+
+std::vector<uint8_t> WholeLzma(const std::vector<uint8_t>& input, uint32_t dictionary) {
+  std::vector<uint8_t> out(13 + input.size() + input.size() / 2 + 1024);
+  size_t outSize = out.size() - 13;
+  size_t propsSize = 5;
+  EXPECT_EQ(LzmaCompress(out.data() + 13, &outSize, input.data(), input.size(), out.data(),
+                         &propsSize, 1, dictionary, 2, 0, 2, 8, 1),
+            0);
+  zycStore64(out.data() + 5, input.size());
+  out.resize(13 + outSize);
+  return out;
+}
+
+// A long section of real frames, each after two trials like the rate loop's: every estimate,
+// every commit and the file after it are those of LzmaCompress on the whole section so far,
+// and what the packer says it may rewrite brings the file back to the last commit.
+TEST(SectionPacker, LzmaSectionIsLzmaCompressOfTheWholeSectionAfterEveryFrame) {
+  const std::vector<uint8_t>& clip = ClipBlocks();
+  ASSERT_GT(clip.size(), 400000u);
+  constexpr uint32_t kFrames = 130;
+  for (const uint32_t dictionary : {65536u, 4096u}) {
+    SCOPED_TRACE(dictionary);
+    FILE* f = std::tmpfile();
+    const uint8_t lead[6] = {1, 2, 3, 4, 5, 6};
+    std::fwrite(lead, 1, 6, f);
+    zycSectionPacker p;
+    p.Open(1, 1 << 16, dictionary, f);
+    std::vector<uint8_t> section, before, head, tail;
+    long tailAt = 0;
+    for (uint32_t i = 0; i < kFrames; ++i) {
+      const size_t at = (size_t(i % 16) * 28160 + (i * 977) % 20000);
+      const uint32_t count = 600 + (i * 1237) % 3500;
+      const uint8_t* item = clip.data() + at;
+      const uint8_t* other = clip.data() + (at + 50000) % (clip.size() - 5000);
+      p.Save();
+      p.PackItem(other, count);
+      p.FinishSize(0);
+      p.Restore();
+      p.Save();
+      p.PackItem(item, count);
+      const int32_t trial = p.FinishSize(0);
+      p.Restore();
+      p.PackItem(item, count);
+      const int32_t real = p.FinishSize(0);
+      p.Commit();
+      p.sectionPackedSize += uint32_t(real);
+      uint8_t length[4];
+      zycStore32(length, count);
+      section.insert(section.end(), length, length + 4);
+      section.insert(section.end(), item, item + count);
+      ASSERT_EQ(trial, real) << i;
+      std::vector<uint8_t> bytes = FileBytes(f);
+      ASSERT_EQ(bytes.size(), 6 + p.sectionPackedSize) << i;
+      if (i % 8 == 7 || i + 1 == kFrames) {  // the whole-section packing is slow by its nature
+        const std::vector<uint8_t> whole = WholeLzma(section, dictionary);
+        ASSERT_TRUE(std::equal(bytes.begin() + 6, bytes.end(), whole.begin(), whole.end())) << i;
+      }
+      if (i > 0) {
+        // The last commit's file back from this one's: cut, then what it said may change.
+        bytes.resize(before.size());
+        std::copy(head.begin(), head.end(), bytes.begin() + 6);
+        std::copy(tail.begin(), tail.end(), bytes.begin() + tailAt);
+        ASSERT_EQ(bytes, before) << i;
+      }
+      before = FileBytes(f);
+      ASSERT_EQ(p.headAt(), 6);
+      head.assign(p.head(), p.head() + 13);
+      tail = p.committed();
+      tailAt = p.committedAt();
+    }
+    EXPECT_LT(p.committed().size(), 40000u) << "rewrites stay short in a long section";
+    p.Close();
+    std::fclose(f);
+  }
 }
 
 TEST(SectionPacker, LzmaRoughFigureBeforeTheEstimate) {
