@@ -118,24 +118,6 @@ TEST_F(EncodeJob, StopsAfterTheAskedNumberOfFramesTakingOneGrabTooMany) {
   EXPECT_EQ(encoder_.CallCount("Next"), 2);
 }
 
-TEST_F(EncodeJob, OddWidthsAndAResizeReachTheEncoderIntact) {
-  std::vector<zycTestPicture> pictures = {
-      zycTestPicture::Pattern(7, 3, 0), zycTestPicture::Pattern(7, 3, 1),
-      zycTestPicture::Pattern(13, 5, 2), zycTestPicture::Pattern(13, 5, 3)};
-  zycMemorySource media(pictures, 25.0);
-  EXPECT_EQ(Run(media, "a.zyl"), 0);
-  ASSERT_EQ(encoder_.pictures.size(), 4u);
-  EXPECT_EQ(encoder_.pictures[0].width, 7);
-  EXPECT_EQ(encoder_.pictures[0].pixels, pictures[0].Bgra());
-  EXPECT_EQ(encoder_.pictures[1].pixels, pictures[1].Bgra());
-  EXPECT_EQ(encoder_.pictures[2].width, 13);
-  EXPECT_EQ(encoder_.pictures[2].height, 5);
-  EXPECT_EQ(encoder_.pictures[2].pixels, pictures[2].Bgra());
-  EXPECT_EQ(encoder_.pictures[3].pixels, pictures[3].Bgra());
-  EXPECT_EQ(encoder_.header.width, 7u);
-  EXPECT_EQ(encoder_.header.height, 3u);
-}
-
 TEST_F(EncodeJob, FillsTheHeaderRecordBeforeBegin) {
   zycMemorySource media(zycTestPicture::Patterns(8, 4, 3), 29.97, std::vector<int16_t>(6000), 2,
                         22050);
