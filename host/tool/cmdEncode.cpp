@@ -185,123 +185,64 @@ constexpr int32_t kToolDxtc = 6;
 // 64 bytes a frame, 29 dB with 77, 43 dB with 96 and whole with 128.
 constexpr double kBudgetFloor = 128;
 
-}  // namespace
+// What the command line asks of an encode, every value checked; nothing is opened yet.
+struct EncodeRequest {
+  std::string input, output;
+  uint32_t mode = 0;           // 0: ZYL0, 1: ZYL1
+  int32_t keyFormat = 1;       // ZYL1 key frames: 1 still images, 0 quad trees
+  std::vector<Setting> settings;  // in the order given; a tag set twice keeps its last value
+  int rate = -1;               // which of --ratio, --bitrate, --size counts
+  double bitrate = 0, sizeBytes = 0;
+  int start = -1, length = -1;  // --first or --start; --count or --duration
+  uint32_t firstFrame = 0, frameCount = 0;
+  double startSeconds = 0, durationSeconds = 0;
+  std::vector<uint32_t> keyFrames;
+  bool intervalGiven = false;
+  KeyInterval interval;
+  zycSourceOptions sourceOptions;
+  OverwritePolicy overwrite = OverwritePolicy::ask;
+  bool verbose = false, quiet = false, noProgress = false;
 
-int RunEncode(const CommandArgs& words) {
-  Arguments args(words);
-  if (args.Flag("--help") || args.Flag("-h")) {
-    std::fputs(kUsage, ToolOut());
-    return kExitOk;
+  void Add(const char* name, int32_t value, size_t at) {
+    settings.push_back({FindToolParam(name), value, at});
   }
-  bool formatGiven = false;
-  const std::string format = args.Value("--format", &formatGiven);
-  bool keyFormatGiven = false;
-  const std::string keyFormat = args.Value("--key-format", &keyFormatGiven);
-  const auto params = args.Occurrences("--param");
-  size_t ratioAt, bitrateAt, sizeAt, firstAt, startAt, countAt, durationAt, lzmaAt, noSoundAt;
-  size_t verboseAt, quietAt, quietLongAt, outputAt, threadsAt;
-  const std::string ratio = args.Value("--ratio", nullptr, &ratioAt);
-  const std::string bitrateText = args.Value("--bitrate", nullptr, &bitrateAt);
-  const std::string sizeText = args.Value("--size", nullptr, &sizeAt);
-  const std::string threadsText = args.Value("--threads", nullptr, &threadsAt);
-  bool keysGiven = false, intervalGiven = false, scaleGiven = false, vfGiven = false;
-  bool fpsGiven = false;
-  const std::string keyList = args.Value("--key-frames", &keysGiven);
-  const std::string intervalText = args.Value("--key-interval", &intervalGiven);
-  const std::string firstText = args.Value("--first", nullptr, &firstAt);
-  const std::string startText = args.Value("--start", nullptr, &startAt);
-  const std::string countText = args.Value("--count", nullptr, &countAt);
-  const std::string durationText = args.Value("--duration", nullptr, &durationAt);
-  const std::string scaleText = args.Value("--scale", &scaleGiven);
-  const std::string filterText = args.Value("--vf", &vfGiven);
-  const std::string fpsText = args.Value("--fps", &fpsGiven);
-  const std::string outputOption = args.Value("-o", nullptr, &outputAt);
-  const bool lzma = args.Flag("--lzma", &lzmaAt);
-  const bool noSound = args.Flag("--no-sound", &noSoundAt);
-  args.Flag("--verbose", &verboseAt);
-  args.Flag("-q", &quietAt);
-  args.Flag("--quiet", &quietLongAt);
-  const bool noProgress = args.Flag("--no-progress");
-  OverwritePolicy overwrite;
-  if (!TakeOverwritePolicy(&args, &overwrite)) return kExitUsage;
-  if (!args.missingValue().empty()) {
-    return Fail(kExitUsage, "%s needs a value (see zyl encode --help)",
-                args.missingValue().c_str());
+  // The value a tag ends with: the last setting of it, or `otherwise`.
+  int32_t FinalValue(uint32_t tag, int32_t otherwise) const {
+    int32_t value = otherwise;
+    for (const Setting& setting : settings) {
+      if (setting.param->tag == tag) value = setting.value;
+    }
+    return value;
   }
-  if (!args.Unknown().empty()) {
-    return Fail(kExitUsage, "unknown option %s (see zyl encode --help)", args.Unknown().c_str());
-  }
-  std::vector<std::string> files = args.Plain();
-  if (outputAt != std::string::npos) files.push_back(outputOption);
-  if (files.size() != 2) {
-    return Fail(kExitUsage, "encode takes INPUT and OUTPUT (see zyl encode --help)");
-  }
-  const std::string& input = files[0];
-  const std::string& output = files[1];
-  if (output == "-") {
-    return Fail(kExitUsage, "the movie can't go to standard output (its header is written "
-                "last); give a file name");
-  }
-  const size_t quietPlace = quietAt == std::string::npos ? quietLongAt
-                            : quietLongAt == std::string::npos ? quietAt
-                                                                : std::max(quietAt, quietLongAt);
-  const int talk = LastGiven({{"--verbose", verboseAt}, {"--quiet", quietPlace}});
-  const bool verbose = talk == 0;
-  const bool quiet = talk == 1;
+};
 
-  uint32_t mode = 0;
+int ParseFormats(const std::string& format, bool formatGiven, const std::string& keyFormat,
+                 bool keyFormatGiven, EncodeRequest* r) {
   if (formatGiven) {
     if (format == "zyl0" || format == "ZYL0") {
-      mode = 0;
+      r->mode = 0;
     } else if (format == "zyl1" || format == "ZYL1") {
-      mode = 1;
+      r->mode = 1;
     } else {
       return Fail(kExitUsage, "unknown format '%s': use zyl0 or zyl1", format.c_str());
     }
   }
-  int32_t keyFormatValue = 1;  // still images
   if (keyFormatGiven) {
     if (keyFormat == "still") {
-      keyFormatValue = 1;
+      r->keyFormat = 1;
     } else if (keyFormat == "quadtree") {
-      keyFormatValue = 0;
+      r->keyFormat = 0;
     } else {
       return Fail(kExitUsage, "unknown key frame format '%s': use still or quadtree",
                   keyFormat.c_str());
     }
-    if (mode != 1) return Fail(kExitUsage, "--key-format is for --format zyl1");
+    if (r->mode != 1) return Fail(kExitUsage, "--key-format is for --format zyl1");
   }
+  return kExitOk;
+}
 
-  // The settings in the order given; a tag set twice keeps its last value.
-  std::vector<Setting> settings;
-  auto add = [&](const char* name, int32_t value, size_t at) {
-    settings.push_back({FindToolParam(name), value, at});
-  };
-  const int rate = LastGiven({{"--ratio", ratioAt}, {"--bitrate", bitrateAt}, {"--size", sizeAt}});
-  double bitrate = 0, sizeBytes = 0;
-  if (rate == 0) {
-    uint32_t value = 0;
-    if (!ParseCount(ratio, &value) || value < 1 || value > 0x7FFFFFFF) {
-      return Fail(kExitUsage, "--ratio wants a whole number of at least 1, not '%s'",
-                  ratio.c_str());
-    }
-    add("RATI", int32_t(value), ratioAt);
-  } else if (rate == 1 && !ParseAmount(bitrateText, "", &bitrate)) {
-    return Fail(kExitUsage, "--bitrate wants bits a second such as 800k or 1.5M, not '%s'",
-                bitrateText.c_str());
-  } else if (rate == 2 && !ParseAmount(sizeText, "B", &sizeBytes)) {
-    return Fail(kExitUsage, "--size wants bytes such as 5M or 300k, not '%s'", sizeText.c_str());
-  }
-  if (threadsAt != std::string::npos) {
-    uint32_t value = 0;
-    if (!ParseCount(threadsText, &value) || value > 256) {
-      return Fail(kExitUsage, "--threads wants a number of threads from 0 to 256, not '%s'",
-                  threadsText.c_str());
-    }
-    add("THRD", int32_t(value), threadsAt);
-  }
-  if (lzma) add("nFMT", 1, lzmaAt);
-  if (noSound) add("SND", 0, noSoundAt);
+// The --param settings, each checked against the tool's parameter table.
+int ParseParams(const std::vector<std::pair<size_t, std::string>>& params, EncodeRequest* r) {
   for (const auto& [at, text] : params) {
     const size_t equals = text.find('=');
     if (equals == std::string::npos) {
@@ -322,12 +263,18 @@ int RunEncode(const CommandArgs& words) {
       return Fail(kExitUsage, "parameter %s=%d is out of range (%d..%d)", param->name, value,
                   param->low, param->high);
     }
-    if (param->tag == kTagRati && rate > 0) {
-      Warn("--param RATI=%d is overridden by %s", value, rate == 1 ? "--bitrate" : "--size");
+    if (param->tag == kTagRati && r->rate > 0) {
+      Warn("--param RATI=%d is overridden by %s", value, r->rate == 1 ? "--bitrate" : "--size");
       continue;
     }
-    add(param->name, value, at);
+    r->Add(param->name, value, at);
   }
+  return kExitOk;
+}
+
+// Puts the settings in command-line order and warns where a tag gets two values.
+void OrderSettings(EncodeRequest* r) {
+  auto& settings = r->settings;
   std::stable_sort(settings.begin(), settings.end(),
                    [](const Setting& a, const Setting& b) { return a.at < b.at; });
   for (size_t i = 0; i < settings.size(); ++i) {
@@ -339,181 +286,241 @@ int RunEncode(const CommandArgs& words) {
       }
     }
   }
-  auto finalValue = [&](uint32_t tag, int32_t otherwise, bool* given = nullptr) {
-    int32_t value = otherwise;
-    if (given) *given = false;
-    for (const Setting& setting : settings) {
-      if (setting.param->tag != tag) continue;
-      value = setting.value;
-      if (given) *given = true;
-    }
-    return value;
-  };
-  const int32_t soundFlags = finalValue(kTagPfmt, 32);
-  if (mode == 1 && !(soundFlags & 32) && (soundFlags & 15)) {
-    return Fail(kExitUsage, "pFMT=%d asks for extra sound outputs, which only zyl0 writes",
-                soundFlags);
-  }
+}
 
-  const int start = LastGiven({{"--first", firstAt}, {"--start", startAt}});
-  const int length = LastGiven({{"--count", countAt}, {"--duration", durationAt}});
-  uint32_t firstFrame = 0, frameCount = 0;
-  double startSeconds = 0, durationSeconds = 0;
-  if (start == 0 && !ParseCount(firstText, &firstFrame)) {
+// --first/--start, --count/--duration, --key-frames and --key-interval.
+int ParseRange(const std::string& firstText, const std::string& startText,
+               const std::string& countText, const std::string& durationText, bool keysGiven,
+               const std::string& keyList, const std::string& intervalText, EncodeRequest* r) {
+  if (r->start == 0 && !ParseCount(firstText, &r->firstFrame)) {
     return Fail(kExitUsage, "--first wants a frame number, not '%s'", firstText.c_str());
   }
-  if (start == 1 && !ParseTime(startText, &startSeconds)) {
+  if (r->start == 1 && !ParseTime(startText, &r->startSeconds)) {
     return Fail(kExitUsage, "--start wants a time such as 12.5, 1:30 or 0:01:30, not '%s'",
                 startText.c_str());
   }
-  if (length == 0 && !ParseCount(countText, &frameCount)) {
+  if (r->length == 0 && !ParseCount(countText, &r->frameCount)) {
     return Fail(kExitUsage, "--count wants a number of frames, not '%s'", countText.c_str());
   }
-  if (length == 1 && (!ParseTime(durationText, &durationSeconds) || durationSeconds <= 0)) {
+  if (r->length == 1 && (!ParseTime(durationText, &r->durationSeconds) ||
+                         r->durationSeconds <= 0)) {
     return Fail(kExitUsage, "--duration wants a time above 0 such as 12.5 or 1:30, not '%s'",
                 durationText.c_str());
   }
-  std::vector<uint32_t> keyFrames;
-  if (keysGiven && !ParseFrameList(keyList, &keyFrames)) {
+  if (keysGiven && !ParseFrameList(keyList, &r->keyFrames)) {
     return Fail(kExitUsage, "--key-frames wants frame numbers like 0,30,90, not '%s'",
                 keyList.c_str());
   }
-  KeyInterval interval;
-  if (intervalGiven && !ParseKeyInterval(intervalText, &interval)) {
+  if (r->intervalGiven && !ParseKeyInterval(intervalText, &r->interval)) {
     return Fail(kExitUsage, "--key-interval wants frames (30) or seconds (2s), not '%s'",
                 intervalText.c_str());
   }
-  zycSourceOptions sourceOptions;
+  return kExitOk;
+}
+
+// --fps, --vf and --scale, in the order the source applies them.
+int ParsePictureOptions(const std::string& fpsText, bool fpsGiven,
+                        const std::string& filterText, bool vfGiven,
+                        const std::string& scaleText, bool scaleGiven,
+                        zycSourceOptions* options) {
   if (fpsGiven) {
     double fps = 0;
     if (!ParseAmount(fpsText, "", &fps) || fps >= 1000 || fps != fps) {
       return Fail(kExitUsage, "--fps wants pictures a second above 0 and below 1000, not '%s'",
                   fpsText.c_str());
     }
-    sourceOptions.frameRate = fps;
+    options->frameRate = fps;
   }
   if (vfGiven) {
     if (filterText.empty()) return Fail(kExitUsage, "--vf wants filters, such as crop=320:240");
-    sourceOptions.filters = filterText;
+    options->filters = filterText;
   }
   if (scaleGiven) {
     uint32_t width = 0, height = 0;
     if (!ParseSize(scaleText, &width, &height)) {
       return Fail(kExitUsage, "--scale wants WxH such as 640x360, not '%s'", scaleText.c_str());
     }
-    sourceOptions.filters += (sourceOptions.filters.empty() ? "" : ",") + std::string("scale=") +
-                             std::to_string(width) + ":" + std::to_string(height);
+    options->filters += (options->filters.empty() ? "" : ",") + std::string("scale=") +
+                        std::to_string(width) + ":" + std::to_string(height);
+  }
+  return kExitOk;
+}
+
+// Reads every option of an encode; kExitOk with `r` filled, or the exit status of a refusal
+// that has been printed.
+int ParseEncodeRequest(Arguments& args, EncodeRequest* r) {
+  bool formatGiven = false;
+  const std::string format = args.Value("--format", &formatGiven);
+  bool keyFormatGiven = false;
+  const std::string keyFormat = args.Value("--key-format", &keyFormatGiven);
+  const auto params = args.Occurrences("--param");
+  size_t ratioAt, bitrateAt, sizeAt, firstAt, startAt, countAt, durationAt, lzmaAt, noSoundAt;
+  size_t verboseAt, quietAt, quietLongAt, outputAt, threadsAt;
+  const std::string ratio = args.Value("--ratio", nullptr, &ratioAt);
+  const std::string bitrateText = args.Value("--bitrate", nullptr, &bitrateAt);
+  const std::string sizeText = args.Value("--size", nullptr, &sizeAt);
+  const std::string threadsText = args.Value("--threads", nullptr, &threadsAt);
+  bool keysGiven = false;
+  const std::string keyList = args.Value("--key-frames", &keysGiven);
+  const std::string intervalText = args.Value("--key-interval", &r->intervalGiven);
+  const std::string firstText = args.Value("--first", nullptr, &firstAt);
+  const std::string startText = args.Value("--start", nullptr, &startAt);
+  const std::string countText = args.Value("--count", nullptr, &countAt);
+  const std::string durationText = args.Value("--duration", nullptr, &durationAt);
+  bool scaleGiven = false, vfGiven = false, fpsGiven = false;
+  const std::string scaleText = args.Value("--scale", &scaleGiven);
+  const std::string filterText = args.Value("--vf", &vfGiven);
+  const std::string fpsText = args.Value("--fps", &fpsGiven);
+  const std::string outputOption = args.Value("-o", nullptr, &outputAt);
+  const bool lzma = args.Flag("--lzma", &lzmaAt);
+  const bool noSound = args.Flag("--no-sound", &noSoundAt);
+  args.Flag("--verbose", &verboseAt);
+  args.Flag("-q", &quietAt);
+  args.Flag("--quiet", &quietLongAt);
+  r->noProgress = args.Flag("--no-progress");
+  if (!TakeOverwritePolicy(&args, &r->overwrite)) return kExitUsage;
+  if (!args.missingValue().empty()) {
+    return Fail(kExitUsage, "%s needs a value (see zyl encode --help)",
+                args.missingValue().c_str());
+  }
+  if (!args.Unknown().empty()) {
+    return Fail(kExitUsage, "unknown option %s (see zyl encode --help)", args.Unknown().c_str());
+  }
+  std::vector<std::string> files = args.Plain();
+  if (outputAt != std::string::npos) files.push_back(outputOption);
+  if (files.size() != 2) {
+    return Fail(kExitUsage, "encode takes INPUT and OUTPUT (see zyl encode --help)");
+  }
+  r->input = files[0];
+  r->output = files[1];
+  if (r->output == "-") {
+    return Fail(kExitUsage, "the movie can't go to standard output (its header is written "
+                "last); give a file name");
+  }
+  const size_t quietPlace = quietAt == std::string::npos ? quietLongAt
+                            : quietLongAt == std::string::npos ? quietAt
+                                                                : std::max(quietAt, quietLongAt);
+  const int talk = LastGiven({{"--verbose", verboseAt}, {"--quiet", quietPlace}});
+  r->verbose = talk == 0;
+  r->quiet = talk == 1;
+  if (const int status = ParseFormats(format, formatGiven, keyFormat, keyFormatGiven, r)) {
+    return status;
   }
 
-  if (input != "-" && SameFile(input, output)) {
-    return Fail(kExitUsage, "%s is both the input and the output", input.c_str());
-  }
-  if (!MayWrite(output, overwrite)) return kExitOutput;
-
-  SpooledInput spooled;
-  std::string sourcePath = input;
-  if (input == "-") {
-    if (isatty(STDIN_FILENO)) {
-      return Fail(kExitUsage, "INPUT - reads standard input, which is a terminal here");
+  r->rate = LastGiven({{"--ratio", ratioAt}, {"--bitrate", bitrateAt}, {"--size", sizeAt}});
+  if (r->rate == 0) {
+    uint32_t value = 0;
+    if (!ParseCount(ratio, &value) || value < 1 || value > 0x7FFFFFFF) {
+      return Fail(kExitUsage, "--ratio wants a whole number of at least 1, not '%s'",
+                  ratio.c_str());
     }
-    std::string error;
-    if (!spooled.Take(&error)) return Fail(kExitInput, "%s", error.c_str());
-    sourcePath = spooled.path();
+    r->Add("RATI", int32_t(value), ratioAt);
+  } else if (r->rate == 1 && !ParseAmount(bitrateText, "", &r->bitrate)) {
+    return Fail(kExitUsage, "--bitrate wants bits a second such as 800k or 1.5M, not '%s'",
+                bitrateText.c_str());
+  } else if (r->rate == 2 && !ParseAmount(sizeText, "B", &r->sizeBytes)) {
+    return Fail(kExitUsage, "--size wants bytes such as 5M or 300k, not '%s'", sizeText.c_str());
   }
-  const std::string inputName = input == "-" ? "standard input" : input;
-
-  sourceOptions.wantSound = finalValue(kTagSnd, 1) != 0;
-  zycFfmpegSource media;
-  if (!media.Open(sourcePath, sourceOptions)) {
-    std::string error = media.error();
-    if (input == "-" && error.rfind(sourcePath, 0) == 0) {
-      error = inputName + error.substr(sourcePath.size());
+  if (threadsAt != std::string::npos) {
+    uint32_t value = 0;
+    if (!ParseCount(threadsText, &value) || value > 256) {
+      return Fail(kExitUsage, "--threads wants a number of threads from 0 to 256, not '%s'",
+                  threadsText.c_str());
     }
-    return Fail(kExitInput, "%s", error.c_str());
+    r->Add("THRD", int32_t(value), threadsAt);
   }
-  if (!media.note().empty() && !quiet) {
-    Note("%s (the movie will have no sound)", media.note().c_str());
-  }
-  for (const std::string& warning : media.warnings()) Warn("%s", warning.c_str());
-  zylSource* source = media.source();
-  const double frameRate = source->frameRate;
-  if (start == 1) {
-    firstFrame = uint32_t(std::min<long long>(std::llround(startSeconds * frameRate), 0xFFFFFFFFll));
-  }
-  if (length == 1) {
-    frameCount = uint32_t(
-        std::clamp<long long>(std::llround(durationSeconds * frameRate), 1, 0xFFFFFFFFll));
-  }
-  if (firstFrame >= source->frameCount) {
-    return Fail(kExitUsage, "--first %u is behind the last frame of %s (%s)", firstFrame,
-                inputName.c_str(), Count(source->frameCount, "frame", "frames").c_str());
-  }
-  uint32_t jobFrames = source->frameCount - firstFrame;
-  if (frameCount > 0) jobFrames = std::min(jobFrames, frameCount);
-  const uint32_t lastFrame = firstFrame + jobFrames - 1;
-
-  for (uint32_t frame : keyFrames) {
-    if (frame < firstFrame || frame > lastFrame) {
-      Warn("key frame %u is outside the frames encoded (%u to %u) and has no effect", frame,
-           firstFrame, lastFrame);
-    }
-  }
-  if (intervalGiven) {
-    const double step = interval.frames > 0
-                            ? interval.frames
-                            : std::max(1.0, std::round(interval.seconds * frameRate));
-    for (double frame = firstFrame; frame <= lastFrame; frame += step) {
-      keyFrames.push_back(uint32_t(frame));
-    }
-    std::sort(keyFrames.begin(), keyFrames.end());
-    keyFrames.erase(std::unique(keyFrames.begin(), keyFrames.end()), keyFrames.end());
-  }
-
-  // The phone sound formats of pFMT's low bits need a sound library this build does not have:
-  // the job would end the process half way.
-  const bool soundInMovie = source->audioSampleRate > 0;
-  if (soundInMovie && (soundFlags & 15)) {
-    return Fail(kExitUsage,
-                "pFMT=%d asks for phone sound outputs (bits 1, 2, 4, 8), whose sound library is "
-                "not part of this build; use pFMT=32 (or --no-sound)",
+  if (lzma) r->Add("nFMT", 1, lzmaAt);
+  if (noSound) r->Add("SND", 0, noSoundAt);
+  if (const int status = ParseParams(params, r)) return status;
+  OrderSettings(r);
+  const int32_t soundFlags = r->FinalValue(kTagPfmt, 32);
+  if (r->mode == 1 && !(soundFlags & 32) && (soundFlags & 15)) {
+    return Fail(kExitUsage, "pFMT=%d asks for extra sound outputs, which only zyl0 writes",
                 soundFlags);
   }
 
-  const uint32_t align = mode == 1 ? 8 : 16;
-  RateInputs rateInputs;
-  rateInputs.paddedWidth = (uint32_t(source->width) + align - 1) / align * align;
-  rateInputs.paddedHeight = (uint32_t(source->height) + align - 1) / align * align;
-  rateInputs.frameRate = frameRate;
-  rateInputs.frames = jobFrames;
-  if (soundInMovie && (soundFlags & 32)) {
-    rateInputs.soundRate = uint32_t(source->audioSampleRate);
-    rateInputs.soundChannels = uint32_t(source->audioChannels);
+  r->start = LastGiven({{"--first", firstAt}, {"--start", startAt}});
+  r->length = LastGiven({{"--count", countAt}, {"--duration", durationAt}});
+  if (const int status = ParseRange(firstText, startText, countText, durationText, keysGiven,
+                                    keyList, intervalText, r)) {
+    return status;
   }
-  std::string rateText;
-  if (rate == 1 || rate == 2) {
-    const double bytes = rate == 2 ? sizeBytes : bitrate / 8 * jobFrames / frameRate;
-    const int32_t chosen = RatioForBytes(rateInputs, bytes);
-    add("RATI", chosen, std::string::npos);
-    char text[96];
-    if (rate == 1) {
-      std::snprintf(text, sizeof(text), "ratio %d for %.0f kbit/s", chosen, bitrate / 1000);
-    } else {
-      std::snprintf(text, sizeof(text), "ratio %d for %s", chosen, HumanBytes(sizeBytes).c_str());
-    }
-    rateText = text;
-  }
+  return ParsePictureOptions(fpsText, fpsGiven, filterText, vfGiven, scaleText, scaleGiven,
+                             &r->sourceOptions);
+}
 
+// The frames the job takes from `source`: resolves times to frame numbers, adds the key
+// frames of --key-interval and warns of key frames outside the range. False after a refusal.
+bool ResolveRange(const zylSource& source, const std::string& inputName, EncodeRequest* r,
+                  uint32_t* jobFrames) {
+  const double frameRate = source.frameRate;
+  if (r->start == 1) {
+    r->firstFrame =
+        uint32_t(std::min<long long>(std::llround(r->startSeconds * frameRate), 0xFFFFFFFFll));
+  }
+  if (r->length == 1) {
+    r->frameCount = uint32_t(
+        std::clamp<long long>(std::llround(r->durationSeconds * frameRate), 1, 0xFFFFFFFFll));
+  }
+  if (r->firstFrame >= source.frameCount) {
+    Fail(kExitUsage, "--first %u is behind the last frame of %s (%s)", r->firstFrame,
+         inputName.c_str(), Count(source.frameCount, "frame", "frames").c_str());
+    return false;
+  }
+  *jobFrames = source.frameCount - r->firstFrame;
+  if (r->frameCount > 0) *jobFrames = std::min(*jobFrames, r->frameCount);
+  const uint32_t lastFrame = r->firstFrame + *jobFrames - 1;
+
+  for (uint32_t frame : r->keyFrames) {
+    if (frame < r->firstFrame || frame > lastFrame) {
+      Warn("key frame %u is outside the frames encoded (%u to %u) and has no effect", frame,
+           r->firstFrame, lastFrame);
+    }
+  }
+  if (r->intervalGiven) {
+    const double step = r->interval.frames > 0
+                            ? r->interval.frames
+                            : std::max(1.0, std::round(r->interval.seconds * frameRate));
+    for (double frame = r->firstFrame; frame <= lastFrame; frame += step) {
+      r->keyFrames.push_back(uint32_t(frame));
+    }
+    std::sort(r->keyFrames.begin(), r->keyFrames.end());
+    r->keyFrames.erase(std::unique(r->keyFrames.begin(), r->keyFrames.end()),
+                       r->keyFrames.end());
+  }
+  return true;
+}
+
+// Turns --bitrate or --size into a RATI setting; the words for the start line, or "".
+std::string ChooseRatio(const RateInputs& rateInputs, uint32_t jobFrames, EncodeRequest* r) {
+  if (r->rate != 1 && r->rate != 2) return "";
+  const double bytes =
+      r->rate == 2 ? r->sizeBytes : r->bitrate / 8 * jobFrames / rateInputs.frameRate;
+  const int32_t chosen = RatioForBytes(rateInputs, bytes);
+  r->Add("RATI", chosen, std::string::npos);
+  char text[96];
+  if (r->rate == 1) {
+    std::snprintf(text, sizeof(text), "ratio %d for %.0f kbit/s", chosen, r->bitrate / 1000);
+  } else {
+    std::snprintf(text, sizeof(text), "ratio %d for %s", chosen, HumanBytes(r->sizeBytes).c_str());
+  }
+  return text;
+}
+
+// A codec set up as the request says; the frame budget it will aim at in `frameBudget`.
+zylCodec* MakeCodec(const EncodeRequest& r, const zylSource& source, bool soundInMovie,
+                    const RateInputs& rateInputs, double* frameBudget) {
   zylCodec* codec = zylInitCodec(OnProgress, 0);
-  if (!codec) return Fail(kExitOutput, "out of memory making the codec");
-  codec->SetCodecMode(mode);
+  if (!codec) return nullptr;
+  codec->SetCodecMode(r.mode);
   // Still images need a block table; the ZYL1 encoder has no key frame format of its own.
   codec->SetParam(zylTag('u', 'F', 'M', 'T'), 230400);
   // ZYL1 key frames: still images unless --key-format or --param iFMT say otherwise.
-  if (mode == 1) codec->SetParam(zylTag('i', 'F', 'M', 'T'), keyFormatValue);
+  if (r.mode == 1) codec->SetParam(zylTag('i', 'F', 'M', 'T'), r.keyFormat);
   codec->SetParam(kTagDxtc, kToolDxtc);
   // Sound goes into the frames only with "EXTC" set.
   if (soundInMovie) codec->SetParam(zylTag('E', 'X', 'T', 'C'), 1);
-  for (const Setting& setting : settings) codec->SetParam(setting.param->tag, setting.value);
+  for (const Setting& setting : r.settings) codec->SetParam(setting.param->tag, setting.value);
 
   // A picture so small that its budget can't hold a frame decodes scrambled: raise the budget.
   int32_t ratioValue = std::max(codec->GetParam(kTagRati), 1);
@@ -521,69 +528,21 @@ int RunEncode(const CommandArgs& words) {
     const int32_t floorRatio = RatioForPictureBudget(rateInputs, kBudgetFloor);
     Warn("%ux%u pictures get %.0f bytes a frame at ratio %d%s, too few to decode whole; ratio %d "
          "gives them %.0f bytes, the tool's floor",
-         source->width, source->height, std::max(0.0, PictureBudget(rateInputs, ratioValue)),
+         source.width, source.height, std::max(0.0, PictureBudget(rateInputs, ratioValue)),
          ratioValue, rateInputs.soundRate ? " beside the sound" : "", floorRatio,
          PictureBudget(rateInputs, floorRatio));
     ratioValue = floorRatio;
     codec->SetParam(kTagRati, ratioValue);
   }
-  const double frameBudget = FrameBudget(rateInputs, ratioValue);
+  *frameBudget = FrameBudget(rateInputs, ratioValue);
+  return codec;
+}
 
-  // The movie is written beside its final name; the library opens that file by its name.
-  StagedFile staged;
-  if (!staged.Create(output, false)) {
-    codec->Destroy();
-    return Fail(kExitOutput, "%s: can't create the movie (%s)", output.c_str(),
-                std::strerror(errno));
-  }
-
-  zylKeyframeRange plan = {};
-  if (!keyFrames.empty()) {
-    plan.frames = keyFrames.data();
-    plan.frameCount = uint32_t(keyFrames.size());
-  }
-
-  const char* keyText = "";
-  if (mode == 1) {
-    keyText = codec->GetParam(zylTag('i', 'F', 'M', 'T')) == 1 ? " with still-image key frames"
-                                                               : " with quad-tree key frames";
-  }
-  std::string startLine = "encoding " + inputName + " (" + media.description() + ") to " +
-                          output + " as " + (mode == 1 ? "ZYL1" : "ZYL0") + keyText + ", frames " +
-                          std::to_string(firstFrame) + " to " + std::to_string(lastFrame);
-  if (!rateText.empty()) startLine += ", " + rateText;
-  for (const std::string& change : media.changes()) startLine += "; " + change;
-  gStartLine = quiet ? std::string() : startLine;
-  const bool drawProgress = !noProgress && !quiet && isatty(STDERR_FILENO);
-  struct winsize window = {};
-  const size_t columns =
-      drawProgress && ioctl(STDERR_FILENO, TIOCGWINSZ, &window) == 0 && window.ws_col > 0
-          ? window.ws_col
-          : 80;
-  ProgressBar bar(stderr, drawProgress, jobFrames, frameBudget, std::min<size_t>(columns, 80));
-  bar.ShowFrameModes(mode == 1);
-  gBar = &bar;
-  gInterrupted = false;
-  std::signal(SIGINT, OnInterrupt);
-  const std::u16string name = Utf16(staged.path());
-  int32_t status;
-  int reason;  // the system's reason of a failed open or write; 0 after a refusal
-  std::string console;
-  {
-    QuietConsole quietConsole(verbose);
-    errno = 0;  // what the job leaves here tells a failed write from a refusal
-    status = codec->Encode(source, 0, name.c_str(), firstFrame, frameCount,
-                           keyFrames.empty() ? nullptr : &plan, nullptr);
-    reason = errno;
-    console = quietConsole.Stop();
-  }
-  std::signal(SIGINT, SIG_DFL);
-  bar.Finish();
-  gBar = nullptr;
-  gStartLine.clear();
-  codec->Destroy();
-  media.Close();
-
+// Tells how the job ended and puts the movie in place; the exit status.
+int ReportEncode(const EncodeRequest& r, const std::string& inputName, int32_t status,
+                 int reason, const std::string& console, StagedFile& staged,
+                 const ProgressBar& bar, uint32_t jobFrames, double frameRate) {
+  const std::string& output = r.output;
   if (status == 2) return Fail(kExitInput, "%s: the codec got no source", inputName.c_str());
   if (status == 3 && reason != 0) {
     // A write failed: the library cut the movie back to its last whole frame. It takes the
@@ -621,7 +580,7 @@ int RunEncode(const CommandArgs& words) {
   const double fileBytes = stat(output.c_str(), &written) == 0 ? double(written.st_size) : 0;
   const double seconds = bar.frames() / frameRate;
   const double elapsed = bar.seconds();
-  if (!quiet) {
+  if (!r.quiet) {
     Note("wrote %s: %s, %s, %.2f s, %.0f kbit/s, in %.1f s (%.1f frames a second)",
          output.c_str(), Count(bar.frames(), "frame", "frames").c_str(),
          HumanBytes(fileBytes).c_str(), seconds,
@@ -638,4 +597,143 @@ int RunEncode(const CommandArgs& words) {
          Count(jobFrames, "frame", "frames").c_str());
   }
   return kExitOk;
+}
+
+// Runs a checked request: opens the source, sets up the codec, encodes with the progress line
+// and puts the movie in place.
+int RunEncodeRequest(EncodeRequest& r) {
+  const std::string& input = r.input;
+  const std::string& output = r.output;
+  if (input != "-" && SameFile(input, output)) {
+    return Fail(kExitUsage, "%s is both the input and the output", input.c_str());
+  }
+  if (!MayWrite(output, r.overwrite)) return kExitOutput;
+
+  SpooledInput spooled;
+  std::string sourcePath = input;
+  if (input == "-") {
+    if (isatty(STDIN_FILENO)) {
+      return Fail(kExitUsage, "INPUT - reads standard input, which is a terminal here");
+    }
+    std::string error;
+    if (!spooled.Take(&error)) return Fail(kExitInput, "%s", error.c_str());
+    sourcePath = spooled.path();
+  }
+  const std::string inputName = input == "-" ? "standard input" : input;
+
+  r.sourceOptions.wantSound = r.FinalValue(kTagSnd, 1) != 0;
+  zycFfmpegSource media;
+  if (!media.Open(sourcePath, r.sourceOptions)) {
+    std::string error = media.error();
+    if (input == "-" && error.rfind(sourcePath, 0) == 0) {
+      error = inputName + error.substr(sourcePath.size());
+    }
+    return Fail(kExitInput, "%s", error.c_str());
+  }
+  if (!media.note().empty() && !r.quiet) {
+    Note("%s (the movie will have no sound)", media.note().c_str());
+  }
+  for (const std::string& warning : media.warnings()) Warn("%s", warning.c_str());
+  zylSource* source = media.source();
+  const double frameRate = source->frameRate;
+  uint32_t jobFrames = 0;
+  if (!ResolveRange(*source, inputName, &r, &jobFrames)) return kExitUsage;
+  const uint32_t lastFrame = r.firstFrame + jobFrames - 1;
+
+  // The phone sound formats of pFMT's low bits need a sound library this build does not have:
+  // the job would end the process half way.
+  const int32_t soundFlags = r.FinalValue(kTagPfmt, 32);
+  const bool soundInMovie = source->audioSampleRate > 0;
+  if (soundInMovie && (soundFlags & 15)) {
+    return Fail(kExitUsage,
+                "pFMT=%d asks for phone sound outputs (bits 1, 2, 4, 8), whose sound library is "
+                "not part of this build; use pFMT=32 (or --no-sound)",
+                soundFlags);
+  }
+
+  const uint32_t align = r.mode == 1 ? 8 : 16;
+  RateInputs rateInputs;
+  rateInputs.paddedWidth = (uint32_t(source->width) + align - 1) / align * align;
+  rateInputs.paddedHeight = (uint32_t(source->height) + align - 1) / align * align;
+  rateInputs.frameRate = frameRate;
+  rateInputs.frames = jobFrames;
+  if (soundInMovie && (soundFlags & 32)) {
+    rateInputs.soundRate = uint32_t(source->audioSampleRate);
+    rateInputs.soundChannels = uint32_t(source->audioChannels);
+  }
+  const std::string rateText = ChooseRatio(rateInputs, jobFrames, &r);
+
+  double frameBudget = 0;
+  zylCodec* codec = MakeCodec(r, *source, soundInMovie, rateInputs, &frameBudget);
+  if (!codec) return Fail(kExitOutput, "out of memory making the codec");
+
+  // The movie is written beside its final name; the library opens that file by its name.
+  StagedFile staged;
+  if (!staged.Create(output, false)) {
+    codec->Destroy();
+    return Fail(kExitOutput, "%s: can't create the movie (%s)", output.c_str(),
+                std::strerror(errno));
+  }
+
+  zylKeyframeRange plan = {};
+  if (!r.keyFrames.empty()) {
+    plan.frames = r.keyFrames.data();
+    plan.frameCount = uint32_t(r.keyFrames.size());
+  }
+
+  const char* keyText = "";
+  if (r.mode == 1) {
+    keyText = codec->GetParam(zylTag('i', 'F', 'M', 'T')) == 1 ? " with still-image key frames"
+                                                               : " with quad-tree key frames";
+  }
+  std::string startLine = "encoding " + inputName + " (" + media.description() + ") to " +
+                          output + " as " + (r.mode == 1 ? "ZYL1" : "ZYL0") + keyText +
+                          ", frames " + std::to_string(r.firstFrame) + " to " +
+                          std::to_string(lastFrame);
+  if (!rateText.empty()) startLine += ", " + rateText;
+  for (const std::string& change : media.changes()) startLine += "; " + change;
+  gStartLine = r.quiet ? std::string() : startLine;
+  const bool drawProgress = !r.noProgress && !r.quiet && isatty(STDERR_FILENO);
+  struct winsize window = {};
+  const size_t columns =
+      drawProgress && ioctl(STDERR_FILENO, TIOCGWINSZ, &window) == 0 && window.ws_col > 0
+          ? window.ws_col
+          : 80;
+  ProgressBar bar(stderr, drawProgress, jobFrames, frameBudget, std::min<size_t>(columns, 80));
+  bar.ShowFrameModes(r.mode == 1);
+  gBar = &bar;
+  gInterrupted = false;
+  std::signal(SIGINT, OnInterrupt);
+  const std::u16string name = Utf16(staged.path());
+  int32_t status;
+  int reason;  // the system's reason of a failed open or write; 0 after a refusal
+  std::string console;
+  {
+    QuietConsole quietConsole(r.verbose);
+    errno = 0;  // what the job leaves here tells a failed write from a refusal
+    status = codec->Encode(source, 0, name.c_str(), r.firstFrame, r.frameCount,
+                           r.keyFrames.empty() ? nullptr : &plan, nullptr);
+    reason = errno;
+    console = quietConsole.Stop();
+  }
+  std::signal(SIGINT, SIG_DFL);
+  bar.Finish();
+  gBar = nullptr;
+  gStartLine.clear();
+  codec->Destroy();
+  media.Close();
+  return ReportEncode(r, inputName, status, reason, console, staged, bar, jobFrames, frameRate);
+}
+
+}  // namespace
+
+int RunEncode(const CommandArgs& words) {
+  Arguments args(words);
+  if (args.Flag("--help") || args.Flag("-h")) {
+    std::fputs(kUsage, ToolOut());
+    return kExitOk;
+  }
+  EncodeRequest request;
+  if (const int status = ParseEncodeRequest(args, &request)) return status;
+  return RunEncodeRequest(request);
 }
