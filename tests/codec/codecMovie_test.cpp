@@ -123,48 +123,39 @@ class CodecMovie : public testing::Test {
   zylCodec* codec_ = nullptr;
 };
 
+// Block-tree and still-image key frames: every frame decodes to what the host was shown.
 TEST_F(CodecMovie, DecodesToWhatTheHostWasShownWithTheSoundInside) {
   codec_->SetParam(Tag("EXTC"), 1);  // sound into the frames of the main stream
-  ASSERT_EQ(Encode(), 0);
-  ASSERT_EQ(shown_.pictures.size(), 5u);  // all five pictures, from the first
+  for (const int still : {0, 1}) {
+    SCOPED_TRACE(still ? "still image key frame" : "block tree key frame");
+    codec_->SetParam(Tag("iFMT"), still);
+    codec_->SetParam(Tag("uFMT"), still ? 230400 : 0);
+    shown_ = Shown();
+    ASSERT_EQ(Encode(), 0);
+    ASSERT_EQ(shown_.pictures.size(), 5u);  // all five pictures, from the first
 
-  zycSafeReader reader;
-  ASSERT_TRUE(reader.Open(file_.string())) << reader.error();
-  EXPECT_EQ(reader.header().magic, kMagicZyl0);
-  EXPECT_EQ(reader.header().width, uint32_t(kWidth));
-  EXPECT_EQ(reader.header().height, uint32_t(kHeight));
-  EXPECT_EQ(reader.header().frameCount, 5u);
-  EXPECT_NE(reader.header().flags & kHeaderFlagSound, 0u);
-  EXPECT_EQ(reader.header().soundRate, 16000u);
-  EXPECT_EQ(reader.header().soundChannels, 1u);
-  EXPECT_EQ(reader.header().timeScale, 1000000u);
-  EXPECT_EQ(reader.header().frameDuration, 100000u);
-  EXPECT_TRUE(reader.CheckAll().empty());
+    zycSafeReader reader;
+    ASSERT_TRUE(reader.Open(file_.string())) << reader.error();
+    const zycStreamHeader& h = reader.header();
+    EXPECT_EQ(h.magic, kMagicZyl0);
+    EXPECT_EQ(std::vector<uint32_t>({h.width, h.height, h.frameCount, h.soundRate,
+                                     h.soundChannels, h.timeScale, h.frameDuration}),
+              std::vector<uint32_t>({uint32_t(kWidth), uint32_t(kHeight), 5, 16000, 1, 1000000,
+                                     100000}));
+    EXPECT_NE(h.flags & kHeaderFlagSound, 0u);
+    ASSERT_FALSE(reader.frames().empty());
+    EXPECT_EQ(reader.frames()[0].flags & kFrameFlagImage, still ? kFrameFlagImage : 0);
+    EXPECT_TRUE(reader.CheckAll().empty());
 
-  reader.Rewind();
-  uint32_t soundBytes = 0;
-  for (size_t i = 0; i < shown_.pictures.size(); ++i) {
-    ASSERT_EQ(reader.NextFrame(), zycSafeStatus::decoded) << "frame " << i << reader.frameError();
-    EXPECT_EQ(Decoded(reader), shown_.pictures[i]) << "frame " << i;
-    soundBytes += reader.soundBytes();
-  }
-  EXPECT_EQ(reader.NextFrame(), zycSafeStatus::end);
-  EXPECT_GT(soundBytes, 0u);
-}
-
-TEST_F(CodecMovie, StillImageKeyFrameDecodesToWhatTheHostWasShown) {
-  codec_->SetParam(Tag("iFMT"), 1);
-  codec_->SetParam(Tag("uFMT"), 230400);
-  ASSERT_EQ(Encode(), 0);
-  zycSafeReader reader;
-  ASSERT_TRUE(reader.Open(file_.string())) << reader.error();
-  ASSERT_FALSE(reader.frames().empty());
-  EXPECT_EQ(reader.frames()[0].flags & kFrameFlagImage, kFrameFlagImage);
-  EXPECT_TRUE(reader.CheckAll().empty());
-  reader.Rewind();
-  for (size_t i = 0; i < shown_.pictures.size(); ++i) {
-    ASSERT_EQ(reader.NextFrame(), zycSafeStatus::decoded) << "frame " << i << reader.frameError();
-    EXPECT_EQ(Decoded(reader), shown_.pictures[i]) << "frame " << i;
+    reader.Rewind();
+    uint32_t soundBytes = 0;
+    for (size_t i = 0; i < shown_.pictures.size(); ++i) {
+      ASSERT_EQ(reader.NextFrame(), zycSafeStatus::decoded) << "frame " << i << reader.frameError();
+      EXPECT_EQ(Decoded(reader), shown_.pictures[i]) << "frame " << i;
+      soundBytes += reader.soundBytes();
+    }
+    EXPECT_EQ(reader.NextFrame(), zycSafeStatus::end);
+    EXPECT_GT(soundBytes, 0u);
   }
 }
 
@@ -223,20 +214,10 @@ TEST_F(CodecMovie, AFullDiskCutsTheMovieBackToItsLastWholeFrame) {
 TEST_F(CodecMovie, ASecondJobOnTheSameCodecWritesTheSameMovie) {
   codec_->SetParam(Tag("SND\0"), 0);
   ASSERT_EQ(Encode(), 0);
-  const std::string first = [&] {
-    std::FILE* f = std::fopen(file_.string().c_str(), "rb");
-    std::string bytes;
-    for (int c; (c = std::fgetc(f)) != EOF;) bytes += char(c);
-    std::fclose(f);
-    return bytes;
-  }();
+  const std::string first = Bytes();
   ASSERT_EQ(Encode(), 0);
-  std::FILE* f = std::fopen(file_.string().c_str(), "rb");
-  std::string second;
-  for (int c; (c = std::fgetc(f)) != EOF;) second += char(c);
-  std::fclose(f);
-  EXPECT_EQ(first.size(), second.size());
-  EXPECT_TRUE(first == second);
+  EXPECT_EQ(first.size(), Bytes().size());
+  EXPECT_TRUE(first == Bytes());
 }
 
 }  // namespace

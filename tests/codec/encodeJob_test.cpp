@@ -119,32 +119,6 @@ TEST_F(EncodeJob, StopsAfterTheAskedNumberOfFramesTakingOneGrabTooMany) {
   EXPECT_EQ(encoder_.CallCount("Next"), 2);
 }
 
-TEST_F(EncodeJob, OneFrameJobNeverCallsNext) {
-  zycMemorySource media(zycTestPicture::Patterns(8, 4, 4), 25.0);
-  EXPECT_EQ(Run(media, "a.zyl", 0, 1), 0);
-  EXPECT_EQ(encoder_.calls, (std::vector<std::string>{"SetJobRange", "Begin", "End"}));
-  EXPECT_EQ(watcher_.calls, 1);
-  EXPECT_EQ(Count("Frame enccoding time (sec):"), 0u);
-}
-
-TEST_F(EncodeJob, OddWidthsAndAResizeReachTheEncoderIntact) {
-  std::vector<zycTestPicture> pictures = {
-      zycTestPicture::Pattern(7, 3, 0), zycTestPicture::Pattern(7, 3, 1),
-      zycTestPicture::Pattern(13, 5, 2), zycTestPicture::Pattern(13, 5, 3)};
-  zycMemorySource media(pictures, 25.0);
-  EXPECT_EQ(Run(media, "a.zyl"), 0);
-  ASSERT_EQ(encoder_.pictures.size(), 4u);
-  EXPECT_EQ(encoder_.pictures[0].width, 7);
-  EXPECT_EQ(encoder_.pictures[0].pixels, pictures[0].Bgra());
-  EXPECT_EQ(encoder_.pictures[1].pixels, pictures[1].Bgra());
-  EXPECT_EQ(encoder_.pictures[2].width, 13);
-  EXPECT_EQ(encoder_.pictures[2].height, 5);
-  EXPECT_EQ(encoder_.pictures[2].pixels, pictures[2].Bgra());
-  EXPECT_EQ(encoder_.pictures[3].pixels, pictures[3].Bgra());
-  EXPECT_EQ(encoder_.header.width, 7u);
-  EXPECT_EQ(encoder_.header.height, 3u);
-}
-
 TEST_F(EncodeJob, FillsTheHeaderRecordBeforeBegin) {
   zycMemorySource media(zycTestPicture::Patterns(8, 4, 3), 29.97, std::vector<int16_t>(6000), 2,
                         22050);
@@ -197,41 +171,53 @@ TEST_F(EncodeJob, ProgressRecordAfterEveryFrame) {
   EXPECT_EQ(watcher_.records[1].keyFrame, 0);
 }
 
-TEST_F(EncodeJob, CallbackThatStopsAtOnceEndsTheJobCleanly) {
-  watcher_.stopAfter = 0;
-  zycMemorySource media(zycTestPicture::Patterns(8, 4, 6), 25.0);
-  EXPECT_EQ(Run(media, "a.zyl"), 1);
-  EXPECT_EQ(encoder_.calls, (std::vector<std::string>{"SetJobRange", "Begin", "End"}));
-  EXPECT_EQ(ReadFile(dir_ / "a.zyl"), "main");  // closed, so everything written is there
-  EXPECT_EQ(Count("Encoding done...\n"), 1u);
-  EXPECT_EQ(Count("Detailed statistics"), 1u);
-}
-
-TEST_F(EncodeJob, CallbackThatStopsLaterKeepsTheFramesDone) {
-  watcher_.stopAfter = 2;
-  zycMemorySource media(zycTestPicture::Patterns(8, 4, 8), 25.0);
-  EXPECT_EQ(Run(media, "a.zyl"), 1);
-  EXPECT_EQ(encoder_.CallCount("Next"), 2);
-  EXPECT_EQ(encoder_.CallCount("End"), 1);
-  EXPECT_EQ(watcher_.calls, 3);
-}
-
-TEST_F(EncodeJob, FirstFrameBeyondTheEndBeginsOnAnEmptyPicture) {
-  zycMemorySource media(zycTestPicture::Patterns(8, 4, 3), 25.0);
-  EXPECT_EQ(Run(media, "a.zyl", 10), 0);
-  ASSERT_EQ(encoder_.pictures.size(), 1u);
-  EXPECT_EQ(encoder_.pictures[0].width, 0);
-  EXPECT_EQ(encoder_.pictures[0].height, 0);
-  EXPECT_EQ(encoder_.header.width, 0u);
-  EXPECT_EQ(encoder_.calls.back(), "End");
-}
-
-TEST_F(EncodeJob, AStalledSourceEndsTheJobAtTheGrabTimeout) {
-  zycMemorySource media(zycTestPicture::Patterns(8, 4, 6), 25.0);
-  media.StallVideoAt(3);
-  EXPECT_EQ(Run(media, "a.zyl"), 0);
-  EXPECT_EQ(encoder_.CallCount("Next"), 2);  // pictures 0, 1 and 2; picture 3 never comes
-  EXPECT_EQ(encoder_.CallCount("End"), 1);
+// How a job ends: the frames asked for, a callback that stops it, a source that runs dry or
+// stalls, an encoder that refuses. End is called once in every case.
+TEST_F(EncodeJob, EndsAfterTheFramesAskedForOrWhenStopped) {
+  const struct {
+    const char* what;
+    int pictures;
+    uint32_t first, count;
+    int stopAfter;       // the callback's call that returns 0
+    uint32_t stallAt;    // the picture the source never delivers (0: none)
+    int32_t beginResult;
+    int32_t status;
+    int nexts, callbacks, doneLines;
+  } cases[] = {
+      {"one frame", 4, 0, 1, -1, 0, 0, 0, 0, 1, 1},
+      {"stopped at once", 6, 0, 0, 0, 0, 0, 1, 0, 1, 1},
+      {"stopped later", 8, 0, 0, 2, 0, 0, 1, 2, 3, 1},
+      {"first beyond the end", 3, 10, 0, -1, 0, 0, 0, 0, 1, 1},
+      {"stalled", 6, 0, 0, -1, 3, 0, 0, 2, 3, 1},
+      {"refused", 3, 0, 0, -1, 0, 1, 3, 0, 0, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    watcher_ = Watcher();
+    watcher_.stopAfter = c.stopAfter;
+    encoder_ = zycRecordingEncoder();
+    encoder_.beginResult = c.beginResult;
+    zycMemorySource media(zycTestPicture::Patterns(8, 4, c.pictures), 25.0);
+    if (c.stallAt) media.StallVideoAt(c.stallAt);
+    EXPECT_EQ(Run(media, "a.zyl", c.first, c.count), c.status);
+    EXPECT_EQ(encoder_.CallCount("SetJobRange"), 1);
+    EXPECT_EQ(encoder_.CallCount("Begin"), 1);
+    EXPECT_EQ(encoder_.CallCount("Next"), c.nexts);
+    EXPECT_EQ(encoder_.calls.back(), "End");
+    EXPECT_EQ(encoder_.CallCount("End"), 1);
+    EXPECT_EQ(watcher_.calls, c.callbacks);
+    EXPECT_EQ(ReadFile(dir_ / "a.zyl"), "main");  // closed, so everything written is there
+    EXPECT_EQ(Count("Encoding done...\n"), size_t(c.doneLines));
+    EXPECT_EQ(Count("Detailed statistics"), size_t(c.doneLines));
+    EXPECT_EQ(Count("Frame enccoding time (sec):"), size_t(c.nexts));
+    if (c.first >= uint32_t(c.pictures)) {
+      // Begins on an empty picture.
+      ASSERT_EQ(encoder_.pictures.size(), 1u);
+      EXPECT_EQ(encoder_.pictures[0].width, 0);
+      EXPECT_EQ(encoder_.pictures[0].height, 0);
+      EXPECT_EQ(encoder_.header.width, 0u);
+    }
+  }
 }
 
 TEST_F(EncodeJob, PrintsTheFrameTimesAndTheEndLinesInOrder) {
@@ -278,105 +264,72 @@ TEST_F(EncodeJob, MainOutputThatCantBeOpenedTouchesNothingElse) {
   EXPECT_EQ(printed_, "");
 }
 
-TEST_F(EncodeJob, BeginFailureEndsTheEncoderAndClosesTheOutputs) {
-  encoder_.beginResult = 1;
-  zycMemorySource media(zycTestPicture::Patterns(8, 4, 3), 25.0);
-  EXPECT_EQ(Run(media, "a.zyl"), 3);
-  EXPECT_EQ(encoder_.calls, (std::vector<std::string>{"SetJobRange", "Begin", "End"}));
-  EXPECT_EQ(watcher_.calls, 0);
-  EXPECT_EQ(ReadFile(dir_ / "a.zyl"), "main");
-  EXPECT_EQ(Count("Encoding done"), 0u);
-}
-
-TEST_F(EncodeJob, SoundFilesBesideTheMovieWithoutExtc) {
-  encoder_.soundFlags = 3;
-  codec_->SetParam(Tag("pFMT"), 3);
-  zycMemorySource media(zycTestPicture::Patterns(8, 4, 3), 25.0);
-  char16_t buffer[kOutputNameBufferLength];
-  EXPECT_EQ(Run(media, "movie.zyl", 0, 0, nullptr, buffer), 0);
-  EXPECT_TRUE(encoder_.hadMainOutput);
-  EXPECT_TRUE(encoder_.extraOpen[0]);
-  EXPECT_TRUE(encoder_.extraOpen[1]);
-  EXPECT_FALSE(encoder_.extraOpen[2]);
-  EXPECT_FALSE(encoder_.extraOpen[4]);
-  EXPECT_EQ(ReadFile(dir_ / "movie.zyl"), "main");
-  EXPECT_EQ(ReadFile(dir_ / "movie_1.mds"), "extra1");
-  EXPECT_EQ(ReadFile(dir_ / "movie_2.mds"), "extra2");
-  EXPECT_EQ(std::u16string(buffer), Name("movie.zyl"));
-}
-
-TEST_F(EncodeJob, ExtcPutsTheMovieIntoNumberedFilesOnly) {
-  encoder_.soundFlags = 3;
-  codec_->SetParam(Tag("EXTC"), 1);
-  zycMemorySource media(zycTestPicture::Patterns(8, 4, 3), 25.0);
-  char16_t buffer[kOutputNameBufferLength];
-  EXPECT_EQ(Run(media, "movie.zyl", 0, 0, nullptr, buffer), 0);
-  EXPECT_FALSE(encoder_.hadMainOutput);
-  EXPECT_FALSE(fs::exists(dir_ / "movie.zyl"));
-  EXPECT_EQ(ReadFile(dir_ / "movie_1.zyl"), "extra1");
-  EXPECT_EQ(ReadFile(dir_ / "movie_2.zyl"), "extra2");
-  EXPECT_EQ(std::u16string(buffer), Name("movie_2.zyl"));
-}
-
-TEST_F(EncodeJob, NumberedNamesCutAtTheLastZylAfterTheFirstCharacter) {
-  encoder_.soundFlags = 8 | 2;
-  zycMemorySource media(zycTestPicture::Patterns(8, 4, 3), 25.0);
-  EXPECT_EQ(Run(media, "a.zyl.zyl"), 0);
-  EXPECT_TRUE(fs::exists(dir_ / "a.zyl_2.mds"));
-  EXPECT_TRUE(fs::exists(dir_ / "a.zyl_4.mds"));
-  EXPECT_TRUE(encoder_.extraOpen[3]);
-
-  zycRecordingEncoder second;
-  second.soundFlags = 1;
-  zycMemorySource media2(zycTestPicture::Patterns(8, 4, 3), 25.0);
-  std::u16string name = Name("clip");
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(RunEncodeJob(codec_->JobSettings(), &second, media2.source(), name.c_str(), 0, 0,
-                         nullptr, nullptr),
-            0);
-  testing::internal::GetCapturedStdout();
-  EXPECT_TRUE(fs::exists(dir_ / "clip_1.mds"));
-  EXPECT_TRUE(fs::exists(dir_ / "clip"));
+// The phone sound outputs ("pFMT" bits 1, 2, 4, 8) go to numbered files beside the movie, cut
+// at the last ".zyl" after the first character; with "EXTC" the numbered files take the movie
+// itself and the main output is not made.
+TEST_F(EncodeJob, ExtraOutputsAreNamedBesideTheMovie) {
+  const struct {
+    uint32_t soundFlags;
+    std::vector<std::pair<const char*, int32_t>> params;  // "SKIP" for SetSkipExtraFiles
+    std::string name;
+    std::vector<std::pair<std::string, std::string>> files;  // name and bytes ("?" any)
+    std::vector<std::string> absent;
+    std::string buffer;  // the name handed back; "" when no buffer is given
+  } cases[] = {
+      {3, {{"pFMT", 3}}, "movie.zyl",
+       {{"movie.zyl", "main"}, {"movie_1.mds", "extra1"}, {"movie_2.mds", "extra2"}},
+       {"movie_3.mds", "movie_4.mds"}, "movie.zyl"},
+      {3, {{"EXTC", 1}}, "movie.zyl", {{"movie_1.zyl", "extra1"}, {"movie_2.zyl", "extra2"}},
+       {"movie.zyl"}, "movie_2.zyl"},
+      {8 | 2, {}, "a.zyl.zyl", {{"a.zyl_2.mds", "extra2"}, {"a.zyl_4.mds", "extra4"}}, {}, ""},
+      {1, {}, "clip", {{"clip_1.mds", "extra1"}, {"clip", "main"}}, {}, ""},
+      {3, {{"SKIP", 1}}, "a.zyl", {{"a.zyl", "main"}}, {"a_1.mds"}, ""},
+      {3, {{"SND\0", 0}}, "b.zyl", {{"b.zyl", "main"}}, {"b_1.mds"}, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name + " " + std::to_string(c.soundFlags));
+    codec_->Destroy();
+    codec_ = new zycCodec(Watch, 0x1234);
+    zycRecordingEncoder encoder;
+    encoder.soundFlags = c.soundFlags;
+    for (const auto& [tag, value] : c.params) {
+      if (std::string(tag) == "SKIP") {
+        codec_->SetSkipExtraFiles(value);
+      } else {
+        codec_->SetParam(Tag(tag), value);
+      }
+    }
+    zycMemorySource media(zycTestPicture::Patterns(8, 4, 3), 25.0);
+    char16_t buffer[kOutputNameBufferLength] = {};
+    const std::u16string name = Name(c.name);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(RunEncodeJob(codec_->JobSettings(), &encoder, media.source(), name.c_str(), 0, 0, nullptr,
+                           c.buffer.empty() ? nullptr : buffer),
+              0);
+    testing::internal::GetCapturedStdout();
+    for (const auto& [file, bytes] : c.files) EXPECT_EQ(ReadFile(dir_ / file), bytes) << file;
+    for (const std::string& file : c.absent) EXPECT_FALSE(fs::exists(dir_ / file)) << file;
+    if (!c.buffer.empty()) {
+      EXPECT_EQ(std::u16string(buffer), Name(c.buffer));
+    }
+    EXPECT_EQ(encoder.hadExtraOutputs, c.files.size() > 1);
+    fs::remove_all(dir_);
+    fs::create_directories(dir_);
+  }
 }
 
 TEST_F(EncodeJob, ANameThatIsOnlyTheExtensionKeepsIt) {
   const fs::path previous = fs::current_path();
   fs::current_path(dir_);
-  zycRecordingEncoder encoder;
-  encoder.soundFlags = 1;
+  encoder_.soundFlags = 1;
   zycMemorySource media(zycTestPicture::Patterns(8, 4, 3), 25.0);
   testing::internal::CaptureStdout();
-  int32_t status = RunEncodeJob(codec_->JobSettings(), &encoder, media.source(), u".zyl", 0, 0,
-                                nullptr, nullptr);
+  int32_t status = RunEncodeJob(codec_->JobSettings(), &encoder_, media.source(), u".zyl", 0, 0, nullptr, nullptr);
   testing::internal::GetCapturedStdout();
   fs::current_path(previous);
   EXPECT_EQ(status, 0);
   EXPECT_TRUE(fs::exists(dir_ / ".zyl_1.mds"));
   EXPECT_TRUE(fs::exists(dir_ / ".zyl"));
-}
-
-TEST_F(EncodeJob, NoExtraFilesWhenSkippedOrSoundIsOff) {
-  encoder_.soundFlags = 3;
-  codec_->SetSkipExtraFiles(1);
-  zycMemorySource media(zycTestPicture::Patterns(8, 4, 3), 25.0);
-  EXPECT_EQ(Run(media, "a.zyl"), 0);
-  EXPECT_FALSE(encoder_.hadExtraOutputs);
-  EXPECT_FALSE(fs::exists(dir_ / "a_1.mds"));
-
-  zycRecordingEncoder second;
-  second.soundFlags = 3;
-  codec_->SetSkipExtraFiles(0);
-  codec_->SetParam(Tag("SND\0"), 0);
-  zycMemorySource media2(zycTestPicture::Patterns(8, 4, 3), 25.0);
-  std::u16string name = Name("b.zyl");
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(RunEncodeJob(codec_->JobSettings(), &second, media2.source(), name.c_str(), 0, 0,
-                         nullptr, nullptr),
-            0);
-  testing::internal::GetCapturedStdout();
-  EXPECT_FALSE(second.hadExtraOutputs);
-  EXPECT_FALSE(fs::exists(dir_ / "b_1.mds"));
-  EXPECT_TRUE(fs::exists(dir_ / "b.zyl"));
 }
 
 TEST_F(EncodeJob, SoundFilesOutsideZyl0AreRefused) {

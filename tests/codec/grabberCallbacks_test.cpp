@@ -60,7 +60,6 @@ TEST(VideoGrabber, BufferGrowsOnlyForLongerSamples) {
   std::vector<uint8_t> small = PaddedSample(4, 2);
   g.videoGo.Set();
   g.video.BufferCB(0.0, small.data(), int32_t(small.size()));
-  const uint8_t* first = g.video.data;
   g.source.width = 8;
   g.source.height = 4;
   std::vector<uint8_t> large = PaddedSample(8, 4);
@@ -75,7 +74,6 @@ TEST(VideoGrabber, BufferGrowsOnlyForLongerSamples) {
   g.video.BufferCB(0.0, small.data(), int32_t(small.size()));
   EXPECT_EQ(g.video.data, second);
   EXPECT_EQ(g.video.capacity, int32_t(large.size()));
-  (void)first;
 }
 
 TEST(VideoGrabber, WaitsNoLongerThanTheTimeoutForGo) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <vector>
@@ -79,76 +80,53 @@ TEST(AdpcmChunkSize, CountsHeaderAndPartFilledBytes) {
   EXPECT_EQ(zycAdpcmEncode(state, pcm, 2, 3, out), 0u);
 }
 
-// From a cleared state (predictor 0, step 7): 100 four times climbs by 1, 2, 2, 2 while the step
-// grows 8, 9, 10, 11 (codes 1); -50 goes down by 11 >> 2 = 2 (code 3), step 12.
-TEST(AdpcmEncode, MonoChunkBytesFromHand) {
-  zycAdpcmState state = {};
-  std::vector<int16_t> rebuilt;
-  const std::vector<uint8_t> chunk = Encode(state, {100, 100, 100, 100, -50}, 1, &rebuilt);
-  EXPECT_EQ(chunk, (std::vector<uint8_t>{0x00, 0x00, 0x00, 0x55, 0xC0}));
-  EXPECT_EQ(rebuilt, (std::vector<int16_t>{1, 3, 5, 7, 5}));
-  EXPECT_EQ(state.predictor[0], 5);
-  EXPECT_EQ(state.stepIndex[0], 5);
-}
-
-TEST(AdpcmEncode, NextChunkHeaderCarriesTheState) {
-  zycAdpcmState state = {};
-  Encode(state, {100, 100, 100, 100, -50}, 1);
-  const std::vector<uint8_t> chunk = Encode(state, {5, 5, 5, 5}, 1);
-  // Predictor 5 high byte first, step index 5; the predictor is within a quarter step: codes 0.
-  EXPECT_EQ(chunk, (std::vector<uint8_t>{0x00, 0x05, 0x05, 0x00}));
-  EXPECT_EQ(state.stepIndex[0], 1);
-}
-
-TEST(AdpcmEncode, NegativePredictorHeaderIsTwosComplementHighByteFirst) {
-  zycAdpcmState state = {{-300, 0}, {10, 0}};
-  const std::vector<uint8_t> chunk = Encode(state, {-300}, 1);
-  EXPECT_EQ(chunk, (std::vector<uint8_t>{0xFE, 0xD4, 0x0A, 0x00}));
-  EXPECT_EQ(state.stepIndex[0], 9);
-}
-
-// Codes 0, 1, 2, 3 in sample order land in the byte from its top bits down.
-TEST(AdpcmEncode, FirstSampleTakesTheTopBits) {
-  zycAdpcmState state = {};
-  // 0: no move (code 0). 100: up by 1 (code 1), step 8. 0: one below, less than a quarter step
-  // (code 2), step back to 7. -100: down (code 3).
-  const std::vector<uint8_t> chunk = Encode(state, {0, 100, 0, -100}, 1);
-  ASSERT_EQ(chunk.size(), 4u);
-  EXPECT_EQ(chunk[3], 0x1B);
-}
-
-// Left 0 step 7, right 1000 step index 20 (50). Pair 1: left 10 up by 1 (code 1), right 1000 no
-// move (code 0). Pair 2: left -10 down by 2 (code 3), right 2000 up by 45 >> 2 = 11 (code 1).
-TEST(AdpcmEncode, StereoChunkBytesFromHand) {
-  zycAdpcmState state = {{0, 1000}, {0, 20}};
-  std::vector<int16_t> rebuilt;
-  const std::vector<uint8_t> chunk = Encode(state, {10, 1000, -10, 2000}, 2, &rebuilt);
-  EXPECT_EQ(chunk, (std::vector<uint8_t>{0x00, 0x00, 0x03, 0xE8, 0x00, 0x14, 0x4D}));
-  EXPECT_EQ(rebuilt, (std::vector<int16_t>{1, 1000, -1, 1011}));
-  EXPECT_EQ(state.predictor[0], -1);
-  EXPECT_EQ(state.predictor[1], 1011);
-  EXPECT_EQ(state.stepIndex[0], 2);
-  EXPECT_EQ(state.stepIndex[1], 20);
-}
-
-TEST(AdpcmEncode, StereoHeaderPutsBothStepIndicesBehindBothPredictors) {
-  zycAdpcmState state = {{-2, 0x1234}, {33, 88}};
-  const std::vector<uint8_t> chunk = Encode(state, {-2, 0x1234}, 2);
-  ASSERT_EQ(chunk.size(), 7u);
-  EXPECT_EQ(chunk[0], 0xFF);
-  EXPECT_EQ(chunk[1], 0xFE);
-  EXPECT_EQ(chunk[2], 0x12);
-  EXPECT_EQ(chunk[3], 0x34);
-  EXPECT_EQ(chunk[4], 33);
-  EXPECT_EQ(chunk[5], 88);
-}
-
-TEST(AdpcmEncode, StereoOddPairLeavesLowHalfOfLastByteEmpty) {
-  zycAdpcmState state = {};
-  const std::vector<uint8_t> chunk = Encode(state, {100, -100, 100, -100, 100, -100}, 2);
-  ASSERT_EQ(chunk.size(), 8u);
-  EXPECT_EQ(chunk[6], 0x77);  // left 1, right 3, left 1, right 3
-  EXPECT_EQ(chunk[7], 0x70);
+// Chunks worked out by hand. Mono: from a cleared state (predictor 0, step 7), 100 four times
+// climbs by 1, 2, 2, 2 while the step grows 8, 9, 10, 11 (codes 1); -50 goes down by
+// 11 >> 2 = 2 (code 3), step 12. The next chunk's header carries predictor 5 high byte first
+// and step index 5, and 5 is within a quarter step (codes 0). Codes land in a byte from its top
+// bits down: 0 no move, 100 up by 1, 0 less than a quarter step below, -100 down. Stereo: left
+// 0 step 7, right 1000 step index 20 (50); left 10 up by 1 (code 1), right 1000 no move; left
+// -10 down by 2 (code 3), right 2000 up by 45 >> 2 = 11 (code 1). Both step indices follow both
+// predictors, and an odd pair leaves the low half of the last byte empty.
+TEST(AdpcmEncode, ChunkBytesFromHand) {
+  constexpr int kAny = -100000;  // not compared
+  const struct {
+    zycAdpcmState state;
+    std::vector<int16_t> pcm;
+    uint32_t channels;
+    std::vector<uint8_t> chunk;
+    std::vector<int16_t> rebuilt;  // empty: not compared
+    std::array<int, 4> after;      // predictors and step indices, or kAny
+  } cases[] = {
+      {{}, {100, 100, 100, 100, -50}, 1, {0x00, 0x00, 0x00, 0x55, 0xC0}, {1, 3, 5, 7, 5},
+       {5, kAny, 5, kAny}},
+      {{{5, 0}, {5, 0}}, {5, 5, 5, 5}, 1, {0x00, 0x05, 0x05, 0x00}, {}, {kAny, kAny, 1, kAny}},
+      {{{-300, 0}, {10, 0}}, {-300}, 1, {0xFE, 0xD4, 0x0A, 0x00}, {}, {kAny, kAny, 9, kAny}},
+      {{}, {0, 100, 0, -100}, 1, {0x00, 0x00, 0x00, 0x1B}, {}, {kAny, kAny, kAny, kAny}},
+      {{{0, 1000}, {0, 20}}, {10, 1000, -10, 2000}, 2,
+       {0x00, 0x00, 0x03, 0xE8, 0x00, 0x14, 0x4D}, {1, 1000, -1, 1011}, {-1, 1011, 2, 20}},
+      {{{-2, 0x1234}, {33, 88}}, {-2, 0x1234}, 2, {0xFF, 0xFE, 0x12, 0x34, 33, 88, 0x00}, {},
+       {kAny, kAny, kAny, kAny}},
+      {{}, {100, -100, 100, -100, 100, -100}, 2, {0, 0, 0, 0, 0, 0, 0x77, 0x70}, {},
+       {kAny, kAny, kAny, kAny}},
+  };
+  int n = 0;
+  for (const auto& c : cases) {
+    SCOPED_TRACE("case " + std::to_string(n++));
+    zycAdpcmState state = c.state;
+    std::vector<int16_t> rebuilt;
+    EXPECT_EQ(Encode(state, c.pcm, c.channels, &rebuilt), c.chunk);
+    if (!c.rebuilt.empty()) {
+      EXPECT_EQ(rebuilt, c.rebuilt);
+    }
+    const int got[4] = {state.predictor[0], state.predictor[1], state.stepIndex[0],
+                        state.stepIndex[1]};
+    for (int i = 0; i < 4; ++i) {
+      if (c.after[i] != kAny) {
+        EXPECT_EQ(got[i], c.after[i]) << i;
+      }
+    }
+  }
 }
 
 TEST(AdpcmEncode, ConstantInputSettlesToStepFloor) {

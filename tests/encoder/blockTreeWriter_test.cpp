@@ -24,6 +24,10 @@ TEST(BlockTreeWriter, OpcodeLengthFollowsTheSymbolCount) {
   for (uint32_t symbols = 1; symbols < 40; ++symbols) {
     std::vector<uint8_t> ops(symbols + 1, 3);
     EXPECT_EQ(zycPackOpcodes(ops.data(), symbols + 1), 1 + (symbols + 3) / 4);
+    // Only the packed bytes are written.
+    if (1 + (symbols + 3) / 4 <= symbols) {
+      EXPECT_EQ(ops[1 + (symbols + 3) / 4], 3) << symbols;
+    }
   }
 }
 

@@ -49,12 +49,13 @@ std::vector<zycSadKernels> FastSets() {
   return sets;
 }
 
+// With alpha bytes that differ, which the colour kernels leave out and the others count.
 TEST(SadKernels, SimdEqualsPlainOnRealPicturesAtEverySizeAndOffset) {
   zycSadKernels plain;
   zycSadPlain(&plain);
   const std::vector<zycSadKernels> sets = FastSets();
   if (sets.empty()) GTEST_SKIP() << "built without SIMD";
-  PicturePair p = MakePair(false);
+  PicturePair p = MakePair(true);
   const uint32_t stride = p.width * 4;
   for (const zycSadKernels& fast : sets) {
     int compared = 0;
@@ -98,31 +99,16 @@ TEST(SadKernels, AvxSetKeepsSse2ForFourAndTakesItsOwnForEightAndSixteen) {
 }
 
 TEST(SadKernels, ColourKernelsLeaveAlphaOutAndAllKernelsCountIt) {
-  zycSadKernels plain, fast;
+  zycSadKernels plain;
   zycSadPlain(&plain);
-  const bool haveFast = zycSadSse2(&fast);
   PicturePair p = MakePair(true);
   const uint32_t stride = p.width * 4;
   uint32_t alphaSum = 0;
   for (int y = 0; y < 16; ++y) {
     for (int x = 0; x < 16; ++x) alphaSum += 255 - p.b[y * stride + x * 4 + 3];
   }
-  const uint32_t all = plain.all[2](p.a.data(), p.b.data(), stride, ~0u);
-  const uint32_t colour = plain.colour[2](p.a.data(), p.b.data(), stride, ~0u);
-  EXPECT_EQ(all, colour + alphaSum);
-  if (haveFast) {
-    EXPECT_EQ(fast.colour[2](p.a.data(), p.b.data(), stride, ~0u), colour);
-    EXPECT_EQ(fast.all[2](p.a.data(), p.b.data(), stride, ~0u), all);
-  }
-  // Every size of every SIMD set against the plain kernels, with alpha that differs.
-  for (const zycSadKernels& set : FastSets()) {
-    for (int level = 0; level < 3; ++level) {
-      EXPECT_EQ(set.colour[level](p.a.data(), p.b.data(), stride, ~0u),
-                plain.colour[level](p.a.data(), p.b.data(), stride, ~0u));
-      EXPECT_EQ(set.all[level](p.a.data(), p.b.data(), stride, ~0u),
-                plain.all[level](p.a.data(), p.b.data(), stride, ~0u));
-    }
-  }
+  EXPECT_EQ(plain.all[2](p.a.data(), p.b.data(), stride, ~0u),
+            plain.colour[2](p.a.data(), p.b.data(), stride, ~0u) + alphaSum);
 }
 
 TEST(SadKernels, FastKernelMayStopAtTheLimitButNeverBelowIt) {

@@ -299,26 +299,35 @@ TEST(SoundMovie, DecodedSoundLinesUpWithTheSource) {
   EXPECT_GT(snr, 10.5);
 }
 
-TEST(SoundMovie, DefaultsLowerTheBudgetButStoreNoSound) {
+// Sound that the movie does not store: with the defaults ("EXTC" 0) the budget still gives up
+// an eighth of the raw sound bytes, the size after 2-bit coding, and the account starts 4
+// lower; without the ADPCM bit of "pFMT" nothing is taken off. Either way the chunks are
+// fetched, and no frame carries one.
+TEST(SoundMovie, SoundNotStoredIsFetchedAndBudgetedByTheAdpcmBit) {
   const SoundMovie silent = Encode("nosound", 2, 0, 32, 16000, 0, 100000, true);
-  const SoundMovie m = Encode("defaults", 2, 0, 32, 16000, 16000, 100000, true);
-  EXPECT_EQ(m.headerFlags & kHeaderFlagSound, 0u);
-  EXPECT_EQ(m.movie.header.soundRate, 16000u);
-  EXPECT_EQ(m.movie.header.soundChunkLimit, 35200u);
-  // The raw frame counts the 3200 sound bytes a frame, (160 x 128 x 3 + 3200) / 100; then
-  // the budget gives up an eighth of them, the size after 2-bit coding.
+  // The raw frame: 160 x 128 x 3 / 100, and with the 3200 sound bytes a frame counted, 646.
   EXPECT_EQ(silent.compressionSize, 614);
-  EXPECT_EQ(m.compressionSize, 646 - 400);
-  // The account starts 4 lower.
-  EXPECT_EQ(m.progresses[0].credit, -74 + m.compressionSize - m.progresses[0].size);
   EXPECT_EQ(silent.progresses[0].credit, -70 + silent.compressionSize - silent.progresses[0].size);
-  // The chunks are fetched and coded all the same, but no frame carries one.
-  EXPECT_EQ(m.asked, (std::vector<uint32_t>{33600 * 2}));
-  for (size_t f = 0; f < m.movie.frames.size(); ++f) {
-    EXPECT_EQ(m.movie.frameFlags[f] & kFrameFlagSound, 0) << f;
-    EXPECT_EQ(m.progresses[f].soundSize, 0u) << f;
-  }
   EXPECT_TRUE(silent.asked.empty());
+  const struct {
+    const char* name;
+    uint32_t embed, flags;
+    int32_t budget, start;
+  } cases[] = {{"defaults", 0, 32, 646 - 400, -74}, {"noadpcm", 1, 0, 646, -70}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const SoundMovie m = Encode(c.name, 2, c.embed, c.flags, 16000, 16000, 100000, true);
+    EXPECT_EQ(m.headerFlags & kHeaderFlagSound, 0u);
+    EXPECT_EQ(m.movie.header.soundRate, 16000u);
+    EXPECT_EQ(m.movie.header.soundChunkLimit, 35200u);
+    EXPECT_EQ(m.compressionSize, c.budget);
+    EXPECT_EQ(m.progresses[0].credit, c.start + m.compressionSize - m.progresses[0].size);
+    EXPECT_EQ(m.asked, (std::vector<uint32_t>{33600 * 2}));
+    for (size_t f = 0; f < m.movie.frames.size(); ++f) {
+      EXPECT_EQ(m.movie.frameFlags[f] & kFrameFlagSound, 0) << f;
+      EXPECT_EQ(m.progresses[f].soundSize, 0u) << f;
+    }
+  }
 }
 
 TEST(SoundMovie, ChunkBytesAreGivenBackToTheFrameThatCarriesThem) {
@@ -334,14 +343,3 @@ TEST(SoundMovie, ChunkBytesAreGivenBackToTheFrameThatCarriesThem) {
   EXPECT_GT(m.progresses[39].soundSize, 0u);
 }
 
-TEST(SoundMovie, WithoutTheAdpcmBitChunksAreFetchedButNotStoredNorBudgeted) {
-  const SoundMovie m = Encode("noadpcm", 2, 1, 0, 16000, 16000, 100000, true);
-  EXPECT_EQ(m.headerFlags & kHeaderFlagSound, 0u);
-  // The raw frame still counts the sound bytes, but nothing is taken off for them.
-  EXPECT_EQ(m.compressionSize, 646);
-  EXPECT_EQ(m.progresses[0].credit, -70 + m.compressionSize - m.progresses[0].size);
-  EXPECT_EQ(m.asked, (std::vector<uint32_t>{33600 * 2}));
-  for (size_t f = 0; f < m.movie.frames.size(); ++f) {
-    EXPECT_EQ(m.movie.frameFlags[f] & kFrameFlagSound, 0) << f;
-  }
-}

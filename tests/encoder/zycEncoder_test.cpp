@@ -238,39 +238,34 @@ TEST(Encoder, IdenticalPicturesGiveOneCopyPerTopBlockAndNoKeyFrame) {
   EXPECT_EQ(run.movie.sectionFrames.size(), 1u);
 }
 
-TEST(Encoder, HardCutTooSoonIsAPFrameWithTheKeyBudget) {
+// A hard cut two frames in: too soon for a key frame while the range of "iRNG" lasts, so a
+// P-frame with the key frame's budget; a section of its own once the range has run out.
+TEST(Encoder, AHardCutIsAKeyFrameOnlyAfterTheRange) {
   zylTestPicture a = Crop(Coffee(), 100, 100, 64, 48);
   zylTestPicture b = Crop(Astronaut(), 200, 40, 64, 48);
-  EncodeRun run("cut");
-  ASSERT_EQ(run.Begin(a), 0);
-  run.Next(a);
-  run.Next(b);
-  EXPECT_FALSE(run.encoder.LastFrame().keyFrame);
-  EXPECT_GT(run.encoder.LastFrame().changed, 50.0);
-  const int32_t key = int32_t(25.0 * run.encoder.CompressionSize() * double(0.2f));
-  EXPECT_EQ(run.encoder.LastFrame().wantedSize, key);
-  EXPECT_EQ(run.movie.sectionFrames.size(), 1u);
-}
-
-TEST(Encoder, ACutAfterTheRangeHasRunOutStartsASection) {
-  zylTestPicture a = Crop(Coffee(), 100, 100, 64, 48);
-  zylTestPicture b = Crop(Astronaut(), 200, 40, 64, 48);
-  EncodeRun run("cut2");
-  run.encoder.iRng = 0.05f;  // two frames at 25 fps
-  ASSERT_EQ(run.Begin(a), 0);
-  run.Next(a);
-  run.Next(b);
-  EXPECT_TRUE(run.encoder.LastFrame().keyFrame);
-  EXPECT_TRUE(run.progresses[2].keyFrame);
-  ASSERT_EQ(run.movie.sectionFrames.size(), 2u);
-  EXPECT_EQ(run.movie.sectionFrames[0], 2u);
-  EXPECT_EQ(run.movie.sectionFrames[1], 1u);
-  // A key frame of the tree has no motion item.
-  EXPECT_EQ(run.movie.frameFlags[2] & kFrameFlagMotion, 0);
-  // Its credit paid the six bytes of the section header.
-  const int32_t before = run.progresses[1].credit;
-  EXPECT_EQ(run.progresses[2].credit,
-            before - 6 + run.encoder.CompressionSize() - run.progresses[2].size);
+  for (const bool rangeOver : {false, true}) {
+    SCOPED_TRACE(rangeOver ? "after the range" : "inside the range");
+    EncodeRun run(rangeOver ? "cut2" : "cut");
+    if (rangeOver) run.encoder.iRng = 0.05f;  // two frames at 25 fps
+    ASSERT_EQ(run.Begin(a), 0);
+    run.Next(a);
+    run.Next(b);
+    EXPECT_EQ(run.encoder.LastFrame().keyFrame, rangeOver);
+    EXPECT_EQ(bool(run.progresses[2].keyFrame), rangeOver);
+    if (!rangeOver) {
+      EXPECT_GT(run.encoder.LastFrame().changed, 50.0);
+      const int32_t key = int32_t(25.0 * run.encoder.CompressionSize() * double(0.2f));
+      EXPECT_EQ(run.encoder.LastFrame().wantedSize, key);
+      EXPECT_EQ(run.movie.sectionFrames.size(), 1u);
+      continue;
+    }
+    EXPECT_EQ(run.movie.sectionFrames, (std::vector<uint32_t>{2, 1}));
+    // A key frame of the tree has no motion item.
+    EXPECT_EQ(run.movie.frameFlags[2] & kFrameFlagMotion, 0);
+    // Its credit paid the six bytes of the section header.
+    EXPECT_EQ(run.progresses[2].credit, run.progresses[1].credit - 6 +
+                                            run.encoder.CompressionSize() - run.progresses[2].size);
+  }
 }
 
 TEST(Encoder, PlanForcesAndInhibitsKeyFrames) {
@@ -441,24 +436,24 @@ TEST(Encoder, OddSizedPictureIsPaddedWithBlack) {
   run.Next(Crop(Coffee(), 12, 11, 100, 50));
 }
 
-TEST(Encoder, BudgetOf320By240WithoutSoundIs2304) {
-  zylTestPicture p = Crop(Coffee(), 0, 0, 320, 240, 1);
-  EncodeRun run("budget");
-  ASSERT_EQ(run.Begin(p), 0);
-  EXPECT_EQ(run.encoder.CompressionSize(), 2304);
-  // Header 64 and first section header 6 are paid from the start.
-  EXPECT_EQ(run.progresses[0].credit, -70 + 2304 - run.progresses[0].size);
-  EXPECT_EQ(run.encoder.LastFrame().wantedSize, int32_t(25.0 * 2304 * double(0.2f)));
-}
-
-TEST(Encoder, KeyFrameBudgetIs10000ForA2000ByteFrameAt25Fps) {
-  zylTestPicture p = Crop(Coffee(), 0, 0, 160, 400, 1);
-  EncodeRun run("k10000");
-  run.encoder.ratio = 96;  // 160 x 400 x 3 / 96 = 2000
-  ASSERT_EQ(run.Begin(p), 0);
-  EXPECT_EQ(run.encoder.CompressionSize(), 2000);
-  EXPECT_EQ(run.encoder.LastFrame().wantedSize, 10000);
-  EXPECT_LE(run.progresses[0].size, 10000);
+// The budget is the raw frame over "RATI", the key frame's 25 x 20% of it at 25 fps; the
+// header's 64 bytes and the first section's 6 are paid from the start.
+TEST(Encoder, BudgetsOfTheFirstFrame) {
+  const struct {
+    uint32_t width, height, ratio;
+    int32_t budget, key;
+  } cases[] = {{320, 240, 100, 2304, int32_t(25.0 * 2304 * double(0.2f))},
+               {160, 400, 96, 2000, 10000}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.width) + "x" + std::to_string(c.height));
+    EncodeRun run("budget" + std::to_string(c.width));
+    run.encoder.ratio = c.ratio;
+    ASSERT_EQ(run.Begin(Crop(Coffee(), 0, 0, c.width, c.height)), 0);
+    EXPECT_EQ(run.encoder.CompressionSize(), c.budget);
+    EXPECT_EQ(run.progresses[0].credit, -70 + c.budget - run.progresses[0].size);
+    EXPECT_EQ(run.encoder.LastFrame().wantedSize, c.key);
+    EXPECT_LE(run.progresses[0].size, c.key);
+  }
 }
 
 TEST(Encoder, HeaderTailHoldsPackingAndParametersOrTheTwoWords) {

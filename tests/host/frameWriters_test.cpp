@@ -12,24 +12,18 @@
 
 namespace {
 
-TEST(Y4mColour, Bt601LimitedRangeEndsAndGreys) {
-  uint8_t y, u, v;
-  RgbToYuv601(0, 0, 0, &y, &u, &v);
-  EXPECT_EQ(y, 16);
-  EXPECT_EQ(u, 128);
-  EXPECT_EQ(v, 128);
-  RgbToYuv601(255, 255, 255, &y, &u, &v);
-  EXPECT_EQ(y, 235);
-  EXPECT_EQ(u, 128);
-  EXPECT_EQ(v, 128);
-  RgbToYuv601(255, 0, 0, &y, &u, &v);  // red: Cr high, Cb low
-  EXPECT_EQ(y, 82);
-  EXPECT_EQ(u, 90);
-  EXPECT_EQ(v, 240);
-  RgbToYuv601(0, 0, 255, &y, &u, &v);  // blue: Cb high
-  EXPECT_EQ(y, 41);
-  EXPECT_EQ(u, 240);
-  EXPECT_EQ(v, 110);
+TEST(Y4mColour, Bt601LimitedRangeEndsGreysAndPrimaries) {
+  const struct {
+    uint8_t r, g, b, y, u, v;
+  } cases[] = {{0, 0, 0, 16, 128, 128},
+               {255, 255, 255, 235, 128, 128},
+               {255, 0, 0, 82, 90, 240},  // red: Cr high, Cb low
+               {0, 0, 255, 41, 240, 110}};  // blue: Cb high
+  for (const auto& c : cases) {
+    uint8_t y, u, v;
+    RgbToYuv601(c.r, c.g, c.b, &y, &u, &v);
+    EXPECT_EQ(std::vector<int>({y, u, v}), std::vector<int>({c.y, c.u, c.v})) << int(c.r) << "," << int(c.g) << "," << int(c.b);
+  }
 }
 
 TEST(FramePattern, OneNumberConversionOnly) {
@@ -138,13 +132,12 @@ TEST(ToolArguments, NumbersAreWholeAndInRange) {
   EXPECT_EQ(value, 7);
 }
 
-TEST(ToolParams, TagsSpellTheirFourBytes) {
-  const ToolParam* sound = FindToolParam("SND");
-  ASSERT_NE(sound, nullptr);
-  EXPECT_EQ(sound->tag, 0x00444E53u);
-  EXPECT_EQ(FindToolParam("YUV")->tag, 0x00565559u);
-  EXPECT_EQ(FindToolParam("RATI")->tag, 0x49544152u);
-  EXPECT_EQ(FindToolParam("{FMT")->tag, 0x544D467Bu);
+TEST(ToolParams, TagsSpellTheirFourBytesCaseSensitively) {
+  for (const auto& [name, tag] : {std::pair{"SND", 0x00444E53u}, {"YUV", 0x00565559u},
+                                   {"RATI", 0x49544152u}, {"{FMT", 0x544D467Bu}}) {
+    ASSERT_NE(FindToolParam(name), nullptr) << name;
+    EXPECT_EQ(FindToolParam(name)->tag, tag) << name;
+  }
   EXPECT_EQ(FindToolParam("rati"), nullptr);
   EXPECT_EQ(TagText(0x00444E53u), "SND");
 }

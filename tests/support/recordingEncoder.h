@@ -28,11 +28,8 @@ class zycRecordingEncoder : public zycJobEncoder {
   uint32_t firstFrame = 0;
   uint32_t frameTotal = 0;
   zycStreamHeader header;          // as Begin received it
-  bool hadMainOutput = false;
   bool hadExtraOutputs = false;
-  bool extraOpen[kExtraOutputCount] = {};
   const zylKeyframeRange* keyframePlan = nullptr;
-  zylProgress* progressAtBegin = nullptr;
   std::vector<zycRecordedPicture> pictures;  // Begin's, then one per Next
   std::vector<std::vector<uint8_t>> audio;   // what each supplier call returned
 
@@ -47,16 +44,13 @@ class zycRecordingEncoder : public zycJobEncoder {
                 zylProgress* progress, const zylKeyframeRange* plan) override {
     calls.push_back("Begin");
     header = h;
-    hadMainOutput = output && output->file;
     hadExtraOutputs = extraOutputs != nullptr;
-    for (int i = 0; extraOutputs && i < kExtraOutputCount; ++i) extraOpen[i] = extraOutputs[i];
     // Something in every file the job opened, so that tests can tell which files were written.
-    if (hadMainOutput) std::fputs("main", output->file);
+    if (output && output->file) std::fputs("main", output->file);
     for (int i = 0; extraOutputs && i < kExtraOutputCount; ++i) {
       if (extraOutputs[i]) std::fprintf(extraOutputs[i], "extra%d", i + 1);
     }
     keyframePlan = plan;
-    progressAtBegin = progress;
     audioSupplier_ = supplier;
     audioUser_ = user;
     Record(image);
