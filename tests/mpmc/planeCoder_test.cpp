@@ -213,7 +213,7 @@ TEST(PlaneCoder, FastKernelsGiveThePlainResultsOnRealPixels) {
   };
   zycPlaneKernelsPlain(&planeKernels);
   const Result plain = run();
-  for (const auto& [name, set] : FastPlaneKernels()) {
+  for (const auto& [name, set] : PlaneKernelSets()) {
     planeKernels = set;
     SCOPED_TRACE(name);
     EXPECT_EQ(run().values, plain.values);
