@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -29,12 +30,20 @@ bool Exists(const std::string& path) {
 }
 
 std::string Dir() {
-  static const std::string dir = [] {
-    std::string path = ::testing::TempDir() + "zyl_tool_" + std::to_string(getpid());
-    mkdir(path.c_str(), 0755);
-    return path + "/";
-  }();
-  return dir;
+  // A fresh folder of this test process (a name made from the process id could be a folder an
+  // earlier run left, whose files the tool would refuse to overwrite), gone when it ends.
+  static const struct Scratch {
+    std::string path;
+    Scratch() {
+      std::string pattern = ::testing::TempDir() + "zyl_tool_XXXXXX";
+      if (mkdtemp(pattern.data())) path = pattern + "/";
+    }
+    ~Scratch() {
+      std::error_code ignored;
+      if (!path.empty()) std::filesystem::remove_all(path, ignored);
+    }
+  } scratch;
+  return scratch.path;
 }
 
 pid_t StartTool(const std::vector<std::string>& args, const std::string& outPath,
