@@ -1,6 +1,7 @@
 // Whole jobs through the codec interface with the real ZYL0 encoder, on pictures and sound of a
 // real clip, read back by the safe reader.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -76,7 +77,8 @@ class CodecMovie : public testing::Test {
     ASSERT_EQ(sound_.channels, 1u);
     file_ = fs::path(testing::TempDir()) /
             ("zyl_movie_" +
-             std::string(testing::UnitTest::GetInstance()->current_test_info()->name()) + ".zyl");
+             std::string(testing::UnitTest::GetInstance()->current_test_info()->name()) + "_" +
+             std::to_string(getpid()) + ".zyl");
     gShown = &shown_;
     codec_ = zycCreateCodec(RecordShown, 0);
     codec_->SetParam(Tag("wFMT"), 0);

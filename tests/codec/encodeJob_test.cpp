@@ -1,6 +1,7 @@
 #include "codec/encodeJob.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -52,7 +53,8 @@ class EncodeJob : public testing::Test {
  protected:
   void SetUp() override {
     dir_ = fs::path(testing::TempDir()) /
-           ("zyl_job_" + std::string(testing::UnitTest::GetInstance()->current_test_info()->name()));
+           ("zyl_job_" + std::string(testing::UnitTest::GetInstance()->current_test_info()->name()) +
+            "_" + std::to_string(getpid()));
     fs::remove_all(dir_);
     fs::create_directories(dir_);
     gWatcher = &watcher_;

@@ -3,6 +3,7 @@
 // decodes to exactly the picture the host was shown. Frame modes and the I-frame credit on
 // hand-computed cases.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -68,7 +69,7 @@ class Zyl1Movie : public testing::Test {
   void SetUp() override {
     std::string name = testing::UnitTest::GetInstance()->current_test_info()->name();
     for (char& c : name) c = c == '/' ? '_' : c;
-    file_ = fs::path(testing::TempDir()) / ("zyl1_" + name + ".zyl");
+    file_ = fs::path(testing::TempDir()) / ("zyl1_" + name + "_" + std::to_string(getpid()) + ".zyl");
     shown_.file = file_.string();
     gShown = &shown_;
     codec_ = zycCreateCodec(RecordShown, 0);

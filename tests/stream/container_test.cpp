@@ -1,6 +1,7 @@
 #include "stream/container.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -231,7 +232,8 @@ std::vector<uint8_t> WriteMovie(uint32_t magic,
 TEST(ContainerWriter, AFrameThatDoesNotFitIsCutBackToTheLastWholeOne) {
   for (const uint32_t magic : {kMagicZyl0, kMagicZyl1}) {
     SCOPED_TRACE(magic == kMagicZyl0 ? "ZYL0" : "ZYL1");
-    const std::string path = ::testing::TempDir() + "zyl_cut_" + std::to_string(magic) + ".zyl";
+    const std::string path = ::testing::TempDir() + "zyl_cut_" + std::to_string(magic) + "_" +
+                             std::to_string(getpid()) + ".zyl";
     zycFileHolder output;
     output.file = std::fopen(path.c_str(), "w+b");
     ASSERT_NE(output.file, nullptr);
