@@ -566,8 +566,8 @@ void zycEncoder::PatchFile() {
   s.header.frameCount = s.frameIndex;
   // An LZMA section rewrites its unpacked size, which stands with the property bytes right
   // behind the section header, and the packed bytes from `committedAt` on.
-  const bool rewritten =
-      s.packer.packing() == kPackingLzma && s.packer.headAt() == s.sectionStart + 6;
+  const bool rewritten = s.packer.packing() == kPackingLzma &&
+                         s.packer.headAt() == s.sectionStart + long(kSectionHeaderSizeZyl0);
   zycPatchAfterFrame(s.output, &s.header, section,
                      rewritten ? uint64_t(s.packer.committedAt()) : 0,
                      rewritten ? &s.packer.committed() : nullptr,
