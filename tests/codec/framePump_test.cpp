@@ -52,42 +52,35 @@ TEST(GrabFrame, ReallocatesOnlyWhenTheSizeChanges) {
   EXPECT_EQ(Pixels(image), pictures[2].Bgra());
 }
 
-TEST(GrabFrame, EndOfStreamAnswersFalseWithoutAnotherSample) {
-  zycMemorySource media(zycTestPicture::Patterns(4, 4, 2), 25.0);
+// A stream that ends answers false with no further sample asked for; one that stalls times out
+// and leaves the last picture that came; no video control means no source; an empty picture
+// size is true with nothing done.
+TEST(GrabFrame, EndsStallsAndMissingPictures) {
+  zycMemorySource ends(zycTestPicture::Patterns(4, 4, 2), 25.0);
   zylFrameImage image;
-  EXPECT_TRUE(GrabFrame(media.source(), image));
-  EXPECT_TRUE(GrabFrame(media.source(), image));
-  EXPECT_FALSE(GrabFrame(media.source(), image));
-  EXPECT_FALSE(GrabFrame(media.source(), image));
-  EXPECT_EQ(media.videoDelivered(), 2u);
-}
+  EXPECT_TRUE(GrabFrame(ends.source(), image));
+  EXPECT_TRUE(GrabFrame(ends.source(), image));
+  EXPECT_FALSE(GrabFrame(ends.source(), image));
+  EXPECT_FALSE(GrabFrame(ends.source(), image));
+  EXPECT_EQ(ends.videoDelivered(), 2u);
 
-TEST(GrabFrame, NoVideoControlMeansNoSource) {
-  zycMemorySource media(zycTestPicture::Patterns(4, 4, 1), 25.0);
-  zylSource source = *media.source();
-  source.videoControl = nullptr;
-  zylFrameImage image;
-  EXPECT_FALSE(GrabFrame(&source, image));
-  EXPECT_EQ(image.pixels, nullptr);
-  EXPECT_EQ(media.videoRunCount(), 0u);
-}
-
-TEST(GrabFrame, AStalledStreamTimesOut) {
   std::vector<zycTestPicture> pictures = zycTestPicture::Patterns(4, 2, 4);
-  zycMemorySource media(pictures, 25.0);
-  media.StallVideoAt(1);
-  zylFrameImage image;
-  ASSERT_TRUE(GrabFrame(media.source(), image));
-  EXPECT_FALSE(GrabFrame(media.source(), image));
-  // The image keeps the last picture that came.
+  zycMemorySource stalls(pictures, 25.0);
+  stalls.StallVideoAt(1);
+  ASSERT_TRUE(GrabFrame(stalls.source(), image));
+  EXPECT_FALSE(GrabFrame(stalls.source(), image));
   EXPECT_EQ(Pixels(image), pictures[0].Bgra());
-}
 
-TEST(GrabFrame, EmptyPictureSizeReturnsTrueWithNothingDone) {
-  zycMemorySource media({zycTestPicture::Pattern(4, 0, 0)}, 25.0);
-  zylFrameImage image;
-  EXPECT_TRUE(GrabFrame(media.source(), image));
-  EXPECT_EQ(image.pixels, nullptr);
+  zycMemorySource idle(zycTestPicture::Patterns(4, 4, 1), 25.0);
+  zylSource noControl = *idle.source();
+  noControl.videoControl = nullptr;
+  zylFrameImage none;
+  EXPECT_FALSE(GrabFrame(&noControl, none));
+  EXPECT_EQ(none.pixels, nullptr);
+  EXPECT_EQ(idle.videoRunCount(), 0u);
+  zycMemorySource empty({zycTestPicture::Pattern(4, 0, 0)}, 25.0);
+  EXPECT_TRUE(GrabFrame(empty.source(), none));
+  EXPECT_EQ(none.pixels, nullptr);
 }
 
 TEST(SeekToFrame, PositionsVideoAndSoundByTime) {
@@ -105,32 +98,25 @@ TEST(SeekToFrame, PositionsVideoAndSoundByTime) {
   EXPECT_EQ(Pixels(image), zycTestPicture::Pattern(4, 2, 1).Bgra());
 }
 
-TEST(SeekToFrame, RestoresTheGrabberTimeout) {
-  zycMemorySource media(zycTestPicture::Patterns(4, 2, 4), 25.0);
-  EXPECT_TRUE(SeekToFrame(media.source(), 2));
-  EXPECT_EQ(media.source()->grabberTimeout, 0u);
-  media.source()->grabberTimeout = 1000;
-  EXPECT_TRUE(SeekToFrame(media.source(), 1));
-  EXPECT_EQ(media.source()->grabberTimeout, 1000u);
-}
-
-TEST(SeekToFrame, WithoutSoundOnlyTheVideoMoves) {
+// The grabber timeout is put back; without sound only the video moves; a stream that can't
+// seek answers false.
+TEST(SeekToFrame, TimeoutSoundlessAndUnseekableStreams) {
   zycMemorySource media(zycTestPicture::Patterns(4, 2, 4), 25.0, Ramp(8000), 1, 16000);
+  media.source()->grabberTimeout = 1000;
   media.source()->audioSampleRate = 0;
   EXPECT_TRUE(SeekToFrame(media.source(), 2));
+  EXPECT_EQ(media.source()->grabberTimeout, 1000u);
   EXPECT_EQ(media.videoSeeks().size(), 1u);
   EXPECT_TRUE(media.audioSeeks().empty());
-}
 
-TEST(SeekToFrame, AStreamThatCantSeekAnswersFalse) {
-  zycMemorySource media(zycTestPicture::Patterns(4, 2, 4), 25.0, Ramp(8000), 1, 16000);
-  media.SetSeekable(false, true);
-  EXPECT_FALSE(SeekToFrame(media.source(), 2));
-  EXPECT_TRUE(media.videoSeeks().empty());
-  media.SetSeekable(true, false);
-  EXPECT_FALSE(SeekToFrame(media.source(), 2));
-  EXPECT_EQ(media.videoSeeks().size(), 1u);
-  EXPECT_TRUE(media.audioSeeks().empty());
+  zycMemorySource fixed(zycTestPicture::Patterns(4, 2, 4), 25.0, Ramp(8000), 1, 16000);
+  fixed.SetSeekable(false, true);
+  EXPECT_FALSE(SeekToFrame(fixed.source(), 2));
+  EXPECT_TRUE(fixed.videoSeeks().empty());
+  fixed.SetSeekable(true, false);
+  EXPECT_FALSE(SeekToFrame(fixed.source(), 2));
+  EXPECT_EQ(fixed.videoSeeks().size(), 1u);
+  EXPECT_TRUE(fixed.audioSeeks().empty());
 }
 
 TEST(ReadAudio, DeliversTheSoundInOrderThenZerosOnceItEnds) {
