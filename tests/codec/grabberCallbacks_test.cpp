@@ -1,5 +1,6 @@
 // The sample callbacks the host's streams call: they run on the stream's thread in real use;
-// here "go" is set beforehand so that they return at once.
+// here "go" is set beforehand so that they return at once. The video callback's row padding is
+// dropped on every grab of the frame pump tests, whose memory source delivers through it.
 #include <gtest/gtest.h>
 
 #include <vector>
@@ -34,46 +35,6 @@ std::vector<uint8_t> PaddedSample(int32_t width, int32_t height) {
     for (int32_t i = 0; i < width * 3; ++i) sample[size_t(r) * pitch + i] = uint8_t(r * 16 + i);
   }
   return sample;
-}
-
-TEST(VideoGrabber, DropsRowPaddingForWidthsNotAMultipleOfFour) {
-  for (int32_t width : {1, 2, 3, 5, 7, 9}) {
-    Grabbers g(width, 3);
-    std::vector<uint8_t> sample = PaddedSample(width, 3);
-    g.videoGo.Set();
-    EXPECT_EQ(g.video.BufferCB(0.0, sample.data(), int32_t(sample.size())), 0);
-    EXPECT_EQ(g.videoDone.Wait(0), zylWaitObject0) << "done must be set";
-    EXPECT_EQ(g.videoGo.Wait(0), zylWaitTimeout) << "go must have been taken";
-    ASSERT_NE(g.video.data, nullptr);
-    EXPECT_EQ(g.video.capacity, int32_t(sample.size()));
-    for (int32_t r = 0; r < 3; ++r) {
-      for (int32_t i = 0; i < width * 3; ++i) {
-        ASSERT_EQ(g.video.data[r * width * 3 + i], uint8_t(r * 16 + i))
-            << "width " << width << " row " << r << " byte " << i;
-      }
-    }
-  }
-}
-
-TEST(VideoGrabber, BufferGrowsOnlyForLongerSamples) {
-  Grabbers g(4, 2);
-  std::vector<uint8_t> small = PaddedSample(4, 2);
-  g.videoGo.Set();
-  g.video.BufferCB(0.0, small.data(), int32_t(small.size()));
-  g.source.width = 8;
-  g.source.height = 4;
-  std::vector<uint8_t> large = PaddedSample(8, 4);
-  g.videoGo.Set();
-  g.video.BufferCB(0.0, large.data(), int32_t(large.size()));
-  EXPECT_EQ(g.video.capacity, int32_t(large.size()));
-  EXPECT_EQ(g.video.data[3 * 24 + 5], uint8_t(3 * 16 + 5));
-  const uint8_t* second = g.video.data;
-  g.source.width = 4;
-  g.source.height = 2;
-  g.videoGo.Set();
-  g.video.BufferCB(0.0, small.data(), int32_t(small.size()));
-  EXPECT_EQ(g.video.data, second);
-  EXPECT_EQ(g.video.capacity, int32_t(large.size()));
 }
 
 TEST(VideoGrabber, WaitsNoLongerThanTheTimeoutForGo) {
