@@ -236,15 +236,6 @@ TEST_F(EncodeJob, PrintsTheFrameTimesAndTheEndLinesInOrder) {
   EXPECT_NE(line, std::string::npos) << printed_;
 }
 
-TEST_F(EncodeJob, NullSourceIsRefused) {
-  std::u16string name = Name("a.zyl");
-  EXPECT_EQ(
-      RunEncodeJob(codec_->JobSettings(), &encoder_, nullptr, name.c_str(), 0, 0, nullptr, nullptr),
-      2);
-  EXPECT_TRUE(encoder_.calls.empty());
-  EXPECT_FALSE(fs::exists(dir_ / "a.zyl"));
-}
-
 TEST_F(EncodeJob, MainOutputThatCantBeOpenedTouchesNothingElse) {
   zycMemorySource media(zycTestPicture::Patterns(8, 4, 3), 25.0);
   EXPECT_EQ(Run(media, "missing/a.zyl"), 3);

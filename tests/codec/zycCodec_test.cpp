@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <vector>
 
 namespace {
@@ -31,7 +32,7 @@ class CatchingCodec : public zycCodec {
 };
 
 // Mode 0 drives the ZYL0 encoder, mode 1 the ZYL1 encoder, any other none; in an unknown mode
-// ReplaceSection is status 6. A null source is status 2, and is stored.
+// ReplaceSection is status 6. A null source is status 2, is stored, and makes no movie.
 TEST(ZycCodec, TheModeChoosesTheEncoder) {
   zylCodec* made = zycCreateCodec(nullptr, 7);
   ASSERT_NE(made, nullptr);
@@ -42,6 +43,7 @@ TEST(ZycCodec, TheModeChoosesTheEncoder) {
   codec->source = &dummy;
   EXPECT_EQ(made->Encode(nullptr, 0, u"never.zyl"), 2);
   EXPECT_EQ(codec->source, nullptr);
+  EXPECT_FALSE(std::filesystem::exists("never.zyl"));
   codec->SetCodecMode(1);
   EXPECT_EQ(codec->ModeEncoder(), &codec->mpmcEncoder);
   codec->SetCodecMode(5);
