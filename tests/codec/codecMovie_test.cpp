@@ -89,25 +89,18 @@ class CodecMovie : public testing::Test {
     fs::remove(file_);
   }
 
-  int32_t Encode() {
-    zycMemorySource media(pictures_, 10.0, sound_.samples, 1, 16000, 1600);
-    std::u16string name = zycUtf16(file_.string());
-    testing::internal::CaptureStdout();
-    int32_t status = codec_->Encode(media.source(), 0, name.c_str());
-    testing::internal::GetCapturedStdout();
-    return status;
-  }
-
-  // The same job, its console caught through a pipe (a file would meet the file size limit);
-  // `reason` is errno as the job left it.
-  int32_t EncodeCaught(std::string* console, int* reason) {
+  // Encodes the five pictures; the console is caught through a pipe (a file would meet the file
+  // size limit), and `reason` is errno as the job left it.
+  int32_t Encode(std::string* console = nullptr, int* reason = nullptr) {
     zycMemorySource media(pictures_, 10.0, sound_.samples, 1, 16000, 1600);
     std::u16string name = zycUtf16(file_.string());
     zycPipedStdout caught;
     errno = 0;
     const int32_t status = codec_->Encode(media.source(), 0, name.c_str());
-    *console = caught.Take();
-    *reason = errno;
+    const int error = errno;
+    const std::string printed = caught.Take();
+    if (console) *console = printed;
+    if (reason) *reason = error;
     return status;
   }
 
@@ -201,7 +194,7 @@ TEST_F(CodecMovie, AFullDiskCutsTheMovieBackToItsLastWholeFrame) {
       // Not a byte more: an LZMA section packed afresh with one more frame grows only a little.
       zycFileSizeLimit limit(whole.empty() ? 10 : whole.size());
       ASSERT_TRUE(limit.ok());
-      status = EncodeCaught(&console, &reason);
+      status = Encode(&console, &reason);
     }
     EXPECT_EQ(status, 3);
     EXPECT_EQ(reason, EFBIG);
