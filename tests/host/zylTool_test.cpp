@@ -236,10 +236,6 @@ TEST_F(ZylTool, InfoDescribesTheMovieAndDecodedPicturesLookLikeTheSource) {
                            "sound          1 channel, 44100 Hz"}) {
     EXPECT_TRUE(Has(info.out, line)) << info.out;
   }
-  const Result json = RunTool({"info", "--json", movie_});
-  EXPECT_EQ(json.exit, 0);
-  EXPECT_TRUE(Has(json.out, "\"width\": 284")) << json.out;
-  EXPECT_TRUE(Has(json.out, "\"problems\": []")) << json.out;
 
   const std::string raw = Dir() + "five.rgb";
   const Result result = RunTool({"decode", movie_, raw, "--rgb"});
@@ -261,38 +257,6 @@ TEST_F(ZylTool, InfoDescribesTheMovieAndDecodedPicturesLookLikeTheSource) {
     best = std::max(best, 10 * std::log10(255.0 * 255.0 / (squared / (284 * 160 * 3) + 1e-9)));
   }
   EXPECT_GT(best, 25.0);
-}
-
-TEST_F(ZylTool, DecodeWritesY4mPngAndWav) {
-  const std::string y4m = Dir() + "five.y4m";
-  Result result = RunTool({"decode", movie_, y4m});
-  ASSERT_EQ(result.exit, 0) << result.err;
-  EXPECT_TRUE(Has(result.err, "Y4M 4:2:0"));
-  const std::string bytes = ReadFile(y4m);
-  EXPECT_EQ(bytes.rfind("YUV4MPEG2 W284 H160 F1000000:33333 Ip A1:1 C420jpeg", 0), 0u);
-  const size_t header = bytes.find('\n') + 1;
-  const size_t frame = 6 + 284 * 160 + 2 * 142 * 80;
-  EXPECT_EQ((bytes.size() - header) % frame, 0u);
-  const size_t frames = (bytes.size() - header) / frame;
-  EXPECT_GE(frames, 4u);
-
-  result = RunTool({"decode", movie_, Dir() + "f%03d.png", "--png"});
-  ASSERT_EQ(result.exit, 0) << result.err;
-  auto png = [](size_t i) {
-    char name[32];
-    std::snprintf(name, sizeof name, "f%03zu.png", i);
-    return Dir() + name;
-  };
-  EXPECT_EQ(ReadFile(png(0)).substr(1, 3), "PNG");
-  EXPECT_TRUE(Exists(png(frames - 1)));
-  EXPECT_FALSE(Exists(png(frames)));
-
-  result = RunTool({"decode", movie_, "--audio", Dir() + "five.wav"});
-  ASSERT_EQ(result.exit, 0) << result.err;
-  const std::string wav = ReadFile(Dir() + "five.wav");
-  ASSERT_GT(wav.size(), 44u);
-  EXPECT_EQ(wav.substr(0, 4), "RIFF");
-  EXPECT_EQ(Le32(wav, 24), 44100u);
 }
 
 TEST_F(ZylTool, AppendJoinsTwoMoviesAndReplaceSwapsAKeyFrameAlignedStretch) {
@@ -758,6 +722,7 @@ TEST(ZylToolDecode, ChoosesByNameAndRange) {
       {{"--rgb"}, "forced.png", 0, 4 * rgbFrame},
       {{}, "many.png", 1, 0},
       {{"--first", "4"}, "behind.rgb", 1, 0},
+      {{"--png"}, "f%03d.png", 0, 0},  // f000.png to f003.png
   };
   for (const auto& c : cases) {
     std::vector<std::string> args = {"decode", movie, Dir() + c.file, "-q"};
@@ -765,7 +730,11 @@ TEST(ZylToolDecode, ChoosesByNameAndRange) {
     const Result result = RunTool(args);
     EXPECT_EQ(result.exit, c.exit) << c.file << "\n" << result.err;
     const std::string bytes = ReadFile(Dir() + c.file);
-    if (c.exit != 0) {
+    if (std::string(c.file).find('%') != std::string::npos) {
+      EXPECT_EQ(ReadFile(Dir() + "f000.png").substr(1, 3), "PNG");
+      EXPECT_TRUE(Exists(Dir() + "f003.png"));
+      EXPECT_FALSE(Exists(Dir() + "f004.png"));
+    } else if (c.exit != 0) {
       EXPECT_FALSE(Exists(Dir() + c.file)) << c.file;
     } else if (c.bytes > 0) {
       EXPECT_EQ(bytes.size(), c.bytes) << c.file;
