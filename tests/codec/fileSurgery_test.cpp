@@ -201,7 +201,7 @@ TEST_F(FileSurgery, AppendRefusalsGiveTheirCodes) {
 // ---------------------------------------------------------------------------------------------
 // ReplaceSection, ZYL0
 
-TEST_F(FileSurgery, ReplaceSwapsAMiddleSectionForOtherBoundaries) {
+TEST_F(FileSurgery, ReplaceSwapsSectionsForOtherBoundaries) {
   const auto a = Zyl0Movie({3, 2, 4}, 1);
   const auto b = Zyl0Movie({1, 1}, 9);
   const std::string pa = Make("movie.zyl", a), pb = Make("other.zyl", b);
@@ -215,18 +215,12 @@ TEST_F(FileSurgery, ReplaceSwapsAMiddleSectionForOtherBoundaries) {
   zycStore32(&want[8], uint32_t(want.size()));
   EXPECT_EQ(ReadFile(pa), want);
   EXPECT_FALSE(Exists(dir_ + "/movietmp.zyl"));
-}
-
-TEST_F(FileSurgery, ReplaceAtTheStartAndUpToTheEnd) {
-  const auto a = Zyl0Movie({2, 3}, 1);
-  const auto b = Zyl0Movie({5}, 4);
-  const std::string pa = Make("movie.zyl", a), pb = Make("other.zyl", b);
-  std::string out;
-  ASSERT_EQ(RunReplace(pa, pb, 0, 5, 0, &out), 0);
-  std::vector<uint8_t> want = b;
-  std::copy(a.begin(), a.begin() + 64, want.begin());
-  zycStore32(&want[8], uint32_t(want.size()));
-  EXPECT_EQ(ReadFile(pa), want);
+  // From the start up to the end: file1's header before file2's sections.
+  std::vector<uint8_t> whole = Zyl0Movie({9}, 4);
+  ASSERT_EQ(RunReplace(pa, Make("whole.zyl", whole), 0, 9, 0, &out), 0);
+  std::copy(want.begin(), want.begin() + 64, whole.begin());
+  zycStore32(&whole[8], uint32_t(whole.size()));
+  EXPECT_EQ(ReadFile(pa), whole);
 }
 
 TEST_F(FileSurgery, ReplaceRefusalsKeepFile1AndPrintTheirMessages) {
