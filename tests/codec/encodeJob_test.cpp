@@ -135,8 +135,9 @@ TEST_F(EncodeJob, FillsTheHeaderRecordBeforeBegin) {
     EXPECT_EQ(Run(media, "a.zyl"), 0);
     EXPECT_EQ(std::vector<uint32_t>({h.magic, h.version, h.timeScale, h.frameDuration, h.flags,
                                      h.width, h.height, h.soundChannels, h.soundRate}),
-              std::vector<uint32_t>({sound ? kMagicZyl0 : kMagicZyl1, 2, 1000000, sound ? 33366u : 40000u, 48, 8, 4,
-                                     sound ? 2u : 0u, sound ? 22050u : 0u}));
+              std::vector<uint32_t>({sound ? kMagicZyl0 : kMagicZyl1, 2, 1000000,
+                                     sound ? 33366u : 40000u,  // 1000000 / 29.97, truncated
+                                     48, 8, 4, sound ? 2u : 0u, sound ? 22050u : 0u}));
   }
 }
 

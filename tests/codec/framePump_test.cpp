@@ -157,7 +157,8 @@ TEST(VideoGrabber, WaitsNoLongerThanTheTimeoutForGo) {
   const uint8_t sample[8] = {0, 1, 2, 3, 4, 5, 0xEE, 0xEE};  // one row, padded to 8 bytes
   EXPECT_EQ(video.BufferCB(0.0, sample, 8), 0);
   EXPECT_EQ(done.Wait(0), zylWaitObject0);
-  EXPECT_EQ(std::vector<uint8_t>(video.data, video.data + 6), std::vector<uint8_t>(sample, sample + 6));
+  EXPECT_EQ(std::vector<uint8_t>(video.data, video.data + 6),
+            std::vector<uint8_t>(sample, sample + 6));
 }
 
 TEST(AudioSupplier, FillsTheCodecsAudioBuffer) {
