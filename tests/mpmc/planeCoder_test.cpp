@@ -1,6 +1,7 @@
 // The plane coder against its reader on real planes, and the support layer's buffer plan.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
@@ -173,6 +174,14 @@ TEST(PlaneCoder, FastKernelsGiveThePlainResultsOnRealPixels) {
   std::vector<uint32_t> table(1024);
   for (uint32_t i = 0; i < 1024; ++i) table[i] = 700000u - r[i] * 100u;  // ties where pixels repeat
   const int32_t stride = 160;
+  std::vector<int16_t> residual(o.size(), 0), firstPass(40 * 13);
+  for (int32_t y = 8; y < 21; ++y)
+    for (int32_t x = 8; x < 56; ++x) residual[y * stride + x] = static_cast<int16_t>(o[y * stride + x] - mc[y * stride + x]);
+  std::vector<int32_t> best(o.size());
+  std::vector<uint16_t> bestIndex(o.size());
+  // The bank's 64 taps, then taps stronger than any of them that it must never reach.
+  std::vector<int16_t> dict(72);
+  for (size_t i = 0; i < dict.size(); ++i) dict[i] = static_cast<int16_t>(i < 64 ? int32_t(i * 613 % 4001) - 2000 : 30000);
   struct Result { std::vector<int64_t> values; };
   auto run = [&]() {
     Result out;
@@ -207,6 +216,16 @@ TEST(PlaneCoder, FastKernelsGiveThePlainResultsOnRealPixels) {
       }
       table[1000 - count * 25] = 0;  // each lowest entry left of those before
       out.values.push_back(planeKernels.bestEntry32(table.data()));
+      if (count % 9 == 4) {
+        // The bank over a count x 5 area of the residual, which has an 8-pixel margin of zeros.
+        std::fill(best.begin(), best.end(), 0);
+        std::fill(bestIndex.begin(), bestIndex.end(), uint16_t(0));
+        const zycFilterArea area{residual.data(), stride, firstPass.data(), best.data(),
+                                 bestIndex.data(), stride, 8, 8, 8 + count, 13};
+        planeKernels.filterBank(area, dict.data());
+        out.values.insert(out.values.end(), best.begin(), best.end());
+        out.values.insert(out.values.end(), bestIndex.begin(), bestIndex.end());
+      }
     }
     for (uint32_t i = 0; i < 1024; ++i) table[i] = 700000u - r[i] * 100u;
     return out;
