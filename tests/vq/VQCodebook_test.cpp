@@ -88,28 +88,6 @@ TEST(VQCodebook, SizeNotAMultipleOfFourTraps) {
   EXPECT_DEATH({ VQCodebook codebook(6, false); }, "");
 }
 
-TEST(VQCodebook, SseDistancesEqualPlainDistancesBitForBit) {
-  std::mt19937 random(3);
-  std::uniform_real_distribution<float> sample(0.0f, 255.0f);
-  vqCodebookKernels plainKernels, sseKernels;
-  vqCodebookPlain(&plainKernels);
-  if (!vqCodebookSse(&sseKernels)) GTEST_SKIP() << "no SSE in this build";
-  VQCodebook codebook(64, true);
-  EXPECT_TRUE(codebook.kernels.simd);
-  std::vector<float> row(kVqComponents);
-  for (uint32_t i = 0; i < 64; ++i) {
-    for (float& v : row) v = sample(random);
-    codebook.setVector(i, row.data());
-  }
-  std::vector<float> plain(64), fast(64);
-  for (int trial = 0; trial < 50; ++trial) {
-    for (float& v : row) v = sample(random);
-    plainKernels.distances(codebook, row.data(), plain.data());
-    sseKernels.distances(codebook, row.data(), fast.data());
-    ASSERT_EQ(std::memcmp(plain.data(), fast.data(), 64 * sizeof(float)), 0);
-  }
-}
-
 TEST(VQCodebook, BothKindsTrainAndAssignAlikeOnAPhotograph) {
   const StillPicture picture = photoPicture("photo_astronaut_512x512.png", 96, 64, 96, 64, 2);
   ASSERT_EQ(picture.width, 96u);
