@@ -163,25 +163,21 @@ TEST(VqSort, AscendingAndStableReturningAPermutation) {
 }
 
 TEST(VqColourKey, HueValueSaturationOfOnePixel) {
-  float h, v, s;
-  vqColourHvs(100, 100, 100, &h, &v, &s);
-  EXPECT_EQ(h, 0.0f);
-  EXPECT_EQ(s, 0.0f);
-  EXPECT_FLOAT_EQ(v, 100.0f / 255.0f);
-  vqColourHvs(0, 0, 0, &h, &v, &s);
-  EXPECT_EQ(s, 0.0f);
-  EXPECT_EQ(v, 0.0f);
-  vqColourHvs(255, 0, 0, &h, &v, &s);  // first byte largest
-  EXPECT_EQ(h, 0.0f);
-  EXPECT_EQ(s, 1.0f);
-  vqColourHvs(255, 0, 255, &h, &v, &s);  // first byte wins a tie at the top; wraps to 300 degrees
-  EXPECT_FLOAT_EQ(h, 300.0f / 360.0f);
-  vqColourHvs(0, 200, 0, &h, &v, &s);
-  EXPECT_FLOAT_EQ(h, 120.0f / 360.0f);
-  vqColourHvs(0, 100, 200, &h, &v, &s);  // (0 - 100/255) * 60 / (200/255) + 240 = 210
-  EXPECT_FLOAT_EQ(h, 210.0f / 360.0f);
-  EXPECT_FLOAT_EQ(s, 1.0f);
-  EXPECT_FLOAT_EQ(v, 200.0f / 255.0f);
+  const struct { uint8_t b0, b1, b2; float h, v, s; } cases[] = {
+      {100, 100, 100, 0.0f, 100.0f / 255.0f, 0.0f},
+      {0, 0, 0, 0.0f, 0.0f, 0.0f},
+      {255, 0, 0, 0.0f, 1.0f, 1.0f},                       // first byte largest
+      {255, 0, 255, 300.0f / 360.0f, 1.0f, 1.0f},          // first byte wins a tie; wraps
+      {0, 200, 0, 120.0f / 360.0f, 200.0f / 255.0f, 1.0f},
+      {0, 100, 200, 210.0f / 360.0f, 200.0f / 255.0f, 1.0f},  // (0 - 100/255) 60 / (200/255) + 240
+  };
+  for (const auto& c : cases) {
+    float h, v, s;
+    vqColourHvs(c.b0, c.b1, c.b2, &h, &v, &s);
+    EXPECT_FLOAT_EQ(h, c.h) << int(c.b0) << "," << int(c.b1) << "," << int(c.b2);
+    EXPECT_FLOAT_EQ(v, c.v) << int(c.b0) << "," << int(c.b1) << "," << int(c.b2);
+    EXPECT_FLOAT_EQ(s, c.s) << int(c.b0) << "," << int(c.b1) << "," << int(c.b2);
+  }
 }
 
 TEST(VqColourKey, AveragesTheSixteenPixels) {
