@@ -92,7 +92,10 @@ TEST(BaseColourDxt, StartPairIsTheHeaviestAndLightestPixel) {
 // Blocks of colours exact in 5-6-5 (byte 0 in the top five bits) decode exactly: one colour
 // with zero indices, or two in four-colour order.
 TEST(BaseColourDxt, ExactColoursDecodeExactly) {
-  const struct { uint8_t a[3], b[3]; uint16_t c0, c1; } cases[] = {
+  const struct {
+    uint8_t a[3], b[3];
+    uint16_t c0, c1;
+  } cases[] = {
       {{255, 0, 132}, {255, 0, 132}, 0xF810, 0xF810},
       {{255, 0, 255}, {0, 255, 0}, 0xF81F, 0x07E0},
   };

@@ -167,12 +167,14 @@ TEST(PlaneCoder, FastKernelsGiveThePlainResultsOnRealPixels) {
   const int32_t stride = 160;
   std::vector<int16_t> residual(o.size(), 0), firstPass(40 * 13);
   for (int32_t y = 8; y < 21; ++y)
-    for (int32_t x = 8; x < 56; ++x) residual[y * stride + x] = static_cast<int16_t>(o[y * stride + x] - mc[y * stride + x]);
+    for (int32_t x = 8; x < 56; ++x)
+      residual[y * stride + x] = static_cast<int16_t>(o[y * stride + x] - mc[y * stride + x]);
   std::vector<int32_t> best(o.size());
   std::vector<uint16_t> bestIndex(o.size());
   // The bank's 64 taps, then taps stronger than any of them that it must never reach.
   std::vector<int16_t> dict(72);
-  for (size_t i = 0; i < dict.size(); ++i) dict[i] = static_cast<int16_t>(i < 64 ? int32_t(i * 613 % 4001) - 2000 : 30000);
+  for (size_t i = 0; i < dict.size(); ++i)
+    dict[i] = static_cast<int16_t>(i < 64 ? int32_t(i * 613 % 4001) - 2000 : 30000);
   struct Result { std::vector<int64_t> values; };
   auto run = [&]() {
     Result out;

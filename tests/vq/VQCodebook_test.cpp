@@ -163,11 +163,14 @@ TEST(VqSort, AscendingAndStableReturningAPermutation) {
 }
 
 TEST(VqColourKey, HueValueSaturationOfOnePixel) {
-  const struct { uint8_t b0, b1, b2; float h, v, s; } cases[] = {
+  const struct {
+    uint8_t b0, b1, b2;
+    float h, v, s;
+  } cases[] = {
       {100, 100, 100, 0.0f, 100.0f / 255.0f, 0.0f},
       {0, 0, 0, 0.0f, 0.0f, 0.0f},
-      {255, 0, 0, 0.0f, 1.0f, 1.0f},                       // first byte largest
-      {255, 0, 255, 300.0f / 360.0f, 1.0f, 1.0f},          // first byte wins a tie; wraps
+      {255, 0, 0, 0.0f, 1.0f, 1.0f},               // first byte largest
+      {255, 0, 255, 300.0f / 360.0f, 1.0f, 1.0f},  // first byte wins a tie; wraps
       {0, 200, 0, 120.0f / 360.0f, 200.0f / 255.0f, 1.0f},
       {0, 100, 200, 210.0f / 360.0f, 200.0f / 255.0f, 1.0f},  // (0 - 100/255) 60 / (200/255) + 240
   };
