@@ -50,23 +50,6 @@ TEST(SquishFront, FixFlagsCompletesFormatFitAndMetric) {
   EXPECT_EQ(FixFlags(1 << 12), 1 | 8 | 32);
 }
 
-TEST(SquishFront, TranslatesFlagsToTheInstalledNumbering) {
-  float metric[3];
-  EXPECT_EQ(TranslateFlags(kDxt1 | kColourRangeFit | kColourMetricUniform, metric),
-            squish::kDxt1 | squish::kColourRangeFit);
-  EXPECT_EQ(metric[0], 1.0f);
-  EXPECT_EQ(metric[1], 1.0f);
-  EXPECT_EQ(metric[2], 1.0f);
-  EXPECT_EQ(TranslateFlags(kDxt1, metric), squish::kDxt1 | squish::kColourClusterFit);
-  EXPECT_EQ(metric[0], 0.2126f);
-  EXPECT_EQ(metric[1], 0.7152f);
-  EXPECT_EQ(metric[2], 0.0722f);
-  EXPECT_EQ(TranslateFlags(kColourIterativeClusterFit | kWeightColourByAlpha, metric),
-            squish::kDxt1 | squish::kColourIterativeClusterFit | squish::kWeightColourByAlpha);
-  EXPECT_EQ(TranslateFlags(kDxt5 | kColourClusterFit, metric),
-            squish::kDxt5 | squish::kColourClusterFit);
-}
-
 TEST(SquishFront, BlocksEqualSquishCalledWithTranslatedFlagsAndMetric) {
   float perceptual[3] = {0.2126f, 0.7152f, 0.0722f};
   float uniform[3] = {1.0f, 1.0f, 1.0f};
@@ -78,6 +61,8 @@ TEST(SquishFront, BlocksEqualSquishCalledWithTranslatedFlagsAndMetric) {
       {kDxt1 | kColourRangeFit | kColourMetricUniform, squish::kDxt1 | squish::kColourRangeFit, uniform},
       {kDxt1 | kColourRangeFit, squish::kDxt1 | squish::kColourRangeFit, perceptual},
       {kDxt1 | kColourClusterFit | kColourMetricUniform, squish::kDxt1 | squish::kColourClusterFit, uniform},
+      {kColourIterativeClusterFit | kWeightColourByAlpha,
+       squish::kDxt1 | squish::kColourIterativeClusterFit | squish::kWeightColourByAlpha, perceptual},
   };
   const auto blocks = photoBlocks(24);
   ASSERT_EQ(blocks.size(), 24u);

@@ -89,13 +89,7 @@ TreeFrame& TreeFrame::Table(const Bytes& tableImage) {
   return *this;
 }
 
-TreeFrame& TreeFrame::ForceFlags(uint8_t flags) {
-  forcedFlags_ = flags;
-  return *this;
-}
-
 uint8_t TreeFrame::Flags() const {
-  if (forcedFlags_ >= 0) return uint8_t(forcedFlags_);
   uint8_t flags = 1;
   if (!motion_.empty()) flags |= 2;
   if (!colourWords_.empty()) flags |= 4;

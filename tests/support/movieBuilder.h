@@ -31,7 +31,7 @@ class BitWriter {
 };
 
 // A ZYL0 frame of a block tree: symbols and the data that each takes, collected in tree order.
-// Build() writes the flags byte from what was added unless flags are forced.
+// Build() writes the flags byte from what was added.
 class TreeFrame {
  public:
   explicit TreeFrame(bool wideMotion = false) : wideMotion_(wideMotion) {}
@@ -43,7 +43,6 @@ class TreeFrame {
   TreeFrame& Fade(uint32_t motionIndex, uint32_t level);  // symbol 3
   TreeFrame& Sound(const Bytes& chunk);
   TreeFrame& Table(const Bytes& tableImage);  // makes this a table-format frame
-  TreeFrame& ForceFlags(uint8_t flags);
 
   uint8_t Flags() const;
   Bytes TreeBody() const;          // flags byte and symbols
@@ -62,7 +61,6 @@ class TreeFrame {
   bool hasSound_ = false;
   Bytes table_;
   bool hasTable_ = false;
-  int forcedFlags_ = -1;
 };
 
 // A still key frame image.

@@ -14,20 +14,16 @@ std::vector<zylTestPicture> zylDecodeVideoFrames(const std::string& path, int co
   std::vector<zylTestPicture> out;
   AVFormatContext* format = nullptr;
   if (avformat_open_input(&format, path.c_str(), nullptr, nullptr) < 0) return out;
-  if (avformat_find_stream_info(format, nullptr) < 0) {
-    avformat_close_input(&format);
-    return out;
-  }
   const AVCodec* codec = nullptr;
-  const int stream = av_find_best_stream(format, AVMEDIA_TYPE_VIDEO, -1, -1, &codec, 0);
-  if (stream < 0 || !codec) {
-    avformat_close_input(&format);
-    return out;
+  const int stream = avformat_find_stream_info(format, nullptr) < 0
+                         ? -1
+                         : av_find_best_stream(format, AVMEDIA_TYPE_VIDEO, -1, -1, &codec, 0);
+  AVCodecContext* context = stream >= 0 && codec ? avcodec_alloc_context3(codec) : nullptr;
+  if (context) {
+    avcodec_parameters_to_context(context, format->streams[stream]->codecpar);
+    context->thread_count = 1;
   }
-  AVCodecContext* context = avcodec_alloc_context3(codec);
-  avcodec_parameters_to_context(context, format->streams[stream]->codecpar);
-  context->thread_count = 1;
-  if (avcodec_open2(context, codec, nullptr) < 0) {
+  if (!context || avcodec_open2(context, codec, nullptr) < 0) {
     avcodec_free_context(&context);
     avformat_close_input(&format);
     return out;
