@@ -38,12 +38,6 @@ Picture numbered(uint32_t w, uint32_t h) {
   return p;
 }
 
-int tone(int level, int v) {
-  const double change = (level >= 8 ? (level - 7) : -(8 - level)) * 0.05;
-  const double exact = level >= 8 ? v + (255 - v) * change : v + v * change;
-  return level >= 8 ? int(std::floor(exact + 1e-9)) : int(std::ceil(exact - 1e-9));
-}
-
 uint32_t fade32(uint32_t p, int level) {
   return uint32_t(tone(level, (p >> 16) & 255)) << 16 | uint32_t(tone(level, (p >> 8) & 255)) << 8 |
          uint32_t(tone(level, p & 255));
