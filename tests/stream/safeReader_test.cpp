@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -151,14 +152,35 @@ TEST(SafeReaderDamage, EveryPrefixFailsWithAMessage) {
   }
 }
 
-TEST(SafeReaderDamage, TrailingBytesAreRefused) {
-  auto movie = movieBuilder::Zyl0({});
-  const size_t end = movie.size();
-  movie.push_back(0);
-  zycStore32(&movie[8], uint32_t(movie.size()));
-  auto reader = Read(movie);
-  EXPECT_EQ(reader->error(),
-            "movie.zyl: 1 bytes stand behind the last section, at byte " + std::to_string(end));
+// A movie whose header disagrees with its bytes is refused with the reason.
+TEST(SafeReaderDamage, HeadersThatDisagreeWithTheFileAreRefused) {
+  const auto good = movieBuilder::Zyl0({});
+  const std::string end = std::to_string(good.size());
+  const struct {
+    std::function<void(std::vector<uint8_t>*)> change;
+    std::string message;  // the whole message, or a part of it behind "..."
+  } cases[] = {
+      {[](std::vector<uint8_t>* m) {
+         m->push_back(0);
+         zycStore32(&(*m)[8], uint32_t(m->size()));
+       },
+       "movie.zyl: 1 bytes stand behind the last section, at byte " + end},
+      {[](std::vector<uint8_t>* m) { (*m)[3] = 'X'; },
+       "movie.zyl: bad magic " + std::to_string(int32_t(zycLoad32(good.data()) ^ ('X' ^ '0') << 24))},
+      {[](std::vector<uint8_t>* m) { zycStore32(&(*m)[8], 10); },
+       "movie.zyl: the header gives a file size of 10 bytes, the file holds " + end},
+      {[](std::vector<uint8_t>* m) { zycStore32(&(*m)[16], 6); }, "...section header at byte"},
+  };
+  for (const auto& c : cases) {
+    auto movie = good;
+    c.change(&movie);
+    const std::string error = Read(movie)->error();
+    if (c.message.starts_with("...")) {
+      EXPECT_TRUE(Contains(error, c.message.substr(3))) << error;
+    } else {
+      EXPECT_EQ(error, c.message);
+    }
+  }
 }
 
 TEST(SafeReaderDamage, BytesBehindTheHeadersEndAreAnUnfinishedFrameNotAFault) {
@@ -184,23 +206,6 @@ TEST(SafeReaderDamage, BytesBehindTheHeadersEndAreAnUnfinishedFrameNotAFault) {
   EXPECT_TRUE(reader->problems().empty()) << reader->error();
   EXPECT_EQ(reader->notes().size(), 1u);
   EXPECT_TRUE(reader->frames().empty());
-}
-
-TEST(SafeReaderDamage, WrongMagicAndFileSize) {
-  auto movie = movieBuilder::Zyl0({});
-  movie[3] = 'X';
-  EXPECT_EQ(Read(movie)->error(), "movie.zyl: bad magic " + std::to_string(int32_t(zycLoad32(movie.data()))));
-  movie[3] = '0';
-  zycStore32(&movie[8], 10);
-  EXPECT_EQ(Read(movie)->error(), "movie.zyl: the header gives a file size of 10 bytes, the file holds " +
-                                      std::to_string(movie.size()));
-}
-
-TEST(SafeReaderDamage, FrameCountBeyondTheSections) {
-  auto movie = movieBuilder::Zyl0({});
-  zycStore32(&movie[16], 6);
-  auto reader = Read(movie);
-  EXPECT_TRUE(Contains(reader->error(), "section header at byte")) << reader->error();
 }
 
 TEST(SafeReaderDamage, MotionOutsideThePictureIsNamedWithItsPlace) {
@@ -311,21 +316,6 @@ TEST(SafeReaderDamage, DamagedPackedDataIsReported) {
   reader = Read(movie);
   EXPECT_TRUE(Contains(reader->error(), "movie.zyl: section 0 at byte 64: LZMA data damaged"))
       << reader->error();
-}
-
-TEST(SafeReaderDamage, ByteFlipsNeverEscapeTheBuffers) {
-  // Every byte of a small movie flipped in turn: whatever the reader says, it stays in bounds.
-  movieBuilder::MovieOptions o;
-  o.sections = {2, 1};
-  o.stillKeyFrames = true;
-  const auto movie = movieBuilder::Zyl0(o);
-  for (size_t i = 0; i < movie.size(); ++i) {
-    auto damaged = movie;
-    damaged[i] ^= 0x5A;
-    zycSafeReader reader;
-    reader.OpenMemory(damaged.data(), damaged.size(), "movie.zyl");
-    reader.CheckAll();
-  }
 }
 
 // ---------------------------------------------------------------------------------------------
