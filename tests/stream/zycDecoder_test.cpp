@@ -7,6 +7,7 @@
 #include <cstring>
 #include <vector>
 
+#include "base/byteIo.h"
 #include "stream/decoderTables.h"
 #include "tests/stream/decodeSupport.h"
 
@@ -129,45 +130,35 @@ TEST(DecoderSetup, RoundsSizesAndPointsTheWordsInside) {
   EXPECT_EQ(wide.state->motionOffset[5], -64 - 1);
 }
 
-TEST(StillImage, SurfacesAndCodebookBlocksAtThirtyTwoBits) {
-  TestDecoder decoder(16, 16);
-  StillImage image = mixedStill();
-  Bytes frame = movieBuilder::imageFrame(image.Build());
-  std::vector<uint8_t> output(16 * 16 * 4, 0xCD);
-  tableWritePos = 12345;
-  decoder.Image(frame, output.data());
+// The same still at every output depth: opaque 32-bit pixels, 24-bit bytes as they are, and
+// the top bits of each field in 16 bits.
+TEST(StillImage, SurfacesAndCodebookBlocksAtEveryDepth) {
+  const StillImage image = mixedStill();
   const std::vector<uint8_t> expected = expectedStill(image);
-  for (size_t i = 0; i < 256; ++i) {
-    for (int c = 0; c < 3; ++c) ASSERT_EQ(output[4 * i + c], expected[3 * i + c]) << i << " " << c;
-    ASSERT_EQ(output[4 * i + 3], 255);
-  }
-  EXPECT_EQ(output[0], 10);
-  EXPECT_EQ(output[1], 255);  // 300 clamps to 255
-  EXPECT_EQ(output[2], 0);
-  EXPECT_EQ(output[4 * (8 * 16) + 0], 255);  // codebook colour0's top field comes first
-  // The truncating mix of fields 255 and 8: 518 / 3 = 172, where rounding would give 173.
-  EXPECT_EQ(output[4 * (8 * 16 + 2)], 172);
-  EXPECT_EQ(tableWritePos, 4u * 48);
-}
-
-TEST(StillImage, TwentyFourAndSixteenBitOutputs) {
-  StillImage image = mixedStill();
-  const std::vector<uint8_t> expected = expectedStill(image);
-  {
-    TestDecoder decoder(16, 16, 24);
+  EXPECT_EQ(expected[0], 10);
+  EXPECT_EQ(expected[1], 255);  // 300 clamps to 255
+  EXPECT_EQ(expected[2], 0);
+  // Codebook colour0's top field comes first; the truncating mix of fields 255 and 8 is
+  // 518 / 3 = 172, where rounding would give 173.
+  EXPECT_EQ(expected[3 * (8 * 16)], 255);
+  EXPECT_EQ(expected[3 * (8 * 16 + 2)], 172);
+  for (const uint32_t depth : {32u, 24u, 16u}) {
+    SCOPED_TRACE(depth);
+    TestDecoder decoder(16, 16, depth);
     Bytes frame = movieBuilder::imageFrame(image.Build());
-    std::vector<uint8_t> output(16 * 16 * 3);
+    std::vector<uint8_t> output(16 * 16 * depth / 8, 0xCD);
+    tableWritePos = 12345;
     decoder.Image(frame, output.data());
-    EXPECT_EQ(output, expected);
-  }
-  {
-    TestDecoder decoder(16, 16, 16);
-    Bytes frame = movieBuilder::imageFrame(image.Build());
-    std::vector<uint16_t> output(16 * 16);
-    decoder.Image(frame, output.data());
+    EXPECT_EQ(tableWritePos, 4u * 48);
     for (size_t i = 0; i < 256; ++i) {
       const uint8_t* p = &expected[3 * i];
-      ASSERT_EQ(output[i], (p[2] >> 3) << 11 | (p[1] >> 2) << 5 | p[0] >> 3) << i;
+      if (depth == 16) {
+        ASSERT_EQ(zycLoad16(&output[2 * i]), (p[2] >> 3) << 11 | (p[1] >> 2) << 5 | p[0] >> 3) << i;
+      } else {
+        const uint8_t* q = &output[depth / 8 * i];
+        ASSERT_EQ(std::vector<uint8_t>(q, q + 3), std::vector<uint8_t>(p, p + 3)) << i;
+        ASSERT_TRUE(depth != 32 || q[3] == 255) << i;
+      }
     }
   }
 }
