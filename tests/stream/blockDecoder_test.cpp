@@ -111,45 +111,6 @@ class MixedFrame {
 
 }  // namespace
 
-TEST(BlockDecoder, KeyFrameOfColourBlocks) {
-  TestDecoder decoder(32, 16);
-  const uint16_t red = 0xF800, blue = 0x001F, grey = rgb565(10, 20, 30);
-  const uint16_t magenta = 0xF81F, green = 0x07E0, mid = 0x8410;
-  TreeFrame tree;
-  tree.Colour(red, blue, 0xE4E4E4E4);  // each row: indices 0, 1, 2, 3
-  tree.Split();
-  tree.Colour(grey, grey, 0xE4E4E4E4);
-  tree.Split()
-      .Colour(0xFFFF, 0x0000, allIndices(2))
-      .Colour(0x0000, 0xFFFF, allIndices(2))
-      .Colour(0x0000, 0xFFFF, allIndices(3))
-      .Colour(magenta, green, 0xE4E4E4E4);
-  tree.Colour(green, blue, allIndices(1));
-  tree.Colour(mid, mid, 0);
-  Bytes frame = tree.Build();
-  EXPECT_EQ(frame[4], 1 | 4);  // needs no previous picture
-
-  Picture previous(32, 16, 0x12345678), current(32, 16, 0xCDCDCDCD);
-  decoder.Frame(frame, previous.data(), current.data());
-
-  const uint32_t palette[4] = {0xFF0000, 0x0000FF, dxt1Word(red, blue, 2), dxt1Word(red, blue, 3)};
-  EXPECT_EQ(palette[2], 0xAA0055u);
-  for (uint32_t col = 0; col < 4; ++col) expectSquare(current, 4 * col, 0, 4, palette[col], "16");
-  // Three-colour mode with equal colours: entry 2 is the colour, entry 3 the zero word.
-  const uint32_t g = dxt1Word(grey, grey, 0);
-  const uint32_t three[4] = {g, g, g, 0};
-  for (uint32_t col = 0; col < 4; ++col) expectSquare(current, 16 + 2 * col, 0, 2, three[col], "8");
-  expectSquare(current, 24, 0, 4, 0xAAAAAA, "4 colours of white and black");
-  expectSquare(current, 28, 0, 4, 0x7F7F7F, "three colours of black and white");
-  expectSquare(current, 24, 4, 4, 0, "three-colour entry 3");
-  EXPECT_EQ(current.at(28, 4), dxt1Word(magenta, magenta, 0));
-  EXPECT_EQ(current.at(29, 4), dxt1Word(green, green, 0));
-  EXPECT_EQ(current.at(30, 4), dxt1Word(magenta, green, 2));
-  EXPECT_EQ(current.at(31, 7), dxt1Word(magenta, green, 3));
-  expectSquare(current, 16, 8, 8, 0x0000FF, "blue");
-  expectSquare(current, 24, 8, 8, word(132, 130, 132), "mid grey");
-}
-
 TEST(BlockDecoder, MotionCopiesTakeBlocksAtTheirVectors) {
   TestDecoder decoder(32, 32);
   Picture previous = numbered(32, 32), current(32, 32, 0xDEADBEEF);
@@ -436,45 +397,52 @@ TEST(BlockDecoder, PhotographKeyFrameAndFadedRepeat) {
   ASSERT_TRUE(zylLoadPng(zylMediaPath("photo_coffee_600x400.png"), &photo));
   const uint32_t w = 160, h = 96;
   const zylTestImage image = zylCropImage(photo, 200, 120, w, h);
-  // Blocks in tree order: each 16 block split to 8s, each 8 split to 4s. A 4x4 block takes its
-  // first and last pixel as colours, in three-colour mode for every third block, and its index
-  // bits from the green bytes of its pixels.
+  // Colour blocks of 16, 8 and 4 in tree order, by turns. A block takes its top left and bottom
+  // right pixel as colours, in three-colour mode for every third block, and its index bits
+  // from the green bytes of its first 16 pixels.
   auto to565 = [&](uint32_t x, uint32_t y) {
     const uint8_t* p = &image.pixels[(y * w + x) * 4];
     return rgb565(p[2] >> 3, p[1] >> 2, p[0] >> 3);
   };
-  TreeFrame tree;
   struct Block {
-    uint32_t x, y, indices;
+    uint32_t x, y, size, indices;
     uint16_t c0, c1;
   };
   std::vector<Block> blocks;
+  TreeFrame tree;
+  auto colour = [&](uint32_t x, uint32_t y, uint32_t size) {
+    Block k{x, y, size, 0, to565(x, y), to565(x + size - 1, y + size - 1)};
+    for (uint32_t i = 0; i < 16; ++i)
+      k.indices |= (image.pixels[((y + i / 4) * w + x + i % 4) * 4 + 1] & 3u) << (2 * i);
+    if ((blocks.size() % 3 == 0) == (k.c0 > k.c1)) std::swap(k.c0, k.c1);
+    tree.Colour(k.c0, k.c1, k.indices);
+    blocks.push_back(k);
+  };
   for (uint32_t by = 0; by < h; by += 16) {
     for (uint32_t bx = 0; bx < w; bx += 16) {
-      tree.Split();
-      for (int q = 0; q < 4; ++q) {
-        tree.Split();
-        for (int r = 0; r < 4; ++r) {
-          Block k{bx + (q & 1) * 8 + (r & 1) * 4, by + (q >> 1) * 8 + (r >> 1) * 4, 0, 0, 0};
-          for (uint32_t i = 0; i < 16; ++i)
-            k.indices |= (image.pixels[((k.y + i / 4) * w + k.x + i % 4) * 4 + 1] & 3u) << (2 * i);
-          k.c0 = to565(k.x, k.y);
-          k.c1 = to565(k.x + 3, k.y + 3);
-          if ((blocks.size() % 3 == 0) == (k.c0 > k.c1)) std::swap(k.c0, k.c1);
-          tree.Colour(k.c0, k.c1, k.indices);
-          blocks.push_back(k);
-        }
+      const uint32_t size = 16 >> ((bx + by) / 16 % 3);
+      if (size < 16) tree.Split();
+      for (uint32_t q = 0; q < 4 && size < 16; ++q) {
+        if (size == 4) tree.Split();
+        for (uint32_t r = 0; r < (size == 4 ? 4u : 1u); ++r)
+          colour(bx + (q & 1) * 8 + (r & 1) * 4, by + (q >> 1) * 8 + (r >> 1) * 4, size);
       }
+      if (size == 16) colour(bx, by, 16);
     }
   }
   TestDecoder decoder(w, h);
   Picture previous(w, h), key(w, h), faded(w, h);
   Bytes frame = tree.Build();
   decoder.Frame(frame, previous.data(), key.data());
-  for (const Block& k : blocks)
-    for (uint32_t i = 0; i < 16; ++i)
-      ASSERT_EQ(key.at(k.x + i % 4, k.y + i / 4), dxt1Word(k.c0, k.c1, (k.indices >> (2 * i)) & 3))
-          << k.x << "," << k.y << " pixel " << i;
+  for (const Block& k : blocks) {
+    const uint32_t scale = k.size / 4;
+    for (uint32_t y = 0; y < k.size; ++y)
+      for (uint32_t x = 0; x < k.size; ++x) {
+        const uint32_t index = (k.indices >> (2 * ((y / scale) * 4 + x / scale))) & 3;
+        ASSERT_EQ(key.at(k.x + x, k.y + y), dxt1Word(k.c0, k.c1, index))
+            << k.size << " block at " << k.x + x << "," << k.y + y;
+      }
+  }
 
   TreeFrame repeat;
   for (uint32_t b = 0; b < (w / 16) * (h / 16); ++b) repeat.Fade(0, b % 16);
