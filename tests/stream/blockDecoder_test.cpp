@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <tuple>
 #include <vector>
 
@@ -318,12 +319,14 @@ TEST(BlockDecoder, SixteenBitYuvUsesTheGreyClamp) {
   EXPECT_EQ(current[16], rgb565((w >> 16) >> 3, ((w >> 8) & 255) >> 2, (w & 255) >> 3));
 }
 
+// A stop word in the second row of blocks stops the frame behind that row; the second call
+// finishes it as one undisturbed run would, and fills the block table only once. With a stop
+// mask of 0 a set stop word lets the frame run through.
 TEST(BlockDecoder, StopBetweenRowsThenResumeEqualsUndisturbedRunAndMaskZeroNeverStops) {
   const uint32_t w = 32, h = 64;
-  Picture previous = numbered(w, h), whole(w, h), stopped(w, h);
-  // The first block of the second row is white, so a stop word inside it turns non-zero
-  // once that row is decoded.
-  auto make = [&]() {
+  // The first block of the second row is white or a table block, so a stop word inside it
+  // turns non-zero once that row is decoded.
+  auto treeFrame = [] {
     TreeFrame tree;
     tree.Fade(0, 6).Colour(0x1234, 0x4321, 0x55AA55AA);
     tree.Colour(0xFFFF, 0xFFFF, 0).Split().Fade(0, 9).Copy(1).Fade(2, 13).Colour(1, 2, 3);
@@ -331,45 +334,56 @@ TEST(BlockDecoder, StopBetweenRowsThenResumeEqualsUndisturbedRunAndMaskZeroNever
     tree.Copy(3).Split().Copy(0).Fade(1, 8).Copy(0).Copy(0);
     return tree.Build();
   };
-  Bytes frameWhole = make(), frameStopped = make();
+  auto tableFrame = [] {
+    movieBuilder::TableImage image;
+    image.reset = 1;
+    image.indexBits = 3;
+    image.tableBytes = 8 * 48;
+    for (int i = 0; i < 5; ++i)
+      image.newEntries.push_back(movieBuilder::dxtBlock(uint16_t(0x1111 * (i + 1)),
+                                                        uint16_t(0x0F0F * i), 0xA5A5A5A5u + i));
+    image.indices = {4, 0, 3, 1, 2, 2};
+    TreeFrame tree;
+    tree.Split().TableBlock().Copy(0).TableBlock().Copy(1).TableBlock();
+    tree.TableBlock().Split().TableBlock().Copy(0).Copy(0).Copy(2);
+    tree.Copy(0).TableBlock().Copy(3).Copy(0).Table(image.Build());
+    return tree.Build();
+  };
+  for (const auto& make : {std::function<Bytes()>(treeFrame), std::function<Bytes()>(tableFrame)}) {
+    Picture previous = numbered(w, h), whole(w, h), stopped(w, h), masked(w, h);
+    Bytes frameWhole = make(), frameStopped = make(), frameMasked = make();
+    TestDecoder reference(w, h);
+    reference.Frame(frameWhole, previous.data(), whole.data());
 
-  TestDecoder reference(w, h);
-  reference.Frame(frameWhole, previous.data(), whole.data());
+    TestDecoder decoder(w, h);
+    zycFrameDecoder& state = *decoder.state;
+    state.stopWord = &stopped.at(0, 16);
+    state.stopMask = 0xFFFFFFFF;
+    decoder.Frame(frameStopped, previous.data(), stopped.data());
+    EXPECT_EQ(*state.stateWord, 2u);
+    EXPECT_EQ(state.resumeRow, 32u);
+    for (uint32_t y = 32; y < h; ++y)
+      for (uint32_t x = 0; x < w; ++x) ASSERT_EQ(stopped.at(x, y), 0u) << x << "," << y;
+    const uint32_t writePos = tableWritePos;
+    uint32_t quiet = 0;
+    state.stopWord = &quiet;
+    state.DecodeFrame(reinterpret_cast<uint8_t*>(previous.data()),
+                      reinterpret_cast<uint8_t*>(stopped.data()));
+    EXPECT_EQ(*state.stateWord, 0u);
+    EXPECT_EQ(stopped.pixels, whole.pixels);
+    EXPECT_EQ(tableWritePos, writePos);
+    EXPECT_EQ(state.fadeHalf, reference.state->fadeHalf);
+    EXPECT_EQ(state.treeStream,
+              frameStopped.data() + (reference.state->treeStream - frameWhole.data()));
 
-  TestDecoder decoder(w, h);
-  zycFrameDecoder& state = *decoder.state;
-  zycFrameItems items;
-  ASSERT_TRUE(zycSplitFrame(frameStopped.data(), frameStopped.size(), &items));
-  zycSetFrameStreams(state, items, frameStopped.data());
-  state.stopWord = &stopped.at(0, 16);
-  state.stopMask = 0xFFFFFFFF;
-  state.DecodeFrame(reinterpret_cast<uint8_t*>(previous.data()),
-                    reinterpret_cast<uint8_t*>(stopped.data()));
-  EXPECT_EQ(*state.stateWord, 2u);
-  EXPECT_EQ(state.resumeRow, 32u);
-  for (uint32_t y = 32; y < h; ++y)
-    for (uint32_t x = 0; x < w; ++x) ASSERT_EQ(stopped.at(x, y), 0u) << x << "," << y;
-
-  uint32_t quiet = 0;
-  state.stopWord = &quiet;
-  state.DecodeFrame(reinterpret_cast<uint8_t*>(previous.data()),
-                    reinterpret_cast<uint8_t*>(stopped.data()));
-  EXPECT_EQ(*state.stateWord, 0u);
-  EXPECT_EQ(stopped.pixels, whole.pixels);
-  EXPECT_EQ(state.fadeHalf, reference.state->fadeHalf);
-  EXPECT_EQ(state.treeStream,
-            frameStopped.data() + (reference.state->treeStream - frameWhole.data()));
-
-  // With a stop mask of 0 a set stop word lets the frame run through.
-  Bytes frameMasked = make();
-  Picture masked(w, h);
-  TestDecoder maskedDecoder(w, h);
-  uint32_t stop = 0xFFFFFFFF;
-  maskedDecoder.state->stopWord = &stop;
-  maskedDecoder.state->stopMask = 0;
-  maskedDecoder.Frame(frameMasked, previous.data(), masked.data());
-  EXPECT_EQ(*maskedDecoder.state->stateWord, 0u);
-  EXPECT_EQ(masked.pixels, whole.pixels);
+    TestDecoder maskedDecoder(w, h);
+    uint32_t stop = 0xFFFFFFFF;
+    maskedDecoder.state->stopWord = &stop;
+    maskedDecoder.state->stopMask = 0;
+    maskedDecoder.Frame(frameMasked, previous.data(), masked.data());
+    EXPECT_EQ(*maskedDecoder.state->stateWord, 0u);
+    EXPECT_EQ(masked.pixels, whole.pixels);
+  }
 }
 
 TEST(BlockDecoder, TreeViewPaintsSymbolsBySize) {
