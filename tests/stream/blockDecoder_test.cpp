@@ -298,7 +298,6 @@ TEST(BlockDecoder, SixteenBitRoutineKeepsFieldWidths) {
   EXPECT_EQ(at(3, 1), c1);
   EXPECT_EQ(at(4, 0), rgb565(third(31, 0), third(0, 63), third(10, 1)));
   EXPECT_EQ(at(7, 7), rgb565(third(0, 31), third(63, 0), third(1, 10)));
-  EXPECT_EQ(at(4, 0), rgb565(21, 21, 7));
   EXPECT_EQ(at(9, 1), rgb565(6, 8, 10));
   EXPECT_EQ(at(13, 1), 0);
   EXPECT_EQ(at(9, 6), rgb565(20, 40, 10));

@@ -112,13 +112,6 @@ TEST(SafeReaderDecode, StillKeyFramesDecodeWithOpaquePixels) {
   EXPECT_TRUE(reader->CheckAll().empty());
 }
 
-TEST(SafeReaderDecode, TreeViewPaintsColourBlocksRed) {
-  auto reader = Read(movieBuilder::Zyl0({}));
-  reader->SetTreeView(true);
-  ASSERT_EQ(reader->NextFrame(), zycSafeStatus::decoded);
-  for (uint32_t x = 0; x < 48; x += 5) EXPECT_EQ(Pixel(reader->picture(), 48, x, 7), 0xFF0000u);
-}
-
 TEST(SafeReaderDecode, SoundBytesComeWithTheirFrame) {
   movieBuilder::MovieOptions o;
   o.sound = true;
@@ -371,25 +364,6 @@ TEST(SafeReaderGolden, EncoderMoviesReadCleanAndTheirDamageStaysInBounds) {
 
 // ---------------------------------------------------------------------------------------------
 // ZYL1
-
-TEST(SafeReaderZyl1, StillKeyFramesDecodeAndRepeatsKeepThem) {
-  movieBuilder::MovieOptions o;
-  o.sound = true;
-  o.sections = {3, 2};
-  auto reader = Read(movieBuilder::Zyl1(o));
-  ASSERT_TRUE(reader->problems().empty()) << reader->error();
-  EXPECT_EQ(reader->pictureWidth(), 40u);
-  ASSERT_EQ(reader->frames().size(), 5u);
-  EXPECT_EQ(reader->frames()[0].kind, kFrameKindStill);
-  EXPECT_EQ(reader->frames()[1].kind, kFrameKindRepeat);
-  const auto pictures = DecodeAll(*reader);
-  ASSERT_EQ(pictures.size(), 5u);
-  EXPECT_FALSE(pictures[0].empty());
-  EXPECT_EQ(pictures[1], pictures[0]);
-  EXPECT_NE(pictures[3], pictures[0]);  // another seed in the second key frame
-  EXPECT_TRUE(reader->CheckAll().empty());
-  EXPECT_EQ(reader->undecodableFrames(), 0u);
-}
 
 // Plane streams of junk: the first P-frame is damage, named by its place; the next one builds
 // on it and is not decoded, without being a fault of its own.

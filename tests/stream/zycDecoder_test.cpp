@@ -405,11 +405,6 @@ TEST(DecoderInterface, FileSlotsReadLittleEndianAndSeek) {
   EXPECT_EQ(io.ReadU32Second(&second), 0);
   EXPECT_EQ(second, 0x55443322u);
   EXPECT_EQ(io.Seek(-1, 1), -1);
-  void* block = io.Alloc(64);
-  ASSERT_NE(block, nullptr);
-  block = io.Realloc(block, 4096);
-  ASSERT_NE(block, nullptr);
-  io.Free(block);
   std::fclose(io.file);
 }
 
