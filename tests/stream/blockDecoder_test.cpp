@@ -52,63 +52,39 @@ void expectSquare(Picture& p, uint32_t x0, uint32_t y0, uint32_t size, uint32_t 
 }
 
 // A frame of random but valid nodes over a w x h picture.
-class MixedFrame {
- public:
-  MixedFrame(uint32_t w, uint32_t h, uint32_t seed) : w_(w), h_(h), seed_(seed) {}
-
-  TreeFrame Build() {
-    state_ = seed_;
-    TreeFrame tree;
-    for (uint32_t y = 0; y < h_; y += 16)
-      for (uint32_t x = 0; x < w_; x += 16) Node(tree, x, y, 16);
-    return tree;
-  }
-
- private:
-  uint32_t Next() {
-    state_ = state_ * 1664525u + 1013904223u;
-    return state_ >> 8;
-  }
-
-  uint32_t Vector(uint32_t x, uint32_t y, uint32_t size) {
+TreeFrame mixedFrame(uint32_t w, uint32_t h, uint32_t seed) {
+  TreeFrame tree;
+  uint32_t state = seed;
+  auto next = [&] {
+    state = state * 1664525u + 1013904223u;
+    return state >> 8;
+  };
+  auto vector = [&](uint32_t x, uint32_t y, uint32_t size) -> uint32_t {
     for (int tries = 0; tries < 8; ++tries) {
-      const uint32_t index = Next() % 160;
-      const int sx = int(x) + kSmallMotionTable[index][0];
-      const int sy = int(y) + kSmallMotionTable[index][1];
-      if (sx >= 0 && sy >= 0 && sx + int(size) <= int(w_) && sy + int(size) <= int(h_))
-        return index;
+      const uint32_t index = next() % 160;
+      const int sx = int(x) + kSmallMotionTable[index][0], sy = int(y) + kSmallMotionTable[index][1];
+      if (sx >= 0 && sy >= 0 && sx + int(size) <= int(w) && sy + int(size) <= int(h)) return index;
     }
     return 0;
-  }
-
-  void Node(TreeFrame& tree, uint32_t x, uint32_t y, uint32_t size) {
-    switch (Next() % 4) {
-      case 0:
-        tree.Copy(Vector(x, y, size));
-        break;
-      case 1:
-        tree.Split();
-        if (size > 4) {
-          const uint32_t h = size / 2;
-          Node(tree, x, y, h);
-          Node(tree, x + h, y, h);
-          Node(tree, x, y + h, h);
-          Node(tree, x + h, y + h, h);
-        }
-        break;
-      case 2:
-        tree.Colour(uint16_t(Next()), uint16_t(Next()), Next() ^ Next() << 16);
-        break;
-      default: {
-        const uint32_t index = Vector(x, y, size);
-        tree.Fade(index, Next() % 16);
-        break;
-      }
+  };
+  std::function<void(uint32_t, uint32_t, uint32_t)> node = [&](uint32_t x, uint32_t y, uint32_t size) {
+    const uint32_t kind = next() % 4, half = size / 2;
+    if (kind == 0) tree.Copy(vector(x, y, size));
+    if (kind == 1) tree.Split();
+    for (uint32_t q = 0; kind == 1 && size > 4 && q < 4; ++q) node(x + (q & 1) * half, y + (q >> 1) * half, half);
+    if (kind == 2) {
+      const uint16_t c0 = uint16_t(next()), c1 = uint16_t(next());
+      tree.Colour(c0, c1, next() ^ next() << 16);
     }
-  }
-
-  uint32_t w_, h_, seed_, state_ = 0;
-};
+    if (kind == 3) {
+      const uint32_t index = vector(x, y, size);
+      tree.Fade(index, next() % 16);
+    }
+  };
+  for (uint32_t y = 0; y < h; y += 16)
+    for (uint32_t x = 0; x < w; x += 16) node(x, y, 16);
+  return tree;
+}
 
 }  // namespace
 
@@ -164,8 +140,7 @@ TEST(BlockDecoder, EveryKernelSetGivesThePlainPictures) {
       }
       b.pixels = a.pixels;
       for (uint32_t f = 0; f < 4; ++f) {
-        MixedFrame mixed(w, h, seed * 7 + f);
-        const Bytes original = mixed.Build().Build();
+        const Bytes original = mixedFrame(w, h, seed * 7 + f).Build();
         Bytes first = original, second = original;
         fast.Frame(first, a.data(), nextA.data());
         plain.Frame(second, b.data(), nextB.data());
@@ -264,8 +239,7 @@ TEST(BlockDecoder, TwentyFourBitRoutineMatchesThirtyTwoBit) {
     std::vector<uint8_t> previous24(64 * 48 * 3), current24(64 * 48 * 3);
     for (size_t i = 0; i < previous.pixels.size(); ++i)
       std::memcpy(&previous24[3 * i], &previous.pixels[i], 3);
-    MixedFrame mixed(64, 48, 11 + yuv);
-    Bytes frame32 = mixed.Build().Build(), frame24 = mixed.Build().Build();
+    Bytes frame32 = mixedFrame(64, 48, 11 + yuv).Build(), frame24 = frame32;
     wide.Frame(frame32, previous.data(), current.data());
     narrow.Frame(frame24, previous24.data(), current24.data());
     for (size_t i = 0; i < current.pixels.size(); ++i) {

@@ -295,18 +295,12 @@ TEST(SafeReaderDamage, ItemsThatDisagreeAreNamedWithTheirFrame) {
 }
 
 TEST(SafeReaderDamage, DamagedPackedDataIsReported) {
-  auto movie = movieBuilder::Zyl0({});
-  for (size_t i = 70; i < 90; ++i) movie[i] = 0xFF;
-  auto reader = Read(movie);
-  EXPECT_FALSE(reader->problems().empty());
-  EXPECT_TRUE(Contains(reader->error(), "movie.zyl: ")) << reader->error();
-
   // LZMA data that ends short of the unpacked size behind its five property bytes.
   movieBuilder::MovieOptions o;
   o.packing = kPackingLzma;
-  movie = movieBuilder::Zyl0(o);
+  auto movie = movieBuilder::Zyl0(o);
   zycStore64(&movie[64 + 6 + 5], zycLoad64(&movie[64 + 6 + 5]) + 1);
-  reader = Read(movie);
+  auto reader = Read(movie);
   EXPECT_TRUE(Contains(reader->error(), "movie.zyl: section 0 at byte 64: LZMA data damaged"))
       << reader->error();
 }
