@@ -201,18 +201,6 @@ TEST(SafeReaderDamage, BytesBehindTheHeadersEndAreAnUnfinishedFrameNotAFault) {
   EXPECT_TRUE(reader->frames().empty());
 }
 
-TEST(SafeReaderDamage, MotionOutsideThePictureIsNamedWithItsPlace) {
-  // Frame 1, block 0 is a split block whose first child fades with index 0; give it (0,-1).
-  auto movie = Edited(1, [](Items* items) { (*items)[1][0] = 1; });
-  auto reader = Read(movie);
-  ASSERT_TRUE(reader->problems().empty()) << reader->error();
-  const auto problems = reader->CheckAll();
-  ASSERT_EQ(problems.size(), 1u);
-  EXPECT_EQ(problems[0],
-            "movie.zyl: frame 1 (section 0 at byte 64): motion index 0 (vector 1: 0,-1) reads "
-            "outside the picture (block 8 at 0,0)");
-}
-
 TEST(SafeReaderDamage, WideMotionIndicesStayInTheirTable) {
   movieBuilder::MovieOptions o;
   o.wideMotion = true;
@@ -243,6 +231,10 @@ TEST(SafeReaderDamage, ItemsThatDisagreeAreNamedWithTheirFrame) {
     const char* message;
   };
   const Case cases[] = {
+      // Frame 1, block 0 is a split block whose first child fades with index 0; give it (0,-1).
+      {plainFrames, 1, [](Items* i) { (*i)[1][0] = 1; },
+       "frame 1 (section 0 at byte 64): motion index 0 (vector 1: 0,-1) reads outside the picture "
+       "(block 8 at 0,0)"},
       // The tree against its items.
       {plainFrames, 0, [](Items* i) { (*i)[1].resize(16); }, "the colour item holds 2 blocks, the tree has 3"},
       {plainFrames, 1, [](Items* i) { (*i)[1].push_back(0); }, "the motion item holds 10 bytes, the tree takes 9"},
