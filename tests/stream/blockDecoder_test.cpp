@@ -217,7 +217,7 @@ TEST(BlockDecoder, WideMotionIndicesSelectTheLargeTable) {
   EXPECT_EQ(current.at(32, 32), previous.at(0, 0));
 }
 
-TEST(BlockDecoder, YuvColourWordsConvertAndBlackIsDarkGreen) {
+TEST(BlockDecoder, YuvColourWordsConvertAndBlackIsDarkGreenAtBothDepths) {
   TestDecoder decoder(48, 16, 32, 1);
   Picture previous(48, 16), current(48, 16);
   const uint16_t c0 = rgb565(200 >> 3, 100 >> 2, 60 >> 3), c1 = rgb565(40 >> 3, 220 >> 2, 180 >> 3);
@@ -230,6 +230,15 @@ TEST(BlockDecoder, YuvColourWordsConvertAndBlackIsDarkGreen) {
   expectSquare(current, 16, 0, 16, yuvWord(255, 0, 0), "Y only");
   for (int col = 0; col < 4; ++col)
     expectSquare(current, 32 + 4 * col, 0, 4, yuvWordOf(dxt1Word(c0, c1, col)), "YUV palette");
+  // At 16 bits every pixel keeps the top bits of its clamped fields.
+  TestDecoder narrow(48, 16, 16, 1);
+  std::vector<uint16_t> previous16(48 * 16), current16(48 * 16);
+  Bytes frame16 = tree.Build();
+  narrow.Frame(frame16, previous16.data(), current16.data());
+  for (size_t i = 0; i < current16.size(); ++i) {
+    const uint32_t w = current.pixels[i];
+    ASSERT_EQ(current16[i], rgb565((w >> 19) & 31, (w >> 10) & 63, (w >> 3) & 31)) << i;
+  }
 }
 
 TEST(BlockDecoder, TwentyFourBitRoutineMatchesThirtyTwoBit) {
@@ -280,21 +289,6 @@ TEST(BlockDecoder, SixteenBitRoutineKeepsFieldWidths) {
   EXPECT_EQ(at(12, 12), rgb565(20, 40, 10));
 }
 
-TEST(BlockDecoder, SixteenBitYuvUsesTheGreyClamp) {
-  TestDecoder decoder(32, 16, 16, 1);
-  std::vector<uint16_t> previous(512), current(512);
-  TreeFrame tree;
-  tree.Colour(0, 0, allIndices(3)).Colour(0x07E0, 0x07E0, 0);
-  Bytes frame = tree.Build();
-  decoder.Frame(frame, previous.data(), current.data());
-  EXPECT_EQ(current[0], 135 >> 2 << 5);
-  const uint32_t w = yuvWord(255, 0, 0);
-  EXPECT_EQ(current[16], rgb565((w >> 16) >> 3, ((w >> 8) & 255) >> 2, (w & 255) >> 3));
-}
-
-// A stop word in the second row of blocks stops the frame behind that row; the second call
-// finishes it as one undisturbed run would, and fills the block table only once. With a stop
-// mask of 0 a set stop word lets the frame run through.
 TEST(BlockDecoder, StopBetweenRowsThenResumeEqualsUndisturbedRunAndMaskZeroNeverStops) {
   const uint32_t w = 32, h = 64;
   // The first block of the second row is white or a table block, so a stop word inside it
