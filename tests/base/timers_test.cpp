@@ -70,8 +70,6 @@ TEST(TimerValues, SumsAndMaximaPrintForNonZeroSumsOnly) {
   TimerAddValue(kTimerSaveOffset, 7);
   TimerAddValue(kTimerSaveOffset, 3);
   TimerAddValue(kTimerBackupZip, 0);
-  EXPECT_EQ(TimerSlot(kTimerSaveOffset).sum, 10u);
-  EXPECT_EQ(TimerSlot(kTimerSaveOffset).max, 7u);
   EXPECT_EQ(Report(1), std::string(kReportHead) + "      +- Save offset: 10, max 7, maxmax 7\n");
 }
 

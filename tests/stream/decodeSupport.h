@@ -23,20 +23,20 @@ struct TestDecoder {
   }
   ~TestDecoder() { state->Release(); }
 
-  // Splits `frame`, points the streams at it and decodes it from `previous` into `current`.
-  void Frame(movieBuilder::Bytes& frame, void* previous, void* current) {
+  // Splits `frame` and points the streams at it.
+  void Point(movieBuilder::Bytes& frame) {
     zycFrameItems items;
     ASSERT_TRUE(zycSplitFrame(frame.data(), frame.size(), &items))
         << zycPayloadErrorText(items.error);
     zycSetFrameStreams(*state, items, frame.data());
+  }
+  // Decodes `frame` from `previous` into `current`.
+  void Frame(movieBuilder::Bytes& frame, void* previous, void* current) {
+    Point(frame);
     state->DecodeFrame(static_cast<uint8_t*>(previous), static_cast<uint8_t*>(current));
   }
-
   void Image(movieBuilder::Bytes& frame, void* output) {
-    zycFrameItems items;
-    ASSERT_TRUE(zycSplitFrame(frame.data(), frame.size(), &items))
-        << zycPayloadErrorText(items.error);
-    zycSetFrameStreams(*state, items, frame.data());
+    Point(frame);
     state->DecodeImage(static_cast<uint8_t*>(output));
   }
 };

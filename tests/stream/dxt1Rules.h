@@ -11,6 +11,14 @@
 inline uint32_t widen5(uint32_t v) { return (v << 3) | (v >> 2); }
 inline uint32_t widen6(uint32_t v) { return (v << 2) | (v >> 4); }
 
+// A fade level's tone curve: levels 8..15 move a field 5% per step towards white, rounded
+// down; levels 0..7 move it 5% per step towards black, rounded up.
+inline int tone(int level, int v) {
+  const double change = (level >= 8 ? (level - 7) : -(8 - level)) * 0.05;
+  const double exact = level >= 8 ? v + (255 - v) * change : v + v * change;
+  return level >= 8 ? int(std::floor(exact + 1e-9)) : int(std::ceil(exact - 1e-9));
+}
+
 inline uint16_t rgb565(uint32_t high, uint32_t middle, uint32_t low) {
   return uint16_t(high << 11 | middle << 5 | low);
 }

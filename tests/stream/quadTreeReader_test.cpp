@@ -73,6 +73,17 @@ const std::vector<GreyCase>& GreyCases() {
          if (x == 8) return 191;
          return y < 8 ? 0 : y == 8 ? 47 : 63;
        }},
+      // The bottom right quarter split into four white leaves of 4, the rest black leaves of 8.
+      // Each seam between an 8 and a 4 ramps only on the 8's side: its pixel at the seam goes
+      // half way to m = 127, 63. The horizontal seam then meets that column at (7, 7) and (7, 8).
+      {"seamOf8And4", 16, 16,
+       Image({0, 2, 0x88, 0x00}, {kBlack, kBlack, kBlack, kWhite, kWhite, kWhite, kWhite}),
+       [](uint32_t x, uint32_t y) {
+         if (x >= 8 && y >= 8) return 255;
+         if (x == 7 && y == 7) return 15;
+         if (x == 7 && y == 8) return 47;
+         return (x >= 8 && y == 7) || (x == 7 && y > 8) ? 63 : 0;
+       }},
       // 6 x 6 under a root of 8: four leaves of 4, three of them cut by the picture's edge.
       {"clippedLeaves", 6, 6, Image({0, 2, 0x80, 0}, {kBlack, kWhite, kWhite, kBlack}),
        [](uint32_t x, uint32_t y) { return (x < 4) == (y < 4) ? 0 : 255; }},
@@ -102,7 +113,7 @@ TEST_P(QuadTreeGrey, DecodesToTheHandWorkedPicture) {
   reader.Release();
 }
 
-INSTANTIATE_TEST_SUITE_P(HandBuilt, QuadTreeGrey, testing::Range<size_t>(0, 5),
+INSTANTIATE_TEST_SUITE_P(HandBuilt, QuadTreeGrey, testing::Range<size_t>(0, 6),
                          [](const testing::TestParamInfo<size_t>& info) {
                            return std::string(GreyCases()[info.param].name);
                          });

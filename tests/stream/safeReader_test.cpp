@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -111,13 +112,6 @@ TEST(SafeReaderDecode, StillKeyFramesDecodeWithOpaquePixels) {
   EXPECT_TRUE(reader->CheckAll().empty());
 }
 
-TEST(SafeReaderDecode, TreeViewPaintsColourBlocksRed) {
-  auto reader = Read(movieBuilder::Zyl0({}));
-  reader->SetTreeView(true);
-  ASSERT_EQ(reader->NextFrame(), zycSafeStatus::decoded);
-  for (uint32_t x = 0; x < 48; x += 5) EXPECT_EQ(Pixel(reader->picture(), 48, x, 7), 0xFF0000u);
-}
-
 TEST(SafeReaderDecode, SoundBytesComeWithTheirFrame) {
   movieBuilder::MovieOptions o;
   o.sound = true;
@@ -151,14 +145,35 @@ TEST(SafeReaderDamage, EveryPrefixFailsWithAMessage) {
   }
 }
 
-TEST(SafeReaderDamage, TrailingBytesAreRefused) {
-  auto movie = movieBuilder::Zyl0({});
-  const size_t end = movie.size();
-  movie.push_back(0);
-  zycStore32(&movie[8], uint32_t(movie.size()));
-  auto reader = Read(movie);
-  EXPECT_EQ(reader->error(),
-            "movie.zyl: 1 bytes stand behind the last section, at byte " + std::to_string(end));
+// A movie whose header disagrees with its bytes is refused with the reason.
+TEST(SafeReaderDamage, HeadersThatDisagreeWithTheFileAreRefused) {
+  const auto good = movieBuilder::Zyl0({});
+  const std::string end = std::to_string(good.size());
+  const struct {
+    std::function<void(std::vector<uint8_t>*)> change;
+    std::string message;  // the whole message, or a part of it behind "..."
+  } cases[] = {
+      {[](std::vector<uint8_t>* m) {
+         m->push_back(0);
+         zycStore32(&(*m)[8], uint32_t(m->size()));
+       },
+       "movie.zyl: 1 bytes stand behind the last section, at byte " + end},
+      {[](std::vector<uint8_t>* m) { (*m)[3] = 'X'; },
+       "movie.zyl: bad magic " + std::to_string(int32_t(zycLoad32(good.data()) ^ ('X' ^ '0') << 24))},
+      {[](std::vector<uint8_t>* m) { zycStore32(&(*m)[8], 10); },
+       "movie.zyl: the header gives a file size of 10 bytes, the file holds " + end},
+      {[](std::vector<uint8_t>* m) { zycStore32(&(*m)[16], 6); }, "...section header at byte"},
+  };
+  for (const auto& c : cases) {
+    auto movie = good;
+    c.change(&movie);
+    const std::string error = Read(movie)->error();
+    if (c.message.starts_with("...")) {
+      EXPECT_TRUE(Contains(error, c.message.substr(3))) << error;
+    } else {
+      EXPECT_EQ(error, c.message);
+    }
+  }
 }
 
 TEST(SafeReaderDamage, BytesBehindTheHeadersEndAreAnUnfinishedFrameNotAFault) {
@@ -184,35 +199,6 @@ TEST(SafeReaderDamage, BytesBehindTheHeadersEndAreAnUnfinishedFrameNotAFault) {
   EXPECT_TRUE(reader->problems().empty()) << reader->error();
   EXPECT_EQ(reader->notes().size(), 1u);
   EXPECT_TRUE(reader->frames().empty());
-}
-
-TEST(SafeReaderDamage, WrongMagicAndFileSize) {
-  auto movie = movieBuilder::Zyl0({});
-  movie[3] = 'X';
-  EXPECT_EQ(Read(movie)->error(), "movie.zyl: bad magic " + std::to_string(int32_t(zycLoad32(movie.data()))));
-  movie[3] = '0';
-  zycStore32(&movie[8], 10);
-  EXPECT_EQ(Read(movie)->error(), "movie.zyl: the header gives a file size of 10 bytes, the file holds " +
-                                      std::to_string(movie.size()));
-}
-
-TEST(SafeReaderDamage, FrameCountBeyondTheSections) {
-  auto movie = movieBuilder::Zyl0({});
-  zycStore32(&movie[16], 6);
-  auto reader = Read(movie);
-  EXPECT_TRUE(Contains(reader->error(), "section header at byte")) << reader->error();
-}
-
-TEST(SafeReaderDamage, MotionOutsideThePictureIsNamedWithItsPlace) {
-  // Frame 1, block 0 is a split block whose first child fades with index 0; give it (0,-1).
-  auto movie = Edited(1, [](Items* items) { (*items)[1][0] = 1; });
-  auto reader = Read(movie);
-  ASSERT_TRUE(reader->problems().empty()) << reader->error();
-  const auto problems = reader->CheckAll();
-  ASSERT_EQ(problems.size(), 1u);
-  EXPECT_EQ(problems[0],
-            "movie.zyl: frame 1 (section 0 at byte 64): motion index 0 (vector 1: 0,-1) reads "
-            "outside the picture (block 8 at 0,0)");
 }
 
 TEST(SafeReaderDamage, WideMotionIndicesStayInTheirTable) {
@@ -245,6 +231,10 @@ TEST(SafeReaderDamage, ItemsThatDisagreeAreNamedWithTheirFrame) {
     const char* message;
   };
   const Case cases[] = {
+      // Frame 1, block 0 is a split block whose first child fades with index 0; give it (0,-1).
+      {plainFrames, 1, [](Items* i) { (*i)[1][0] = 1; },
+       "frame 1 (section 0 at byte 64): motion index 0 (vector 1: 0,-1) reads outside the picture "
+       "(block 8 at 0,0)"},
       // The tree against its items.
       {plainFrames, 0, [](Items* i) { (*i)[1].resize(16); }, "the colour item holds 2 blocks, the tree has 3"},
       {plainFrames, 1, [](Items* i) { (*i)[1].push_back(0); }, "the motion item holds 10 bytes, the tree takes 9"},
@@ -297,35 +287,14 @@ TEST(SafeReaderDamage, ItemsThatDisagreeAreNamedWithTheirFrame) {
 }
 
 TEST(SafeReaderDamage, DamagedPackedDataIsReported) {
-  auto movie = movieBuilder::Zyl0({});
-  for (size_t i = 70; i < 90; ++i) movie[i] = 0xFF;
-  auto reader = Read(movie);
-  EXPECT_FALSE(reader->problems().empty());
-  EXPECT_TRUE(Contains(reader->error(), "movie.zyl: ")) << reader->error();
-
   // LZMA data that ends short of the unpacked size behind its five property bytes.
   movieBuilder::MovieOptions o;
   o.packing = kPackingLzma;
-  movie = movieBuilder::Zyl0(o);
+  auto movie = movieBuilder::Zyl0(o);
   zycStore64(&movie[64 + 6 + 5], zycLoad64(&movie[64 + 6 + 5]) + 1);
-  reader = Read(movie);
+  auto reader = Read(movie);
   EXPECT_TRUE(Contains(reader->error(), "movie.zyl: section 0 at byte 64: LZMA data damaged"))
       << reader->error();
-}
-
-TEST(SafeReaderDamage, ByteFlipsNeverEscapeTheBuffers) {
-  // Every byte of a small movie flipped in turn: whatever the reader says, it stays in bounds.
-  movieBuilder::MovieOptions o;
-  o.sections = {2, 1};
-  o.stillKeyFrames = true;
-  const auto movie = movieBuilder::Zyl0(o);
-  for (size_t i = 0; i < movie.size(); ++i) {
-    auto damaged = movie;
-    damaged[i] ^= 0x5A;
-    zycSafeReader reader;
-    reader.OpenMemory(damaged.data(), damaged.size(), "movie.zyl");
-    reader.CheckAll();
-  }
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -381,25 +350,6 @@ TEST(SafeReaderGolden, EncoderMoviesReadCleanAndTheirDamageStaysInBounds) {
 
 // ---------------------------------------------------------------------------------------------
 // ZYL1
-
-TEST(SafeReaderZyl1, StillKeyFramesDecodeAndRepeatsKeepThem) {
-  movieBuilder::MovieOptions o;
-  o.sound = true;
-  o.sections = {3, 2};
-  auto reader = Read(movieBuilder::Zyl1(o));
-  ASSERT_TRUE(reader->problems().empty()) << reader->error();
-  EXPECT_EQ(reader->pictureWidth(), 40u);
-  ASSERT_EQ(reader->frames().size(), 5u);
-  EXPECT_EQ(reader->frames()[0].kind, kFrameKindStill);
-  EXPECT_EQ(reader->frames()[1].kind, kFrameKindRepeat);
-  const auto pictures = DecodeAll(*reader);
-  ASSERT_EQ(pictures.size(), 5u);
-  EXPECT_FALSE(pictures[0].empty());
-  EXPECT_EQ(pictures[1], pictures[0]);
-  EXPECT_NE(pictures[3], pictures[0]);  // another seed in the second key frame
-  EXPECT_TRUE(reader->CheckAll().empty());
-  EXPECT_EQ(reader->undecodableFrames(), 0u);
-}
 
 // Plane streams of junk: the first P-frame is damage, named by its place; the next one builds
 // on it and is not decoded, without being a fault of its own.
