@@ -367,58 +367,6 @@ TEST(VQSLSQCompressor, FastAndReferenceGroupSearchesWriteTheSameImage) {
   EXPECT_GT(surfaces, 200u);
 }
 
-TEST(VQSLSQCompressor, TableSizeRisesAboveTheDecodedCodebook) {
-  const StillPicture p = noisePicture(32, 32, 1);
-  const Compressed small = compress(p, 3000, false, 48);
-  const uint32_t needed = small.stats.codebookCount * 48 + 480;
-  EXPECT_EQ(small.tableLimit, needed);
-  EXPECT_EQ(load32(&small.image[4]), needed);
-  const Compressed large = compress(p, 3000, false, 230400);
-  EXPECT_EQ(large.tableLimit, 230400u);
-  EXPECT_EQ(load32(&large.image[4]), 230400u);
-
-  VQSLSQCompressor compressor(true);
-  compressor.verbose = false;
-  std::vector<uint8_t> out;
-  compressor.tableCount = 5;
-  compressor.droppedBytes = 96;
-  compressor.compress(p.pixels.data(), 32, 32, 3000, out);
-  EXPECT_EQ(compressor.tableCount, 0u);
-  EXPECT_EQ(compressor.droppedBytes, 0u);
-  EXPECT_EQ(compressor.tableBytes, load32(&out[20]) * 48);
-}
-
-TEST(VQSLSQCompressor, PrintsItsProgressAndStatistics) {
-  const StillPicture p = flatPicture(64, 48, 10, 20, 30);
-  VQSLSQCompressor compressor(true);
-  std::vector<uint8_t> out;
-  testing::internal::CaptureStdout();
-  compressor.compress(p.pixels.data(), 64, 48, 2000, out);
-  fflush(stdout);
-  const std::string text = testing::internal::GetCapturedStdout();
-  for (const char* line :
-       {"SLSQ calculation: 0%.\r", "SLSQ calculation: 100%.\nVQ Calculation...\r",
-        "Updated Vectors: 0, used Vectors: 0\n",
-        "Error with 3 bits codebook: 0.0 (VQ Tolerance equ. 0.0).\n",
-        "Global image statistics:\nblocks: 8x6.\nImage pixel count: 3072.\n"
-        "Image size in RGB: 9216.\n"
-        "Elementary 8x8 compression block count: 48 (8x6).\n"
-        " - SLSQ block count: 48 (100%).\n - VQ block count: 0 (0%).\n"
-        "SLSQ blocks statistics:\nSLSQ index bit size: 1 bits\nSLSQ pixel tolerance: 2.8.\n"
-        "SLSQ Minimum block number inside one multi-block group: 4.\n"
-        "SLSQ multi-block efficiency: 1 elements stored 48.0:1.\n",
-        "VQ pixel tolerance: 9.0. (tolerance for the square full vector distance: 3888.0)\n",
-        "Final compressed image size: 76 (0.8%) ratio 121.3:1.\n"}) {
-    EXPECT_NE(text.find(line), std::string::npos) << line;
-  }
-
-  compressor.verbose = false;
-  testing::internal::CaptureStdout();
-  compressor.compress(p.pixels.data(), 64, 48, 2000, out);
-  fflush(stdout);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-}
-
 TEST(VQSLSQCompressor, DecompressRejectsAnotherMagic) {
   std::vector<uint8_t> bytes(64, 0);
   std::vector<uint8_t> pixels;

@@ -76,23 +76,4 @@ TEST_F(SurfaceLSQSolverTest, ErrorIsTheLargestDeviationOfAnyPixel) {
   EXPECT_EQ(pair, expected);
 }
 
-TEST_F(SurfaceLSQSolverTest, MomentsAreSumsOfPowersOverAllPixels) {
-  SlsqMoments m;
-  slsqClearMoments(m);
-  const int32_t blocks[2][2] = {{16, 40}, {304, 8}};
-  for (const auto& b : blocks) {
-    double columns[5];
-    slsqColumnSums(powers.data(), b[0], columns);
-    slsqAddBlockMoments(m, powers.data(), columns, b[1]);
-  }
-  for (int a = 0; a < 5; ++a)
-    for (int bb = 0; a + bb < 5; ++bb) {
-      double direct = 0.0;
-      for (const auto& b : blocks)
-        for (int y = b[1]; y < b[1] + 8; ++y)
-          for (int x = b[0]; x < b[0] + 8; ++x) direct += std::pow(x, a) * std::pow(y, bb);
-      EXPECT_EQ(m.m[a][bb], direct) << a << "," << bb;
-    }
-}
-
 }  // namespace

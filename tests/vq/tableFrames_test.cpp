@@ -91,53 +91,6 @@ struct BudgetCase {
   uint32_t indexBits, newCount;
 };
 
-TEST(TableBudget, WidthAndNewVectors) {
-  const BudgetCase cases[] = {
-      // No old vectors: the width grows until 2^w vectors and the index table pass the target;
-      // then the room left, in multiples of 4.
-      {0, 1000, 3000, 8, 244},
-      // Too small a target for any new vector: 4 vectors as the floor...
-      {100, 1000, 10, 7, 4},
-      // ...unless the first width already leaves less room than that.
-      {0, 1000, 10, 0, 1},
-      // Fewer blocks than room: the block count with its low bits cleared, 4 at least.
-      {0, 10, 100000, 4, 8},
-      {0, 3, 100000, 3, 4},
-      // Old vectors take their share of the index width.
-      {1000, 400, 3000, 11, 300},
-  };
-  for (const BudgetCase& c : cases) {
-    const auto b = VQSLSQCompressor::tableBudget(c.oldCount, c.blockCount, c.target);
-    EXPECT_EQ(b.indexBits, c.indexBits) << c.oldCount << " " << c.blockCount << " " << c.target;
-    EXPECT_EQ(b.newCount, c.newCount) << c.oldCount << " " << c.blockCount << " " << c.target;
-  }
-}
-
-// A block whose old vector is exactly as near as a new one keeps the old one: in the first
-// round both are exact copies of the block, and the old one wins even at twice its distance.
-TEST(TableFrames, EqualDistanceKeepsTheOldVector) {
-  // Four blocks of one colour that DXT1 holds exactly: the trained vector is that colour.
-  std::vector<uint8_t> flat(4 * 48);
-  for (int i = 0; i < 4 * 16; ++i) {
-    flat[3 * i] = 255;
-    flat[3 * i + 1] = 0;
-    flat[3 * i + 2] = 0;
-  }
-  VQSLSQCompressor c(true);
-  c.verbose = false;
-  std::vector<uint8_t> image;
-  c.compressPFrame(flat.data(), 4, true, 1000, image);
-  c.commitPFrame();
-  ASSERT_EQ(c.pFrameStatistics().squaredError, 0.0);
-  const uint32_t oldCount = c.pFrameStatistics().newCount;
-  c.compressPFrame(flat.data(), 4, false, 1000, image);
-  EXPECT_EQ(c.pFrameStatistics().oldCount, oldCount);
-  EXPECT_EQ(c.pFrameStatistics().oldHits, 4u);
-  // Once matched, the blocks leave the training: the last round's new table is empty.
-  EXPECT_EQ(c.pFrameStatistics().newCount, 0u);
-  EXPECT_EQ(c.pFrameStatistics().squaredError, 0.0);
-}
-
 // A pan over a photograph in a small ring: the still image's codebook drops out before any
 // table, the ring wraps several times, a reset restarts it, and every frame's indices, read
 // from a ring kept from the headers alone, mean exactly the vectors the compressor chose.
