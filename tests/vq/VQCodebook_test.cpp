@@ -1,4 +1,5 @@
-// The k-means codebook in both kinds: update rules, and the SSE kind and the pruned search against the plain ones. Its sort and colour key reach the movies the encoder tests pin by digest.
+// The k-means codebook in both kinds: its update rules, and the SSE kind and the pruned search
+// against the plain ones. Its sort and colour key reach the movies that the encoder tests pin.
 #include "vq/VQCodebook.h"
 
 #include <gtest/gtest.h>
