@@ -79,25 +79,6 @@ TEST(SadKernels, SimdEqualsPlainOnRealPicturesAtEverySizeAndOffset) {
   }
 }
 
-TEST(SadKernels, AvxSetKeepsSse2ForFourAndTakesItsOwnForEightAndSixteen) {
-  zycSadKernels sse2, avx2;
-  if (!zycCpuHasAvx2() || !zycSadSse2(&sse2) || !zycSadAvx2(&avx2)) {
-    GTEST_SKIP() << "no AVX2";
-  }
-  EXPECT_EQ(avx2.all[0], sse2.all[0]);
-  EXPECT_EQ(avx2.colour[0], sse2.colour[0]);
-  EXPECT_EQ(avx2.fades[0], sse2.fades[0]);
-  for (int level = 1; level < 3; ++level) {
-    EXPECT_NE(avx2.all[level], sse2.all[level]);
-    EXPECT_NE(avx2.colour[level], sse2.colour[level]);
-  }
-  zycSadKernels chosen;
-  zycSadChoose(&chosen, true);
-  EXPECT_EQ(chosen.colour[2], avx2.colour[2]);
-  zycSadChoose(&chosen, false);
-  EXPECT_FALSE(chosen.simd);
-}
-
 TEST(SadKernels, ColourKernelsLeaveAlphaOutAndAllKernelsCountIt) {
   zycSadKernels plain;
   zycSadPlain(&plain);
@@ -192,15 +173,6 @@ TEST(SadKernels, FadeLoopTakesWhatALoopOverThePlainKernelTakes) {
   }
   if (withFadeLoop == 0) GTEST_SKIP() << "no kernel set has a fade loop here";
   EXPECT_GT(taken, 100);
-}
-
-TEST(SadKernels, IdenticalSquaresGiveZero) {
-  zycSadKernels k;
-  zycSadChoose(&k, true);
-  PicturePair p = MakePair(false);
-  for (int level = 0; level < 3; ++level) {
-    EXPECT_EQ(k.all[level](p.a.data() + 64, p.a.data() + 64, p.width * 4, ~0u), 0u);
-  }
 }
 
 }  // namespace
