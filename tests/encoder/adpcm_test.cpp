@@ -142,7 +142,6 @@ TEST(AdpcmEncode, ConstantInputSettlesToStepFloor) {
   }
   EXPECT_LE(12345 - rebuilt.back(), 1);
   EXPECT_EQ(state.stepIndex[0], 0);
-  EXPECT_EQ(zycAdpcmStepTable[state.stepIndex[0]], 7);
   // Once within a quarter step the codes stay 0.
   for (uint32_t k = 3000; k < 4000; ++k) ASSERT_EQ(Code(chunk, 3, k), 0u) << k;
 }
@@ -184,27 +183,22 @@ TEST(AdpcmRoundTrip, DecoderRebuildsTheCodersReconstruction) {
 
 // 2-bit codes with a quarter step follow slow sound well and high frequencies poorly: speech comes
 // out near 12 dB, room noise with taps near 5 dB. The floors sit a little under those.
-TEST(AdpcmRealSound, SpeechAt16kHzKeepsItsShape) {
-  const zylTestSound sound = zylDecodeSound(zylMediaPath("walkers_speech_384x288_10fps_16k.mkv"));
-  ASSERT_EQ(sound.sampleRate, 16000u);
-  ASSERT_EQ(sound.channels, 1u);
-  ASSERT_GT(sound.samples.size(), 16000u);
-  const SoundCoding coding = CodeInChunks(sound, 32000);
-  std::printf("speech 16 kHz mono, %zu samples: SNR %.2f dB\n", sound.samples.size(),
-              coding.snrDb);
-  EXPECT_TRUE(coding.decodedMatches);
-  EXPECT_GT(coding.snrDb, 11.5);
-}
-
-TEST(AdpcmRealSound, RoomNoiseAndTapsAt44kHz) {
-  const zylTestSound sound =
-      zylDecodeSound(zylMediaPath("coin_pen_568x320_30fps_sound.mov"), 441000);
-  ASSERT_EQ(sound.sampleRate, 44100u);
-  ASSERT_EQ(sound.channels, 1u);
-  ASSERT_GT(sound.samples.size(), 44100u);
-  const SoundCoding coding = CodeInChunks(sound, 32000);
-  std::printf("room noise 44.1 kHz mono, %zu samples: SNR %.2f dB\n", sound.samples.size(),
-              coding.snrDb);
-  EXPECT_TRUE(coding.decodedMatches);
-  EXPECT_GT(coding.snrDb, 4.8);
+TEST(AdpcmRealSound, ChunksDecodeToTheReconstructionAndKeepTheShape) {
+  const struct {
+    const char* clip;
+    uint32_t rate, maxSamples;
+    double floorDb;
+  } cases[] = {{"walkers_speech_384x288_10fps_16k.mkv", 16000, 0, 11.5},
+               {"coin_pen_568x320_30fps_sound.mov", 44100, 441000, 4.8}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.clip);
+    const zylTestSound sound = zylDecodeSound(zylMediaPath(c.clip), c.maxSamples);
+    ASSERT_EQ(sound.sampleRate, c.rate);
+    ASSERT_EQ(sound.channels, 1u);
+    ASSERT_GT(sound.samples.size(), c.rate);
+    const SoundCoding coding = CodeInChunks(sound, 32000);
+    std::printf("%s: %zu samples, SNR %.2f dB\n", c.clip, sound.samples.size(), coding.snrDb);
+    EXPECT_TRUE(coding.decodedMatches);
+    EXPECT_GT(coding.snrDb, c.floorDb);
+  }
 }
