@@ -150,92 +150,50 @@ void ExpectSafeReaderAgrees(const std::vector<uint8_t>& bytes, const uint8_t* re
     ASSERT_EQ(0, std::memcmp(&last[i], reconstructed + i, 3)) << "pixel " << i / 4;
 }
 
-TEST(Encoder, RealClipDecodesToTheReconstructionAfterEveryFrame) {
-  auto frames = Clip("tree_320x240_15fps_cinepak.avi", 6, 160, 120);
-  ASSERT_EQ(frames.size(), 6u);
-  EncodeRun run("tree");
-  ASSERT_EQ(run.Begin(frames[0], 15.0), 0);
-  for (size_t i = 1; i < frames.size(); ++i) run.Next(frames[i]);
-  EXPECT_EQ(run.movie.header.frameCount, 6u);
-  EXPECT_EQ(run.movie.header.width, 160u);
-  EXPECT_EQ(run.movie.header.height, 120u);
-  EXPECT_EQ(run.movie.header.flags, kHeaderFlagAlways);
-  EXPECT_EQ(run.encoder.PaddedHeight(), 128u);
-  // A moving hand-held picture: P-frames copy, fade and store blocks.
-  uint32_t motion = 0;
-  for (size_t i = 1; i < run.progresses.size(); ++i) motion += run.progresses[i].motionBytesCount;
-  EXPECT_GT(motion, 0u);
-  // The rate loop keeps the P-frames near their budget.
-  for (size_t i = 1; i < run.progresses.size(); ++i) {
-    EXPECT_FALSE(run.progresses[i].keyFrame);
-  }
-}
-
-TEST(Encoder, WalkersClipWithLzmaSectionsDecodes) {
-  auto frames = Clip("walkers_768x576_10fps_120f.mkv", 5, 96, 80);
-  ASSERT_EQ(frames.size(), 5u);
-  EncodeRun run("lzma");
-  run.encoder.packing = 1;
-  ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
-  for (size_t i = 1; i < frames.size(); ++i) run.Next(frames[i]);
-  EXPECT_EQ(zycPacking(run.movie.header), kPackingLzma);
-  ASSERT_EQ(run.movie.sectionFrames.size(), 1u);
-  // 5 property bytes, the 8-byte unpacked size, the data; the size is the section's bytes.
-  const std::vector<uint8_t> bytes = run.FileBytes();
-  EXPECT_EQ(zycLoad64(&bytes[64 + 6 + 5]), run.movie.unpacked[0].size());
-  uint32_t sum = 0;
-  for (const zylProgress& p : run.progresses) sum += uint32_t(p.size);
-  EXPECT_EQ(sum, zycLoad32(&bytes[66]));
-}
-
-// Squares of colours that DXT1 holds exactly, so that the key frame rebuilds the picture
-// without loss and a repeat of it matches the reconstruction everywhere.
-zylTestPicture ExactSquares(int32_t w, int32_t h) {
-  static const uint8_t kColours[5][3] = {{0, 0, 0}, {255, 255, 255}, {255, 0, 0}, {0, 255, 0},
-                                         {0, 0, 255}};
-  zylTestPicture p;
-  p.width = w;
-  p.height = h;
-  p.pixels.resize(size_t(w) * h * 4);
-  for (int32_t y = 0; y < h; ++y) {
-    for (int32_t x = 0; x < w; ++x) {
-      const uint8_t* c = kColours[(x / 16 + 2 * (y / 16)) % 5];
-      uint8_t* px = &p.pixels[(size_t(y) * w + x) * 4];
-      px[0] = c[0];
-      px[1] = c[1];
-      px[2] = c[2];
-      px[3] = 255;
-    }
-  }
-  return p;
-}
-
-TEST(Encoder, IdenticalPicturesGiveOneCopyPerTopBlockAndNoKeyFrame) {
-  zylTestPicture p = ExactSquares(64, 48);
-  EncodeRun run("same");
-  ASSERT_EQ(run.Begin(p), 0);
-  run.Next(p);
-  run.Next(p);
+// The rebuilt picture as the next source, as it is or darkened by 25% (fade level 3: c - c x 5 /
+// 20): every top block is a copy in place, or a perfect fade copy that the player's tone curve
+// turns back into the source. No colour block, and no key frame.
+TEST(Encoder, ARepeatOfTheRebuiltPictureIsCopiedOrFadedInPlace) {
+  const struct {
+    int cut;  // of 20
+    uint8_t flags, opcodes, fades;
+  } cases[] = {{0, kFrameFlagAlways | kFrameFlagMotion, 0x00, 0},
+               {5, kFrameFlagAlways | kFrameFlagMotion | kFrameFlagFade, 0xFF, 0x33}};
   const uint32_t topBlocks = 4 * 3;
-  for (int f = 1; f <= 2; ++f) {
-    EXPECT_EQ(run.movie.frameFlags[f], kFrameFlagAlways | kFrameFlagMotion);
-    EXPECT_FALSE(run.progresses[f].keyFrame);
-    EXPECT_EQ(run.progresses[f].motionBytesCount, topBlocks);
-    EXPECT_EQ(run.progresses[f].opcodeBytes, 1 + topBlocks / 4);
-    EXPECT_EQ(run.progresses[f].dxtBlockCount, 0u);
-    // tree item: flags and zeros; motion item: zero indices.
-    const std::vector<uint8_t>& frame = run.movie.frames[f];
-    ASSERT_EQ(frame.size(), 4 + 1 + topBlocks / 4 + 4 + topBlocks);
-    for (size_t i = 5; i < frame.size(); ++i) {
-      if (i == 4 + 1 + topBlocks / 4) {
-        EXPECT_EQ(zycLoad32(&frame[i]), topBlocks);
-        i += 3;
-        continue;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.cut);
+    zylTestPicture b = Crop(Coffee(), 150, 120, 64, 48);
+    EncodeRun run("repeat" + std::to_string(c.cut));
+    ASSERT_EQ(run.Begin(b), 0);
+    const uint8_t* rebuilt = run.encoder.Reconstructed();
+    for (size_t i = 0; i < b.pixels.size(); ++i) {
+      b.pixels[i] = i % 4 == 3 ? 255 : uint8_t(rebuilt[i] - rebuilt[i] * c.cut / 20);
+    }
+    run.Next(b);
+    const zylProgress& p = run.progresses[1];
+    EXPECT_FALSE(p.keyFrame);
+    EXPECT_EQ(run.movie.frameFlags[1], c.flags);
+    EXPECT_EQ(p.motionBytesCount, topBlocks);
+    EXPECT_EQ(p.fadeBytesCount, c.fades ? topBlocks / 2 : 0u);
+    EXPECT_EQ(p.opcodeBytes, 1 + topBlocks / 4);
+    EXPECT_EQ(p.dxtBlockCount, 0u);
+    // The tree: one opcode a top block; the motion item: vector 0 everywhere.
+    const std::vector<uint8_t>& frame = run.movie.frames[1];
+    zycFrameItems items;
+    ASSERT_TRUE(zycSplitFrame(frame.data(), frame.size(), &items));
+    ASSERT_EQ(items.tree.size, 1 + topBlocks / 4);
+    ASSERT_EQ(items.motion.size, topBlocks);
+    ASSERT_EQ(items.fade.size, c.fades ? topBlocks / 2 : 0u);
+    const uint8_t* tree = &frame[items.tree.offset];
+    for (uint32_t i = 1; i < items.tree.size; ++i) EXPECT_EQ(tree[i], c.opcodes);
+    for (uint32_t i = 0; i < items.motion.size; ++i) EXPECT_EQ(frame[items.motion.offset + i], 0);
+    for (uint32_t i = 0; i < items.fade.size; ++i) EXPECT_EQ(frame[items.fade.offset + i], c.fades);
+    for (size_t i = 0; i < b.pixels.size(); ++i) {
+      if (i % 4 != 3) {
+        ASSERT_EQ(run.encoder.Reconstructed()[i], b.pixels[i]) << i;
       }
-      EXPECT_EQ(frame[i], 0) << i;
     }
   }
-  EXPECT_EQ(run.movie.sectionFrames.size(), 1u);
 }
 
 // A hard cut two frames in: too soon for a key frame while the range of "iRNG" lasts, so a
@@ -288,32 +246,24 @@ TEST(Encoder, PlanForcesAndInhibitsKeyFrames) {
   EXPECT_EQ(run.movie.sectionFrames, (std::vector<uint32_t>{2, 3}));
 }
 
-TEST(Encoder, ForceLastKeyMakesTheLastFrameKeyInsideAnInhibitingRange) {
+// The job's last frame is a key frame even inside an inhibiting range, and the budget makes room
+// for it: A = 92, K = 460, T = 18 give 92 - (460 + 18 - 92) / 100 = 89 on a long job; on a short
+// one the lowered budget falls under 70% of A and is dropped.
+TEST(Encoder, ForceLastKeyMakesTheLastFrameKeyAndLowersTheBudgetOfALongJob) {
   zylTestPicture a = Crop(Coffee(), 100, 100, 64, 48);
   zylKeyframeRange inhibit{0, 100, nullptr, 0, nullptr};
-  EncodeRun run("last");
-  run.encoder.forceLastKey = 1;
-  run.encoder.SetJobRange(0, 3);
-  ASSERT_EQ(run.Begin(a, 25.0, &inhibit), 0);
-  run.Next(a);
-  run.Next(a);
-  EXPECT_FALSE(run.progresses[1].keyFrame);
-  EXPECT_TRUE(run.progresses[2].keyFrame);
-  // A short job: the lowered budget falls under 70% and is dropped.
-  EXPECT_EQ(run.encoder.CompressionSize(), 64 * 48 * 3 / 100);
-}
-
-TEST(Encoder, ForceLastKeyLowersTheBudgetOnALongJob) {
-  zylTestPicture a = Crop(Coffee(), 100, 100, 64, 48);
-  EncodeRun run("lastlong");
-  run.encoder.forceLastKey = 1;
-  run.encoder.SetJobRange(0, 100);
-  ASSERT_EQ(run.Begin(a), 0);
-  // A = 92, K = 460, T = 18: 92 - (460 + 18 - 92) / 100 = 89, above 70% of 92.
-  const int32_t a0 = 64 * 48 * 3 / 100;
-  const int32_t k = int32_t(25.0 * a0 * double(0.2f)), t = int32_t(a0 * double(0.2f));
-  EXPECT_EQ(run.encoder.CompressionSize(), a0 - int32_t(uint32_t(k + t - a0) / 100u));
-  EXPECT_EQ(run.encoder.CompressionSize(), 89);
+  for (const uint32_t frames : {3u, 100u}) {
+    EncodeRun run("last" + std::to_string(frames));
+    run.encoder.forceLastKey = 1;
+    run.encoder.SetJobRange(0, frames);
+    ASSERT_EQ(run.Begin(a, 25.0, &inhibit), 0);
+    EXPECT_EQ(run.encoder.CompressionSize(), frames == 3 ? 64 * 48 * 3 / 100 : 89);
+    if (frames != 3) continue;
+    run.Next(a);
+    run.Next(a);
+    EXPECT_FALSE(run.progresses[1].keyFrame);
+    EXPECT_TRUE(run.progresses[2].keyFrame);
+  }
 }
 
 // A picture that darkens a little every frame: fades are the cheap way to code it.
@@ -328,36 +278,6 @@ TEST(Encoder, FadesAreUsedUnlessFactIsZero) {
     bool anyFade = false;
     for (uint8_t flags : run.movie.frameFlags) anyFade |= (flags & kFrameFlagFade) != 0;
     EXPECT_EQ(anyFade, noFade == 0);
-  }
-}
-
-// The rebuilt picture darkened by 25% (fade level 3: c - c x 5 / 20), as the next source: every
-// top block is a perfect fade copy, and the player's tone curve gives the same picture back.
-TEST(Encoder, ADarkenedRepeatIsCodedAsFadesOfLevelThree) {
-  zylTestPicture a = Crop(Coffee(), 150, 120, 64, 48);
-  EncodeRun run("fade3");
-  ASSERT_EQ(run.Begin(a), 0);
-  zylTestPicture b = a;
-  const uint8_t* rebuilt = run.encoder.Reconstructed();
-  for (size_t i = 0; i < b.pixels.size(); ++i) {
-    const int c = rebuilt[i];
-    b.pixels[i] = i % 4 == 3 ? 255 : uint8_t(c - c * 5 / 20);
-  }
-  run.Next(b);
-  const uint32_t topBlocks = 4 * 3;
-  EXPECT_EQ(run.movie.frameFlags[1], kFrameFlagAlways | kFrameFlagMotion | kFrameFlagFade);
-  EXPECT_EQ(run.progresses[1].motionBytesCount, topBlocks);
-  EXPECT_EQ(run.progresses[1].fadeBytesCount, topBlocks / 2);
-  EXPECT_EQ(run.progresses[1].dxtBlockCount, 0u);
-  zycFrameItems items;
-  ASSERT_TRUE(zycSplitFrame(run.movie.frames[1].data(), run.movie.frames[1].size(), &items));
-  for (uint32_t i = 0; i < items.fade.size; ++i) {
-    EXPECT_EQ(run.movie.frames[1][items.fade.offset + i], 0x33);
-  }
-  for (size_t i = 0; i < b.pixels.size(); ++i) {
-    if (i % 4 != 3) {
-      ASSERT_EQ(run.encoder.Reconstructed()[i], b.pixels[i]) << i;
-    }
   }
 }
 
@@ -389,28 +309,29 @@ TEST(Encoder, MotiEightCopiesOnlyInPlaceAndNineNeverCopies) {
   }
 }
 
-TEST(Encoder, ErrorLimitZeroEndsEveryFrameAfterOnePass) {
+// "cMAX" 0 ends every frame after one pass at threshold 0, however far above its budget; "cMIN"
+// raises the threshold of frames that fit at 0.
+TEST(Encoder, ErrorLimitAndErrorMinBoundTheThreshold) {
   auto frames = Clip("walkers_768x576_10fps_120f.mkv", 3, 64, 48);
-  EncodeRun run("cmax0");
-  run.encoder.errorLimit = 0;
-  run.encoder.ratio = 400;
-  ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
-  run.Next(frames[1]);
-  run.Next(frames[2]);
-  for (const zylProgress& p : run.progresses) EXPECT_EQ(p.quantizer, 0u);
-  EXPECT_EQ(run.encoder.LastFrame().passes, 0u);
-}
-
-TEST(Encoder, ErrorMinRaisesTheThresholdOfFramesThatFit) {
-  auto frames = Clip("walkers_768x576_10fps_120f.mkv", 3, 64, 48);
-  EncodeRun run("cmin");
-  run.encoder.errorMin = 3000;
-  run.encoder.ratio = 2;  // everything fits at threshold 0
-  ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
-  run.Next(frames[1]);
-  run.Next(frames[2]);
-  for (size_t f = 1; f < 3; ++f) {
-    EXPECT_GE(run.progresses[f].quantizer, 3000u) << f;
+  const struct {
+    uint32_t errorLimit, errorMin, ratio, lowest, highest;
+  } cases[] = {{0, 0, 400, 0, 0}, {100000, 3000, 2, 3000, 100000}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.errorMin);
+    EncodeRun run("bounds" + std::to_string(c.errorMin));
+    run.encoder.errorLimit = c.errorLimit;
+    run.encoder.errorMin = c.errorMin;
+    run.encoder.ratio = c.ratio;
+    ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
+    run.Next(frames[1]);
+    run.Next(frames[2]);
+    for (size_t f = 1; f < 3; ++f) {
+      EXPECT_GE(run.progresses[f].quantizer, c.lowest) << f;
+      EXPECT_LE(run.progresses[f].quantizer, c.highest) << f;
+    }
+    if (c.errorLimit == 0) {
+      EXPECT_EQ(run.encoder.LastFrame().passes, 0u);
+    }
   }
 }
 
@@ -504,8 +425,15 @@ TEST(Encoder, EveryHeaderVersionAndPackingIsReadBackOrRefused) {
       }
       ASSERT_EQ(run.Begin(frames[0], 15.0), 0);
       run.Next(frames[1]);
-      ExpectSafeReaderAgrees(run.FileBytes(), run.encoder.Reconstructed(),
+      const std::vector<uint8_t> bytes = run.FileBytes();
+      ExpectSafeReaderAgrees(bytes, run.encoder.Reconstructed(),
                              size_t(run.encoder.PaddedWidth()) * run.encoder.PaddedHeight() * 4);
+      // The section's size is what the frames took; an LZMA section's head holds 5 property
+      // bytes, then the unpacked size.
+      EXPECT_EQ(zycLoad32(&bytes[66]), uint32_t(run.progresses[0].size + run.progresses[1].size));
+      if (packing == 1) {
+        EXPECT_EQ(zycLoad64(&bytes[64 + 6 + 5]), run.movie.unpacked[0].size());
+      }
     }
   }
 }
@@ -531,11 +459,12 @@ TEST(Encoder, DataFileListsTheCopiedBlocksOfEachFrame) {
       fs::path(::testing::TempDir()) / ("encoderDataFile_" + std::to_string(getpid()));
   fs::create_directories(dir / "c:");
   fs::current_path(dir);
-  zylTestPicture p = ExactSquares(64, 48);
+  zylTestPicture p = Crop(Coffee(), 150, 120, 64, 48);
   {
     EncodeRun run("datafile");
     run.encoder.dataFileWanted = true;
     ASSERT_EQ(run.Begin(p), 0);
+    std::memcpy(p.pixels.data(), run.encoder.Reconstructed(), p.pixels.size());
     run.Next(p);
     run.encoder.End();
   }
