@@ -129,56 +129,25 @@ TEST(AdpcmEncode, ChunkBytesFromHand) {
   }
 }
 
-TEST(AdpcmEncode, ConstantInputSettlesToStepFloor) {
+// A constant settles with the step at the floor of the table and codes 0 once within a quarter
+// step, the predictor climbing without overshoot; full-scale swings hold the step at the top.
+TEST(AdpcmEncode, StepIndexStaysInsideTheTable) {
   zycAdpcmState state = {};
-  const std::vector<int16_t> pcm(4000, 12345);
   std::vector<int16_t> rebuilt;
-  const std::vector<uint8_t> chunk = Encode(state, pcm, 1, &rebuilt);
-  // A move is a quarter step at most and happens only when the distance is that large: the
-  // predictor climbs without overshooting.
+  std::vector<uint8_t> chunk = Encode(state, std::vector<int16_t>(4000, 12345), 1, &rebuilt);
   for (size_t i = 1; i < rebuilt.size(); ++i) {
     ASSERT_GE(rebuilt[i], rebuilt[i - 1]);
     ASSERT_LE(rebuilt[i], 12345);
   }
   EXPECT_LE(12345 - rebuilt.back(), 1);
   EXPECT_EQ(state.stepIndex[0], 0);
-  // Once within a quarter step the codes stay 0.
   for (uint32_t k = 3000; k < 4000; ++k) ASSERT_EQ(Code(chunk, 3, k), 0u) << k;
-}
-
-TEST(AdpcmEncode, FullScaleSwingsHoldStepIndexAtTheTop) {
-  zycAdpcmState state = {};
   std::vector<int16_t> pcm;
   for (int i = 0; i < 200; ++i) pcm.push_back(i % 2 ? -32768 : 32767);
-  std::vector<int16_t> rebuilt;
-  const std::vector<uint8_t> chunk = Encode(state, pcm, 1, &rebuilt);
+  chunk = Encode(state, pcm, 1);
   for (uint32_t k = 0; k < 200; ++k) ASSERT_EQ(Code(chunk, 3, k), k % 2 ? 3u : 1u) << k;
   EXPECT_EQ(state.stepIndex[0], 88);
   EXPECT_EQ(Encode(state, {0}, 1)[2], 88);
-}
-
-TEST(AdpcmRoundTrip, DecoderRebuildsTheCodersReconstruction) {
-  for (uint32_t channels : {1u, 2u}) {
-    zycAdpcmState state = {};
-    uint32_t seed = 12345;
-    std::vector<int16_t> pcm(4 * 1001 * channels);
-    double phase = 0.0;
-    for (size_t i = 0; i < pcm.size(); ++i) {
-      seed = seed * 1664525u + 1013904223u;
-      phase += 0.01 * double(i % 7);
-      pcm[i] = int16_t(20000.0 * std::sin(phase) + double(int32_t(seed >> 20) - 2048));
-    }
-    for (uint32_t n : {4004u, 3u, 1u}) {  // part-filled last bytes too
-      std::vector<int16_t> part(pcm.begin(), pcm.begin() + n * channels), rebuilt;
-      const std::vector<uint8_t> chunk = Encode(state, part, channels, &rebuilt);
-      std::vector<int16_t> decoded(zycAdpcmSamples(uint32_t(chunk.size()), channels) * channels);
-      ASSERT_GE(decoded.size(), rebuilt.size());
-      zycAdpcmDecode(chunk.data(), uint32_t(chunk.size()), channels, decoded.data());
-      decoded.resize(rebuilt.size());
-      EXPECT_EQ(decoded, rebuilt) << channels << " channels, " << n << " samples";
-      EXPECT_EQ(state.predictor[channels - 1], rebuilt.back());
-    }
-  }
 }
 
 // 2-bit codes with a quarter step follow slow sound well and high frequencies poorly: speech comes

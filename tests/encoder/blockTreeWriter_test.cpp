@@ -9,24 +9,17 @@
 
 namespace {
 
+// Four symbols a byte from the low bits, behind the flags byte; only the packed bytes are written.
 TEST(BlockTreeWriter, OpcodesPackFourToAByteFromTheLowBits) {
-  // flags, then 0 1 2 3 | 3 2 1 0 | 2
   std::vector<uint8_t> ops = {0x55, 0, 1, 2, 3, 3, 2, 1, 0, 2};
-  const uint32_t length = zycPackOpcodes(ops.data(), uint32_t(ops.size()));
-  ASSERT_EQ(length, 4u);  // ((10 + 2) >> 2) + 1
-  EXPECT_EQ(ops[0], 0x55);
-  EXPECT_EQ(ops[1], 0xE4);  // 0 | 1 << 2 | 2 << 4 | 3 << 6
-  EXPECT_EQ(ops[2], 0x1B);  // 3 | 2 << 2 | 1 << 4 | 0 << 6
-  EXPECT_EQ(ops[3], 0x02);  // the unused high bits stay 0
-}
-
-TEST(BlockTreeWriter, OpcodeLengthFollowsTheSymbolCount) {
+  ASSERT_EQ(zycPackOpcodes(ops.data(), uint32_t(ops.size())), 4u);
+  EXPECT_EQ(ops, (std::vector<uint8_t>{0x55, 0xE4, 0x1B, 0x02, 3, 3, 2, 1, 0, 2}));
   for (uint32_t symbols = 1; symbols < 40; ++symbols) {
-    std::vector<uint8_t> ops(symbols + 1, 3);
-    EXPECT_EQ(zycPackOpcodes(ops.data(), symbols + 1), 1 + (symbols + 3) / 4);
-    // Only the packed bytes are written.
-    if (1 + (symbols + 3) / 4 <= symbols) {
-      EXPECT_EQ(ops[1 + (symbols + 3) / 4], 3) << symbols;
+    std::vector<uint8_t> same(symbols + 1, 3);
+    const uint32_t packed = (symbols + 3) / 4;
+    EXPECT_EQ(zycPackOpcodes(same.data(), symbols + 1), 1 + packed);
+    if (packed < symbols) {
+      EXPECT_EQ(same[1 + packed], 3) << symbols;
     }
   }
 }
@@ -66,14 +59,5 @@ TEST(BlockTreeWriter, ColourItemGathersColourPlaneThenIndexPlane) {
   EXPECT_EQ(zycLoad32(&item[20]), 0x1001000Du);
 }
 
-TEST(BlockTreeWriter, FlagsTellWhichItemsFollow) {
-  EXPECT_EQ(zycBlockTreeFlags(0, 5, 0, 0, false), kFrameFlagAlways | kFrameFlagColour);
-  EXPECT_EQ(zycBlockTreeFlags(3, 0, 0, 0, false), kFrameFlagAlways | kFrameFlagMotion);
-  EXPECT_EQ(zycBlockTreeFlags(3, 2, 1, 0, true),
-            kFrameFlagAlways | kFrameFlagMotion | kFrameFlagColour | kFrameFlagSound |
-                kFrameFlagFade);
-  EXPECT_EQ(zycBlockTreeFlags(3, 2, 0, 1, false),
-            kFrameFlagAlways | kFrameFlagMotion | kFrameFlagTable);
-}
 
 }  // namespace

@@ -353,18 +353,5 @@ TEST(MotionSearch, AFadeAmongTheChildrenStopsTheMerge) {
   EXPECT_EQ(lists.fadeBytes[0], 2u);
 }
 
-TEST(MotionSearch, WideIndicesMergeOnTwoBytes) {
-  HandTree t;
-  for (zycBlock* b : {&t.eights[0], &t.eights[1], &t.eights[2], &t.fours[0], &t.fours[1],
-                      &t.fours[2], &t.fours[3]}) {
-    b->motionIndex = 0x123;
-  }
-  WalkRun run(false);
-  auto& [lists, walk, errorNext] = run;
-  EXPECT_EQ(walk.PBlock(t.top, 10, errorNext), 1u);
-  ASSERT_EQ(lists.motionBytes.size(), 2u);
-  EXPECT_EQ(lists.motionBytes[0], 0x23);
-  EXPECT_EQ(lists.motionBytes[1], 0x01);
-}
 
 }  // namespace

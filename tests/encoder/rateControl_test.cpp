@@ -83,13 +83,6 @@ TEST(RateLoop, ErrorMinKeepsTheLoopGoingAlthoughTheFrameFits) {
   EXPECT_EQ(loop.passes, 1u);
 }
 
-TEST(RateLoop, ErrorLimitZeroStopsAfterTheFirstPassWhateverTheSize) {
-  zycRateLoop loop;
-  loop.Start(2000, 2000, 100, 0, 0);
-  EXPECT_FALSE(loop.AfterPass(90000, 10));
-  EXPECT_EQ(loop.passes, 0u);
-}
-
 TEST(RateLoop, StepsUpThenBisectsToTheLastFit) {
   zycRateLoop loop;
   loop.Start(1000, 1000, 1, 0, 100000);  // step 20

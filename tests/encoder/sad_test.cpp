@@ -79,19 +79,6 @@ TEST(SadKernels, SimdEqualsPlainOnRealPicturesAtEverySizeAndOffset) {
   }
 }
 
-TEST(SadKernels, ColourKernelsLeaveAlphaOutAndAllKernelsCountIt) {
-  zycSadKernels plain;
-  zycSadPlain(&plain);
-  PicturePair p = MakePair(true);
-  const uint32_t stride = p.width * 4;
-  uint32_t alphaSum = 0;
-  for (int y = 0; y < 16; ++y) {
-    for (int x = 0; x < 16; ++x) alphaSum += 255 - p.b[y * stride + x * 4 + 3];
-  }
-  EXPECT_EQ(plain.all[2](p.a.data(), p.b.data(), stride, ~0u),
-            plain.colour[2](p.a.data(), p.b.data(), stride, ~0u) + alphaSum);
-}
-
 TEST(SadKernels, FastKernelMayStopAtTheLimitButNeverBelowIt) {
   zycSadKernels plain;
   zycSadPlain(&plain);

@@ -86,24 +86,6 @@ TEST(SectionPacker, DeflateTrialsLeaveTheFileAndTheHistoryUntouched) {
   std::fclose(f);
 }
 
-TEST(SectionPacker, TheSecondOfTwoEqualFramesPacksToLittle) {
-  FILE* f = std::tmpfile();
-  zycSectionPacker p;
-  p.Open(0, 1 << 20, 65536, f);
-  const auto a = PhotoBytes(150, 8000);
-  const int32_t first = p.PackItem(a.data(), uint32_t(a.size()));
-  p.Commit();
-  const int32_t second = p.PackItem(a.data(), uint32_t(a.size()));
-  p.Commit();
-  EXPECT_LT(second * 10, first);
-  // A new section forgets the history.
-  p.Restart();
-  const int32_t third = p.PackItem(a.data(), uint32_t(a.size()));
-  EXPECT_EQ(third, first);
-  p.Close();
-  std::fclose(f);
-}
-
 // DXT1 blocks of 16 pictures of a real clip at 320x176, one after another.
 const std::vector<uint8_t>& ClipBlocks() {
   static std::vector<uint8_t> blocks;
