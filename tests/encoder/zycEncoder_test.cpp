@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
+#include <map>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -81,6 +82,22 @@ class EncodeRun {
         << "frame " << progresses.size() - 1 << " decodes differently";
   }
   std::vector<uint8_t> FileBytes() const { return zycReadWholeFile(path_); }
+  // The reader for foreign files finds no problem anywhere, and its last picture is the
+  // encoder's reconstruction.
+  void ExpectSafeReaderAgrees() {
+    const std::vector<uint8_t> bytes = FileBytes();
+    zycSafeReader reader;
+    ASSERT_TRUE(reader.OpenMemory(bytes.data(), bytes.size(), "movie.zyl")) << reader.error();
+    std::vector<uint8_t> last;
+    for (zycSafeStatus status; (status = reader.NextFrame()) != zycSafeStatus::end;) {
+      ASSERT_EQ(status, zycSafeStatus::decoded) << reader.frameError();
+      last = reader.picture();
+    }
+    ASSERT_EQ(last.size(), size_t(encoder.PaddedWidth()) * encoder.PaddedHeight() * 4);
+    for (size_t i = 0; i < last.size(); i += 4) {
+      ASSERT_EQ(0, std::memcmp(&last[i], encoder.Reconstructed() + i, 3)) << "pixel " << i / 4;
+    }
+  }
 
   zycEncoder encoder;
   uint32_t version = 0;
@@ -98,16 +115,14 @@ class EncodeRun {
   zycFileHolder holder_;
 };
 
-const zylTestImage& Coffee() {
-  static zylTestImage photo;
-  if (photo.pixels.empty()) zylLoadPng(zylMediaPath("photo_coffee_600x400.png"), &photo);
+const zylTestImage& Photo(const std::string& name) {
+  static std::map<std::string, zylTestImage> photos;
+  zylTestImage& photo = photos[name];
+  if (photo.pixels.empty()) zylLoadPng(zylMediaPath(name), &photo);
   return photo;
 }
-const zylTestImage& Astronaut() {
-  static zylTestImage photo;
-  if (photo.pixels.empty()) zylLoadPng(zylMediaPath("photo_astronaut_512x512.png"), &photo);
-  return photo;
-}
+const zylTestImage& Coffee() { return Photo("photo_coffee_600x400.png"); }
+const zylTestImage& Astronaut() { return Photo("photo_astronaut_512x512.png"); }
 
 zylTestPicture Crop(const zylTestImage& photo, uint32_t x, uint32_t y, uint32_t w, uint32_t h,
                     uint32_t shrink = 1) {
@@ -130,24 +145,6 @@ zylTestPicture Scaled(const zylTestPicture& p, int numerator, int denominator) {
 // Frames of a real clip: a few, scaled down to keep the search quick.
 std::vector<zylTestPicture> Clip(const char* name, int count, int w, int h) {
   return zylDecodeVideoFrames(zylMediaPath(name), count, w, h);
-}
-
-// Reads a movie with the reader for foreign files: no problem anywhere, and its last picture is
-// `reconstructed`.
-void ExpectSafeReaderAgrees(const std::vector<uint8_t>& bytes, const uint8_t* reconstructed,
-                            size_t pictureBytes) {
-  zycSafeReader reader;
-  ASSERT_TRUE(reader.OpenMemory(bytes.data(), bytes.size(), "table.zyl")) << reader.error();
-  std::vector<uint8_t> last;
-  for (;;) {
-    const zycSafeStatus status = reader.NextFrame();
-    if (status == zycSafeStatus::end) break;
-    ASSERT_EQ(status, zycSafeStatus::decoded) << reader.frameError();
-    last = reader.picture();
-  }
-  ASSERT_EQ(last.size(), pictureBytes);
-  for (size_t i = 0; i < pictureBytes; i += 4)
-    ASSERT_EQ(0, std::memcmp(&last[i], reconstructed + i, 3)) << "pixel " << i / 4;
 }
 
 // The rebuilt picture as the next source, as it is or darkened by 25% (fade level 3: c - c x 5 /
@@ -226,43 +223,27 @@ TEST(Encoder, AHardCutIsAKeyFrameOnlyAfterTheRange) {
   }
 }
 
-TEST(Encoder, PlanForcesAndInhibitsKeyFrames) {
-  zylTestPicture a = Crop(Coffee(), 100, 100, 64, 48);
-  zylTestPicture b = Crop(Astronaut(), 200, 40, 64, 48);
-  const uint32_t forced[] = {2};
-  zylKeyframeRange inhibit{3, 9, nullptr, 0, nullptr};
-  zylKeyframeRange plan{0, 0, forced, 1, &inhibit};
-  EncodeRun run("plan");
-  run.encoder.iRng = 0.0f;
-  run.encoder.SetJobRange(0, 5);
-  ASSERT_EQ(run.Begin(a, 25.0, &plan), 0);
-  run.Next(a);  // 1: nothing changed
-  run.Next(a);  // 2: forced, although nothing changed
-  run.Next(a);  // 3
-  run.Next(b);  // 4: a cut, but inside the inhibiting range
-  EXPECT_FALSE(run.progresses[1].keyFrame);
-  EXPECT_TRUE(run.progresses[2].keyFrame);
-  EXPECT_FALSE(run.progresses[4].keyFrame);
-  EXPECT_EQ(run.movie.sectionFrames, (std::vector<uint32_t>{2, 3}));
-}
-
-// The job's last frame is a key frame even inside an inhibiting range, and the budget makes room
-// for it: A = 92, K = 460, T = 18 give 92 - (460 + 18 - 92) / 100 = 89 on a long job; on a short
-// one the lowered budget falls under 70% of A and is dropped.
+// A hard cut inside an inhibiting range stays a P-frame, but the job's last frame is a key frame
+// even there, and the budget makes room for it: A = 92, K = 460, T = 18 give
+// 92 - (460 + 18 - 92) / 100 = 89 on a long job; on a short one the lowered budget falls under
+// 70% of A and is dropped.
 TEST(Encoder, ForceLastKeyMakesTheLastFrameKeyAndLowersTheBudgetOfALongJob) {
   zylTestPicture a = Crop(Coffee(), 100, 100, 64, 48);
   zylKeyframeRange inhibit{0, 100, nullptr, 0, nullptr};
   for (const uint32_t frames : {3u, 100u}) {
     EncodeRun run("last" + std::to_string(frames));
     run.encoder.forceLastKey = 1;
+    run.encoder.iRng = 0.0f;
     run.encoder.SetJobRange(0, frames);
     ASSERT_EQ(run.Begin(a, 25.0, &inhibit), 0);
     EXPECT_EQ(run.encoder.CompressionSize(), frames == 3 ? 64 * 48 * 3 / 100 : 89);
     if (frames != 3) continue;
-    run.Next(a);
+    run.Next(Crop(Astronaut(), 200, 40, 64, 48));
     run.Next(a);
     EXPECT_FALSE(run.progresses[1].keyFrame);
+    EXPECT_GT(run.encoder.LastFrame().changed, 50.0);
     EXPECT_TRUE(run.progresses[2].keyFrame);
+    EXPECT_EQ(run.movie.sectionFrames, (std::vector<uint32_t>{2, 1}));
   }
 }
 
@@ -281,31 +262,27 @@ TEST(Encoder, FadesAreUsedUnlessFactIsZero) {
   }
 }
 
+// A motion shift of 8 leaves only the zero vector to try, 9 none: copies in place only, then no
+// copy or fade at all.
 TEST(Encoder, MotiEightCopiesOnlyInPlaceAndNineNeverCopies) {
   auto frames = Clip("walkers_768x576_10fps_120f.mkv", 3, 64, 48);
   ASSERT_EQ(frames.size(), 3u);
-  {
-    EncodeRun run("moti8");
-    run.encoder.motionShift = 8;
+  for (const uint32_t shift : {8u, 9u}) {
+    EncodeRun run("moti" + std::to_string(shift));
+    run.encoder.motionShift = shift;
     ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
     run.Next(frames[1]);
     run.Next(frames[2]);
     for (size_t f = 1; f < 3; ++f) {
+      const std::vector<uint8_t>& frame = run.movie.frames[f];
       zycFrameItems items;
-      ASSERT_TRUE(zycSplitFrame(run.movie.frames[f].data(), run.movie.frames[f].size(), &items));
-      ASSERT_TRUE(items.motion.present);
-      for (uint32_t i = 0; i < items.motion.size; ++i) {
-        EXPECT_EQ(run.movie.frames[f][items.motion.offset + i], 0);
+      ASSERT_TRUE(zycSplitFrame(frame.data(), frame.size(), &items));
+      EXPECT_EQ(items.motion.present, shift == 8) << f;
+      if (shift == 9) {
+        EXPECT_FALSE(items.fade.present) << f;
       }
+      for (uint32_t i = 0; i < items.motion.size; ++i) EXPECT_EQ(frame[items.motion.offset + i], 0);
     }
-  }
-  {
-    EncodeRun run("moti9");
-    run.encoder.motionShift = 9;
-    ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
-    run.Next(frames[1]);
-    EXPECT_EQ(run.movie.frameFlags[1] & (kFrameFlagMotion | kFrameFlagFade), 0);
-    EXPECT_EQ(run.progresses[1].motionBytesCount, 0u);
   }
 }
 
@@ -426,8 +403,7 @@ TEST(Encoder, EveryHeaderVersionAndPackingIsReadBackOrRefused) {
       ASSERT_EQ(run.Begin(frames[0], 15.0), 0);
       run.Next(frames[1]);
       const std::vector<uint8_t> bytes = run.FileBytes();
-      ExpectSafeReaderAgrees(bytes, run.encoder.Reconstructed(),
-                             size_t(run.encoder.PaddedWidth()) * run.encoder.PaddedHeight() * 4);
+      run.ExpectSafeReaderAgrees();
       // The section's size is what the frames took; an LZMA section's head holds 5 property
       // bytes, then the unpacked size.
       EXPECT_EQ(zycLoad32(&bytes[66]), uint32_t(run.progresses[0].size + run.progresses[1].size));
@@ -550,8 +526,7 @@ TEST_P(TableFrames, RealClipDecodesToTheReconstruction) {
     const uint8_t flags = run.movie.frameFlags.back();
     EXPECT_FALSE(flags & (kFrameFlagColour | kFrameFlagFade)) << "frame " << i;
     if (flags & kFrameFlagTable) ++tableFrames;
-    ExpectSafeReaderAgrees(run.FileBytes(), run.encoder.Reconstructed(),
-                           size_t(run.encoder.PaddedWidth()) * run.encoder.PaddedHeight() * 4);
+    run.ExpectSafeReaderAgrees();
   }
   EXPECT_GE(tableFrames, 3u);
   ASSERT_EQ(run.movie.sectionFrames, (std::vector<uint32_t>{3, 3}));
@@ -609,8 +584,7 @@ TEST(Encoder, TableRingWrapsThroughAHardCut) {
   EXPECT_GE(ring, 48u * 300);  // raised where a frame or the still image needs more
   EXPECT_GT(written, 2u * ring);
   EXPECT_GT(origins, 0u);
-  ExpectSafeReaderAgrees(run.FileBytes(), run.encoder.Reconstructed(),
-                         size_t(run.encoder.PaddedWidth()) * run.encoder.PaddedHeight() * 4);
+  run.ExpectSafeReaderAgrees();
 }
 
 TEST(Encoder, RefusesLzmaWithPhoneSoundWithoutWriting) {
