@@ -2,8 +2,8 @@
 
 #include <zlib.h>
 
-#include <cstdio>
-#include <cstring>
+#include <fstream>
+#include <iterator>
 #include <memory>
 
 #include "base/byteIo.h"
@@ -13,45 +13,31 @@
 #include "stream/zycDecoder.h"
 
 std::vector<uint8_t> zycReadWholeFile(const std::string& path) {
-  std::vector<uint8_t> bytes;
-  FILE* f = std::fopen(path.c_str(), "rb");
-  if (!f) return bytes;
-  std::fseek(f, 0, SEEK_END);
-  long size = std::ftell(f);
-  std::fseek(f, 0, SEEK_SET);
-  bytes.resize(size_t(size > 0 ? size : 0));
-  if (!bytes.empty() && std::fread(bytes.data(), 1, bytes.size(), f) != bytes.size()) bytes.clear();
-  std::fclose(f);
-  return bytes;
+  std::ifstream in(path, std::ios::binary);
+  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
 }
 
 namespace {
 
+// A section's raw deflate stream, which a sync flush ends without a final block.
 bool Inflate(const uint8_t* data, size_t size, std::vector<uint8_t>* out, std::string* error) {
-  z_stream z;
-  std::memset(&z, 0, sizeof z);
+  z_stream z{};
   inflateInit2(&z, -15);
   z.next_in = const_cast<Bytef*>(data);
   z.avail_in = uInt(size);
   uint8_t buffer[65536];
   int r = Z_OK;
-  while (r == Z_OK) {
+  do {
     z.next_out = buffer;
     z.avail_out = sizeof buffer;
     r = inflate(&z, Z_NO_FLUSH);
     out->insert(out->end(), buffer, buffer + (sizeof buffer - z.avail_out));
-    if (z.avail_in == 0 && z.avail_out != 0) break;
-  }
+  } while (r == Z_OK && (z.avail_in != 0 || z.avail_out == 0));
   inflateEnd(&z);
-  if (r == Z_STREAM_END) {
-    *error = "a deflate section has a final block";
-    return false;
-  }
-  if (r != Z_OK && r != Z_BUF_ERROR) {
-    *error = "inflate failed: " + std::to_string(r);
-    return false;
-  }
-  return true;
+  if (r == Z_OK || r == Z_BUF_ERROR) return true;
+  *error = r == Z_STREAM_END ? "a deflate section has a final block"
+                             : "inflate failed: " + std::to_string(r);
+  return false;
 }
 
 }  // namespace

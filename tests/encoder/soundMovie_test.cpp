@@ -239,29 +239,31 @@ TEST(SoundMovie, DecodedSoundLinesUpWithTheSource) {
 // Sound that the movie does not store: with the defaults ("EXTC" 0) the budget still gives up
 // an eighth of the raw sound bytes, the size after 2-bit coding, and the account starts 4
 // lower; without the ADPCM bit of "pFMT" nothing is taken off. Either way the chunks are
-// fetched, and no frame carries one.
+// fetched, and no frame carries one. The raw frame is 160 x 128 x 3 / 100 = 614, and 646 with
+// the 3200 sound bytes of a frame counted.
 TEST(SoundMovie, SoundNotStoredIsFetchedAndBudgetedByTheAdpcmBit) {
-  const SoundMovie silent =
-      Encode("nosound", {.embedRequest = 0, .leadBase = 16000, .rate = 0, .large = true});
-  // The raw frame: 160 x 128 x 3 / 100, and with the 3200 sound bytes a frame counted, 646.
-  EXPECT_EQ(silent.compressionSize, 614);
-  EXPECT_EQ(silent.progresses[0].credit, -70 + silent.compressionSize - silent.progresses[0].size);
-  EXPECT_TRUE(silent.asked.empty());
   const struct {
     const char* name;
-    uint32_t embed, flags;
+    Job job;
     int32_t budget, start;
-  } cases[] = {{"defaults", 0, 32, 646 - 400, -74}, {"noadpcm", 1, 0, 646, -70}};
-  for (const auto& c : cases) {
+    uint32_t rate, chunkLimit;
+    std::vector<uint32_t> asked;
+  } cases[] = {
+      {"nosound", {.embedRequest = 0, .rate = 0}, 614, -70, 0, 0, {}},
+      {"defaults", {.embedRequest = 0}, 646 - 400, -74, 16000, 35200, {33600 * 2}},
+      {"noadpcm", {.soundFlags = 0}, 646, -70, 16000, 35200, {33600 * 2}},
+  };
+  for (auto c : cases) {
     SCOPED_TRACE(c.name);
-    const SoundMovie m = Encode(
-        c.name, {.embedRequest = c.embed, .soundFlags = c.flags, .leadBase = 16000, .large = true});
+    c.job.leadBase = 16000;
+    c.job.large = true;
+    const SoundMovie m = Encode(c.name, c.job);
     EXPECT_EQ(m.headerFlags & kHeaderFlagSound, 0u);
-    EXPECT_EQ(m.movie.header.soundRate, 16000u);
-    EXPECT_EQ(m.movie.header.soundChunkLimit, 35200u);
+    EXPECT_EQ(m.movie.header.soundRate, c.rate);
+    EXPECT_EQ(m.movie.header.soundChunkLimit, c.chunkLimit);
     EXPECT_EQ(m.compressionSize, c.budget);
     EXPECT_EQ(m.progresses[0].credit, c.start + m.compressionSize - m.progresses[0].size);
-    EXPECT_EQ(m.asked, (std::vector<uint32_t>{33600 * 2}));
+    EXPECT_EQ(m.asked, c.asked);
     for (size_t f = 0; f < m.movie.frames.size(); ++f) {
       EXPECT_EQ(m.movie.frameFlags[f] & kFrameFlagSound, 0) << f;
       EXPECT_EQ(m.progresses[f].soundSize, 0u) << f;
