@@ -80,7 +80,7 @@ struct SearchScene {
 
 // Empty output lists of a tree walk and the walk that fills them.
 struct WalkRun {
-  explicit WalkRun(bool motionByte = true) : walk{&lists, 4, motionByte} {
+  WalkRun() : walk{&lists, 4, true} {
     lists.Reserve(1000);
     lists.Clear();
   }
@@ -88,16 +88,6 @@ struct WalkRun {
   zycWalk walk;
   uint32_t errorNext = kErrorNextStart;
 };
-
-// A scene whose picture is its reference moved one pixel left: the vector (1, 0), table
-// entry 3.
-void ShiftByOne(SearchScene& s) {
-  std::vector<uint8_t> wide = SearchScene::Photo(100, 50, 66, 48);
-  for (uint32_t y = 0; y < 48; ++y) {
-    std::memcpy(&s.source[y * 64 * 4], &wide[(y * 66 + 1) * 4], 64 * 4);
-    std::memcpy(&s.references[0][y * 64 * 4], &wide[y * 66 * 4], 64 * 4);
-  }
-}
 
 void ExpectSameTree(const zycBlock& a, const zycBlock& b) {
   ASSERT_EQ(a.motionError, b.motionError) << a.x << "," << a.y << " size " << a.size;
@@ -249,8 +239,13 @@ TEST(MotionSearch, SquareSumsAndFadeMasksMatchACountByHand) {
 }
 
 TEST(MotionSearch, FindsAShiftedPictureAndStaysInsideThePaddedPicture) {
+  // The picture is its reference moved one pixel left: the vector (1, 0), table entry 3.
   SearchScene s(64, 48);
-  ShiftByOne(s);
+  std::vector<uint8_t> wide = SearchScene::Photo(100, 50, 66, 48);
+  for (uint32_t y = 0; y < 48; ++y) {
+    std::memcpy(&s.source[y * 64 * 4], &wide[(y * 66 + 1) * 4], 64 * 4);
+    std::memcpy(&s.references[0][y * 64 * 4], &wide[y * 66 * 4], 64 * 4);
+  }
   s.Run(256, true, true);
   for (const zycBlock& b : s.top) {
     CheckInside(b, 64, 48);
