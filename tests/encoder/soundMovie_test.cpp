@@ -45,7 +45,6 @@ struct SoundMovie {
   std::vector<zylProgress> progresses;
   zycMovieCheck movie;
   int32_t compressionSize = 0;
-  uint32_t headerFlags = 0;
   std::vector<uint32_t> asked;
 };
 
@@ -125,7 +124,6 @@ SoundMovie Encode(const std::string& name, const Job& job) {
   holder.Close();
   EXPECT_TRUE(zycCheckMovie(zycReadWholeFile(path), &result.movie)) << result.movie.error;
   std::remove(path.c_str());
-  result.headerFlags = result.movie.header.flags;
   result.asked = supplier.asked;
   return result;
 }
@@ -180,7 +178,7 @@ TEST(SoundMovie, ChunksComeWithTheFirstFrameAndThenEveryLeadOfSamples) {
     SCOPED_TRACE(c.name);
     const SoundMovie m = Encode(c.name, c.job);
     ASSERT_EQ(m.movie.frames.size(), c.job.frames);
-    EXPECT_EQ(m.headerFlags & kHeaderFlagSound, kHeaderFlagSound);
+    EXPECT_EQ(m.movie.header.flags & kHeaderFlagSound, kHeaderFlagSound);
     EXPECT_EQ(m.movie.header.soundRate, 16000u);
     EXPECT_EQ(m.movie.header.soundChannels, 1u);
     EXPECT_EQ(m.movie.header.soundChunkLimit, c.chunkLimit);
@@ -258,7 +256,7 @@ TEST(SoundMovie, SoundNotStoredIsFetchedAndBudgetedByTheAdpcmBit) {
     c.job.leadBase = 16000;
     c.job.large = true;
     const SoundMovie m = Encode(c.name, c.job);
-    EXPECT_EQ(m.headerFlags & kHeaderFlagSound, 0u);
+    EXPECT_EQ(m.movie.header.flags & kHeaderFlagSound, 0u);
     EXPECT_EQ(m.movie.header.soundRate, c.rate);
     EXPECT_EQ(m.movie.header.soundChunkLimit, c.chunkLimit);
     EXPECT_EQ(m.compressionSize, c.budget);
