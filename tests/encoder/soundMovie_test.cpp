@@ -10,10 +10,10 @@
 #include <unistd.h>
 
 #include "base/byteIo.h"
-#include "encoder/zycEncoder.h"
 #include "stream/adpcm.h"
 #include "stream/adpcmDecoder.h"
 #include "stream/framePayload.h"
+#include "tests/encoder/encodeRun.h"
 #include "tests/encoder/movieCheck.h"
 #include "tests/support/audioSamples.h"
 #include "tests/support/testMedia.h"
@@ -77,53 +77,29 @@ struct Job {
   FILE** phone = nullptr;
 };
 
-// Codes `job.frames` pictures of the clip with its 16 kHz mono sound and reads the movie back.
+// Codes `job.frames` pictures of the clip with its 16 kHz mono sound, the movie read back after
+// every frame.
 SoundMovie Encode(const std::string& name, const Job& job) {
   const std::vector<zylTestPicture>& pictures = Pictures(job.large);
-  SoundMovie result;
-  // Tests run as parallel processes: each process writes movies of its own.
-  const std::string path = ::testing::TempDir() + "soundMovie_" + name + "_" +
-                           std::to_string(getpid()) + ".zyl";
-  zycFileHolder holder;
-  if (!job.phone) holder.file = std::fopen(path.c_str(), "w+b");
   SoundSupplier supplier;
   supplier.samples = &Speech().samples;
-  zycEncoder encoder;
-  encoder.verbose = false;
-  encoder.embedRequest = job.embedRequest;
-  encoder.soundFlags = job.soundFlags;
-  encoder.soundLeadBase = job.leadBase;
-  encoder.SetJobRange(0, job.frames);
-  zycStreamHeader header;
-  header.magic = kMagicZyl0;
-  header.frameDuration = job.frameDuration;
-  header.timeScale = 1000000;
-  header.width = uint32_t(pictures.at(0).width);
-  header.height = uint32_t(pictures.at(0).height);
-  header.soundRate = job.rate;
-  header.soundChannels = job.rate ? 1 : 0;
-  for (uint32_t f = 0; f < job.frames; ++f) {
-    const zylTestPicture& picture = pictures[f % pictures.size()];
-    zylFrameImage image;
-    image.pixels = const_cast<uint8_t*>(picture.pixels.data());
-    image.width = picture.width;
-    image.height = picture.height;
-    zylProgress progress{};
-    if (f == 0) {
-      EXPECT_EQ(encoder.Begin(header, image, &holder, job.phone, SoundSupplier::Read, &supplier,
-                              &progress, nullptr),
-                0);
-      result.compressionSize = encoder.CompressionSize();
-    } else {
-      encoder.Next(image, &progress);
-    }
-    image.pixels = nullptr;
-    result.progresses.push_back(progress);
-  }
-  encoder.End();
-  holder.Close();
-  EXPECT_TRUE(zycCheckMovie(zycReadWholeFile(path), &result.movie)) << result.movie.error;
-  std::remove(path.c_str());
+  EncodeRun run("sound_" + name, job.phone == nullptr);
+  run.encoder.embedRequest = job.embedRequest;
+  run.encoder.soundFlags = job.soundFlags;
+  run.encoder.soundLeadBase = job.leadBase;
+  run.encoder.SetJobRange(0, job.frames);
+  run.header.frameDuration = job.frameDuration;
+  run.header.soundRate = job.rate;
+  run.header.soundChannels = job.rate ? 1 : 0;
+  run.audioSupplier = SoundSupplier::Read;
+  run.audioUser = &supplier;
+  run.extraOutputs = job.phone;
+  SoundMovie result;
+  EXPECT_EQ(run.Begin(pictures.at(0), 0.0), 0);
+  result.compressionSize = run.encoder.CompressionSize();
+  for (uint32_t f = 1; f < job.frames; ++f) run.Next(pictures[f % pictures.size()]);
+  result.progresses = run.progresses;
+  result.movie = run.movie;
   result.asked = supplier.asked;
   return result;
 }
