@@ -30,17 +30,20 @@ TEST(KeyFrames, PlanForcesListedFramesAndInhibitsStrictlyInside) {
   EXPECT_TRUE(zycIsKeyFrame(0.0, 0.0, 3.0f, both.forced, both.inhibited));
 }
 
-TEST(KeyFrames, SmallChangesNeverMakeAKeyFrame) {
-  EXPECT_FALSE(zycIsKeyFrame(4.9, 100.0, 3.0f, false, false));
-  EXPECT_TRUE(zycIsKeyFrame(5.0, 3.0, 3.0f, false, false));
-  EXPECT_FALSE(zycIsKeyFrame(20.0, 2.9, 3.0f, false, false));
-}
-
-TEST(KeyFrames, AHardCutTooSoonStaysAPFrame) {
-  EXPECT_FALSE(zycIsKeyFrame(90.0, 1.0, 3.0f, false, false));
-  EXPECT_TRUE(zycIsKeyFrame(90.0, 3.0, 3.0f, false, false));
-  EXPECT_FALSE(zycIsKeyFrame(90.0, 30.0, 3.0f, false, true));
-  EXPECT_TRUE(zycIsKeyFrame(90.0, 1.0, 3.0f, true, true));
+// Small changes never make a key frame; a hard cut too soon after the last stays a P-frame; an
+// inhibited frame is not key unless forced.
+TEST(KeyFrames, ChangeDistanceAndPlanDecide) {
+  const struct {
+    double changed, seconds;
+    bool forced, inhibited, key;
+  } cases[] = {{4.9, 100.0, false, false, false}, {5.0, 3.0, false, false, true},
+               {20.0, 2.9, false, false, false}, {90.0, 1.0, false, false, false},
+               {90.0, 3.0, false, false, true},  {90.0, 30.0, false, true, false},
+               {90.0, 1.0, true, true, true}};
+  for (const auto& c : cases) {
+    EXPECT_EQ(zycIsKeyFrame(c.changed, c.seconds, 3.0f, c.forced, c.inhibited), c.key)
+        << c.changed << "% after " << c.seconds;
+  }
 }
 
 }  // namespace

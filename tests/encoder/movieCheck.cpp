@@ -2,8 +2,8 @@
 
 #include <zlib.h>
 
-#include <cstdio>
-#include <cstring>
+#include <fstream>
+#include <iterator>
 #include <memory>
 
 #include "base/byteIo.h"
@@ -13,68 +13,49 @@
 #include "stream/zycDecoder.h"
 
 std::vector<uint8_t> zycReadWholeFile(const std::string& path) {
-  std::vector<uint8_t> bytes;
-  FILE* f = std::fopen(path.c_str(), "rb");
-  if (!f) return bytes;
-  std::fseek(f, 0, SEEK_END);
-  long size = std::ftell(f);
-  std::fseek(f, 0, SEEK_SET);
-  bytes.resize(size_t(size > 0 ? size : 0));
-  if (!bytes.empty() && std::fread(bytes.data(), 1, bytes.size(), f) != bytes.size()) bytes.clear();
-  std::fclose(f);
-  return bytes;
+  std::ifstream in(path, std::ios::binary);
+  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
 }
 
 namespace {
 
+// A section's raw deflate stream, which a sync flush ends without a final block.
 bool Inflate(const uint8_t* data, size_t size, std::vector<uint8_t>* out, std::string* error) {
-  z_stream z;
-  std::memset(&z, 0, sizeof z);
+  z_stream z{};
   inflateInit2(&z, -15);
   z.next_in = const_cast<Bytef*>(data);
   z.avail_in = uInt(size);
   uint8_t buffer[65536];
   int r = Z_OK;
-  while (r == Z_OK) {
+  do {
     z.next_out = buffer;
     z.avail_out = sizeof buffer;
     r = inflate(&z, Z_NO_FLUSH);
     out->insert(out->end(), buffer, buffer + (sizeof buffer - z.avail_out));
-    if (z.avail_in == 0 && z.avail_out != 0) break;
-  }
+  } while (r == Z_OK && (z.avail_in != 0 || z.avail_out == 0));
   inflateEnd(&z);
-  if (r == Z_STREAM_END) {
-    *error = "a deflate section has a final block";
-    return false;
-  }
-  if (r != Z_OK && r != Z_BUF_ERROR) {
-    *error = "inflate failed: " + std::to_string(r);
-    return false;
-  }
-  return true;
+  if (r == Z_OK || r == Z_BUF_ERROR) return true;
+  *error = r == Z_STREAM_END ? "a deflate section has a final block"
+                             : "inflate failed: " + std::to_string(r);
+  return false;
 }
 
 }  // namespace
 
 bool zycCheckMovie(const std::vector<uint8_t>& bytes, zycMovieCheck* check) {
-  zycSectionWalker walker;
-  if (!walker.Open(bytes.data(), bytes.size())) {
-    check->error = walker.error();
+  auto fail = [check](const std::string& why) {
+    check->error = why;
     return false;
-  }
+  };
+  zycSectionWalker walker;
+  if (!walker.Open(bytes.data(), bytes.size())) return fail(walker.error());
   check->header = walker.header();
   const zycStreamHeader& h = check->header;
-  if (h.magic != kMagicZyl0) {
-    check->error = "not ZYL0";
-    return false;
-  }
+  if (h.magic != kMagicZyl0) return fail("not ZYL0");
   if (h.fileSize != bytes.size()) {
-    check->error = "fileSize " + std::to_string(h.fileSize) + " but the file holds " +
-                   std::to_string(bytes.size());
-    return false;
+    return fail("fileSize " + std::to_string(h.fileSize) + " but the file holds " +
+                std::to_string(bytes.size()));
   }
-  check->paddedWidth = (h.width + 15) & ~15u;
-  check->paddedHeight = (h.height + 15) & ~15u;
   const uint8_t packing = zycPacking(h);
 
   auto decoder = std::make_unique<zycFrameDecoder>();
@@ -83,7 +64,7 @@ bool zycCheckMovie(const std::vector<uint8_t>& bytes, zycMovieCheck* check) {
                  (h.flags & kHeaderFlagWideMotion) ? 0 : 1);
   decoder->io = &io;
   if (check->kernels >= 0) decoder->kernels = uint8_t(check->kernels);
-  const size_t pictureBytes = size_t(check->paddedWidth) * check->paddedHeight * 4;
+  const size_t pictureBytes = size_t((h.width + 15) & ~15u) * ((h.height + 15) & ~15u) * 4;
   std::vector<uint8_t> previous(pictureBytes, 255), current(pictureBytes, 255);
 
   zycSectionEntry entry;
@@ -94,18 +75,14 @@ bool zycCheckMovie(const std::vector<uint8_t>& bytes, zycMovieCheck* check) {
     if (packing == kPackingDeflate) {
       if (!Inflate(data, size, &section, &check->error)) return false;
     } else {
-      if (size < 13) {
-        check->error = "LZMA section shorter than its 13-byte head";
-        return false;
-      }
+      if (size < 13) return fail("LZMA section shorter than its 13-byte head");
       const uint64_t unpackedSize = zycLoad64(data + 5);
       section.resize(size_t(unpackedSize));
       size_t destLen = section.size();
       size_t srcLen = size - 13;
       int r = LzmaUncompress(section.data(), &destLen, data + 13, &srcLen, data, 5);
       if (r != 0 || destLen != unpackedSize) {
-        check->error = "LZMA unpacking failed: " + std::to_string(r);
-        return false;
+        return fail("LZMA unpacking failed: " + std::to_string(r));
       }
     }
     check->sectionFrames.push_back(entry.header.frames);
@@ -113,8 +90,7 @@ bool zycCheckMovie(const std::vector<uint8_t>& bytes, zycMovieCheck* check) {
     for (uint32_t f = 0; f < entry.header.frames; ++f) {
       zycFrameItems items;
       if (!zycSplitFrame(section.data() + at, section.size() - at, &items)) {
-        check->error = std::string("frame split: ") + zycPayloadErrorText(items.error);
-        return false;
+        return fail(std::string("frame split: ") + zycPayloadErrorText(items.error));
       }
       std::vector<uint8_t> frame(section.begin() + long(at),
                                  section.begin() + long(at + items.frameBytes));
@@ -140,20 +116,15 @@ bool zycCheckMovie(const std::vector<uint8_t>& bytes, zycMovieCheck* check) {
       at += items.frameBytes;
     }
     if (at != section.size()) {
-      check->error = "section holds " + std::to_string(section.size() - at) + " bytes more";
-      return false;
+      return fail("section holds " + std::to_string(section.size() - at) + " bytes more");
     }
     check->unpacked.push_back(std::move(section));
   }
   decoder->Release();
-  if (!walker.error().empty()) {
-    check->error = walker.error();
-    return false;
-  }
+  if (!walker.error().empty()) return fail(walker.error());
   if (check->frames.size() != h.frameCount) {
-    check->error = "frameCount " + std::to_string(h.frameCount) + " but " +
-                   std::to_string(check->frames.size()) + " frames found";
-    return false;
+    return fail("frameCount " + std::to_string(h.frameCount) + " but " +
+                std::to_string(check->frames.size()) + " frames found");
   }
   check->lastPicture = std::move(previous);
   return true;

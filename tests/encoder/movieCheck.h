@@ -23,8 +23,6 @@ struct zycMovieCheck {
   std::vector<uint8_t> lastPicture;             // the last decoded picture, padded, 32-bit
   std::vector<std::vector<uint8_t>> pictures;   // every frame's picture, with keepPictures
   uint32_t fadeFrames = 0;                      // frames with a fade
-  uint32_t paddedWidth = 0;
-  uint32_t paddedHeight = 0;
   std::string error;
 };
 

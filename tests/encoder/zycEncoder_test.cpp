@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
+#include <map>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -15,7 +16,7 @@
 #include "stream/blockDecoder.h"
 #include "stream/container.h"
 #include "stream/framePayload.h"
-#include "stream/safeReader.h"
+#include "tests/encoder/encodeRun.h"
 #include "tests/encoder/movieCheck.h"
 #include "tests/support/imageLoad.h"
 #include "tests/support/testMedia.h"
@@ -23,91 +24,14 @@
 
 namespace {
 
-// One job driven through the seam, with the written file read back after every frame.
-class EncodeRun {
- public:
-  explicit EncodeRun(const std::string& name) {
-    // The process number keeps runs of the suite that share a temporary folder apart.
-    path_ = ::testing::TempDir() + "encoder_" + std::to_string(getpid()) + "_" + name + ".zyl";
-    holder_.file = std::fopen(path_.c_str(), "w+b");
-    encoder.verbose = false;
-    encoder.threads = 2;  // each frame shared by two threads, whatever the machine
-  }
-  ~EncodeRun() {
-    encoder.End();
-    holder_.Close();
-    std::remove(path_.c_str());
-  }
-
-  int32_t Begin(const zylTestPicture& picture, double fps = 25.0,
-                const zylKeyframeRange* plan = nullptr) {
-    header.magic = kMagicZyl0;
-    header.version = version;
-    header.frameDuration = uint32_t(1000000 / fps);
-    header.timeScale = 1000000;
-    header.width = uint32_t(picture.width);
-    header.height = uint32_t(picture.height);
-    zylFrameImage image;
-    Wrap(picture, &image);
-    zylProgress progress{};
-    const int32_t r = encoder.Begin(header, image, &holder_, nullptr, nullptr, nullptr,
-                                    &progress, plan);
-    image.pixels = nullptr;
-    if (r == 0) {
-      progresses.push_back(progress);
-      Check();
-    }
-    return r;
-  }
-  void Next(const zylTestPicture& picture) {
-    zylFrameImage image;
-    Wrap(picture, &image);
-    zylProgress progress{};
-    encoder.Next(image, &progress);
-    image.pixels = nullptr;
-    progresses.push_back(progress);
-    Check();
-  }
-  // The file must walk and decode after every frame, and the decode must equal the encoder's
-  // own reconstruction pixel for pixel.
-  void Check() {
-    std::fflush(holder_.file);
-    movie = zycMovieCheck();
-    ASSERT_TRUE(zycCheckMovie(zycReadWholeFile(path_), &movie)) << movie.error;
-    ASSERT_EQ(movie.frames.size(), progresses.size());
-    const size_t bytes = size_t(encoder.PaddedWidth()) * encoder.PaddedHeight() * 4;
-    ASSERT_EQ(movie.lastPicture.size(), bytes);
-    ASSERT_EQ(0, std::memcmp(movie.lastPicture.data(), encoder.Reconstructed(), bytes))
-        << "frame " << progresses.size() - 1 << " decodes differently";
-  }
-  std::vector<uint8_t> FileBytes() const { return zycReadWholeFile(path_); }
-
-  zycEncoder encoder;
-  uint32_t version = 0;
-  zycStreamHeader header;
-  std::vector<zylProgress> progresses;
-  zycMovieCheck movie;
-
- private:
-  static void Wrap(const zylTestPicture& p, zylFrameImage* image) {
-    image->pixels = const_cast<uint8_t*>(p.pixels.data());
-    image->width = p.width;
-    image->height = p.height;
-  }
-  std::string path_;
-  zycFileHolder holder_;
-};
-
-const zylTestImage& Coffee() {
-  static zylTestImage photo;
-  if (photo.pixels.empty()) zylLoadPng(zylMediaPath("photo_coffee_600x400.png"), &photo);
+const zylTestImage& Photo(const std::string& name) {
+  static std::map<std::string, zylTestImage> photos;
+  zylTestImage& photo = photos[name];
+  if (photo.pixels.empty()) zylLoadPng(zylMediaPath(name), &photo);
   return photo;
 }
-const zylTestImage& Astronaut() {
-  static zylTestImage photo;
-  if (photo.pixels.empty()) zylLoadPng(zylMediaPath("photo_astronaut_512x512.png"), &photo);
-  return photo;
-}
+const zylTestImage& Coffee() { return Photo("photo_coffee_600x400.png"); }
+const zylTestImage& Astronaut() { return Photo("photo_astronaut_512x512.png"); }
 
 zylTestPicture Crop(const zylTestImage& photo, uint32_t x, uint32_t y, uint32_t w, uint32_t h,
                     uint32_t shrink = 1) {
@@ -132,110 +56,50 @@ std::vector<zylTestPicture> Clip(const char* name, int count, int w, int h) {
   return zylDecodeVideoFrames(zylMediaPath(name), count, w, h);
 }
 
-// Reads a movie with the reader for foreign files: no problem anywhere, and its last picture is
-// `reconstructed`.
-void ExpectSafeReaderAgrees(const std::vector<uint8_t>& bytes, const uint8_t* reconstructed,
-                            size_t pictureBytes) {
-  zycSafeReader reader;
-  ASSERT_TRUE(reader.OpenMemory(bytes.data(), bytes.size(), "table.zyl")) << reader.error();
-  std::vector<uint8_t> last;
-  for (;;) {
-    const zycSafeStatus status = reader.NextFrame();
-    if (status == zycSafeStatus::end) break;
-    ASSERT_EQ(status, zycSafeStatus::decoded) << reader.frameError();
-    last = reader.picture();
-  }
-  ASSERT_EQ(last.size(), pictureBytes);
-  for (size_t i = 0; i < pictureBytes; i += 4)
-    ASSERT_EQ(0, std::memcmp(&last[i], reconstructed + i, 3)) << "pixel " << i / 4;
-}
-
-TEST(Encoder, RealClipDecodesToTheReconstructionAfterEveryFrame) {
-  auto frames = Clip("tree_320x240_15fps_cinepak.avi", 6, 160, 120);
-  ASSERT_EQ(frames.size(), 6u);
-  EncodeRun run("tree");
-  ASSERT_EQ(run.Begin(frames[0], 15.0), 0);
-  for (size_t i = 1; i < frames.size(); ++i) run.Next(frames[i]);
-  EXPECT_EQ(run.movie.header.frameCount, 6u);
-  EXPECT_EQ(run.movie.header.width, 160u);
-  EXPECT_EQ(run.movie.header.height, 120u);
-  EXPECT_EQ(run.movie.header.flags, kHeaderFlagAlways);
-  EXPECT_EQ(run.encoder.PaddedHeight(), 128u);
-  // A moving hand-held picture: P-frames copy, fade and store blocks.
-  uint32_t motion = 0;
-  for (size_t i = 1; i < run.progresses.size(); ++i) motion += run.progresses[i].motionBytesCount;
-  EXPECT_GT(motion, 0u);
-  // The rate loop keeps the P-frames near their budget.
-  for (size_t i = 1; i < run.progresses.size(); ++i) {
-    EXPECT_FALSE(run.progresses[i].keyFrame);
-  }
-}
-
-TEST(Encoder, WalkersClipWithLzmaSectionsDecodes) {
-  auto frames = Clip("walkers_768x576_10fps_120f.mkv", 5, 96, 80);
-  ASSERT_EQ(frames.size(), 5u);
-  EncodeRun run("lzma");
-  run.encoder.packing = 1;
-  ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
-  for (size_t i = 1; i < frames.size(); ++i) run.Next(frames[i]);
-  EXPECT_EQ(zycPacking(run.movie.header), kPackingLzma);
-  ASSERT_EQ(run.movie.sectionFrames.size(), 1u);
-  // 5 property bytes, the 8-byte unpacked size, the data; the size is the section's bytes.
-  const std::vector<uint8_t> bytes = run.FileBytes();
-  EXPECT_EQ(zycLoad64(&bytes[64 + 6 + 5]), run.movie.unpacked[0].size());
-  uint32_t sum = 0;
-  for (const zylProgress& p : run.progresses) sum += uint32_t(p.size);
-  EXPECT_EQ(sum, zycLoad32(&bytes[66]));
-}
-
-// Squares of colours that DXT1 holds exactly, so that the key frame rebuilds the picture
-// without loss and a repeat of it matches the reconstruction everywhere.
-zylTestPicture ExactSquares(int32_t w, int32_t h) {
-  static const uint8_t kColours[5][3] = {{0, 0, 0}, {255, 255, 255}, {255, 0, 0}, {0, 255, 0},
-                                         {0, 0, 255}};
-  zylTestPicture p;
-  p.width = w;
-  p.height = h;
-  p.pixels.resize(size_t(w) * h * 4);
-  for (int32_t y = 0; y < h; ++y) {
-    for (int32_t x = 0; x < w; ++x) {
-      const uint8_t* c = kColours[(x / 16 + 2 * (y / 16)) % 5];
-      uint8_t* px = &p.pixels[(size_t(y) * w + x) * 4];
-      px[0] = c[0];
-      px[1] = c[1];
-      px[2] = c[2];
-      px[3] = 255;
-    }
-  }
-  return p;
-}
-
-TEST(Encoder, IdenticalPicturesGiveOneCopyPerTopBlockAndNoKeyFrame) {
-  zylTestPicture p = ExactSquares(64, 48);
-  EncodeRun run("same");
-  ASSERT_EQ(run.Begin(p), 0);
-  run.Next(p);
-  run.Next(p);
+// The rebuilt picture as the next source, as it is or darkened by 25% (fade level 3: c - c x 5 /
+// 20): every top block is a copy in place, or a perfect fade copy that the player's tone curve
+// turns back into the source. No colour block, and no key frame.
+TEST(Encoder, ARepeatOfTheRebuiltPictureIsCopiedOrFadedInPlace) {
+  const struct {
+    int cut;  // of 20
+    uint8_t flags, opcodes, fades;
+  } cases[] = {{0, kFrameFlagAlways | kFrameFlagMotion, 0x00, 0},
+               {5, kFrameFlagAlways | kFrameFlagMotion | kFrameFlagFade, 0xFF, 0x33}};
   const uint32_t topBlocks = 4 * 3;
-  for (int f = 1; f <= 2; ++f) {
-    EXPECT_EQ(run.movie.frameFlags[f], kFrameFlagAlways | kFrameFlagMotion);
-    EXPECT_FALSE(run.progresses[f].keyFrame);
-    EXPECT_EQ(run.progresses[f].motionBytesCount, topBlocks);
-    EXPECT_EQ(run.progresses[f].opcodeBytes, 1 + topBlocks / 4);
-    EXPECT_EQ(run.progresses[f].dxtBlockCount, 0u);
-    // tree item: flags and zeros; motion item: zero indices.
-    const std::vector<uint8_t>& frame = run.movie.frames[f];
-    ASSERT_EQ(frame.size(), 4 + 1 + topBlocks / 4 + 4 + topBlocks);
-    for (size_t i = 5; i < frame.size(); ++i) {
-      if (i == 4 + 1 + topBlocks / 4) {
-        EXPECT_EQ(zycLoad32(&frame[i]), topBlocks);
-        i += 3;
-        continue;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.cut);
+    zylTestPicture b = Crop(Coffee(), 150, 120, 64, 48);
+    EncodeRun run("repeat" + std::to_string(c.cut));
+    ASSERT_EQ(run.Begin(b), 0);
+    const uint8_t* rebuilt = run.encoder.Reconstructed();
+    for (size_t i = 0; i < b.pixels.size(); ++i) {
+      b.pixels[i] = i % 4 == 3 ? 255 : uint8_t(rebuilt[i] - rebuilt[i] * c.cut / 20);
+    }
+    run.Next(b);
+    const zylProgress& p = run.progresses[1];
+    EXPECT_FALSE(p.keyFrame);
+    EXPECT_EQ(run.movie.frameFlags[1], c.flags);
+    EXPECT_EQ(p.motionBytesCount, topBlocks);
+    EXPECT_EQ(p.fadeBytesCount, c.fades ? topBlocks / 2 : 0u);
+    EXPECT_EQ(p.opcodeBytes, 1 + topBlocks / 4);
+    EXPECT_EQ(p.dxtBlockCount, 0u);
+    // The tree: one opcode a top block; the motion item: vector 0 everywhere.
+    const std::vector<uint8_t>& frame = run.movie.frames[1];
+    zycFrameItems items;
+    ASSERT_TRUE(zycSplitFrame(frame.data(), frame.size(), &items));
+    ASSERT_EQ(items.tree.size, 1 + topBlocks / 4);
+    ASSERT_EQ(items.motion.size, topBlocks);
+    ASSERT_EQ(items.fade.size, c.fades ? topBlocks / 2 : 0u);
+    const uint8_t* tree = &frame[items.tree.offset];
+    for (uint32_t i = 1; i < items.tree.size; ++i) EXPECT_EQ(tree[i], c.opcodes);
+    for (uint32_t i = 0; i < items.motion.size; ++i) EXPECT_EQ(frame[items.motion.offset + i], 0);
+    for (uint32_t i = 0; i < items.fade.size; ++i) EXPECT_EQ(frame[items.fade.offset + i], c.fades);
+    for (size_t i = 0; i < b.pixels.size(); ++i) {
+      if (i % 4 != 3) {
+        ASSERT_EQ(run.encoder.Reconstructed()[i], b.pixels[i]) << i;
       }
-      EXPECT_EQ(frame[i], 0) << i;
     }
   }
-  EXPECT_EQ(run.movie.sectionFrames.size(), 1u);
 }
 
 // A hard cut two frames in: too soon for a key frame while the range of "iRNG" lasts, so a
@@ -268,52 +132,28 @@ TEST(Encoder, AHardCutIsAKeyFrameOnlyAfterTheRange) {
   }
 }
 
-TEST(Encoder, PlanForcesAndInhibitsKeyFrames) {
-  zylTestPicture a = Crop(Coffee(), 100, 100, 64, 48);
-  zylTestPicture b = Crop(Astronaut(), 200, 40, 64, 48);
-  const uint32_t forced[] = {2};
-  zylKeyframeRange inhibit{3, 9, nullptr, 0, nullptr};
-  zylKeyframeRange plan{0, 0, forced, 1, &inhibit};
-  EncodeRun run("plan");
-  run.encoder.iRng = 0.0f;
-  run.encoder.SetJobRange(0, 5);
-  ASSERT_EQ(run.Begin(a, 25.0, &plan), 0);
-  run.Next(a);  // 1: nothing changed
-  run.Next(a);  // 2: forced, although nothing changed
-  run.Next(a);  // 3
-  run.Next(b);  // 4: a cut, but inside the inhibiting range
-  EXPECT_FALSE(run.progresses[1].keyFrame);
-  EXPECT_TRUE(run.progresses[2].keyFrame);
-  EXPECT_FALSE(run.progresses[4].keyFrame);
-  EXPECT_EQ(run.movie.sectionFrames, (std::vector<uint32_t>{2, 3}));
-}
-
-TEST(Encoder, ForceLastKeyMakesTheLastFrameKeyInsideAnInhibitingRange) {
+// A hard cut inside an inhibiting range stays a P-frame, but the job's last frame is a key frame
+// even there, and the budget makes room for it: A = 92, K = 460, T = 18 give
+// 92 - (460 + 18 - 92) / 100 = 89 on a long job; on a short one the lowered budget falls under
+// 70% of A and is dropped.
+TEST(Encoder, ForceLastKeyMakesTheLastFrameKeyAndLowersTheBudgetOfALongJob) {
   zylTestPicture a = Crop(Coffee(), 100, 100, 64, 48);
   zylKeyframeRange inhibit{0, 100, nullptr, 0, nullptr};
-  EncodeRun run("last");
-  run.encoder.forceLastKey = 1;
-  run.encoder.SetJobRange(0, 3);
-  ASSERT_EQ(run.Begin(a, 25.0, &inhibit), 0);
-  run.Next(a);
-  run.Next(a);
-  EXPECT_FALSE(run.progresses[1].keyFrame);
-  EXPECT_TRUE(run.progresses[2].keyFrame);
-  // A short job: the lowered budget falls under 70% and is dropped.
-  EXPECT_EQ(run.encoder.CompressionSize(), 64 * 48 * 3 / 100);
-}
-
-TEST(Encoder, ForceLastKeyLowersTheBudgetOnALongJob) {
-  zylTestPicture a = Crop(Coffee(), 100, 100, 64, 48);
-  EncodeRun run("lastlong");
-  run.encoder.forceLastKey = 1;
-  run.encoder.SetJobRange(0, 100);
-  ASSERT_EQ(run.Begin(a), 0);
-  // A = 92, K = 460, T = 18: 92 - (460 + 18 - 92) / 100 = 89, above 70% of 92.
-  const int32_t a0 = 64 * 48 * 3 / 100;
-  const int32_t k = int32_t(25.0 * a0 * double(0.2f)), t = int32_t(a0 * double(0.2f));
-  EXPECT_EQ(run.encoder.CompressionSize(), a0 - int32_t(uint32_t(k + t - a0) / 100u));
-  EXPECT_EQ(run.encoder.CompressionSize(), 89);
+  for (const uint32_t frames : {3u, 100u}) {
+    EncodeRun run("last" + std::to_string(frames));
+    run.encoder.forceLastKey = 1;
+    run.encoder.iRng = 0.0f;
+    run.encoder.SetJobRange(0, frames);
+    ASSERT_EQ(run.Begin(a, 25.0, &inhibit), 0);
+    EXPECT_EQ(run.encoder.CompressionSize(), frames == 3 ? 64 * 48 * 3 / 100 : 89);
+    if (frames != 3) continue;
+    run.Next(Crop(Astronaut(), 200, 40, 64, 48));
+    run.Next(a);
+    EXPECT_FALSE(run.progresses[1].keyFrame);
+    EXPECT_GT(run.encoder.LastFrame().changed, 50.0);
+    EXPECT_TRUE(run.progresses[2].keyFrame);
+    EXPECT_EQ(run.movie.sectionFrames, (std::vector<uint32_t>{2, 1}));
+  }
 }
 
 // A picture that darkens a little every frame: fades are the cheap way to code it.
@@ -331,86 +171,53 @@ TEST(Encoder, FadesAreUsedUnlessFactIsZero) {
   }
 }
 
-// The rebuilt picture darkened by 25% (fade level 3: c - c x 5 / 20), as the next source: every
-// top block is a perfect fade copy, and the player's tone curve gives the same picture back.
-TEST(Encoder, ADarkenedRepeatIsCodedAsFadesOfLevelThree) {
-  zylTestPicture a = Crop(Coffee(), 150, 120, 64, 48);
-  EncodeRun run("fade3");
-  ASSERT_EQ(run.Begin(a), 0);
-  zylTestPicture b = a;
-  const uint8_t* rebuilt = run.encoder.Reconstructed();
-  for (size_t i = 0; i < b.pixels.size(); ++i) {
-    const int c = rebuilt[i];
-    b.pixels[i] = i % 4 == 3 ? 255 : uint8_t(c - c * 5 / 20);
-  }
-  run.Next(b);
-  const uint32_t topBlocks = 4 * 3;
-  EXPECT_EQ(run.movie.frameFlags[1], kFrameFlagAlways | kFrameFlagMotion | kFrameFlagFade);
-  EXPECT_EQ(run.progresses[1].motionBytesCount, topBlocks);
-  EXPECT_EQ(run.progresses[1].fadeBytesCount, topBlocks / 2);
-  EXPECT_EQ(run.progresses[1].dxtBlockCount, 0u);
-  zycFrameItems items;
-  ASSERT_TRUE(zycSplitFrame(run.movie.frames[1].data(), run.movie.frames[1].size(), &items));
-  for (uint32_t i = 0; i < items.fade.size; ++i) {
-    EXPECT_EQ(run.movie.frames[1][items.fade.offset + i], 0x33);
-  }
-  for (size_t i = 0; i < b.pixels.size(); ++i) {
-    if (i % 4 != 3) {
-      ASSERT_EQ(run.encoder.Reconstructed()[i], b.pixels[i]) << i;
-    }
-  }
-}
-
+// A motion shift of 8 leaves only the zero vector to try, 9 none: copies in place only, then no
+// copy or fade at all.
 TEST(Encoder, MotiEightCopiesOnlyInPlaceAndNineNeverCopies) {
   auto frames = Clip("walkers_768x576_10fps_120f.mkv", 3, 64, 48);
   ASSERT_EQ(frames.size(), 3u);
-  {
-    EncodeRun run("moti8");
-    run.encoder.motionShift = 8;
+  for (const uint32_t shift : {8u, 9u}) {
+    EncodeRun run("moti" + std::to_string(shift));
+    run.encoder.motionShift = shift;
     ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
     run.Next(frames[1]);
     run.Next(frames[2]);
     for (size_t f = 1; f < 3; ++f) {
+      const std::vector<uint8_t>& frame = run.movie.frames[f];
       zycFrameItems items;
-      ASSERT_TRUE(zycSplitFrame(run.movie.frames[f].data(), run.movie.frames[f].size(), &items));
-      ASSERT_TRUE(items.motion.present);
-      for (uint32_t i = 0; i < items.motion.size; ++i) {
-        EXPECT_EQ(run.movie.frames[f][items.motion.offset + i], 0);
+      ASSERT_TRUE(zycSplitFrame(frame.data(), frame.size(), &items));
+      EXPECT_EQ(items.motion.present, shift == 8) << f;
+      if (shift == 9) {
+        EXPECT_FALSE(items.fade.present) << f;
       }
+      for (uint32_t i = 0; i < items.motion.size; ++i) EXPECT_EQ(frame[items.motion.offset + i], 0);
     }
   }
-  {
-    EncodeRun run("moti9");
-    run.encoder.motionShift = 9;
+}
+
+// "cMAX" 0 ends every frame after one pass at threshold 0, however far above its budget; "cMIN"
+// raises the threshold of frames that fit at 0.
+TEST(Encoder, ErrorLimitAndErrorMinBoundTheThreshold) {
+  auto frames = Clip("walkers_768x576_10fps_120f.mkv", 3, 64, 48);
+  const struct {
+    uint32_t errorLimit, errorMin, ratio, lowest, highest;
+  } cases[] = {{0, 0, 400, 0, 0}, {100000, 3000, 2, 3000, 100000}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.errorMin);
+    EncodeRun run("bounds" + std::to_string(c.errorMin));
+    run.encoder.errorLimit = c.errorLimit;
+    run.encoder.errorMin = c.errorMin;
+    run.encoder.ratio = c.ratio;
     ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
     run.Next(frames[1]);
-    EXPECT_EQ(run.movie.frameFlags[1] & (kFrameFlagMotion | kFrameFlagFade), 0);
-    EXPECT_EQ(run.progresses[1].motionBytesCount, 0u);
-  }
-}
-
-TEST(Encoder, ErrorLimitZeroEndsEveryFrameAfterOnePass) {
-  auto frames = Clip("walkers_768x576_10fps_120f.mkv", 3, 64, 48);
-  EncodeRun run("cmax0");
-  run.encoder.errorLimit = 0;
-  run.encoder.ratio = 400;
-  ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
-  run.Next(frames[1]);
-  run.Next(frames[2]);
-  for (const zylProgress& p : run.progresses) EXPECT_EQ(p.quantizer, 0u);
-  EXPECT_EQ(run.encoder.LastFrame().passes, 0u);
-}
-
-TEST(Encoder, ErrorMinRaisesTheThresholdOfFramesThatFit) {
-  auto frames = Clip("walkers_768x576_10fps_120f.mkv", 3, 64, 48);
-  EncodeRun run("cmin");
-  run.encoder.errorMin = 3000;
-  run.encoder.ratio = 2;  // everything fits at threshold 0
-  ASSERT_EQ(run.Begin(frames[0], 10.0), 0);
-  run.Next(frames[1]);
-  run.Next(frames[2]);
-  for (size_t f = 1; f < 3; ++f) {
-    EXPECT_GE(run.progresses[f].quantizer, 3000u) << f;
+    run.Next(frames[2]);
+    for (size_t f = 1; f < 3; ++f) {
+      EXPECT_GE(run.progresses[f].quantizer, c.lowest) << f;
+      EXPECT_LE(run.progresses[f].quantizer, c.highest) << f;
+    }
+    if (c.errorLimit == 0) {
+      EXPECT_EQ(run.encoder.LastFrame().passes, 0u);
+    }
   }
 }
 
@@ -456,31 +263,25 @@ TEST(Encoder, BudgetsOfTheFirstFrame) {
   }
 }
 
+// Behind the header's fields: the packing byte, parameter S on three bytes and T; or, in a header
+// of versions 1 to 3, the two words A and B. Each leaves the other pair out.
 TEST(Encoder, HeaderTailHoldsPackingAndParametersOrTheTwoWords) {
-  zylTestPicture p = Crop(Coffee(), 0, 0, 32, 32);
-  {
-    EncodeRun run("tail0");
+  const struct {
+    uint32_t version;
+    std::vector<uint8_t> tail;
+  } cases[] = {{0, {0, 0xAB, 0xEF, 0xCD, 0x78, 0x56, 0x34, 0x12}}, {2, {11, 0, 0, 0, 22, 0, 0, 0}}};
+  for (const auto& c : cases) {
+    EncodeRun run("tail" + std::to_string(c.version));
+    run.version = c.version;
     run.encoder.headerS = 0xABCDEF;
     run.encoder.headerT = 0x12345678;
-    ASSERT_EQ(run.Begin(p), 0);
-    const std::vector<uint8_t> bytes = run.FileBytes();
-    EXPECT_EQ(bytes[56], 0);
-    EXPECT_EQ(bytes[57], 0xAB);
-    EXPECT_EQ(zycLoad16(&bytes[58]), 0xCDEF);
-    EXPECT_EQ(zycLoad32(&bytes[60]), 0x12345678u);
-    EXPECT_EQ(zycLoad32(&bytes[52]), 7u);
-    EXPECT_EQ(zycLoad32(&bytes[0]), kMagicZyl0);
-  }
-  {
-    EncodeRun run("tail2");
     run.encoder.headerA = 11;
     run.encoder.headerB = 22;
-    run.version = 2;
-    ASSERT_EQ(run.Begin(p), 0);
+    ASSERT_EQ(run.Begin(Crop(Coffee(), 0, 0, 32, 32)), 0);
     const std::vector<uint8_t> bytes = run.FileBytes();
-    EXPECT_EQ(zycLoad32(&bytes[4]), 2u);
-    EXPECT_EQ(zycLoad32(&bytes[56]), 11u);
-    EXPECT_EQ(zycLoad32(&bytes[60]), 22u);
+    EXPECT_EQ(zycLoad32(&bytes[4]), c.version);
+    EXPECT_EQ(zycLoad32(&bytes[52]), 7u);
+    EXPECT_EQ(std::vector<uint8_t>(bytes.begin() + 56, bytes.begin() + 64), c.tail);
   }
 }
 
@@ -504,8 +305,14 @@ TEST(Encoder, EveryHeaderVersionAndPackingIsReadBackOrRefused) {
       }
       ASSERT_EQ(run.Begin(frames[0], 15.0), 0);
       run.Next(frames[1]);
-      ExpectSafeReaderAgrees(run.FileBytes(), run.encoder.Reconstructed(),
-                             size_t(run.encoder.PaddedWidth()) * run.encoder.PaddedHeight() * 4);
+      const std::vector<uint8_t> bytes = run.FileBytes();
+      run.ExpectSafeReaderAgrees();
+      // The section's size is what the frames took; an LZMA section's head holds 5 property
+      // bytes, then the unpacked size.
+      EXPECT_EQ(zycLoad32(&bytes[66]), uint32_t(run.progresses[0].size + run.progresses[1].size));
+      if (packing == 1) {
+        EXPECT_EQ(zycLoad64(&bytes[64 + 6 + 5]), run.movie.unpacked[0].size());
+      }
     }
   }
 }
@@ -531,11 +338,12 @@ TEST(Encoder, DataFileListsTheCopiedBlocksOfEachFrame) {
       fs::path(::testing::TempDir()) / ("encoderDataFile_" + std::to_string(getpid()));
   fs::create_directories(dir / "c:");
   fs::current_path(dir);
-  zylTestPicture p = ExactSquares(64, 48);
+  zylTestPicture p = Crop(Coffee(), 150, 120, 64, 48);
   {
     EncodeRun run("datafile");
     run.encoder.dataFileWanted = true;
     ASSERT_EQ(run.Begin(p), 0);
+    std::memcpy(p.pixels.data(), run.encoder.Reconstructed(), p.pixels.size());
     run.Next(p);
     run.encoder.End();
   }
@@ -566,33 +374,17 @@ TEST(Encoder, AZeroBudgetStillEndsEveryFrame) {
 
 TEST(Encoder, CodesWithoutAnOpenOutput) {
   zylTestPicture p = Crop(Coffee(), 0, 0, 32, 32);
-  zycEncoder encoder;
-  encoder.verbose = false;
-  zycStreamHeader header;
-  header.magic = kMagicZyl0;
-  header.frameDuration = 40000;
-  header.timeScale = 1000000;
-  header.width = 32;
-  header.height = 32;
-  zycFileHolder none;
-  zylFrameImage image;
-  image.pixels = p.pixels.data();
-  image.width = 32;
-  image.height = 32;
-  zylProgress progress{};
-  EXPECT_EQ(encoder.Begin(header, image, &none, nullptr, nullptr, nullptr, &progress, nullptr), 0);
-  encoder.Next(image, &progress);
-  EXPECT_EQ(progress.frameIndex, 1u);
-  EXPECT_GT(progress.size, 0);
-  encoder.End();
-  image.pixels = nullptr;
+  EncodeRun run("none", false);
+  ASSERT_EQ(run.Begin(p), 0);
+  run.Next(p);
+  EXPECT_EQ(run.progresses[1].frameIndex, 1u);
+  EXPECT_GT(run.progresses[1].size, 0);
+  EXPECT_TRUE(run.FileBytes().empty());
 }
 
 struct TableCase {
   const char* clip;
-  uint32_t ratio;
-  uint32_t iFrameFormat;
-  uint32_t packing;
+  uint32_t ratio, iFrameFormat, packing;
   uint32_t vqLimit;  // "uFMT"; 0 leaves the ring to grow frame by frame
 };
 
@@ -621,8 +413,7 @@ TEST_P(TableFrames, RealClipDecodesToTheReconstruction) {
     const uint8_t flags = run.movie.frameFlags.back();
     EXPECT_FALSE(flags & (kFrameFlagColour | kFrameFlagFade)) << "frame " << i;
     if (flags & kFrameFlagTable) ++tableFrames;
-    ExpectSafeReaderAgrees(run.FileBytes(), run.encoder.Reconstructed(),
-                           size_t(run.encoder.PaddedWidth()) * run.encoder.PaddedHeight() * 4);
+    run.ExpectSafeReaderAgrees();
   }
   EXPECT_GE(tableFrames, 3u);
   ASSERT_EQ(run.movie.sectionFrames, (std::vector<uint32_t>{3, 3}));
@@ -680,8 +471,7 @@ TEST(Encoder, TableRingWrapsThroughAHardCut) {
   EXPECT_GE(ring, 48u * 300);  // raised where a frame or the still image needs more
   EXPECT_GT(written, 2u * ring);
   EXPECT_GT(origins, 0u);
-  ExpectSafeReaderAgrees(run.FileBytes(), run.encoder.Reconstructed(),
-                         size_t(run.encoder.PaddedWidth()) * run.encoder.PaddedHeight() * 4);
+  run.ExpectSafeReaderAgrees();
 }
 
 TEST(Encoder, RefusesLzmaWithPhoneSoundWithoutWriting) {
