@@ -334,37 +334,6 @@ TEST_F(FileSurgery, AFailedRenameGivesCodeThreeAndKeepsFile1) {
   EXPECT_EQ(ReadFile(pa), a);
 }
 
-// A disk that fills up while file1 grows (Append) or while the new movie is written
-// (ReplaceSection): code 3, the system's reason, and both files as they were.
-TEST_F(FileSurgery, AFullDiskLeavesBothFilesAsTheyWere) {
-  const auto a = Zyl0Movie({3, 2}, 1), b = Zyl0Movie({2, 3}, 2);
-  for (const bool append : {true, false}) {
-    SCOPED_TRACE(append ? "Append" : "ReplaceSection");
-    const std::string pa = Make("movie.zyl", a), pb = Make("other.zyl", b);
-    std::string out;
-    int32_t code;
-    int reason;
-    {
-      // Room for file1 as it is, not for what it would become.
-      zycFileSizeLimit limit(append ? a.size() + 10 : a.size() - 10);
-      ASSERT_TRUE(limit.ok());
-      zycPipedStdout caught;
-      code = append ? Append(U16(pa).c_str(), U16(pb).c_str())
-                    : ReplaceSection(U16(pa).c_str(), U16(pb).c_str(), 0, 5, 0);
-      reason = errno;
-      out = caught.Take();
-    }
-    EXPECT_EQ(code, 3);
-    EXPECT_EQ(reason, EFBIG);
-    const std::string written = append ? pa : dir_ + "/movietmp.zyl";
-    EXPECT_NE(out.find("Could not write " + written + ": File too large\n"), std::string::npos)
-        << out;
-    EXPECT_EQ(ReadFile(pa), a);
-    EXPECT_EQ(ReadFile(pb), b);
-    EXPECT_FALSE(Exists(dir_ + "/movietmp.zyl"));
-  }
-}
-
 TEST_F(FileSurgery, AWalkThatCannotAdvanceEndsAsAMisplacedBoundary) {
   // file1 claims 4 frames but holds 2 and then a section of none: the counts would steer the
   // walk past the end of the file for ever.

@@ -35,23 +35,6 @@ TEST(GrabFrame, ConvertsOddWidthsTopRowFirst) {
   }
 }
 
-TEST(GrabFrame, ReallocatesOnlyWhenTheSizeChanges) {
-  std::vector<zycTestPicture> pictures = {zycTestPicture::Pattern(6, 4, 0),
-                                          zycTestPicture::Pattern(6, 4, 1),
-                                          zycTestPicture::Pattern(9, 5, 2)};
-  zycMemorySource media(pictures, 25.0);
-  zylFrameImage image;
-  ASSERT_TRUE(GrabFrame(media.source(), image));
-  const uint8_t* first = image.pixels;
-  ASSERT_TRUE(GrabFrame(media.source(), image));
-  EXPECT_EQ(image.pixels, first);
-  EXPECT_EQ(Pixels(image), pictures[1].Bgra());
-  ASSERT_TRUE(GrabFrame(media.source(), image));
-  EXPECT_EQ(image.width, 9);
-  EXPECT_EQ(image.height, 5);
-  EXPECT_EQ(Pixels(image), pictures[2].Bgra());
-}
-
 // A stream that ends answers false with no further sample asked for; one that stalls times out
 // and leaves the last picture that came; no video control means no source; an empty picture
 // size is true with nothing done.

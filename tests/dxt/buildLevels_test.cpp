@@ -57,29 +57,6 @@ double psnr(const uint8_t* a, const uint8_t* b, size_t pixelCount) {
 
 }  // namespace
 
-TEST(DxtLevels, BoxShrinkHasNoRoundingTerm) {
-  // One 4x4 square whose bytes sum to 4 k + 3 in every 2x2 quarter and to 16 k + 15 overall.
-  std::vector<uint8_t> picture(16 * 4);
-  for (int p = 0; p < 16; ++p) {
-    const int corner = (p % 4 % 2 == 1 && p / 4 % 2 == 1);  // one pixel of each 2x2 is lower
-    for (int c = 0; c < 4; ++c) picture[4 * p + c] = uint8_t(10 * (c + 1) + (corner ? 0 : 1));
-  }
-  std::vector<uint8_t> half(4 * 4), quarter(4);
-  zycBoxShrink(picture.data(), 4, 4, 2, half.data());
-  zycBoxShrink(picture.data(), 4, 4, 4, quarter.data());
-  for (int p = 0; p < 4; ++p) {
-    for (int c = 0; c < 4; ++c) EXPECT_EQ(half[4 * p + c], 10 * (c + 1)) << p << "," << c;  // (4v + 3) >> 2
-  }
-  for (int c = 0; c < 4; ++c) EXPECT_EQ(quarter[c], 10 * (c + 1));  // (16v + 12) >> 4
-  // The quarter picture is the 4x4 sum of the full picture, not the half of the half.
-  std::vector<uint8_t> ramp(4 * 4 * 4);
-  for (int p = 0; p < 16; ++p) ramp[4 * p] = uint8_t(p == 0 ? 3 : p == 1 ? 1 : 0);
-  zycBoxShrink(ramp.data(), 4, 4, 4, quarter.data());
-  EXPECT_EQ(quarter[0], 0);  // 4 >> 4
-  zycBoxShrink(ramp.data(), 4, 4, 2, half.data());
-  EXPECT_EQ(half[0], 1);  // 4 >> 2
-}
-
 TEST(DxtLevels, LevelsAreTheBackEndOnTheBoxShrunkPictures) {
   const uint32_t width = 64, height = 48;
   const zylTestImage crop = photoCrop(width, height);

@@ -179,65 +179,6 @@ TEST(MotionSearch, FadeBandsMovingDownMatchOneWholeBand) {
   }
 }
 
-// The square sums are the sums of the colour bytes, and the fade masks are the fades whose sums
-// lie within the limit, on fades that all differ.
-TEST(MotionSearch, SquareSumsAndFadeMasksMatchACountByHand) {
-  const uint32_t w = 64, h = 48;
-  std::vector<uint8_t> picture = SearchScene::Photo(300, 200, w, h);
-  zycBlockSums sums;
-  sums.Build(picture.data(), w, h);
-  std::vector<std::vector<uint8_t>> fades(16, picture);
-  const uint8_t* pictures[16];
-  for (int f = 0; f < 16; ++f) {
-    for (size_t i = 0; i < picture.size(); ++i) {
-      fades[f][i] = uint8_t(std::min(255, picture[i] * (10 + f) / 18));
-    }
-    pictures[f] = fades[f].data();
-  }
-  zycFadeSums fadeSums;
-  fadeSums.Build(pictures, w, h);
-  int masksWithSomeBits = 0;
-  for (int32_t s : {4, 8, 16}) {
-    for (int32_t y = 0; y + s <= int32_t(h); y += 3) {
-      for (int32_t x = 0; x + s <= int32_t(w); x += 5) {
-        uint32_t all[16];
-        fadeSums.Sums(x, y, s, all);
-        uint32_t byHand[2] = {0, 0};  // the picture, fade 15
-        for (int32_t j = 0; j < s; ++j) {
-          for (int32_t i = 0; i < s; ++i) {
-            const size_t at = (size_t(y + j) * w + x + i) * 4;
-            for (int c = 0; c < 3; ++c) {
-              byHand[0] += picture[at + c];
-              byHand[1] += fades[15][at + c];
-            }
-          }
-        }
-        ASSERT_EQ(sums.Sum(x, y, s), byHand[0]) << x << "," << y << " size " << s;
-        ASSERT_EQ(all[15], byHand[1]) << x << "," << y << " size " << s;
-        // Around fade 6's sum and fade 12's, with limits that split the fades differently.
-        for (uint32_t sum : {all[6], all[12] + 7, all[0] / 2}) {
-          for (uint32_t limit : {1u, 40u, 600u, 5000u, 30000u, 0xFFFFu, 0x10000u, 0x3000000u}) {
-            uint32_t want = 0;
-            for (int f = 0; f < 16; ++f) {
-              const uint32_t d = all[f] > sum ? all[f] - sum : sum - all[f];
-              if (d < limit) want |= 1u << f;
-            }
-            const uint32_t got = fadeSums.Candidates(x, y, s, sum, limit);
-            // Above a 16-bit limit, the small squares may let every fade through.
-            if (s < 16 && limit > 0xFFFFu) {
-              ASSERT_EQ(got & want, want);
-            } else {
-              ASSERT_EQ(got, want) << x << "," << y << " size " << s << " limit " << limit;
-            }
-            if (want != 0 && want != 0xFFFFu) ++masksWithSomeBits;
-          }
-        }
-      }
-    }
-  }
-  EXPECT_GT(masksWithSomeBits, 100);
-}
-
 TEST(MotionSearch, FindsAShiftedPictureAndStaysInsideThePaddedPicture) {
   // The picture is its reference moved one pixel left: the vector (1, 0), table entry 3.
   SearchScene s(64, 48);
@@ -256,33 +197,6 @@ TEST(MotionSearch, FindsAShiftedPictureAndStaysInsideThePaddedPicture) {
       EXPECT_GT(b.motionError, 0u);  // the right column can't reach x + 1
     }
   }
-}
-
-TEST(MotionSearch, KeyFrameWalkAtZeroGivesFourPixelLeavesEverywhere) {
-  SearchScene s(32, 16);
-  s.source = SearchScene::Photo(50, 60, 32, 16);
-  s.preview = SearchScene::Photo(51, 60, 32, 16);  // a preview that differs everywhere
-  s.Run(256, true, false, true);
-  WalkRun run;
-  auto& [lists, walk, errorNext] = run;
-  for (const zycBlock& b : s.top) walk.KeyBlock(b, 0, errorNext);
-  // Per top block: split, four times (split, four leaves).
-  EXPECT_EQ(lists.opcodes.size(), 1u + 2 * 21);
-  EXPECT_EQ(lists.dxtList.size(), 2u * 16);
-  for (uint32_t i = 0; i < lists.dxtList.size(); ++i) EXPECT_EQ(lists.dxtList[i]->size, 4);
-  // The smallest error above 0 among the 16- and 8-pixel squares.
-  uint32_t smallest = kErrorNextStart;
-  for (const zycBlock& b : s.top) {
-    smallest = std::min(smallest, b.dxtError);
-    for (int i = 0; i < 4; ++i) smallest = std::min(smallest, b.children[i].dxtError);
-  }
-  EXPECT_EQ(errorNext, smallest);
-  // At that threshold one square fewer is split.
-  lists.Clear();
-  uint32_t again = kErrorNextStart;
-  for (const zycBlock& b : s.top) walk.KeyBlock(b, smallest, again);
-  EXPECT_LT(lists.dxtList.size(), 32u);
-  EXPECT_GT(again, smallest);
 }
 
 // A hand-made tree: a 16-pixel square whose children are copies with one vector.

@@ -233,22 +233,6 @@ TEST(PlaneCoder, FastKernelsGiveThePlainResultsOnRealPixels) {
   zycPlaneKernelsPlain(&planeKernels);
 }
 
-TEST(PlaneCoder, PlaneEqualToItsReferenceCodesNothing) {
-  const auto frames = zylClipPlanes("tree_320x240_15fps_cinepak.avi", 1, 64, 48);
-  ASSERT_EQ(frames.size(), 1u);
-  testing::internal::CaptureStdout();
-  mpmcafBeginJob(64, 48);
-  testing::internal::GetCapturedStdout();
-  const Coded coded = CodePlane(frames[0].y, frames[0].y, 10000);
-  mpmcafEndJob();
-  EXPECT_EQ(coded.log,
-            "Early exit: gains<0\n"
-            "------- MPMCAF iteration count: 0 + 0 + 0 = 0 (snr inf)(incremental snr inf)\n");
-  // Block count 0, the four overlaps, atom count 0: 38 bits.
-  EXPECT_EQ(coded.stream, (std::vector<uint8_t>{0x00, 0x0F, 0x28, 0xC0, 0x00}));
-  EXPECT_EQ(coded.recon, frames[0].y);
-}
-
 TEST(PlaneCoder, VectorCodesFollowTheTable) {
   // magnitude: code, bits
   const uint32_t table[33][2] = {{1, 1},  {1, 2},  {1, 3},  {1, 4},  {3, 6},  {5, 7},  {4, 7},
@@ -270,43 +254,6 @@ TEST(PlaneCoder, LevelCostsCarryTheSwapFromOneParameterToTheNext) {
   zycLevelCosts(magnitudes, 2, 5, costs);
   const int64_t expected[16] = {6, 7, 8, 10, 12, 14, 16, 18, 7, 6, 9, 10, 12, 14, 16, 18};
   for (int32_t c = 0; c < 16; ++c) EXPECT_EQ(costs[c], expected[c]) << c;
-}
-
-TEST(PlaneCoder, RunningAtomBitsMatchAScanOfAllAtoms) {
-  testing::internal::CaptureStdout();
-  mpmcafBeginJob(64, 48);
-  testing::internal::GetCapturedStdout();
-  mpProcOptimized::reset();
-  // (x, y, level): ties, level 0 atoms, new smallest magnitudes, atoms before the first and
-  // after the last, negative levels.
-  const int32_t list[][3] = {{10, 10, 3},  {5, 2, -7},  {10, 10, 2}, {0, 0, 0},   {63, 47, 1},
-                             {30, 20, 0},  {31, 20, -1}, {0, 0, 12}, {12, 10, 5}, {30, 20, 4},
-                             {11, 10, -2}, {62, 47, 9},  {1, 0, 1},  {40, 5, 100}};
-  for (const auto& a : list) {
-    atoms[atomCount] = mpAtom{a[0], a[1], 0, 0, 0.0, a[2]};
-    sortedAtoms[atomCount] = &atoms[atomCount];
-    EXPECT_EQ(atomBits(atomCount), zycAtomBitsScan(atomCount)) << a[0] << "," << a[1];
-    sortInAtom();
-  }
-  EXPECT_EQ(atomBitsTotal, zycAtomBitsScan(atomCount - 1));
-  mpmcafEndJob();
-}
-
-TEST(PlaneCoder, AffineFitsOfFlatAndSteepBlocks) {
-  // (sums over n pixels) -> packed (b + 256) * 4096 + (a + 1024)
-  const struct { uint32_t sr, st, srr, srt, n, packed; } cases[] = {
-      // Flat reference of 100: D = 0, a = 0, b = the rounded mean of the target.
-      {1600, 16 * 50 + 7, 160000, 80700, 16, (50 + 256) * 4096 + 1024},
-      {6400, 64 * 90 + 32, 640000, 0, 64, (91 + 256) * 4096 + 1024},
-      // Target = 2 * reference + 3 over references 10 and 20 (8 pixels each): a = 512, b = 3.
-      {240, 16 * 3 + 2 * 240, 8 * 100 + 8 * 400, 2 * 4000 + 3 * 240, 16, (3 + 256) * 4096 + 1024 + 512},
-      // Target spread 20 times the reference's: a 4x4 block falls back to the mean (mean 120),
-      // an 8x8 block saturates a at 4095 - 1024.
-      {16 * 100, 16 * 120, 8 * 99 * 99 + 8 * 101 * 101, 8 * 99 * 100 + 8 * 101 * 140, 16,
-       (120 + 256) * 4096 + 1024},
-      {64 * 100, 64 * 120, 32 * 99 * 99 + 32 * 101 * 101, 32 * 99 * 100 + 32 * 101 * 140, 64, 4095},
-  };
-  for (const auto& c : cases) EXPECT_EQ(zycAffineFit(c.sr, c.st, c.srr, c.srt, c.n), c.packed) << c.st;
 }
 
 TEST(PlaneCoder, BuffersAreAllFreedAfterTwoPlaneSizes) {

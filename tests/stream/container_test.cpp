@@ -215,50 +215,6 @@ std::vector<uint8_t> WriteMovie(uint32_t magic,
   return out;
 }
 
-// A frame that does not fit (a file size limit stands in for a full disk) is noted in the
-// output holder with its reason, and the cut brings the file back to the bytes it had after the
-// last whole frame, in both formats.
-TEST(ContainerWriter, AFrameThatDoesNotFitIsCutBackToTheLastWholeOne) {
-  for (const uint32_t magic : {kMagicZyl0, kMagicZyl1}) {
-    SCOPED_TRACE(magic == kMagicZyl0 ? "ZYL0" : "ZYL1");
-    const std::string path = ::testing::TempDir() + "zyl_cut_" + std::to_string(magic) + "_" +
-                             std::to_string(getpid()) + ".zyl";
-    zycFileHolder output;
-    output.file = std::fopen(path.c_str(), "w+b");
-    ASSERT_NE(output.file, nullptr);
-    zycStreamHeader h = magic == kMagicZyl0 ? SampleZyl0() : SampleZyl1();
-    h.fileSize = 0;
-    h.frameCount = 0;
-    zycOpenSectionState open;
-    ASSERT_TRUE(zycWriteMovieStart(output.file, h, &open));
-    if (magic == kMagicZyl1) {
-      ASSERT_TRUE(zycOpenSection(output.file, magic, 1, &open));
-    }
-    auto frame = [&](uint32_t bytes) {
-      const std::vector<uint8_t> data(bytes, uint8_t(h.frameCount + 1));
-      output.Check(std::fwrite(data.data(), 1, bytes, output.file) == bytes);
-      open.header.frames++;
-      open.header.size += bytes;
-      h.frameCount++;
-      return zycPatchAfterFrame(&output, &h, open);
-    };
-    ASSERT_TRUE(frame(100));
-    const std::vector<uint8_t> whole = ReadWhole(output.file);
-    std::fseek(output.file, 0, SEEK_END);
-    {
-      zycFileSizeLimit limit(whole.size() + 10);
-      ASSERT_TRUE(limit.ok());
-      EXPECT_FALSE(frame(5000));
-    }
-    EXPECT_EQ(output.error, EFBIG);
-    EXPECT_EQ(zycCutToWhole(&output, nullptr), 0);
-    FILE* f = std::fopen(path.c_str(), "rb");
-    EXPECT_TRUE(ReadWhole(f) == whole);
-    std::fclose(f);
-    std::remove(path.c_str());
-  }
-}
-
 // Movies written through the helpers: the patched header holds the file size and frame count,
 // and both walkers find every section at its place; a movie of no frames still has its zero
 // first section.

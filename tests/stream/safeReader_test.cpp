@@ -76,28 +76,6 @@ TEST(SafeReaderWalk, ListsSectionsFramesAndItemSizes) {
   EXPECT_EQ(reader->pictureHeight(), 16u);
 }
 
-TEST(SafeReaderDecode, KeyFrameHoldsItsMagnifiedColourBlocks) {
-  Items keyItems;
-  movieBuilder::MovieOptions o;
-  o.edit = [&](uint32_t frame, Items* items) {
-    if (frame == 0) keyItems = *items;
-  };
-  const auto movie = movieBuilder::Zyl0(o);
-  auto reader = Read(movie);
-  ASSERT_EQ(reader->NextFrame(), zycSafeStatus::decoded) << reader->frameError();
-  auto tables = std::make_unique<zycFrameDecoder>();
-  tables->Setup(40, 16, 32, 0, 1);
-  const std::vector<uint8_t>& colour = keyItems[1];
-  for (uint32_t k = 0; k < 3; ++k) {
-    uint32_t block[16];
-    zycDecodeDxt1Block(*tables, zycLoad32(&colour[4 * k]), zycLoad32(&colour[12 + 4 * k]), block);
-    for (uint32_t y = 0; y < 16; ++y)
-      for (uint32_t x = 0; x < 16; ++x)
-        ASSERT_EQ(Pixel(reader->picture(), 48, 16 * k + x, y), block[(y / 4) * 4 + x / 4])
-            << k << " " << x << "," << y;
-  }
-}
-
 TEST(SafeReaderDecode, StillKeyFramesDecodeWithOpaquePixels) {
   movieBuilder::MovieOptions o;
   o.stillKeyFrames = true;
