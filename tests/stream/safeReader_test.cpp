@@ -36,10 +36,6 @@ std::vector<std::vector<uint8_t>> DecodeAll(zycSafeReader& reader) {
   return pictures;
 }
 
-uint32_t Pixel(const std::vector<uint8_t>& picture, uint32_t stride, uint32_t x, uint32_t y) {
-  return zycLoad32(&picture[(size_t(y) * stride + x) * 4]);
-}
-
 // A movie whose frame `target` gets `change` applied to its items before packing.
 std::vector<uint8_t> Edited(uint32_t target, std::function<void(Items*)> change,
                             movieBuilder::MovieOptions o = {}) {
