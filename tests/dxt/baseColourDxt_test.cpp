@@ -69,50 +69,6 @@ TEST(BaseColourDxt, NeverWorseThanItsStartPairOnPhotographs) {
   EXPECT_EQ(digest, 60650417u);
 }
 
-TEST(BaseColourDxt, StartPairIsTheHeaviestAndLightestPixel) {
-  uint8_t pixels[64] = {};
-  for (int k = 0; k < 16; ++k) {
-    pixels[4 * k] = 100;
-    pixels[4 * k + 1] = 100;
-    pixels[4 * k + 2] = 100;
-  }
-  // Pixel 5 weighs most by its middle byte (16 x 200^2), pixel 9 least.
-  pixels[4 * 5 + 1] = 200;
-  pixels[4 * 9] = 0;
-  pixels[4 * 9 + 1] = 0;
-  pixels[4 * 9 + 2] = 255;  // 255^2 = 65025 < 4 (100^2 + 4 100^2) = 200000
-  // Pixel 12 is the brightest in its last byte but light in the measure.
-  pixels[4 * 12 + 2] = 255;
-  uint16_t first, second;
-  zycBaseColourStartPair(pixels, 0xFFFF, &first, &second);
-  EXPECT_EQ(first, uint16_t(12 << 11 | 49 << 5 | 12));  // (100, 200, 100) rounds to 12, 49, 12
-  EXPECT_EQ(second, uint16_t(0 << 11 | 0 << 5 | 31));   // (0, 0, 255)
-}
-
-// Blocks of colours exact in 5-6-5 (byte 0 in the top five bits) decode exactly: one colour
-// with zero indices, or two in four-colour order.
-TEST(BaseColourDxt, ExactColoursDecodeExactly) {
-  const struct {
-    uint8_t a[3], b[3];
-    uint16_t c0, c1;
-  } cases[] = {
-      {{255, 0, 132}, {255, 0, 132}, 0xF810, 0xF810},
-      {{255, 0, 255}, {0, 255, 0}, 0xF81F, 0x07E0},
-  };
-  for (const auto& c : cases) {
-    uint8_t pixels[64] = {};
-    for (int k = 0; k < 16; ++k) std::memcpy(pixels + 4 * k, (k * 7) % 3 == 0 ? c.a : c.b, 3);
-    uint8_t block[8];
-    zycBaseColourBlock(pixels, 0xFFFF, block);
-    EXPECT_EQ(word16(block), c.c0);
-    EXPECT_EQ(word16(block + 2), c.c1);
-    EXPECT_EQ(errorAsWritten(pixels, 0xFFFF, block), 0u);
-    const uint32_t indices = word32(block + 4);
-    for (int k = 0; k < 16; ++k)
-      EXPECT_EQ(indices >> (2 * k) & 3, c.c0 == c.c1 || (k * 7) % 3 == 0 ? 0u : 1u) << k;
-  }
-}
-
 // A photograph of 66 x 38, its last block column and row clipped: each block is the one of its
 // pixels inside the picture, the same from 3 and from 4-byte pixels, and in four-colour order
 // or flat with zero indices.

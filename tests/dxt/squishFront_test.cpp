@@ -36,20 +36,6 @@ std::vector<std::array<uint8_t, 64>> photoBlocks(int count) {
 
 }  // namespace
 
-TEST(SquishFront, FixFlagsCompletesFormatFitAndMetric) {
-  EXPECT_EQ(FixFlags(0), kDxt1 | kColourClusterFit | kColourMetricPerceptual);
-  EXPECT_EQ(FixFlags(kDxt1), 1 | 8 | 32);
-  EXPECT_EQ(FixFlags(kDxt3), 2 | 8 | 32);
-  EXPECT_EQ(FixFlags(kDxt1 | kDxt3), 1 | 8 | 32);
-  EXPECT_EQ(FixFlags(kColourRangeFit), 1 | 16 | 32);
-  EXPECT_EQ(FixFlags(kColourRangeFit | kColourClusterFit), 1 | 8 | 32);
-  EXPECT_EQ(FixFlags(kColourIterativeClusterFit), 1 | 256 | 32);
-  EXPECT_EQ(FixFlags(kColourMetricUniform), 1 | 8 | 64);
-  EXPECT_EQ(FixFlags(kColourMetricUniform | kColourMetricPerceptual), 1 | 8 | 32);
-  EXPECT_EQ(FixFlags(kWeightColourByAlpha), 1 | 8 | 32 | 128);
-  EXPECT_EQ(FixFlags(1 << 12), 1 | 8 | 32);
-}
-
 TEST(SquishFront, BlocksEqualSquishCalledWithTranslatedFlagsAndMetric) {
   float perceptual[3] = {0.2126f, 0.7152f, 0.0722f};
   float uniform[3] = {1.0f, 1.0f, 1.0f};

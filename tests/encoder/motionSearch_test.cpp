@@ -230,37 +230,5 @@ struct HandTree {
   }
 };
 
-TEST(MotionSearch, FourEqualCopiesMergeUpTheTree) {
-  HandTree t;
-  WalkRun run;
-  auto& [lists, walk, errorNext] = run;
-  EXPECT_EQ(walk.PBlock(t.top, 10, errorNext), 1u);
-  ASSERT_EQ(lists.opcodes.size(), 2u);
-  EXPECT_EQ(lists.opcodes[1], 0u);
-  ASSERT_EQ(lists.motionBytes.size(), 1u);
-  EXPECT_EQ(lists.motionBytes[0], 7u);
-  ASSERT_EQ(lists.motionBlocks.size(), 1u);
-  EXPECT_EQ(lists.motionBlocks[0], &t.top);
-  // The smallest error above the threshold that would change a decision.
-  EXPECT_EQ(errorNext, 800u);
-}
-
-TEST(MotionSearch, AFadeAmongTheChildrenStopsTheMerge) {
-  HandTree t;
-  t.fours[2].motionError = 650;  // above the threshold, its fade within it
-  t.fours[2].fadeError = 20;
-  WalkRun run;
-  auto& [lists, walk, errorNext] = run;
-  EXPECT_EQ(walk.PBlock(t.top, 30, errorNext), 0u);
-  // top split; three 8-copies; the fourth split into copy, copy, fade, copy.
-  const uint8_t expected[] = {0, 1, 0, 0, 0, 1, 0, 0, 3, 0};
-  ASSERT_EQ(lists.opcodes.size(), sizeof expected);
-  for (uint32_t i = 1; i < lists.opcodes.size(); ++i) EXPECT_EQ(lists.opcodes[i], expected[i]) << i;
-  EXPECT_EQ(lists.motionBytes.size(), 7u);
-  EXPECT_EQ(lists.motionBytes[5], 9u);  // the fade's own vector
-  ASSERT_EQ(lists.fadeBytes.size(), 1u);
-  EXPECT_EQ(lists.fadeBytes[0], 2u);
-}
-
 
 }  // namespace

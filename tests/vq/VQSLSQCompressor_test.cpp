@@ -71,14 +71,6 @@ WalkedStill walkStill(const std::vector<uint8_t>& image) {
   return w;
 }
 
-StillPicture flatPicture(uint32_t width, uint32_t height, uint8_t b0, uint8_t b1, uint8_t b2) {
-  StillPicture p;
-  p.width = width;
-  p.height = height;
-  for (uint32_t i = 0; i < width * height; ++i) p.pixels.insert(p.pixels.end(), {b0, b1, b2});
-  return p;
-}
-
 StillPicture noisePicture(uint32_t width, uint32_t height, uint32_t seed) {
   StillPicture p;
   p.width = width;
@@ -141,35 +133,6 @@ std::vector<uint8_t> decode(const std::vector<uint8_t>& image) {
   std::vector<uint8_t> pixels;
   EXPECT_TRUE(VQSLSQCompressor::decompress(image.data(), uint32_t(image.size()), pixels));
   return pixels;
-}
-
-TEST(VQSLSQCompressor, FlatPictureIsOneSurfaceWithoutCodebook) {
-  const StillPicture p = flatPicture(64, 48, 30, 120, 200);
-  const Compressed c = compress(p, 2000);
-  ASSERT_EQ(c.size, c.image.size());
-  const WalkedStill w = walkStill(c.image);
-  ASSERT_TRUE(w.valid);
-  EXPECT_EQ(w.surfaceBits, 1u);
-  EXPECT_EQ(w.codebookCount, 0u);
-  EXPECT_EQ(w.vqBits, 3u);  // four vectors trained, none used
-  EXPECT_EQ(c.stats.codebookSize, 4u);
-  EXPECT_EQ(w.width, 64u);
-  EXPECT_EQ(w.height, 48u);
-  EXPECT_EQ(w.bitsUsed, 48u * 2);
-  EXPECT_EQ(w.surfaceOffset, 28u + 12);
-  EXPECT_EQ(w.codebookOffset, w.surfaceOffset + 36);
-  EXPECT_EQ(c.size, 76u);
-  for (uint32_t i = 28; i < 40; ++i) EXPECT_EQ(c.image[i], 0) << i;
-  // The element: k0 of each channel as 2^3 fixed point, the rest 0 or nearly.
-  const uint8_t* element = &c.image[w.surfaceOffset];
-  const int expected[3] = {30, 120, 200};
-  for (int ch = 0; ch < 3; ++ch) {
-    EXPECT_NEAR(int16_t(load16(element + 12 * ch)), expected[ch] * 8, 1) << ch;
-    EXPECT_NEAR(int16_t(load16(element + 12 * ch + 2)), 0, 1) << ch;
-  }
-  const std::vector<uint8_t> decoded = decode(c.image);
-  ASSERT_EQ(decoded.size(), p.pixels.size());
-  for (size_t i = 0; i < decoded.size(); ++i) ASSERT_NEAR(decoded[i], p.pixels[i], 1) << i;
 }
 
 TEST(VQSLSQCompressor, SmoothBlocksNeedAGroupOfFour) {
@@ -277,31 +240,6 @@ TEST(VQSLSQCompressor, CandidateThatBreaksTheGroupFallsOutAndTheNextIsTried) {
     for (uint32_t block : {0u, 2u, 4u, 16u, 30u}) EXPECT_EQ(w.types[block], 0) << block;
     EXPECT_EQ(w.types[8], 1);
   }
-}
-
-TEST(VQSLSQCompressor, CodebookSizeFollowsTheTarget) {
-  // 64 codebook blocks and no surfaces: the index table is 8 + 32 b bytes.
-  const StillPicture p = noisePicture(64, 64, 21);
-  const Compressed large = compress(p, 20000);  // limited by the blocks: 4 V = 256
-  EXPECT_EQ(large.stats.codebookSize, 256u);
-  EXPECT_EQ(large.stats.vqBits, 9u);
-  EXPECT_EQ(large.image[10], 9);
-  const WalkedStill all = walkStill(large.image);
-  ASSERT_TRUE(all.valid);
-  EXPECT_EQ(all.surfaceBits, 0u);
-  EXPECT_EQ(all.surfaceOffset, all.codebookOffset);
-  EXPECT_EQ(all.types, std::vector<int>(64, 1));
-  const Compressed middle = compress(p, 1500);  // b = 8 fits, then R = 148
-  EXPECT_EQ(middle.stats.vqBits, 8u);
-  EXPECT_EQ(middle.stats.codebookSize, 148u);
-  EXPECT_LE(middle.size, 1500u);
-  const Compressed tiny = compress(p, 50);  // nothing fits: b = 2, n = 4
-  EXPECT_EQ(tiny.stats.vqBits, 2u);
-  EXPECT_EQ(tiny.stats.codebookSize, 4u);
-  EXPECT_LE(tiny.stats.codebookCount, 4u);
-  const WalkedStill w = walkStill(tiny.image);
-  ASSERT_TRUE(w.valid);
-  EXPECT_EQ(w.vqBits, 2u);
 }
 
 TEST(VQSLSQCompressor, PhotographDecodesCloseToItselfNearTheTarget) {
