@@ -144,18 +144,4 @@ TEST(VideoGrabber, WaitsNoLongerThanTheTimeoutForGo) {
             std::vector<uint8_t>(sample, sample + 6));
 }
 
-TEST(AudioSupplier, FillsTheCodecsAudioBuffer) {
-  std::vector<int16_t> pcm = Ramp(3000);
-  zycMemorySource media(zycTestPicture::Patterns(4, 2, 1), 25.0, pcm, 1, 16000);
-  zycCodec codec(nullptr, 0);
-  codec.source = media.source();
-  const uint8_t* data = zylAudioSupplier(800, &codec);
-  EXPECT_EQ(data, codec.audioBuffer.data());
-  EXPECT_EQ(codec.audioBuffer.size(), 800u);
-  EXPECT_EQ(std::memcmp(data, pcm.data(), 800), 0);
-  data = zylAudioSupplier(1200, &codec);
-  EXPECT_EQ(codec.audioBuffer.size(), 1200u);
-  EXPECT_EQ(std::memcmp(data, pcm.data() + 400, 1200), 0);
-}
-
 }  // namespace

@@ -74,21 +74,4 @@ TEST(ZycCodec, ShortEncodeFormsReachTheFullFormThroughTheInterface) {
   }
 }
 
-TEST(ZycCodec, SourceInfoCopiesSixValues) {
-  zylCodec* api = zycCreateCodec(nullptr, 0);
-  zylSource source;
-  source.width = 640;
-  source.height = 480;
-  source.frameRate = 29.97002997;
-  source.frameCount = 1234;
-  source.audioChannels = 2;
-  source.audioSampleRate = 44100;
-  const zylSourceInfo info = api->GetSourceInfo(0, &source);
-  EXPECT_EQ(std::vector<uint32_t>({info.width, info.height, info.frameCount, info.audioChannels,
-                                   info.audioSampleRate}),
-            std::vector<uint32_t>({640, 480, 1234, 2, 44100}));
-  EXPECT_EQ(info.frameRate, float(29.97002997));
-  api->Destroy();
-}
-
 }  // namespace

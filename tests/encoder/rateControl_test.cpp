@@ -83,21 +83,6 @@ TEST(RateLoop, ErrorMinKeepsTheLoopGoingAlthoughTheFrameFits) {
   EXPECT_EQ(loop.passes, 1u);
 }
 
-TEST(RateLoop, StepsUpThenBisectsToTheLastFit) {
-  zycRateLoop loop;
-  loop.Start(1000, 1000, 1, 0, 100000);  // step 20
-  // A made-up frame whose size falls by 10 bytes per unit of threshold from 1500.
-  auto sizeAt = [](uint32_t t) { return int32_t(t >= 150 ? 0 : 1500 - 10 * int32_t(t)); };
-  uint32_t guard = 0;
-  while (loop.AfterPass(sizeAt(loop.errorMax), loop.errorMax + 1) && ++guard < 100) {
-  }
-  EXPECT_LT(guard, 100u);
-  EXPECT_TRUE(loop.stop);
-  // The bracket closes on 50, the first threshold that fits.
-  EXPECT_EQ(loop.errorMax, 50u);
-  EXPECT_LE(sizeAt(loop.errorMax), 1000);
-}
-
 TEST(RateLoop, TwentyOneEqualSizesAboveTheTargetStopTheFirstPhase) {
   zycRateLoop loop;
   loop.Start(1000, 1000, 1, 0, 100000);

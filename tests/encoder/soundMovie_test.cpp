@@ -115,25 +115,6 @@ std::vector<uint8_t> Chunk(const zycMovieCheck& movie, size_t f) {
 
 }  // namespace
 
-// Phone sound outputs: without a main output the movie goes to the numbered files, each with a
-// header and its first section of its own; the first chunk then needs the phone sound library,
-// which ends the process with exit code 1.
-TEST(SoundMovieDeathTest, PhoneOutputGetsItsHeaderThenTheProcessEnds) {
-  const std::string path =
-      ::testing::TempDir() + "soundMovie_phone_" + std::to_string(getpid()) + "_1.zyl";
-  FILE* phone[5] = {std::fopen(path.c_str(), "w+b"), nullptr, nullptr, nullptr, nullptr};
-  EXPECT_EXIT(Encode("phone", {.frames = 1, .soundFlags = 1 | 32, .phone = phone}),
-              ::testing::ExitedWithCode(1), "");
-  std::fclose(phone[0]);
-  const std::vector<uint8_t> bytes = zycReadWholeFile(path);
-  std::remove(path.c_str());
-  ASSERT_EQ(bytes.size(), 64u + 6u);
-  EXPECT_EQ(zycLoad32(&bytes[0]), kMagicZyl0);
-  EXPECT_EQ(bytes[12] & 2, 2);  // the header's flags tell of embedded sound
-  EXPECT_EQ(zycLoad16(&bytes[40]), 16000);
-  for (size_t i = 64; i < bytes.size(); ++i) EXPECT_EQ(bytes[i], 0) << i;
-}
-
 // Frame 0 takes the lead of "oFMT" x 4 / 2 samples and its own; then a chunk every time a lead is
 // owed again. The chunk limit is the lead and two frames' samples. At 30000/1001 frames a second
 // (533.872 samples a frame) a chunk takes the samples owed rounded up to a multiple of four. The

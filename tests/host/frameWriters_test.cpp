@@ -104,18 +104,6 @@ TEST(WavWriter, HeaderCarriesTheSizesWrittenAtTheEnd) {
   std::remove(path.c_str());
 }
 
-TEST(ToolArguments, OptionsWithValuesFlagsAndPlainWords) {
-  Arguments args({"in.mp4", "--param", "RATI=5", "--lzma", "--param=nFMT=1", "out.zyl", "--count"});
-  EXPECT_TRUE(args.Flag("--lzma"));
-  EXPECT_EQ(args.Values("--param"), (std::vector<std::string>{"RATI=5", "nFMT=1"}));
-  bool given = false;
-  EXPECT_EQ(args.Value("--count", &given), "");
-  EXPECT_FALSE(given);
-  EXPECT_EQ(args.missingValue(), "--count");
-  EXPECT_EQ(args.Plain(), (std::vector<std::string>{"in.mp4", "out.zyl"}));
-  EXPECT_EQ(args.Unknown(), "");
-}
-
 TEST(ToolArguments, NumbersAreWholeAndInRange) {
   uint32_t count = 0;
   EXPECT_TRUE(ParseCount("4294967295", &count));
@@ -130,16 +118,6 @@ TEST(ToolArguments, NumbersAreWholeAndInRange) {
   EXPECT_FALSE(ParseInt("2147483648", &value));
   EXPECT_TRUE(ParseInt("+7", &value));
   EXPECT_EQ(value, 7);
-}
-
-TEST(ToolParams, TagsSpellTheirFourBytesCaseSensitively) {
-  for (const auto& [name, tag] : {std::pair{"SND", 0x00444E53u}, {"YUV", 0x00565559u},
-                                   {"RATI", 0x49544152u}, {"{FMT", 0x544D467Bu}}) {
-    ASSERT_NE(FindToolParam(name), nullptr) << name;
-    EXPECT_EQ(FindToolParam(name)->tag, tag) << name;
-  }
-  EXPECT_EQ(FindToolParam("rati"), nullptr);
-  EXPECT_EQ(TagText(0x00444E53u), "SND");
 }
 
 }  // namespace

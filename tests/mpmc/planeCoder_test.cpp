@@ -256,26 +256,6 @@ TEST(PlaneCoder, LevelCostsCarryTheSwapFromOneParameterToTheNext) {
   for (int32_t c = 0; c < 16; ++c) EXPECT_EQ(costs[c], expected[c]) << c;
 }
 
-TEST(PlaneCoder, BuffersAreAllFreedAfterTwoPlaneSizes) {
-  testing::internal::CaptureStdout();
-  mpmcafBeginJob(64, 48);
-  const uint32_t fullSize = allocCount;
-  EXPECT_GT(fullSize, 0u);
-  mpmcafPlaneSize(32, 24);
-  EXPECT_EQ(allocCount, fullSize);
-  mpmcafPlaneSize(64, 48);
-  mpmcafEndJob();
-  const std::string log = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(allocCount, 0u);
-  // The windows and the dictionary say what they made: 6 + 12 + 22 + 40 rows, 64 taps.
-  size_t windows = 0, taps = 0;
-  for (size_t at = 0; (at = log.find("init_omc_window: ", at)) != std::string::npos; ++at) ++windows;
-  for (size_t at = 0; (at = log.find("make_dictionary[", at)) != std::string::npos; ++at) ++taps;
-  EXPECT_EQ(windows, 80u);
-  EXPECT_EQ(taps, 64u);
-  EXPECT_NE(log.find("init_omc_window: 0.146447\n"), std::string::npos);
-}
-
 TEST(PlaneCoder, NullFreesSayWhatWentWrong) {
   testing::internal::CaptureStdout();
   free_label(nullptr);

@@ -352,26 +352,6 @@ TEST(BlockDecoder, StopBetweenRowsThenResumeEqualsUndisturbedRunAndMaskZeroNever
   }
 }
 
-TEST(BlockDecoder, TreeViewPaintsSymbolsBySize) {
-  TestDecoder decoder(32, 16);
-  decoder.state->treeView = 1;
-  Picture previous(32, 16), current(32, 16, 0xCCCCCCCC);
-  TreeFrame tree;
-  tree.Copy(0);
-  tree.Split().Colour(1, 2, 3).Fade(0, 5).Copy(0);
-  tree.Split().Copy(0).Colour(1, 2, 3).Fade(0, 5).Split();
-  Bytes frame = tree.Build();
-  decoder.Frame(frame, previous.data(), current.data());
-  expectSquare(current, 0, 0, 16, 255, "copy at 16");
-  expectSquare(current, 16, 0, 8, 0xBF0000, "colour at 8");
-  expectSquare(current, 24, 0, 8, 0, "fade at 8");
-  expectSquare(current, 16, 8, 8, 191, "copy at 8");
-  expectSquare(current, 24, 8, 4, 127, "copy at 4");
-  expectSquare(current, 28, 8, 4, 0x7F0000, "colour at 4");
-  expectSquare(current, 24, 12, 4, 0, "fade at 4");
-  expectSquare(current, 28, 12, 4, 0, "split at 4");
-}
-
 TEST(BlockDecoder, PhotographKeyFrameAndFadedRepeat) {
   zylTestImage photo;
   ASSERT_TRUE(zylLoadPng(zylMediaPath("photo_coffee_600x400.png"), &photo));

@@ -86,38 +86,8 @@ TEST(SafeReaderDecode, StillKeyFramesDecodeWithOpaquePixels) {
   EXPECT_TRUE(reader->CheckAll().empty());
 }
 
-TEST(SafeReaderDecode, SoundBytesComeWithTheirFrame) {
-  movieBuilder::MovieOptions o;
-  o.sound = true;
-  auto reader = Read(movieBuilder::Zyl0(o));
-  ASSERT_EQ(reader->NextFrame(), zycSafeStatus::decoded);
-  ASSERT_EQ(reader->NextFrame(), zycSafeStatus::decoded);
-  ASSERT_EQ(reader->soundBytes(), 7u);  // 6 + frame % 5
-  EXPECT_EQ(reader->sound()[0], 3);
-  EXPECT_EQ(reader->sound()[6], 9);
-}
-
 // ---------------------------------------------------------------------------------------------
 // Damage
-
-TEST(SafeReaderDamage, EveryPrefixFailsWithAMessage) {
-  movieBuilder::MovieOptions o;
-  o.sound = true;
-  o.planeFrames = true;
-  std::vector<std::vector<uint8_t>> movies = {movieBuilder::Zyl0(o), movieBuilder::Zyl1(o)};
-  o.packing = kPackingLzma;
-  movies.push_back(movieBuilder::Zyl0(o));
-  for (const auto& movie : movies) {
-    for (size_t cut = 0; cut < movie.size(); ++cut) {
-      // A buffer of its own, so that a read past the cut is caught by the sanitizer.
-      const std::vector<uint8_t> prefix(movie.begin(), movie.begin() + long(cut));
-      zycSafeReader reader;
-      EXPECT_FALSE(reader.OpenMemory(prefix.data(), prefix.size(), "movie.zyl")) << cut;
-      EXPECT_TRUE(Contains(reader.error(), "movie.zyl: ")) << cut << " " << reader.error();
-      reader.CheckAll();
-    }
-  }
-}
 
 // A movie whose header disagrees with its bytes is refused with the reason.
 TEST(SafeReaderDamage, HeadersThatDisagreeWithTheFileAreRefused) {
