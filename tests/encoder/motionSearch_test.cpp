@@ -44,8 +44,7 @@ struct SearchScene {
   const zycSadKernels* forcedKernels = nullptr;  // when set, these instead of the chosen set
   zycBlockSums sums[2];  // references[0], the source
   zycFadeSums fadeSums;
-  void Run(uint32_t count, bool simd, bool noFade = false, bool searchOff = false,
-           bool useSums = false) {
+  void Run(uint32_t count, bool simd, bool noFade = false, bool useSums = false) {
     if (useSums) {
       sums[0].Build(references[0].data(), width, height);
       sums[1].Build(source.data(), width, height);
@@ -64,7 +63,7 @@ struct SearchScene {
     search.table = kSmallMotionTable;
     search.count = count;
     search.noFade = noFade;
-    search.searchOff = searchOff;
+    search.searchOff = false;
     zycSadChoose(&search.kernels, simd);
     if (forcedKernels) search.kernels = *forcedKernels;
     search.pool = &pool;
@@ -76,17 +75,6 @@ struct SearchScene {
       search.SearchBlock(top[i]);
     }
   }
-};
-
-// Empty output lists of a tree walk and the walk that fills them.
-struct WalkRun {
-  WalkRun() : walk{&lists, 4, true} {
-    lists.Reserve(1000);
-    lists.Clear();
-  }
-  zycFrameLists lists;
-  zycWalk walk;
-  uint32_t errorNext = kErrorNextStart;
 };
 
 void ExpectSameTree(const zycBlock& a, const zycBlock& b) {
@@ -140,7 +128,7 @@ TEST(MotionSearch, Sse2AndPlainKernelsGiveIdenticalTreesOnRealVideo) {
   for (const zycSadKernels* set : forced) {
     fast.forcedKernels = set;
     for (bool sums : {false, true}) {
-      fast.Run(256, true, false, false, sums);
+      fast.Run(256, true, false, sums);
       for (size_t i = 0; i < plain.top.size(); ++i) ExpectSameTree(plain.top[i], fast.top[i]);
     }
   }
@@ -198,37 +186,5 @@ TEST(MotionSearch, FindsAShiftedPictureAndStaysInsideThePaddedPicture) {
     }
   }
 }
-
-// A hand-made tree: a 16-pixel square whose children are copies with one vector.
-struct HandTree {
-  zycBlock top;
-  zycBlock eights[4];
-  zycBlock fours[4];
-  HandTree() {
-    top = Node(16, 0, 0, 5000, 7, 6000, 4000);
-    top.children = eights;
-    for (int i = 0; i < 4; ++i) {
-      eights[i] = Node(8, (i & 1) * 8, (i >> 1) * 8, 10, 7, 900, 800);
-    }
-    eights[3].motionError = 3000;
-    eights[3].children = fours;
-    for (int i = 0; i < 4; ++i) fours[i] = Node(4, 8 + (i & 1) * 4, 8 + (i >> 1) * 4, 5, 7, 700, 600);
-  }
-  static zycBlock Node(int s, int x, int y, uint32_t motion, uint32_t index, uint32_t fade,
-                       uint32_t dxt) {
-    zycBlock b;
-    b.size = s;
-    b.x = x;
-    b.y = y;
-    b.motionError = motion;
-    b.motionIndex = index;
-    b.fadeError = fade;
-    b.fadeMotionIndex = 9;
-    b.fadeIndex = 2;
-    b.dxtError = dxt;
-    return b;
-  }
-};
-
 
 }  // namespace

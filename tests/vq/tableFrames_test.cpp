@@ -85,12 +85,6 @@ double SquaredError(const std::vector<uint8_t>& blocks, const std::vector<uint8_
   return sum;
 }
 
-struct BudgetCase {
-  uint32_t oldCount, blockCount;
-  int32_t target;
-  uint32_t indexBits, newCount;
-};
-
 // A pan over a photograph in a small ring: the still image's codebook drops out before any
 // table, the ring wraps several times, a reset restarts it, and every frame's indices, read
 // from a ring kept from the headers alone, mean exactly the vectors the compressor chose.
