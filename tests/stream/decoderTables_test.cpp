@@ -75,18 +75,3 @@ TEST(DecoderTables, ToneCurvesFollowTheFadeRuleOnWidenedFields) {
   EXPECT_EQ(tone8[15][0], 102);   // 40% towards white
   EXPECT_EQ(tone6[0][63], 152u * 8);
 }
-
-TEST(DecoderTables, YuvTablesFollowTheFixedPointRule) {
-  int32_t y[256], crR[256], cbB[256], crG[256], cbG[256];
-  zycFillYuvTables(y, crR, cbB, crG, cbG);
-  auto rule = [](int i, int base, double scale) {
-    return int(std::floor(((i - base) * scale + 32768.0) / 65536.0));
-  };
-  for (int i = 0; i < 256; ++i) {
-    ASSERT_EQ(y[i], rule(i, 16, 76309));
-    ASSERT_EQ(crR[i], rule(i, 128, 104597));
-    ASSERT_EQ(cbB[i], rule(i, 128, 132201));
-    ASSERT_EQ(crG[i], rule(i, 128, -53279));
-    ASSERT_EQ(cbG[i], rule(i, 128, -25674));
-  }
-}

@@ -43,19 +43,6 @@ TEST(PlaneReader, QuantRoundSendsExactHalvesDown) {
   for (const auto& c : cases) EXPECT_EQ(quantRound(c.v), c.rounded) << c.v;
 }
 
-TEST(PlaneReader, WindowsRiseOverTheOverlapAndHoldOneInside) {
-  // (level, i, j, value)
-  const int32_t cases[][4] = {{0, 0, 0, 1406},  {0, 1, 0, 8192},  {0, 1, 1, 47746}, {0, 2, 0, 9598},
-                              {0, 5, 5, 1406},  {0, 3, 3, 65536}, {1, 1, 0, 770},   {1, 2, 0, 1724},
-                              {1, 6, 6, 65536}, {2, 0, 0, 19},    {2, 1, 1, 1406},  {3, 0, 0, 6},
-                              {3, 1, 1, 465},   {3, 0, 20, 630},  {3, 39, 39, 6}};
-  for (const auto& c : cases) {
-    std::vector<int32_t> window(zycOmcWindowSize[c[0]] * zycOmcWindowSize[c[0]]);
-    zycOmcWindow(c[0], window.data());
-    EXPECT_EQ(window[c[2] * zycOmcWindowSize[c[0]] + c[1]], c[3]) << c[0] << " " << c[1] << " " << c[2];
-  }
-}
-
 TEST(PlaneReader, UnchangedPlaneStreamKeepsTheReference) {
   std::vector<uint8_t> reference(32 * 32);
   for (size_t i = 0; i < reference.size(); ++i) reference[i] = static_cast<uint8_t>(i * 7);
@@ -91,23 +78,6 @@ TEST(PlaneReader, HalfPelBlocksAndTheVectorWrap) {
   // On the overlap: weight 55938 of 65536 for the block, the rest for the reference.
   EXPECT_EQ(plane[5 * w + 8], (94 * 55938 + (65536 - 55938) * 32 + 32768) >> 16);
   EXPECT_EQ(plane[0 * w + 9], reference[9]);  // beyond the overlap
-}
-
-TEST(PlaneReader, AtomsAtTheCornerAreCutAndClampedInOrder) {
-  // Shape 0 both ways at (0, 0), level 1023 at step 64: only tap (4, 4) reaches a pixel with a
-  // weight of 122, d = 122. The first atom is negative and clamps at 0, the second adds again.
-  const uint32_t w = 32, h = 32;
-  std::vector<uint8_t> reference(w * h, 100);
-  Bits bits;
-  bits.BlockHeader(0);
-  bits.Put(2, 12).Put(0, 4).Put(0, 1).Put(0, 3).Put(15, 4).Put(1023, 10);
-  bits.Put(1, 1).Put(0, 4).Put(0, 4).Put(1, 1).Put(1, 1);  // gap 0, shapes, n 0, negative
-  bits.Put(1, 1).Put(0, 4).Put(0, 4).Put(1, 1).Put(0, 1);  // gap 0, shapes, n 0, positive
-  const char* problem = nullptr;
-  std::vector<uint8_t> expected = reference;
-  expected[0] = 122;
-  EXPECT_EQ(Decode(bits.bytes, reference, w, h, &problem), expected);
-  EXPECT_EQ(problem, nullptr);
 }
 
 TEST(PlaneReader, BadStreamsAreRefusedWithAReason) {

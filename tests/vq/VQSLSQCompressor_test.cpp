@@ -256,29 +256,6 @@ TEST(VQSLSQCompressor, PhotographDecodesCloseToItselfNearTheTarget) {
   }
 }
 
-TEST(VQSLSQCompressor, SurfaceBlocksDecodeWithinTheTolerance) {
-  StillPicture p = gradientPicture(96, 64, 3);
-  // Noise on the left third.
-  std::mt19937 random(4);
-  for (uint32_t y = 0; y < 64; ++y)
-    for (uint32_t x = 0; x < 32; ++x)
-      for (int c = 0; c < 3; ++c) p.pixels[(y * 96 + x) * 3 + c] = uint8_t(random());
-  const Compressed c = compress(p, 4000);
-  const WalkedStill w = walkStill(c.image);
-  ASSERT_TRUE(w.valid);
-  EXPECT_EQ(c.stats.slsqBlocks, 64u);
-  const std::vector<uint8_t> decoded = decode(c.image);
-  for (uint32_t b = 0; b < 96; ++b) {
-    if (w.types[b] != 0) continue;
-    const uint32_t bx = b % 12 * 8, by = b / 12 * 8;
-    for (uint32_t y = by; y < by + 8; ++y)
-      for (uint32_t x = bx; x < bx + 8; ++x)
-        for (int ch = 0; ch < 3; ++ch)
-          ASSERT_NEAR(decoded[(y * 96 + x) * 3 + ch], p.pixels[(y * 96 + x) * 3 + ch], 4)
-              << x << "," << y;
-  }
-}
-
 // The fast group search and the reference one, and the plain codebook kernels and the SSE ones,
 // write the same image.
 TEST(VQSLSQCompressor, FastAndReferenceGroupSearchesWriteTheSameImage) {
