@@ -95,19 +95,6 @@ class EncodeJob : public testing::Test {
   std::string printed_;
 };
 
-TEST_F(EncodeJob, SeeksTwiceAndFeedsEveryPictureFromTheFirst) {
-  std::vector<zycTestPicture> pictures = zycTestPicture::Patterns(8, 4, 5);
-  zycMemorySource media(pictures, 25.0);
-  EXPECT_EQ(Run(media, "a.zyl"), 0);
-  EXPECT_EQ(encoder_.calls, (std::vector<std::string>{"SetJobRange", "Begin", "Next", "Next",
-                                                       "Next", "Next", "End"}));
-  EXPECT_EQ(encoder_.firstFrame, 0u);
-  EXPECT_EQ(encoder_.frameTotal, 5u);  // 0 means the source's frame count
-  ASSERT_EQ(encoder_.pictures.size(), 5u);
-  for (size_t i = 0; i < 5; ++i) EXPECT_EQ(encoder_.pictures[i].pixels, pictures[i].Bgra());
-  EXPECT_EQ(ReadFile(dir_ / "a.zyl"), "main");
-}
-
 TEST_F(EncodeJob, StopsAfterTheAskedNumberOfFramesTakingOneGrabTooMany) {
   std::vector<zycTestPicture> pictures = zycTestPicture::Patterns(8, 4, 10);
   zycMemorySource media(pictures, 25.0);

@@ -158,22 +158,6 @@ TEST(DxtLevels, PreviewsAreTheLevelBlocksDecodedAndConverted) {
   EXPECT_GT(threeColourBlocks, 0);
 }
 
-TEST(DxtLevels, DecodingFollowsThreeColourModeAndYuvTables) {
-  zycDxtLevels levels;
-  levels.Allocate(16, 16);
-  // color0 < color1: entry 2 is the mean, entry 3 black (all zero fields).
-  const uint8_t block[8] = {0x00, 0x10, 0x1F, 0xF8, 0xE4, 0xE4, 0xE4, 0xE4};
-  for (uint32_t yuv : {0u, 1u}) {
-    uint32_t got[16];
-    zycDecodeLevelBlock(levels, block, yuv, got);
-    uint32_t want[16];
-    decodeIndependently(block, yuv, want);
-    for (int p = 0; p < 16; ++p) EXPECT_EQ(got[p], want[p]) << "yuv " << yuv << " pixel " << p;
-    // Index 3 in YUV is Y, Cb, Cr of 0: the dark green 0x008700.
-    EXPECT_EQ(got[3], yuv ? 0x008700u : 0u);
-  }
-}
-
 // The picture is handed back as it came, alpha included, and its alpha never reaches a back
 // end: a grabber may leave alpha 0, and squish would make such pixels transparent black.
 TEST(DxtLevels, EveryBackEndMakesUsableLevelsOfOddPaddedSizesWhateverTheAlpha) {

@@ -324,31 +324,3 @@ TEST(SafeReaderZyl1, ASectionMustStartWithAKeyFrame) {
   auto reader = Read(movie);
   EXPECT_TRUE(Contains(reader->error(), "frame 0 (section 0 at byte 60): ")) << reader->error();
 }
-
-// A last section cut short: the whole frames before the cut are found in both formats, each
-// at the exact end its frames take; LZMA, one stream, offers none.
-TEST(SafeReaderRepair, WholeFramePrefixesOfASectionCutShort) {
-  for (const int kind : {0, 1, 2}) {  // ZYL0 deflate, ZYL0 LZMA, ZYL1
-    SCOPED_TRACE(kind);
-    movieBuilder::MovieOptions o;
-    o.sections = {4};
-    o.packing = kind == 1 ? 1 : 0;
-    const std::vector<uint8_t> movie = kind == 2 ? movieBuilder::Zyl1(o) : movieBuilder::Zyl0(o);
-    // The same movie of one frame fewer: its section is a start of the longer one.
-    o.sections = {3};
-    const std::vector<uint8_t> shorter = kind == 2 ? movieBuilder::Zyl1(o) : movieBuilder::Zyl0(o);
-    zycStreamHeader header;
-    std::string error;
-    ASSERT_TRUE(zycParseHeader(movie.data(), movie.size(), &header, &error)) << error;
-    const size_t data = zycHeaderSize(header.magic) + zycSectionHeaderSize(header.magic);
-    const std::vector<zycSectionPrefix> prefixes =
-        zycWholeFramePrefixes(header, movie.data() + data, movie.size() - 1 - data, 1 << 20);
-    if (kind == 1) {
-      EXPECT_TRUE(prefixes.empty());
-      continue;
-    }
-    ASSERT_EQ(prefixes.size(), 3u);
-    for (uint32_t i = 0; i < 3; ++i) EXPECT_EQ(prefixes[i].frames, i + 1);
-    EXPECT_EQ(prefixes[2].bytes, shorter.size() - data);
-  }
-}

@@ -256,51 +256,6 @@ TEST(TableFrame, BlocksComeFromTheRingAcrossItsWrap) {
   expectBlock(next, 8, 8, 8, blocks[1], "second 2");
 }
 
-TEST(TableFrame, EntriesEndingAtTheRingEndWrapWithEmptyTail) {
-  TestDecoder decoder(16, 16, 24);
-  std::array<uint8_t, 8> raw[5];
-  Expanded blocks[5];
-  for (int i = 0; i < 5; ++i) {
-    const uint16_t c0 = uint16_t(0x2000 * (i + 1) + 0x41), c1 = uint16_t(0x0800 * i + 0x13);
-    raw[i] = dxtBlock(c0, c1, 0x27D8E4B1u + uint32_t(i));
-    blocks[i] = expand(c0, c1, 0x27D8E4B1u + uint32_t(i));
-  }
-  TableImage fill;
-  fill.reset = 1;
-  fill.tableBytes = 4 * 48;
-  fill.newEntries = {raw[0], raw[1], raw[2], raw[3]};
-  fill.indices = {3};
-  TreeFrame a;
-  a.TableBlock().Table(fill.Build());
-  Bytes frameA = a.Build();
-  std::vector<uint8_t> previous(16 * 16 * 3), current(16 * 16 * 3), next(16 * 16 * 3);
-  decoder.Frame(frameA, previous.data(), current.data());
-  EXPECT_EQ(tableWritePos, 4u * 48);
-
-  TableImage wrap;
-  wrap.tableBytes = 4 * 48;
-  wrap.tableOrigin = 0;  // no index wraps
-  wrap.newEntries = {raw[4]};
-  wrap.indices = {0};
-  TreeFrame b;
-  b.TableBlock().Table(wrap.Build());
-  Bytes frameB = b.Build();
-  decoder.Frame(frameB, current.data(), next.data());
-  EXPECT_EQ(tableWritePos, 48u);
-  // 24 bits: low field first, so the table block's bytes are swapped.
-  for (uint32_t y = 0; y < 16; ++y) {
-    for (uint32_t x = 0; x < 16; ++x) {
-      const uint8_t* want = blocks[4].bytes[(y / 4) * 4 + x / 4];
-      const uint8_t* got = &next[(y * 16 + x) * 3];
-      ASSERT_EQ(got[0], want[2]);
-      ASSERT_EQ(got[1], want[1]);
-      ASSERT_EQ(got[2], want[0]);
-      const uint8_t* before = blocks[3].bytes[(y / 4) * 4 + x / 4];
-      ASSERT_EQ(current[(y * 16 + x) * 3], before[2]);
-    }
-  }
-}
-
 // A frame of no new entries reads the ring and keeps the write position; a frame whose marker
 // is not zero decodes nothing and keeps it too.
 TEST(TableFrame, NoNewEntriesOrANonZeroMarkerKeepTheWritePosition) {

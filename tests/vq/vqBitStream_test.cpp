@@ -35,20 +35,4 @@ TEST(VqBitWriter, WritesWordsTopBitFirst) {
   }
 }
 
-TEST(VqBitReader, ReadsBackWhatTheWriterWrote) {
-  std::mt19937 random(7);
-  std::vector<std::pair<uint32_t, uint32_t>> values;
-  VqBitWriter writer;
-  for (int i = 0; i < 2000; ++i) {
-    const uint32_t bits = random() % 33;
-    const uint32_t value = bits == 32 ? uint32_t(random()) : uint32_t(random()) & ((1u << bits) - 1);
-    values.push_back({value, bits});
-    writer.put(value, bits);
-  }
-  const std::vector<uint8_t> bytes = bytesOf(writer);
-  VqBitReader reader(bytes.data());
-  for (const auto& [value, bits] : values) ASSERT_EQ(reader.get(bits), value) << bits;
-  EXPECT_EQ(reader.position(), writer.bitCount());
-}
-
 }  // namespace
