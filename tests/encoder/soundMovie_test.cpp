@@ -162,31 +162,6 @@ TEST(SoundMovie, ChunksComeWithTheFirstFrameAndThenEveryLeadOfSamples) {
   }
 }
 
-// 41 small frames: a chunk every three frames.
-TEST(SoundMovie, DecodedSoundLinesUpWithTheSource) {
-  const SoundMovie m = Encode("speech", {.frames = 41});
-  std::vector<int16_t> decoded;
-  for (size_t f = 0; f < m.movie.frames.size(); ++f) {
-    const std::vector<uint8_t> chunk = Chunk(m.movie, f);
-    if (chunk.empty()) continue;
-    std::vector<int16_t> part(zycAdpcmSamples(uint32_t(chunk.size()), 1));
-    ASSERT_EQ(zycAdpcmDecode(chunk.data(), uint32_t(chunk.size()), 1, part.data()), part.size());
-    decoded.insert(decoded.end(), part.begin(), part.end());
-  }
-  ASSERT_EQ(decoded.size(), 5600u + 13u * 4800u);
-  const std::vector<int16_t>& source = Speech().samples;
-  ASSERT_GE(source.size(), decoded.size());
-  // Each chunk decoded on its own from the state its header carries: the chunks hold the
-  // source's samples in order with nothing lost or doubled, exactly what the coder makes of the
-  // source's first samples in one go.
-  const uint32_t n = uint32_t(decoded.size());
-  zycAdpcmState state = {};
-  std::vector<uint8_t> whole(zycAdpcmChunkSize(n, 1));
-  std::vector<int16_t> rebuilt(n);
-  zycAdpcmEncode(state, source.data(), n, 1, whole.data(), rebuilt.data());
-  EXPECT_TRUE(decoded == rebuilt);
-}
-
 // Sound that the movie does not store: with the defaults ("EXTC" 0) the budget still gives up
 // an eighth of the raw sound bytes, the size after 2-bit coding, and the account starts 4
 // lower; without the ADPCM bit of "pFMT" nothing is taken off. Either way the chunks are

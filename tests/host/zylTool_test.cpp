@@ -20,7 +20,6 @@
 #include "base/byteIo.h"
 #include "codec/framePump.h"
 #include "host/source/ffmpegSource.h"
-#include "host/tool/progressBar.h"
 #include "tests/host/syntheticClip.h"
 #include "tests/host/toolRun.h"
 #include "tests/support/fileSizeLimit.h"
@@ -193,24 +192,6 @@ TEST(ZylToolCommandLine, ExitCodesMessagesAndOutputs) {
     if (sample > 2000 || sample < -2000) ++loud;
   }
   EXPECT_GT(loud, int(wav.out.size() / 8));
-}
-
-TEST(ZylToolCommandLine, ProgressLineFitsEightyColumns) {
-  for (const uint32_t total : {0u, 7u, 99999u}) {
-    ProgressBar bar(stderr, false, total, 123456789.0, 80);
-    zylProgress progress = {};
-    for (uint32_t frame = 0; frame < 3; ++frame) {
-      progress.frameIndex = frame;
-      progress.size = 987654321;
-      progress.keyFrame = 1;
-      bar.Update(progress);
-    }
-    for (const double seconds : {0.0, 0.001, 5000.0}) {
-      const std::string line = bar.Line(seconds);
-      EXPECT_LE(line.size(), 79u) << line;
-      EXPECT_TRUE(Has(line, "3 keys")) << line;
-    }
-  }
 }
 
 // One short movie of the example clip, made once for the whole suite.

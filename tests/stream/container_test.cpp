@@ -54,16 +54,6 @@ zycStreamHeader SampleZyl1() {
   return h;
 }
 
-std::vector<uint8_t> ReadWhole(FILE* f) {
-  std::fseek(f, 0, SEEK_END);
-  std::vector<uint8_t> bytes(size_t(std::ftell(f)));
-  std::fseek(f, 0, SEEK_SET);
-  if (!bytes.empty()) {
-    EXPECT_EQ(std::fread(bytes.data(), 1, bytes.size(), f), bytes.size());
-  }
-  return bytes;
-}
-
 }  // namespace
 
 TEST(ContainerHeader, Zyl0FieldsStandAtTheirOffsetsAndLoadBack) {
@@ -174,104 +164,6 @@ TEST(ContainerWalker, RefusesAWrongMagicByNumberAndAShortHeader) {
   zycStoreHeaderZyl0(SampleZyl0(), b);
   EXPECT_FALSE(walker.Open(b, 63));
   EXPECT_NE(walker.error().find("too short"), std::string::npos);
-}
-
-// Builds a movie of sections with the given frame counts and data sizes through the writing
-// helpers, in a temporary file, and returns its bytes.
-std::vector<uint8_t> WriteMovie(uint32_t magic,
-                                const std::vector<std::pair<uint32_t, uint32_t>>& sections) {
-  FILE* f = std::tmpfile();
-  EXPECT_NE(f, nullptr);
-  zycStreamHeader h = magic == kMagicZyl0 ? SampleZyl0() : SampleZyl1();
-  h.fileSize = 0;
-  h.frameCount = 0;
-  zycOpenSectionState open;
-  EXPECT_TRUE(zycWriteMovieStart(f, h, &open));
-  bool first = true;
-  for (auto [frames, bytes] : sections) {
-    if (magic == kMagicZyl1 || !first) {
-      EXPECT_TRUE(zycOpenSection(f, magic, 1, &open));
-    }
-    first = false;
-    uint32_t sum = 0;
-    for (uint32_t i = 0; i < frames; ++i) {
-      const uint32_t share = bytes / frames + (i + 1 == frames ? bytes % frames : 0);
-      std::vector<uint8_t> data(share, uint8_t(h.frameCount));
-      if (share) {
-        EXPECT_EQ(std::fwrite(data.data(), 1, share, f), share);
-      }
-      open.header.frames++;
-      sum += share;
-      open.header.size = sum;
-      h.frameCount++;
-      EXPECT_TRUE(zycPatchAfterFrame(f, &h, open));
-    }
-  }
-  std::vector<uint8_t> out = ReadWhole(f);
-  std::fclose(f);
-  if (!sections.empty()) {
-    EXPECT_EQ(h.fileSize, out.size());
-  }
-  return out;
-}
-
-// Movies written through the helpers: the patched header holds the file size and frame count,
-// and both walkers find every section at its place; a movie of no frames still has its zero
-// first section.
-TEST(ContainerWriter, PatchedMoviesWalkTheSameFromMemoryAndFile) {
-  using Sections = std::vector<std::pair<uint32_t, uint32_t>>;
-  const struct {
-    uint32_t magic;
-    Sections sections;
-  } cases[] = {{kMagicZyl0, {}},
-               {kMagicZyl0, {{3, 100}, {1, 7}, {2, 50}}},
-               {kMagicZyl1, {{2, 40}, {3, 12}}},
-               {kMagicZyl1, {{1, 9}, {4, 33}, {2, 8}}}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.sections.size());
-    const std::vector<uint8_t> b = WriteMovie(c.magic, c.sections);
-    const bool zyl0 = c.magic == kMagicZyl0;
-    const Sections sections = c.sections.empty() ? Sections{{0, 0}} : c.sections;
-    uint32_t size = zyl0 ? 64 : 60, frames = 0;
-    for (auto [n, bytes] : sections) size += (zyl0 ? 6 : 8) + bytes, frames += n;
-    ASSERT_EQ(b.size(), size);
-    if (!c.sections.empty()) {
-      EXPECT_EQ(zycLoad32(&b[zyl0 ? 8 : 12]), size);
-    }
-    EXPECT_EQ(zycLoad32(&b[16]), frames);
-    FILE* f = std::tmpfile();
-    ASSERT_NE(f, nullptr);
-    ASSERT_EQ(std::fwrite(b.data(), 1, b.size(), f), b.size());
-    zycSectionWalker walker;
-    zycFileSectionWalker fileWalker;
-    ASSERT_TRUE(walker.Open(b.data(), b.size()));
-    ASSERT_TRUE(fileWalker.Open(f));
-    // The zero section of a movie of no frames is left to the memory walker.
-    const bool fromFileToo = !c.sections.empty();
-    uint32_t offset = zyl0 ? 64 : 60, first = 0;
-    zycSectionEntry e, fromFile;
-    for (auto [n, bytes] : sections) {
-      ASSERT_TRUE(walker.Next(&e));
-      fromFile = e;
-      if (fromFileToo) {
-        ASSERT_TRUE(fileWalker.Next(&fromFile));
-      }
-      for (const zycSectionEntry* w : {&e, &fromFile}) {
-        EXPECT_EQ(w->offset, offset);
-        EXPECT_EQ(w->firstFrame, first);
-        EXPECT_EQ(w->header.frames, n);
-        EXPECT_EQ(w->header.size, bytes);
-        EXPECT_EQ(w->header.keyType, zyl0 ? 0 : 1);
-      }
-      offset += (zyl0 ? 6 : 8) + bytes;
-      first += n;
-    }
-    EXPECT_FALSE(walker.Next(&e));
-    EXPECT_FALSE(fileWalker.Next(&fromFile));
-    EXPECT_TRUE(walker.error().empty()) << walker.error();
-    EXPECT_EQ(walker.position(), b.size());
-    std::fclose(f);
-  }
 }
 
 // Records of every shape against the byte-by-byte builder, then split back into their streams.
