@@ -762,8 +762,9 @@ TEST(ZylToolSurgery, AppendAndReplaceNameTheFieldThatDiffers) {
 // frame and the sound, and replace swaps its second section for a movie of the same kind.
 TEST(ZylToolZyl1, EncodeInfoDecodeAndReplace) {
   const std::string movie = Dir() + "zyl1.zyl";
-  const Result encode = RunTool({"encode", ExampleClip(), movie, "--format", "zyl1", "--count",
-                                 "6", "--key-frames", "3", "--ratio", "20"});
+  const Result encode =
+      RunTool({"encode", ExampleClip(), movie, "--format", "zyl1", "--count", "6", "--key-frames",
+               "3", "--ratio", "20", "--param", "sFMT=70000", "--param", "tFMT=9"});
   ASSERT_EQ(encode.exit, 0) << encode.err;
   EXPECT_EQ(encode.out, "");  // the plane coder's console stays quiet too
   EXPECT_TRUE(Has(encode.err, "as ZYL1 with still-image key frames")) << encode.err;
@@ -773,6 +774,8 @@ TEST(ZylToolZyl1, EncodeInfoDecodeAndReplace) {
                            "frame kinds    2 still, 0 quadtree, ", "problems       none"}) {
     EXPECT_TRUE(Has(info.out, line)) << info.out;
   }
+  EXPECT_EQ(Json(movie, "paramS"), 70000);
+  EXPECT_EQ(Json(movie, "paramT"), 9);
   const std::string rgb = Dir() + "zyl1.rgb", wav = Dir() + "zyl1.wav";
   EXPECT_EQ(RunTool({"decode", movie, rgb, "--rgb"}).exit, 0);
   EXPECT_EQ(ReadFile(rgb).size(), size_t(284) * 160 * 3 * 6);
