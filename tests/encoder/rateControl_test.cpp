@@ -36,6 +36,17 @@ TEST(RateControl, FrameBudgetsFromTheChangeAndTheCredit) {
   EXPECT_EQ(Budget2000().KeyFrameSize(), 10000);
 }
 
+// A forced last key frame, paid for over N frames: A = 1000 gives K = 5000 and a share of 200,
+// so each frame gives up 4200 / N, unless that leaves 70% of A or less.
+TEST(RateControl, ALastKeyFrameIsPaidForByEveryFrameDownToSeventyPercent) {
+  const std::pair<uint32_t, int32_t> cases[] = {{0, 1000}, {13, 1000}, {14, 1000}, {15, 720}};
+  for (const auto& [frames, size] : cases) {
+    zycBudget b;
+    b.Open({1000, 0, 0, 0, 0, 1, frames}, false);
+    EXPECT_EQ(b.compressionSize, size) << frames << " frames";
+  }
+}
+
 // From 0 the next error is taken as it is. Otherwise coeff grows with the distance above the
 // size and pct with two thirds of it: far above, the threshold grows by pct percent; on a tiny
 // threshold it adds the size ratio instead; near the size it takes the step times coeff. A
