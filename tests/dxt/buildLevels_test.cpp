@@ -61,16 +61,19 @@ TEST(DxtLevels, LevelsAreTheBackEndOnTheBoxShrunkPictures) {
   const uint32_t width = 64, height = 48;
   const zylTestImage crop = photoCrop(width, height);
   // Bands of the picture are shared among threads; the levels are those of whole pictures.
-  // Back end 0 (no graphics device) falls back to 3 and leaves 3 in the field for good.
+  // Back end 0 (no graphics device) falls back to 3 and leaves 3 in the field for good; a
+  // number past the last codes as 3 too.
   for (uint32_t threads : {1u, 3u}) {
-    for (uint32_t asked : {kDxtBackEndDevice, kDxtBackEndFast, kDxtBackEndBaseColour}) {
-      const uint32_t backEnd = asked == kDxtBackEndDevice ? kDxtBackEndSquishRange : asked;
+    for (uint32_t asked :
+         {kDxtBackEndDevice, kDxtBackEndFast, kDxtBackEndBaseColour, kDxtBackEndCount}) {
+      const uint32_t backEnd =
+          asked == kDxtBackEndDevice || asked == kDxtBackEndCount ? kDxtBackEndSquishRange : asked;
       zycDxtLevels levels;
       levels.Allocate(width, height);
       std::vector<uint8_t> picture = crop.pixels;
       uint32_t field = asked;
       BuildLevels(levels, picture.data(), field, 0, threads);
-      EXPECT_EQ(field, backEnd);
+      EXPECT_EQ(field, asked == kDxtBackEndDevice ? kDxtBackEndSquishRange : asked);
       EXPECT_EQ(levels.blocks[0].size(), 16u * 12 * 8);
       EXPECT_EQ(reinterpret_cast<uintptr_t>(levels.preview[2]) % 16, 0u);
       EXPECT_EQ(picture, crop.pixels);
