@@ -87,4 +87,62 @@ TEST(SadKernels, SimdEqualsPlainBelowTheLimitOnRealPictures) {
   }
 }
 
+TEST(SadKernels, FadeLoopTakesWhatALoopOverThePlainKernelTakes) {
+  zycSadKernels plain;
+  zycSadPlain(&plain);
+  std::vector<zycSadKernels> sets = FastSets();
+  sets.push_back(plain);
+  PicturePair p = MakePair();
+  const uint32_t stride = p.width * 4;
+  // Sixteen references: the second picture darkened and lightened in steps, some of them
+  // equal to others so that ties occur.
+  std::vector<std::vector<uint8_t>> fades(16, p.b);
+  const uint8_t* refs[16];
+  for (int f = 0; f < 16; ++f) {
+    const int step = f == 9 ? 4 : f - 4;  // fade 9 equals fade 8
+    for (size_t i = 0; i < p.b.size(); ++i) {
+      if (i % 4 != 3) fades[f][i] = uint8_t(std::clamp(int(p.b[i]) + 3 * step, 0, 255));
+    }
+    refs[f] = fades[f].data();
+  }
+  int withFadeLoop = 0, taken = 0;
+  for (const zycSadKernels& set : sets) {
+    for (int level = 0; level < 3; ++level) {
+      if (!set.fades[level]) continue;
+      ++withFadeLoop;
+      const uint32_t s = 4u << level;
+      for (uint32_t y = 0; y + s <= p.height; y += 7) {
+        for (uint32_t x = 0; x + s <= p.width; x += 5) {
+          const uint8_t* cur = p.a.data() + y * stride + x * 4;
+          const ptrdiff_t offset = ptrdiff_t(y * stride + x * 4);
+          for (uint32_t mask : {0xFFFFu, 0x0300u, 0xA5C3u, 0x8001u, 0x0010u}) {
+            for (uint32_t start : {~0u, 900u, 300u, 0u}) {
+              uint32_t wantError = start, wantFade = 77;
+              bool wantTaken = false;
+              for (uint32_t m = mask; m && wantError;) {
+                const uint32_t f = uint32_t(__builtin_ctz(m));
+                m &= m - 1;
+                const uint32_t e = plain.colour[level](cur, refs[f] + offset, stride, ~0u);
+                if (e < wantError) {
+                  wantError = e;
+                  wantFade = f;
+                  wantTaken = true;
+                }
+              }
+              uint32_t error = start, fade = 77;
+              ASSERT_EQ(set.fades[level](cur, refs, offset, stride, mask, &error, &fade),
+                        wantTaken);
+              ASSERT_EQ(error, wantError) << x << "," << y << " mask " << mask;
+              ASSERT_EQ(fade, wantFade);
+              taken += wantTaken;
+            }
+          }
+        }
+      }
+    }
+  }
+  if (withFadeLoop == 0) GTEST_SKIP() << "no kernel set has a fade loop here";
+  EXPECT_GT(taken, 100);
+}
+
 }  // namespace
