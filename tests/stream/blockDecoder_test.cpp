@@ -50,14 +50,17 @@ void expectSquare(Picture& p, uint32_t x0, uint32_t y0, uint32_t size, uint32_t 
       ASSERT_EQ(p.at(x, y), value) << what << " at " << x << "," << y;
 }
 
+// The next number of a linear congruential sequence: cheap, and the same on every machine.
+uint32_t nextRandom(uint32_t& state) {
+  state = state * 1664525u + 1013904223u;
+  return state;
+}
+
 // A frame of random but valid nodes over a w x h picture.
 TreeFrame mixedFrame(uint32_t w, uint32_t h, uint32_t seed) {
   TreeFrame tree;
   uint32_t state = seed;
-  auto next = [&] {
-    state = state * 1664525u + 1013904223u;
-    return state >> 8;
-  };
+  auto next = [&] { return nextRandom(state) >> 8; };
   auto vector = [&](uint32_t x, uint32_t y, uint32_t size) -> uint32_t {
     for (int tries = 0; tries < 8; ++tries) {
       const uint32_t index = next() % 160;
@@ -134,8 +137,8 @@ TEST(BlockDecoder, EveryKernelSetGivesThePlainPictures) {
       Picture a(w, h), b(w, h), nextA(w, h), nextB(w, h);
       uint32_t state = seed * 2654435761u;
       for (uint32_t& p : a.pixels) {
-        state = state * 1664525u + 1013904223u;
-        p = state ^ (state >> 13);
+        const uint32_t r = nextRandom(state);
+        p = r ^ (r >> 13);
       }
       b.pixels = a.pixels;
       for (uint32_t f = 0; f < 4; ++f) {
